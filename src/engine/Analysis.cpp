@@ -1,0 +1,142 @@
+// Measuring a file with one ffmpeg pass: duration, loudness, trailing silence
+// and the audio format, read from ffmpeg's own lines only (a title or a file
+// name may quote any of them).
+#include "engine/Engine.h"
+
+#include <QFileInfo>
+#include <QMutex>
+#include <QMutexLocker>
+#include <charconv>
+#include <cmath>
+
+namespace Engine {
+
+namespace {
+
+QRegularExpression lineStart(const char* text) {
+    return QRegularExpression(QString::fromLatin1(text), QRegularExpression::MultilineOption);
+}
+
+// Each anchored where ffmpeg itself starts a line.
+struct Patterns {
+    QRegularExpression duration = lineStart(R"(^\s*Duration: (\d+:\d+:\d+\.\d+))");
+    QRegularExpression loudness = lineStart(R"(^\s*I:\s+(-?[\d.]+|-inf) LUFS)");
+    QRegularExpression silenceStart =
+        lineStart(R"(^\[[^\]]*silencedetect[^\]]*\] silence_start: ([\d.]+))");
+    QRegularExpression silenceEnd = lineStart(R"(^\[[^\]]*silencedetect[^\]]*\] silence_end: ([\d.]+))");
+    QRegularExpression stream = lineStart(R"(^\s*(Stream #0:[^\n]*: Audio: [^\n]*))");
+};
+
+const Patterns& patterns() {
+    static const Patterns compiled;
+    return compiled;
+}
+
+std::vector<double> numbers(const QStringList& captures) {
+    std::vector<double> values;
+    for (const QString& capture : captures)
+        if (auto value = readNumber(capture))
+            values.push_back(*value);
+    return values;
+}
+
+// "Stream #0:0: Audio: pcm_s16le, 44100 Hz, stereo, s16, 1411 kb/s": the field
+// ending in " Hz" and the one after it.
+std::optional<AudioFormat> readFormat(const QString& streamLine) {
+    static const QRegularExpression channels(QStringLiteral(R"(^(\d+) channels\b)"));
+    static const QRegularExpression layoutName(QStringLiteral(R"(^[A-Za-z0-9_.+()-]+$)"));
+    const QStringList fields = streamLine.split(QStringLiteral(", "));
+    for (qsizetype i = 0; i + 1 < fields.size(); ++i) {
+        if (!fields[i].endsWith(QStringLiteral(" Hz")))
+            continue;
+        const QString rateText = fields[i].section(QLatin1Char(' '), -2, -2);
+        bool ok = false;
+        const int rate = rateText.toInt(&ok);
+        if (!ok || rate <= 0)
+            return std::nullopt;
+        QString layout = fields[i + 1].trimmed();
+        if (auto m = channels.match(layout); m.hasMatch())
+            layout = m.captured(1) + QLatin1Char('c');
+        if (!layoutName.match(layout).hasMatch())
+            return std::nullopt;
+        return AudioFormat{rate, layout};
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+std::optional<double> readNumber(QStringView text) {
+    if (text == u"-inf")
+        return -std::numeric_limits<double>::infinity();
+    const QByteArray bytes = text.toLatin1();
+    const char* begin = bytes.constData();
+    const char* end = begin + bytes.size();
+    const char* digits = begin < end && *begin == '-' ? begin + 1 : begin;
+    bool anyDigit = false;
+    int points = 0;
+    for (const char* p = digits; p < end; ++p) {
+        if (*p == '.')
+            ++points;
+        else if (*p >= '0' && *p <= '9')
+            anyDigit = true;
+        else
+            return std::nullopt;
+    }
+    if (!anyDigit || points > 1)
+        return std::nullopt;
+    double value = 0;
+    const auto [ptr, ec] = std::from_chars(begin, end, value);
+    if (ec != std::errc() || ptr != end)
+        return std::nullopt;
+    return value;
+}
+
+QStringList analysisArguments(const QString& path) {
+    return {QStringLiteral("-nostats"), QStringLiteral("-i"), QFileInfo(path).absoluteFilePath(),
+            QStringLiteral("-af"),      kAnalysisFilter,      QStringLiteral("-f"),
+            QStringLiteral("null"),     QStringLiteral("-")};
+}
+
+Analysis parseAnalysis(const QString& output) {
+    const QStringList durations = match(patterns().duration, output);
+    if (durations.isEmpty())
+        throw TagError::unreadable();
+    const QStringList hms = durations.first().split(QLatin1Char(':'));
+    Analysis analysis;
+    analysis.duration = (hms[0].toDouble() * 3600 + hms[1].toDouble() * 60) + hms[2].toDouble();
+
+    const QStringList loudness = match(patterns().loudness, output);
+    const std::optional<double> lufs = loudness.isEmpty() ? std::nullopt : readNumber(loudness.last());
+    analysis.lufs = std::max(lufs.value_or(kLoudnessFloor), kLoudnessFloor);
+
+    // The detector prints a start without an end for a silence that runs to the end.
+    const std::vector<double> starts = numbers(match(patterns().silenceStart, output));
+    const std::vector<double> ends = numbers(match(patterns().silenceEnd, output));
+    if (!starts.empty() && ends.size() < starts.size())
+        analysis.silenceStart = starts.back();
+
+    const QStringList streams = match(patterns().stream, output);
+    if (!streams.isEmpty())
+        analysis.format = readFormat(streams.first());
+    return analysis;
+}
+
+Analysis analyze(const QString& path) { return parseAnalysis(run(analysisArguments(path)).output); }
+
+TagInfo info(const QString& path) {
+    static QMutex lock;
+    static QHash<QString, TagInfo> tagInfo;
+    // Held across the analysis too, so a clip is never measured twice at once.
+    QMutexLocker locker(&lock);
+    if (auto it = tagInfo.constFind(path); it != tagInfo.constEnd())
+        return *it;
+    const Analysis analysis = analyze(path);
+    const TagInfo measured{
+        analysis.lufs,
+        analysis.silenceStart ? std::max(*analysis.silenceStart, kMinimumTagLength) : analysis.duration};
+    tagInfo.insert(path, measured);
+    return measured;
+}
+
+} // namespace Engine

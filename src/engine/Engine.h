@@ -1,0 +1,112 @@
+// The audio engine: finds and runs ffmpeg, measures files, places and renders
+// the tag clip, and expands dropped items into tracks. Paths are plain local
+// file paths; everything handed to ffmpeg is made absolute first.
+#pragma once
+
+#include "engine/TagError.h"
+
+#include <QRegularExpression>
+#include <QSet>
+#include <QString>
+#include <QStringList>
+#include <optional>
+#include <vector>
+
+namespace Engine {
+
+// --- ffmpeg runner ---------------------------------------------------------
+
+struct RunResult {
+    int status = 0;  // 0 on success; non-zero for any failure, a signal included
+    QString output;  // standard output and standard error, interleaved
+};
+
+// Where ffmpeg is looked for, in order: the program's own resource, then two
+// fixed install paths. No PATH search.
+QStringList ffmpegCandidates(const QString& resourcesDir);
+// The first candidate that exists and may be executed.
+std::optional<QString> findExecutable(const QStringList& candidates);
+// Searched once per process, on first use.
+const std::optional<QString>& ffmpeg();
+
+// Runs ffmpeg with "-hide_banner -nostdin" and `args`; throws TagError::noFFmpeg
+// when there is none, EngineError when it cannot be started.
+RunResult run(const QStringList& args);
+
+// Capture group 1 of every match, in text order; an invalid pattern gives none.
+QStringList match(const QString& pattern, const QString& text);
+QStringList match(const QRegularExpression& pattern, const QString& text);
+
+// --- analysis --------------------------------------------------------------
+
+// The track's own sample rate and channel layout, as ffmpeg names them.
+struct AudioFormat {
+    int sampleRate = 0;
+    QString channelLayout;  // "stereo", "5.1(side)", "3c", ...
+    bool operator==(const AudioFormat&) const = default;
+};
+
+struct Analysis {
+    double lufs = -70;
+    double duration = 0;
+    std::optional<double> silenceStart;  // a silence still running at the end
+    std::optional<AudioFormat> format;
+};
+
+struct TagInfo {
+    double lufs = -70;
+    double length = 0;  // audible length
+};
+
+constexpr double kLoudnessFloor = -70;
+constexpr double kMinimumTagLength = 0.5;
+inline const QString kAnalysisFilter = QStringLiteral("silencedetect=n=-50dB:d=0.3,ebur128=framelog=verbose");
+
+QStringList analysisArguments(const QString& path);
+// Reads the figures from an analysis run's text; throws TagError::unreadable
+// when it holds no duration.
+Analysis parseAnalysis(const QString& output);
+// A capture as a number: digits with at most one point, an optional leading
+// minus, or "-inf". Anything else is not a number.
+std::optional<double> readNumber(QStringView text);
+
+Analysis analyze(const QString& path);
+// For tag clips: measured once per path for the life of the process.
+TagInfo info(const QString& path);
+
+// --- placement and render --------------------------------------------------
+
+constexpr double kFirstPlacement = 0.5;
+constexpr double kEndTolerance = 0.5;
+constexpr double kFallbackPlacement = 0.0;
+constexpr double kGainFloor = -40;
+constexpr double kGainCeiling = 12;
+constexpr int kErrorTextLength = 60;
+// No tagging job needs more; a larger count means a nonsense interval or duration.
+constexpr std::size_t kMaxPlacements = 100'000;
+inline const QString kOutputSuffix = QStringLiteral(" (Tagged)");
+
+struct Result {
+    QString output;
+    int placements = 0;
+};
+
+std::vector<double> positions(double duration, double interval, double tagLength);
+double clipGain(double levelDB, double trackLufs, double tagLufs);
+QString filterGraph(double gainDB, const std::vector<double>& times,
+                    const std::optional<AudioFormat>& trackFormat);
+QString outputURL(const QString& track);
+QStringList renderArguments(const QString& track, const QString& tag, const QString& graph,
+                            const QString& output);
+// The message of a failed render: ffmpeg's last line, cut and upper-cased.
+QString failureText(const QString& output);
+
+// Tags one track; blocks while ffmpeg runs.
+Result process(const QString& track, const QString& tag, double interval, double levelDB);
+
+// --- input collection ------------------------------------------------------
+
+const QSet<QString>& audioExts();
+QStringList collect(const QStringList& paths);
+
+} // namespace Engine
