@@ -69,8 +69,9 @@ std::variant<Options, UsageError> parse(const QStringList& arguments) {
         } else if (name == QLatin1String("--interval")) {
             options.interval = numberIn(*value, kMinInterval, kMaxInterval);
             if (!options.interval)
-                return UsageError{QStringLiteral("invalid --interval '%1': give seconds from 5 to 600")
-                                      .arg(*value)};
+                return UsageError{
+                    QStringLiteral("invalid --interval '%1': give seconds from 5 to 600")
+                        .arg(*value)};
         } else {
             options.levelDB = levelNamed(*value);
             if (!options.levelDB)

@@ -20,7 +20,9 @@ constexpr double kDefaultLevelDB = -5;
 
 volatile std::sig_atomic_t interrupted = 0;
 
-void onInterrupt(int) { interrupted = 1; }
+void onInterrupt(int) {
+    interrupted = 1;
+}
 
 // ffmpeg shares our process group and stops on Ctrl-C by itself; we only stop
 // starting new tracks, so the one it was writing is cleaned up, not left half done.
@@ -122,7 +124,8 @@ int main(int argc, char** argv) {
         return kExitOk;
     }
     if (options.version) {
-        write(stdout, QStringLiteral("zelkor-tag %1\n").arg(QCoreApplication::applicationVersion()));
+        write(stdout,
+              QStringLiteral("zelkor-tag %1\n").arg(QCoreApplication::applicationVersion()));
         return kExitOk;
     }
     if (!options.tag) {

@@ -23,7 +23,8 @@ struct Patterns {
     QRegularExpression loudness = lineStart(R"(^\s*I:\s+(-?[\d.]+|-inf) LUFS)");
     QRegularExpression silenceStart =
         lineStart(R"(^\[[^\]]*silencedetect[^\]]*\] silence_start: ([\d.]+))");
-    QRegularExpression silenceEnd = lineStart(R"(^\[[^\]]*silencedetect[^\]]*\] silence_end: ([\d.]+))");
+    QRegularExpression silenceEnd =
+        lineStart(R"(^\[[^\]]*silencedetect[^\]]*\] silence_end: ([\d.]+))");
     QRegularExpression stream = lineStart(R"(^\s*(Stream #0:[^\n]*: Audio: [^\n]*))");
 };
 
@@ -107,7 +108,8 @@ Analysis parseAnalysis(const QString& output) {
     analysis.duration = (hms[0].toDouble() * 3600 + hms[1].toDouble() * 60) + hms[2].toDouble();
 
     const QStringList loudness = match(patterns().loudness, output);
-    const std::optional<double> lufs = loudness.isEmpty() ? std::nullopt : readNumber(loudness.last());
+    const std::optional<double> lufs =
+        loudness.isEmpty() ? std::nullopt : readNumber(loudness.last());
     analysis.lufs = std::max(lufs.value_or(kLoudnessFloor), kLoudnessFloor);
 
     // The detector prints a start without an end for a silence that runs to the end.
@@ -122,7 +124,9 @@ Analysis parseAnalysis(const QString& output) {
     return analysis;
 }
 
-Analysis analyze(const QString& path) { return parseAnalysis(run(analysisArguments(path)).output); }
+Analysis analyze(const QString& path) {
+    return parseAnalysis(run(analysisArguments(path)).output);
+}
 
 TagInfo info(const QString& path) {
     static QMutex lock;
@@ -132,9 +136,9 @@ TagInfo info(const QString& path) {
     if (auto it = tagInfo.constFind(path); it != tagInfo.constEnd())
         return *it;
     const Analysis analysis = analyze(path);
-    const TagInfo measured{
-        analysis.lufs,
-        analysis.silenceStart ? std::max(*analysis.silenceStart, kMinimumTagLength) : analysis.duration};
+    const TagInfo measured{analysis.lufs, analysis.silenceStart
+                                              ? std::max(*analysis.silenceStart, kMinimumTagLength)
+                                              : analysis.duration};
     tagInfo.insert(path, measured);
     return measured;
 }

@@ -27,7 +27,8 @@ QStringList folderTracks(const QString& folder) {
     while (it.hasNext()) {
         const QString path = it.next();
         if (isTrack(path))
-            tracks.emplace_back(it.fileName().normalized(QString::NormalizationForm_C).toUtf8(), path);
+            tracks.emplace_back(it.fileName().normalized(QString::NormalizationForm_C).toUtf8(),
+                                path);
     }
     std::sort(tracks.begin(), tracks.end(),
               [](const auto& a, const auto& b) { return a.first < b.first; });

@@ -17,8 +17,8 @@ namespace Engine {
 // --- ffmpeg runner ---------------------------------------------------------
 
 struct RunResult {
-    int status = 0;  // 0 on success; non-zero for any failure, a signal included
-    QString output;  // standard output and standard error, interleaved
+    int status = 0; // 0 on success; non-zero for any failure, a signal included
+    QString output; // standard output and standard error, interleaved
 };
 
 // Where ffmpeg is looked for, in order: the program's own resource, then two
@@ -42,25 +42,26 @@ QStringList match(const QRegularExpression& pattern, const QString& text);
 // The track's own sample rate and channel layout, as ffmpeg names them.
 struct AudioFormat {
     int sampleRate = 0;
-    QString channelLayout;  // "stereo", "5.1(side)", "3c", ...
+    QString channelLayout; // "stereo", "5.1(side)", "3c", ...
     bool operator==(const AudioFormat&) const = default;
 };
 
 struct Analysis {
     double lufs = -70;
     double duration = 0;
-    std::optional<double> silenceStart;  // a silence still running at the end
+    std::optional<double> silenceStart; // a silence still running at the end
     std::optional<AudioFormat> format;
 };
 
 struct TagInfo {
     double lufs = -70;
-    double length = 0;  // audible length
+    double length = 0; // audible length
 };
 
 constexpr double kLoudnessFloor = -70;
 constexpr double kMinimumTagLength = 0.5;
-inline const QString kAnalysisFilter = QStringLiteral("silencedetect=n=-50dB:d=0.3,ebur128=framelog=verbose");
+inline const QString kAnalysisFilter =
+    QStringLiteral("silencedetect=n=-50dB:d=0.3,ebur128=framelog=verbose");
 
 QStringList analysisArguments(const QString& path);
 // Reads the figures from an analysis run's text; throws TagError::unreadable

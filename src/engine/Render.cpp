@@ -38,7 +38,8 @@ QString firstCharacters(const QString& text, int count) {
 std::vector<double> positions(double duration, double interval, double tagLength) {
     std::vector<double> times;
     // A nonsense interval or duration gives the fallback rather than an endless loop.
-    if (interval > 0 && std::isfinite(interval) && std::isfinite(duration) && std::isfinite(tagLength)) {
+    if (interval > 0 && std::isfinite(interval) && std::isfinite(duration) &&
+        std::isfinite(tagLength)) {
         for (double t = kFirstPlacement; t + tagLength <= duration + kEndTolerance; t += interval) {
             if (times.size() == kMaxPlacements)
                 break;
@@ -77,7 +78,8 @@ QString filterGraph(double gainDB, const std::vector<double>& times,
     graph += QStringLiteral("[0:a]");
     for (std::size_t i = 0; i < n; ++i)
         graph += QStringLiteral("[d%1]").arg(i);
-    graph += QStringLiteral("amix=inputs=%1:normalize=0:duration=first:dropout_transition=0,").arg(n + 1);
+    graph += QStringLiteral("amix=inputs=%1:normalize=0:duration=first:dropout_transition=0,")
+                 .arg(n + 1);
     graph += QStringLiteral("alimiter=limit=0.97:level=0:attack=2:release=40:latency=1[out]");
     return graph;
 }

@@ -13,7 +13,8 @@ QStringList ffmpegCandidates(const QString& resourcesDir) {
     // A link whose target is gone still counts as present; the executable test drops it.
     if (QFileInfo(own).exists() || QFileInfo(own).isSymLink())
         candidates << own;
-    candidates << QStringLiteral("/opt/homebrew/bin/ffmpeg") << QStringLiteral("/usr/local/bin/ffmpeg");
+    candidates << QStringLiteral("/opt/homebrew/bin/ffmpeg")
+               << QStringLiteral("/usr/local/bin/ffmpeg");
     return candidates;
 }
 
@@ -39,7 +40,8 @@ RunResult run(const QStringList& args) {
     QProcess process;
     process.setProcessChannelMode(QProcess::MergedChannels);
     process.setInputChannelMode(QProcess::ForwardedInputChannel);
-    process.start(*program, QStringList{QStringLiteral("-hide_banner"), QStringLiteral("-nostdin")} + args,
+    process.start(*program,
+                  QStringList{QStringLiteral("-hide_banner"), QStringLiteral("-nostdin")} + args,
                   QIODevice::ReadOnly);
     if (!process.waitForStarted(-1))
         throw EngineError(process.errorString().toUpper());

@@ -8,7 +8,9 @@ class TagError : public std::exception {
 public:
     enum class Kind { ffmpegFailed, noFFmpeg, noTag, unreadable };
 
-    static TagError ffmpegFailed(QString message) { return {Kind::ffmpegFailed, std::move(message)}; }
+    static TagError ffmpegFailed(QString message) {
+        return {Kind::ffmpegFailed, std::move(message)};
+    }
     static TagError noFFmpeg() { return {Kind::noFFmpeg, {}}; }
     static TagError noTag() { return {Kind::noTag, {}}; }
     static TagError unreadable() { return {Kind::unreadable, {}}; }

@@ -15,6 +15,8 @@ QString dir() {
     return QDir::cleanPath(QFileInfo(exe).absolutePath() + QStringLiteral("/../share/zelkor"));
 }
 
-QString path(const QString& name) { return dir() + QLatin1Char('/') + name; }
+QString path(const QString& name) {
+    return dir() + QLatin1Char('/') + name;
+}
 
 } // namespace Resources
