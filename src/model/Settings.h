@@ -16,3 +16,18 @@ inline constexpr std::array<Level, 3> levels{
     {{QLatin1String("LOW"), -9}, {QLatin1String("MID"), -5}, {QLatin1String("HIGH"), -1}}};
 
 } // namespace Settings
+
+namespace Settings {
+
+// The user's choices, read from and written to the preferences at every access.
+// A stored index that is not an integer, or lies outside its table, reads as 1.
+int intervalIndex();
+void setIntervalIndex(int index);
+int levelIndex();
+void setLevelIndex(int index);
+
+// The chosen entries themselves.
+double interval();
+double levelDB();
+
+} // namespace Settings

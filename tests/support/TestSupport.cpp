@@ -1,0 +1,80 @@
+// Shared test helpers over the real ffmpeg and real files.
+#include "support/TestSupport.h"
+
+#include <QFile>
+#include <QProcess>
+#include <QProcessEnvironment>
+#include <cstring>
+#include <gtest/gtest.h>
+
+namespace Test {
+
+QString systemFFmpeg() { return QStringLiteral("/usr/bin/ffmpeg"); }
+
+QString binary(const QString& name) { return QStringLiteral(ZELKOR_BIN_DIR "/") + name; }
+
+Process runProgram(const QString& program, const QStringList& args, const QStringList& environment) {
+    QProcess process;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    for (const QString& entry : environment) {
+        const qsizetype eq = entry.indexOf(QLatin1Char('='));
+        env.insert(entry.left(eq), entry.mid(eq + 1));
+    }
+    process.setProcessEnvironment(env);
+    process.start(program, args);
+    Process result;
+    if (!process.waitForStarted(-1) || !process.waitForFinished(-1))
+        return result;
+    result.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    result.out = QString::fromUtf8(process.readAllStandardOutput());
+    result.err = QString::fromUtf8(process.readAllStandardError());
+    return result;
+}
+
+void ffmpeg(const QStringList& args) {
+    const Process run = runProgram(systemFFmpeg(), QStringList{QStringLiteral("-hide_banner"),
+                                                               QStringLiteral("-nostdin"),
+                                                               QStringLiteral("-y"),
+                                                               QStringLiteral("-loglevel"),
+                                                               QStringLiteral("error")} +
+                                                       args);
+    ASSERT_EQ(run.status, 0) << run.err.toStdString();
+}
+
+void makeAudio(const QString& path, const QString& source, double seconds, int rate, int channels) {
+    ffmpeg({QStringLiteral("-f"), QStringLiteral("lavfi"), QStringLiteral("-i"),
+            QStringLiteral("%1:sample_rate=%2:duration=%3").arg(source).arg(rate).arg(seconds),
+            QStringLiteral("-ac"), QString::number(channels), path});
+}
+
+std::vector<double> samples(const QString& path, int rate, int channels) {
+    QProcess process;
+    process.start(systemFFmpeg(),
+                  {QStringLiteral("-hide_banner"), QStringLiteral("-nostdin"),
+                   QStringLiteral("-loglevel"), QStringLiteral("error"), QStringLiteral("-i"), path,
+                   QStringLiteral("-f"), QStringLiteral("f64le"), QStringLiteral("-ar"),
+                   QString::number(rate), QStringLiteral("-ac"), QString::number(channels),
+                   QStringLiteral("-")});
+    process.waitForFinished(-1);
+    const QByteArray bytes = process.readAllStandardOutput();
+    std::vector<double> values(static_cast<std::size_t>(bytes.size()) / sizeof(double));
+    std::memcpy(values.data(), bytes.constData(), values.size() * sizeof(double));
+    return values;
+}
+
+QByteArray readAll(const QString& path) {
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+void writeFile(const QString& path, const QByteArray& bytes, bool executable) {
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    file.write(bytes);
+    file.close();
+    if (executable)
+        file.setPermissions(file.permissions() | QFileDevice::ExeOwner | QFileDevice::ExeGroup |
+                            QFileDevice::ExeOther);
+}
+
+} // namespace Test

@@ -1,0 +1,39 @@
+// What the tests share: temporary folders, generated audio, running programs
+// and reading decoded samples back with the real ffmpeg.
+#pragma once
+
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+#include <vector>
+
+namespace Test {
+
+// The system ffmpeg the build links to; tests use it to make and read audio.
+QString systemFFmpeg();
+QString binary(const QString& name);  // build/bin/NAME
+
+struct Process {
+    int status = -1;
+    QString out;
+    QString err;
+};
+// Runs a program directly (no shell); `environment` entries are "NAME=VALUE" added to ours.
+Process runProgram(const QString& program, const QStringList& args,
+                   const QStringList& environment = {});
+
+// ffmpeg with "-hide_banner -nostdin -y -loglevel error" and `args`; fails the test on error.
+void ffmpeg(const QStringList& args);
+
+// Writes `seconds` of a lavfi source (e.g. "sine=frequency=440") to `path`,
+// at `rate` Hz with `channels` channels; the codec follows the extension.
+void makeAudio(const QString& path, const QString& source, double seconds, int rate = 44100,
+               int channels = 2);
+
+// Decodes a file to interleaved 64-bit float samples at the given rate and channel count.
+std::vector<double> samples(const QString& path, int rate, int channels);
+
+QByteArray readAll(const QString& path);
+void writeFile(const QString& path, const QByteArray& bytes, bool executable = false);
+
+} // namespace Test
