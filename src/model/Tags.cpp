@@ -1,0 +1,176 @@
+// The tag library: a folder of clips under the user's data folder, listed in
+// the file browser's order, with the selection and seeding flag in the
+// preferences.
+#include "model/Tags.h"
+#include "platform/Files.h"
+#include "platform/Preferences.h"
+#include "platform/Resources.h"
+#include "platform/Trash.h"
+#include "platform/UserFolders.h"
+
+#include <QCollator>
+#include <QDir>
+#include <QFileInfo>
+#include <QLocale>
+#include <algorithm>
+
+namespace Tags {
+
+namespace {
+
+constexpr QLatin1String kSelectionKey("tag");
+constexpr QLatin1String kSeededKey("seeded");
+constexpr QLatin1String kDefaultTagsFolder("DefaultTags");
+
+QString fileNameOf(const QString& path) {
+    return QFileInfo(path).fileName();
+}
+
+// A leading dot starts a hidden name, not an extension.
+qsizetype extensionDot(const QString& fileName) {
+    const qsizetype dot = fileName.lastIndexOf(QLatin1Char('.'));
+    return dot > 0 ? dot : -1;
+}
+
+QString extensionOf(const QString& fileName) {
+    const qsizetype dot = extensionDot(fileName);
+    return dot < 0 ? QString() : fileName.mid(dot + 1);
+}
+
+QString baseNameOf(const QString& fileName) {
+    const qsizetype dot = extensionDot(fileName);
+    return dot < 0 ? fileName : fileName.left(dot);
+}
+
+bool isClip(const QString& fileName) {
+    return exts().contains(extensionOf(fileName).toLower());
+}
+
+// "Voice.WAV", 2 -> "Voice (2).WAV": the extension keeps its letter case.
+QString numberedName(const QString& fileName, int number) {
+    const QString extension = extensionOf(fileName);
+    QString name = baseNameOf(fileName) + QStringLiteral(" (%1)").arg(number);
+    if (!extension.isEmpty())
+        name += QLatin1Char('.') + extension;
+    return name;
+}
+
+bool occupied(const QString& path) {
+    const QFileInfo info(path);
+    return info.exists() || info.isSymLink();
+}
+
+// The file browser's order: the user's language, digits by value, case ignored.
+QCollator browserCollator() {
+    QLocale locale;
+    // ICU's collator for the C locale (Debian's C.UTF-8) ignores numeric mode.
+    if (locale.language() == QLocale::C)
+        locale = QLocale(QLocale::English, QLocale::UnitedStates);
+    QCollator collator(locale);
+    collator.setNumericMode(true);
+    collator.setCaseSensitivity(Qt::CaseInsensitive);
+    return collator;
+}
+
+} // namespace
+
+const QSet<QString>& exts() {
+    static const QSet<QString> extensions{QStringLiteral("wav"), QStringLiteral("mp3"),
+                                          QStringLiteral("aif"), QStringLiteral("aiff"),
+                                          QStringLiteral("m4a"), QStringLiteral("flac")};
+    return extensions;
+}
+
+QString dir() {
+    const QString folder = UserFolders::appDataDir() + QStringLiteral("/Tags");
+    QDir().mkpath(folder);
+    return folder;
+}
+
+QStringList all() {
+    const QString folder = dir();
+    QStringList names = QDir(folder).entryList(
+        QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Unsorted);
+    names.removeIf([](const QString& name) { return !isClip(name); });
+
+    const QCollator collator = browserCollator();
+    std::stable_sort(names.begin(), names.end(), [&](const QString& a, const QString& b) {
+        return collator.compare(a, b) < 0;
+    });
+
+    QStringList clips;
+    clips.reserve(names.size());
+    for (const QString& name : names)
+        clips << folder + QLatin1Char('/') + name;
+    return clips;
+}
+
+std::optional<QString> selected() {
+    const QStringList clips = all();
+    if (clips.isEmpty())
+        return std::nullopt;
+    if (const std::optional<QString> stored = Preferences::user().string(kSelectionKey)) {
+        // Names typed on another system may arrive decomposed (NFD).
+        const QString wanted = stored->normalized(QString::NormalizationForm_C);
+        for (const QString& clip : clips)
+            if (fileNameOf(clip).normalized(QString::NormalizationForm_C) == wanted)
+                return clip;
+    }
+    return clips.first();
+}
+
+void setSelected(const std::optional<QString>& path) {
+    Preferences preferences = Preferences::user();
+    if (path)
+        preferences.setString(kSelectionKey, fileNameOf(*path));
+    else
+        preferences.remove(kSelectionKey);
+}
+
+QString name(const QString& path) {
+    return baseNameOf(fileNameOf(path)).toUpper();
+}
+
+QString add(const QString& path) {
+    const QString folder = dir();
+    const QString fileName = fileNameOf(path);
+    QString destination = folder + QLatin1Char('/') + fileName;
+    for (int number = 2; occupied(destination); ++number)
+        destination = folder + QLatin1Char('/') + numberedName(fileName, number);
+
+    Files::copy(path, destination);
+    setSelected(destination);
+    return destination;
+}
+
+void seedDefaults() {
+    Preferences preferences = Preferences::user();
+    if (preferences.boolean(kSeededKey).value_or(false))
+        return;
+    // Flagged before copying: a clip the user deletes later never comes back,
+    // even when this attempt fails half-way.
+    preferences.setBoolean(kSeededKey, true);
+
+    const QDir defaults(Resources::path(kDefaultTagsFolder));
+    const QStringList resourceNames = defaults.entryList(QDir::Files | QDir::Hidden, QDir::Name);
+    QSet<QString> present;
+    for (const QString& clip : all())
+        present.insert(fileNameOf(clip));
+
+    const QString folder = dir();
+    for (const QString& resourceName : resourceNames) {
+        if (!isClip(resourceName) || present.contains(resourceName))
+            continue;
+        try {
+            Files::copy(defaults.filePath(resourceName), folder + QLatin1Char('/') + resourceName);
+        } catch (const FileError&) {
+            // A default that cannot be copied is simply missing from the library.
+        }
+    }
+}
+
+void remove(const QString& path) {
+    Trash::moveToTrash(path);
+}
+
+} // namespace Tags

@@ -1,0 +1,184 @@
+// The preferences file: cached reads keyed on the file's identity, and
+// read-modify-write updates under a lock file, replaced atomically.
+#include "platform/Preferences.h"
+#include "platform/AppName.h"
+#include "platform/UserFolders.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QHash>
+#include <QJsonDocument>
+#include <QJsonParseError>
+#include <QLockFile>
+#include <QMutex>
+#include <QSaveFile>
+#include <cstdio>
+#include <sys/stat.h>
+
+namespace {
+
+// Long enough for another process's write, short enough that a hung holder
+// cannot freeze the window; after it the write goes ahead unlocked.
+constexpr int kLockWaitMs = 2000;
+
+// Every write is a new file renamed into place, so a write by anyone changes
+// the inode as well as the times; size and times catch in-place edits.
+struct Stamp {
+    dev_t device = 0;
+    ino_t inode = 0;
+    off_t size = 0;
+    long long modifiedSeconds = 0;
+    long long modifiedNanoseconds = 0;
+    long long changedSeconds = 0;
+    long long changedNanoseconds = 0;
+    bool operator==(const Stamp&) const = default;
+};
+
+std::optional<Stamp> stampOf(const QString& path) {
+    struct stat info {};
+    if (::stat(QFile::encodeName(path).constData(), &info) != 0)
+        return std::nullopt;
+    return Stamp{info.st_dev,         info.st_ino,          info.st_size,
+                 info.st_mtim.tv_sec, info.st_mtim.tv_nsec, info.st_ctim.tv_sec,
+                 info.st_ctim.tv_nsec};
+}
+
+struct Contents {
+    QJsonObject object;
+    bool corrupt = false;
+};
+
+Contents readFile(const QString& path) {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    QJsonParseError error{};
+    const QJsonDocument document = QJsonDocument::fromJson(file.readAll(), &error);
+    if (error.error != QJsonParseError::NoError || !document.isObject())
+        return {{}, true};
+    return {document.object(), false};
+}
+
+struct CachedFile {
+    Stamp stamp;
+    QJsonObject object;
+};
+
+// The view reads the preferences on every paint: one stat instead of a parse.
+struct Cache {
+    QMutex mutex;
+    QHash<QString, CachedFile> files;
+};
+
+Cache& cache() {
+    static Cache shared;
+    return shared;
+}
+
+void remember(const QString& path, const std::optional<Stamp>& stamp, const QJsonObject& object) {
+    Cache& shared = cache();
+    const QMutexLocker locker(&shared.mutex);
+    if (stamp)
+        shared.files.insert(path, {*stamp, object});
+    else
+        shared.files.remove(path);
+}
+
+} // namespace
+
+Preferences::Preferences(QString path)
+    : m_path(std::move(path)) {}
+
+Preferences Preferences::user() {
+    return Preferences(UserFolders::configHome() + QLatin1Char('/') + appName +
+                       QStringLiteral("/preferences.json"));
+}
+
+QString Preferences::corruptPath() const {
+    return m_path + QStringLiteral(".corrupt");
+}
+
+QJsonObject Preferences::values() const {
+    // Stat before reading: a file replaced in between is then stored under the
+    // older stamp and read again next time, never the other way round.
+    const std::optional<Stamp> stamp = stampOf(m_path);
+    if (!stamp) {
+        remember(m_path, std::nullopt, {});
+        return {};
+    }
+    {
+        Cache& shared = cache();
+        const QMutexLocker locker(&shared.mutex);
+        const auto found = shared.files.constFind(m_path);
+        if (found != shared.files.cend() && found->stamp == *stamp)
+            return found->object;
+    }
+    const QJsonObject object = readFile(m_path).object;
+    remember(m_path, stamp, object);
+    return object;
+}
+
+QJsonValue Preferences::value(const QString& key) const {
+    return values().value(key);
+}
+
+std::optional<qint64> Preferences::integer(const QString& key) const {
+    const QJsonValue stored = value(key);
+    if (!stored.isDouble())
+        return std::nullopt;
+    // toInteger gives 0 for a fraction or a number beyond 64 bits; only a
+    // whole number survives the round trip.
+    const qint64 whole = stored.toInteger();
+    if (stored.toDouble() != static_cast<double>(whole))
+        return std::nullopt;
+    return whole;
+}
+
+std::optional<QString> Preferences::string(const QString& key) const {
+    const QJsonValue stored = value(key);
+    return stored.isString() ? std::optional(stored.toString()) : std::nullopt;
+}
+
+std::optional<bool> Preferences::boolean(const QString& key) const {
+    const QJsonValue stored = value(key);
+    return stored.isBool() ? std::optional(stored.toBool()) : std::nullopt;
+}
+
+std::optional<QJsonObject> Preferences::object(const QString& key) const {
+    const QJsonValue stored = value(key);
+    return stored.isObject() ? std::optional(stored.toObject()) : std::nullopt;
+}
+
+bool Preferences::setValue(const QString& key, const QJsonValue& value) {
+    return update([&](QJsonObject& object) { object.insert(key, value); });
+}
+
+bool Preferences::remove(const QString& key) {
+    return update([&](QJsonObject& object) { object.remove(key); });
+}
+
+bool Preferences::update(const std::function<void(QJsonObject&)>& change) {
+    QDir().mkpath(QFileInfo(m_path).absolutePath());
+    // Serialises read-modify-write between processes; stale locks of crashed
+    // processes are taken over by QLockFile.
+    QLockFile lock(m_path + QStringLiteral(".lock"));
+    lock.tryLock(kLockWaitMs);
+
+    Contents current = readFile(m_path);
+    if (current.corrupt)
+        std::rename(QFile::encodeName(m_path).constData(),
+                    QFile::encodeName(corruptPath()).constData());
+    change(current.object);
+
+    QSaveFile file(m_path);
+    if (!file.open(QIODevice::WriteOnly))
+        return false;
+    file.write(QJsonDocument(current.object).toJson(QJsonDocument::Indented));
+    if (!file.commit())
+        return false;
+    // Not cached under a fresh stamp: another process may already have replaced
+    // the file again; the next read parses whatever is there.
+    remember(m_path, std::nullopt, {});
+    return true;
+}

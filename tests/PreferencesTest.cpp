@@ -1,0 +1,99 @@
+// The non-GUI platform pieces on real files: the preferences store and the
+// desktop's trash.
+#include "platform/Preferences.h"
+#include "platform/Trash.h"
+#include "support/FreshHome.h"
+#include "support/TestSupport.h"
+
+#include <QDir>
+#include <QJsonDocument>
+#include <gtest/gtest.h>
+
+namespace {
+
+QJsonObject onDisk(const QString& path) {
+    return QJsonDocument::fromJson(::Test::readAll(path)).object();
+}
+
+} // namespace
+
+TEST(Preferences, valuesKeepTheirTypesInOneJsonObjectUnderTheConfigFolder) {
+    ::Test::FreshHome home;
+    Preferences preferences = Preferences::user();
+    ASSERT_EQ(preferences.path(), home.preferencesPath());
+
+    const QJsonObject frame{{QStringLiteral("x"), 10}, {QStringLiteral("y"), 20}};
+    EXPECT_TRUE(preferences.setInteger(QStringLiteral("interval"), 3));
+    EXPECT_TRUE(preferences.setString(QStringLiteral("tag"), QStringLiteral("Voice.wav")));
+    EXPECT_TRUE(preferences.setBoolean(QStringLiteral("seeded"), true));
+    EXPECT_TRUE(preferences.setObject(QStringLiteral("ZelkorMain"), frame));
+    EXPECT_TRUE(preferences.remove(QStringLiteral("tag")));
+
+    EXPECT_EQ(onDisk(home.preferencesPath()), (QJsonObject{{QStringLiteral("interval"), 3},
+                                                           {QStringLiteral("seeded"), true},
+                                                           {QStringLiteral("ZelkorMain"), frame}}));
+    // Neither the temporary file of a write nor the lock is left behind.
+    EXPECT_EQ(QDir(QFileInfo(home.preferencesPath()).path()).entryList(QDir::Files),
+              QStringList{QStringLiteral("preferences.json")});
+
+    EXPECT_EQ(preferences.integer(QStringLiteral("interval")), 3);
+    EXPECT_EQ(preferences.boolean(QStringLiteral("seeded")), true);
+    EXPECT_EQ(preferences.object(QStringLiteral("ZelkorMain")), frame);
+    EXPECT_EQ(preferences.string(QStringLiteral("interval")), std::nullopt);
+    EXPECT_EQ(preferences.integer(QStringLiteral("seeded")), std::nullopt);
+}
+
+TEST(Preferences, aFileChangedBehindTheStoreIsReadAgainAndKeepsItsKeysThroughTheNextWrite) {
+    ::Test::FreshHome home;
+    Preferences preferences = Preferences::user();
+    preferences.setInteger(QStringLiteral("level"), 0);
+    ASSERT_EQ(preferences.integer(QStringLiteral("level")), 0);
+
+    ::Test::writeFile(home.preferencesPath(), R"({"level": 2, "tag": "b.wav"})");
+    EXPECT_EQ(preferences.integer(QStringLiteral("level")), 2);
+
+    preferences.setBoolean(QStringLiteral("seeded"), true);
+    EXPECT_EQ(onDisk(home.preferencesPath()),
+              (QJsonObject{{QStringLiteral("level"), 2},
+                           {QStringLiteral("tag"), QStringLiteral("b.wav")},
+                           {QStringLiteral("seeded"), true}}));
+}
+
+TEST(Preferences, anUnparsableFileReadsAsEmptyAndIsKeptBesideTheFileThatReplacesIt) {
+    ::Test::FreshHome home;
+    QDir().mkpath(QFileInfo(home.preferencesPath()).path());
+    Preferences preferences = Preferences::user();
+
+    for (const QByteArray& broken : {QByteArray(R"({"interval": 2,)"), QByteArray("[2, 1]")}) {
+        ::Test::writeFile(home.preferencesPath(), broken);
+        EXPECT_TRUE(preferences.values().isEmpty()) << broken.constData();
+
+        EXPECT_TRUE(preferences.setInteger(QStringLiteral("level"), 2));
+        EXPECT_EQ(::Test::readAll(home.preferencesPath() + QStringLiteral(".corrupt")), broken);
+        EXPECT_EQ(onDisk(home.preferencesPath()), (QJsonObject{{QStringLiteral("level"), 2}}));
+    }
+}
+
+TEST(Trash, aFileGoesToTheTrashUnderTheDataFolderEvenBeforeThatFolderExists) {
+    ::Test::FreshHome home;
+    ASSERT_FALSE(QFileInfo::exists(home.dataHome()));
+    const QString clip = home.root() + QStringLiteral("/clip.wav");
+    ::Test::writeFile(clip, "clip");
+    // Qt's fallback is ./files under the current folder: make it visible.
+    const QString previous = QDir::currentPath();
+    ASSERT_TRUE(QDir::setCurrent(home.root()));
+
+    EXPECT_EQ(Trash::moveToTrash(clip), home.dataHome() + QStringLiteral("/Trash/files/clip.wav"));
+    EXPECT_FALSE(QFileInfo::exists(clip));
+    EXPECT_TRUE(::Test::readAll(home.dataHome() + QStringLiteral("/Trash/info/clip.wav.trashinfo"))
+                    .contains("Path=" + QFile::encodeName(clip)));
+    EXPECT_FALSE(QFileInfo::exists(home.root() + QStringLiteral("/files")));
+    EXPECT_EQ(Trash::moveToTrash(clip), std::nullopt);
+
+    // A relative XDG_DATA_HOME names no trash: the file stays where it is.
+    ::Test::writeFile(clip, "clip");
+    home.setEnv("XDG_DATA_HOME", QStringLiteral("relative"));
+    EXPECT_EQ(Trash::moveToTrash(clip), std::nullopt);
+    EXPECT_TRUE(QFileInfo::exists(clip));
+    QDir::setCurrent(previous);
+}

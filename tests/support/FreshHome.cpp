@@ -1,0 +1,56 @@
+// Temporary homes for tests of the preferences and the tag library.
+#include "support/FreshHome.h"
+
+#include <QDir>
+
+namespace Test {
+
+FreshHome::FreshHome() {
+    QDir().mkpath(root());
+    QDir().mkpath(m_dir.path() + QStringLiteral("/home"));
+    setEnv("HOME", m_dir.path() + QStringLiteral("/home"));
+    setEnv("XDG_CONFIG_HOME", configHome());
+    setEnv("XDG_DATA_HOME", dataHome());
+}
+
+FreshHome::~FreshHome() {
+    // Newest first, so a variable changed twice gets its original value back.
+    for (auto it = m_saved.rbegin(); it != m_saved.rend(); ++it) {
+        if (it->second)
+            qputenv(it->first.constData(), *it->second);
+        else
+            qunsetenv(it->first.constData());
+    }
+}
+
+QString FreshHome::root() const {
+    return m_dir.path() + QStringLiteral("/scratch");
+}
+QString FreshHome::configHome() const {
+    return m_dir.path() + QStringLiteral("/config");
+}
+QString FreshHome::dataHome() const {
+    return m_dir.path() + QStringLiteral("/data");
+}
+QString FreshHome::appData() const {
+    return dataHome() + QStringLiteral("/ODRAVEX Zelkor");
+}
+QString FreshHome::tagsDir() const {
+    return appData() + QStringLiteral("/Tags");
+}
+
+QString FreshHome::preferencesPath() const {
+    return configHome() + QStringLiteral("/ODRAVEX Zelkor/preferences.json");
+}
+
+void FreshHome::setEnv(const char* name, const std::optional<QString>& value) {
+    m_saved.emplace_back(name, qEnvironmentVariableIsSet(name)
+                                   ? std::optional<QByteArray>(qgetenv(name))
+                                   : std::nullopt);
+    if (value)
+        qputenv(name, value->toLocal8Bit());
+    else
+        qunsetenv(name);
+}
+
+} // namespace Test

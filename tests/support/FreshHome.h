@@ -1,0 +1,39 @@
+// A private home for one test: HOME, XDG_CONFIG_HOME and XDG_DATA_HOME inside
+// a new temporary folder, so nothing touches the real user's files.
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QTemporaryDir>
+#include <optional>
+#include <utility>
+#include <vector>
+
+namespace Test {
+
+class FreshHome {
+public:
+    // Sets the variables in this process (children inherit them); the data
+    // folder is left uncreated, as on a first start.
+    FreshHome();
+    // Puts every variable it changed back.
+    ~FreshHome();
+    FreshHome(const FreshHome&) = delete;
+    FreshHome& operator=(const FreshHome&) = delete;
+
+    QString root() const;            // a scratch folder for the test's own files
+    QString configHome() const;      // $XDG_CONFIG_HOME
+    QString dataHome() const;        // $XDG_DATA_HOME
+    QString appData() const;         // $XDG_DATA_HOME/ODRAVEX Zelkor
+    QString tagsDir() const;         // .../ODRAVEX Zelkor/Tags
+    QString preferencesPath() const; // $XDG_CONFIG_HOME/ODRAVEX Zelkor/preferences.json
+
+    // Sets or unsets a variable until the home goes away.
+    void setEnv(const char* name, const std::optional<QString>& value);
+
+private:
+    QTemporaryDir m_dir;
+    std::vector<std::pair<QByteArray, std::optional<QByteArray>>> m_saved;
+};
+
+} // namespace Test
