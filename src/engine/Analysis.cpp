@@ -4,14 +4,17 @@
 #include "engine/Engine.h"
 
 #include <QFileInfo>
-#include <QMutex>
-#include <QMutexLocker>
 #include <charconv>
 #include <cmath>
+#include <mutex>
 
 namespace Engine {
 
 namespace {
+
+// How far the container's duration may lie from the decoded end (MP3 and AAC
+// padding, a duration rounded to 10 ms).
+constexpr double kEndOfInputTolerance = 0.1;
 
 QRegularExpression lineStart(const char* text) {
     return QRegularExpression(QString::fromLatin1(text), QRegularExpression::MultilineOption);
@@ -112,10 +115,13 @@ Analysis parseAnalysis(const QString& output) {
         loudness.isEmpty() ? std::nullopt : readNumber(loudness.last());
     analysis.lufs = std::max(lufs.value_or(kLoudnessFloor), kLoudnessFloor);
 
-    // The detector prints a start without an end for a silence that runs to the end.
+    // A silence that runs to the end has a start without an end; Debian's ffmpeg
+    // closes it anyway with an end at the end of the input.
     const std::vector<double> starts = numbers(match(patterns().silenceStart, output));
     const std::vector<double> ends = numbers(match(patterns().silenceEnd, output));
-    if (!starts.empty() && ends.size() < starts.size())
+    const bool endedByTheInput =
+        !ends.empty() && ends.back() >= analysis.duration - kEndOfInputTolerance;
+    if (!starts.empty() && (ends.size() < starts.size() || endedByTheInput))
         analysis.silenceStart = starts.back();
 
     const QStringList streams = match(patterns().stream, output);
@@ -125,14 +131,16 @@ Analysis parseAnalysis(const QString& output) {
 }
 
 Analysis analyze(const QString& path) {
-    return parseAnalysis(run(analysisArguments(path)).output);
+    // ffmpeg quotes the name as it is, so a name holding a line break could forge a line.
+    return parseAnalysis(
+        run(analysisArguments(path)).output.remove(QFileInfo(path).absoluteFilePath()));
 }
 
 TagInfo info(const QString& path) {
-    static QMutex lock;
+    static std::mutex lock;
     static QHash<QString, TagInfo> tagInfo;
     // Held across the analysis too, so a clip is never measured twice at once.
-    QMutexLocker locker(&lock);
+    const std::lock_guard locker(lock);
     if (auto it = tagInfo.constFind(path); it != tagInfo.constEnd())
         return *it;
     const Analysis analysis = analyze(path);

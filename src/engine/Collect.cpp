@@ -1,35 +1,60 @@
 // Expanding dropped files and folders into the ordered list of tracks.
 #include "engine/Engine.h"
 
-#include <QDirIterator>
+#include <QFile>
 #include <QFileInfo>
 #include <algorithm>
+#include <array>
+#include <dirent.h>
 
 namespace Engine {
 
 namespace {
 
-bool isTrack(const QString& path) {
-    const qsizetype slash = path.lastIndexOf(QLatin1Char('/'));
-    const QStringView name = QStringView(path).mid(slash + 1);
+constexpr std::array kAudioExts{QLatin1String("mp3"), QLatin1String("wav")};
+
+bool isAscii(const char* text) {
+    for (; *text; ++text)
+        if (static_cast<unsigned char>(*text) >= 0x80)
+            return false;
+    return true;
+}
+
+bool isTrackName(QStringView name) {
     const qsizetype dot = name.lastIndexOf(QLatin1Char('.'));
     if (dot < 0)
         return false;
     const QStringView ext = name.mid(dot + 1);
-    return audioExts().contains(ext.toString().toLower()) &&
-           !name.left(dot).contains(QLatin1String("(Tagged)"));
+    const bool accepted =
+        std::any_of(kAudioExts.begin(), kAudioExts.end(), [&](QLatin1String known) {
+            return ext.compare(known, Qt::CaseInsensitive) == 0;
+        });
+    return accepted && !name.left(dot).contains(QLatin1String("(Tagged)"));
 }
 
-// Names in Unicode code-point order after canonical composition; UTF-8 bytes sort that way.
+bool isTrack(const QString& path) {
+    return isTrackName(QStringView(path).mid(path.lastIndexOf(QLatin1Char('/')) + 1));
+}
+
+// readdir without a stat per entry: a drag hovering over a big folder asks this on every move.
+// Names sort in Unicode code-point order after canonical composition; UTF-8 bytes sort that way.
 QStringList folderTracks(const QString& folder) {
     std::vector<std::pair<QByteArray, QString>> tracks;
-    QDirIterator it(folder, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
-    while (it.hasNext()) {
-        const QString path = it.next();
-        if (isTrack(path))
-            tracks.emplace_back(it.fileName().normalized(QString::NormalizationForm_C).toUtf8(),
-                                path);
+    DIR* dir = opendir(QFile::encodeName(folder).constData());
+    if (!dir)
+        return {};
+    const QString prefix = folder.endsWith(QLatin1Char('/')) ? folder : folder + QLatin1Char('/');
+    while (const dirent* entry = readdir(dir)) {
+        const QString name = QFile::decodeName(entry->d_name);
+        if (name == QLatin1String(".") || name == QLatin1String("..") || !isTrackName(name))
+            continue;
+        // ASCII is its own canonical form; only other names need composing.
+        QByteArray key = isAscii(entry->d_name)
+                             ? QByteArray(entry->d_name)
+                             : name.normalized(QString::NormalizationForm_C).toUtf8();
+        tracks.emplace_back(std::move(key), prefix + name);
     }
+    closedir(dir);
     std::sort(tracks.begin(), tracks.end(),
               [](const auto& a, const auto& b) { return a.first < b.first; });
     QStringList paths;
@@ -42,7 +67,7 @@ QStringList folderTracks(const QString& folder) {
 } // namespace
 
 const QSet<QString>& audioExts() {
-    static const QSet<QString> exts{QStringLiteral("mp3"), QStringLiteral("wav")};
+    static const QSet<QString> exts(kAudioExts.begin(), kAudioExts.end());
     return exts;
 }
 

@@ -30,7 +30,7 @@ std::optional<QString> findExecutable(const QStringList& candidates);
 const std::optional<QString>& ffmpeg();
 
 // Runs ffmpeg with "-hide_banner -nostdin" and `args`; throws TagError::noFFmpeg
-// when there is none, EngineError when it cannot be started.
+// when there is none, Failure when it cannot be started.
 RunResult run(const QStringList& args);
 
 // Capture group 1 of every match, in text order; an invalid pattern gives none.

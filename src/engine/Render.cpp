@@ -4,8 +4,11 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QSet>
 #include <QTextBoundaryFinder>
 #include <cmath>
+#include <mutex>
+#include <functional>
 
 namespace Engine {
 
@@ -84,7 +87,14 @@ QString filterGraph(double gainDB, const std::vector<double>& times,
     return graph;
 }
 
-QString outputURL(const QString& track) {
+namespace {
+
+// Output names chosen by renders still running, so that parallel jobs never
+// pick the same one (the existence test and ffmpeg's write are not atomic).
+std::mutex reservedLock;
+QSet<QString> reserved;
+
+QString freeOutput(const QString& track, const std::function<bool(const QString&)>& taken) {
     const QFileInfo info(track);
     const QString base = info.completeBaseName() + kOutputSuffix;
     const QString ext = info.suffix().toLower();
@@ -93,9 +103,35 @@ QString outputURL(const QString& track) {
         return ext.isEmpty() ? dir + name : dir + name + QLatin1Char('.') + ext;
     };
     QString candidate = named(base);
-    for (int n = 2; existsAt(candidate); ++n)
+    for (int n = 2; taken(candidate); ++n)
         candidate = named(base + QStringLiteral(" (%1)").arg(n));
     return candidate;
+}
+
+class Reservation {
+public:
+    explicit Reservation(const QString& track) {
+        const std::lock_guard locker(reservedLock);
+        m_path = freeOutput(
+            track, [](const QString& path) { return existsAt(path) || reserved.contains(path); });
+        reserved.insert(m_path);
+    }
+    ~Reservation() {
+        const std::lock_guard locker(reservedLock);
+        reserved.remove(m_path);
+    }
+    Reservation(const Reservation&) = delete;
+    Reservation& operator=(const Reservation&) = delete;
+    const QString& path() const { return m_path; }
+
+private:
+    QString m_path;
+};
+
+} // namespace
+
+QString outputURL(const QString& track) {
+    return freeOutput(track, existsAt);
 }
 
 QStringList renderArguments(const QString& track, const QString& tag, const QString& graph,
@@ -130,18 +166,19 @@ QString failureText(const QString& output) {
 
 Result process(const QString& track, const QString& tag, double interval, double levelDB) {
     if (!(interval > 0) || !std::isfinite(interval))
-        throw EngineError(QStringLiteral("INTERVAL MUST BE A POSITIVE NUMBER OF SECONDS"));
+        throw Failure(QStringLiteral("INTERVAL MUST BE A POSITIVE NUMBER OF SECONDS"));
     if (!std::isfinite(levelDB))
-        throw EngineError(QStringLiteral("LEVEL MUST BE A NUMBER OF DB"));
+        throw Failure(QStringLiteral("LEVEL MUST BE A NUMBER OF DB"));
 
     const TagInfo clip = info(tag);
     const Analysis analysis = analyze(track);
     const double gain = clipGain(levelDB, analysis.lufs, clip.lufs);
     const std::vector<double> times = positions(analysis.duration, interval, clip.length);
     if (times.size() == kMaxPlacements)
-        throw EngineError(QStringLiteral("TOO MANY TAGS FOR THIS TRACK"));
+        throw Failure(QStringLiteral("TOO MANY TAGS FOR THIS TRACK"));
 
-    const QString out = outputURL(track);
+    const Reservation reservation(track);
+    const QString& out = reservation.path();
     const RunResult result =
         run(renderArguments(track, tag, filterGraph(gain, times, analysis.format), out));
     if (result.status == 0)

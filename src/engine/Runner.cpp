@@ -44,7 +44,7 @@ RunResult run(const QStringList& args) {
                   QStringList{QStringLiteral("-hide_banner"), QStringLiteral("-nostdin")} + args,
                   QIODevice::ReadOnly);
     if (!process.waitForStarted(-1))
-        throw EngineError(process.errorString().toUpper());
+        throw Failure(process.errorString().toUpper());
 
     // QProcess drains the pipe while it waits, so a chatty child never blocks.
     process.waitForFinished(-1);

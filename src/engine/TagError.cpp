@@ -24,7 +24,7 @@ QString TagError::errorDescription() const {
 QString describeError(const std::exception& error) {
     if (auto* tag = dynamic_cast<const TagError*>(&error))
         return tag->errorDescription();
-    if (auto* engine = dynamic_cast<const EngineError*>(&error))
-        return engine->errorDescription();
+    if (auto* failure = dynamic_cast<const Failure*>(&error))
+        return failure->errorDescription();
     return QString::fromUtf8(error.what()).toUpper();
 }

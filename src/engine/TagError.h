@@ -1,6 +1,8 @@
 // The engine's one error type and the messages the user sees for it.
 #pragma once
 
+#include "platform/Failure.h"
+
 #include <QString>
 #include <exception>
 
@@ -24,22 +26,6 @@ private:
 
     Kind m_kind;
     QString m_payload;
-    QByteArray m_what;
-};
-
-// Anything the engine refuses that is not one of the cases above: bad arguments
-// from a caller, a child process that could not be started. The description is
-// already in the program's own voice.
-class EngineError : public std::exception {
-public:
-    explicit EngineError(QString description)
-        : m_description(std::move(description))
-        , m_what(m_description.toUtf8()) {}
-    QString errorDescription() const { return m_description; }
-    const char* what() const noexcept override { return m_what.constData(); }
-
-private:
-    QString m_description;
     QByteArray m_what;
 };
 

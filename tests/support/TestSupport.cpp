@@ -9,11 +9,16 @@
 
 namespace Test {
 
-QString systemFFmpeg() { return QStringLiteral("/usr/bin/ffmpeg"); }
+QString systemFFmpeg() {
+    return QStringLiteral("/usr/bin/ffmpeg");
+}
 
-QString binary(const QString& name) { return QStringLiteral(ZELKOR_BIN_DIR "/") + name; }
+QString binary(const QString& name) {
+    return QStringLiteral(ZELKOR_BIN_DIR "/") + name;
+}
 
-Process runProgram(const QString& program, const QStringList& args, const QStringList& environment) {
+Process runProgram(const QString& program, const QStringList& args,
+                   const QStringList& environment) {
     QProcess process;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     for (const QString& entry : environment) {
@@ -32,12 +37,11 @@ Process runProgram(const QString& program, const QStringList& args, const QStrin
 }
 
 void ffmpeg(const QStringList& args) {
-    const Process run = runProgram(systemFFmpeg(), QStringList{QStringLiteral("-hide_banner"),
-                                                               QStringLiteral("-nostdin"),
-                                                               QStringLiteral("-y"),
-                                                               QStringLiteral("-loglevel"),
-                                                               QStringLiteral("error")} +
-                                                       args);
+    const Process run = runProgram(
+        systemFFmpeg(),
+        QStringList{QStringLiteral("-hide_banner"), QStringLiteral("-nostdin"),
+                    QStringLiteral("-y"), QStringLiteral("-loglevel"), QStringLiteral("error")} +
+            args);
     ASSERT_EQ(run.status, 0) << run.err.toStdString();
 }
 
@@ -65,6 +69,10 @@ std::vector<double> samples(const QString& path, int rate, int channels) {
 QByteArray readAll(const QString& path) {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QString fixture(const QString& name) {
+    return QString::fromUtf8(readAll(QStringLiteral(ZELKOR_SOURCE_DIR "/tests/fixtures/") + name));
 }
 
 void writeFile(const QString& path, const QByteArray& bytes, bool executable) {

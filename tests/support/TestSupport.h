@@ -5,13 +5,19 @@
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
+#include <ostream>
 #include <vector>
+
+// Readable QStrings in test failures.
+inline void PrintTo(const QString& text, std::ostream* out) {
+    *out << '"' << text.toStdString() << '"';
+}
 
 namespace Test {
 
 // The system ffmpeg the build links to; tests use it to make and read audio.
 QString systemFFmpeg();
-QString binary(const QString& name);  // build/bin/NAME
+QString binary(const QString& name); // build/bin/NAME
 
 struct Process {
     int status = -1;
@@ -34,6 +40,8 @@ void makeAudio(const QString& path, const QString& source, double seconds, int r
 std::vector<double> samples(const QString& path, int rate, int channels);
 
 QByteArray readAll(const QString& path);
+// A text file kept in tests/fixtures.
+QString fixture(const QString& name);
 void writeFile(const QString& path, const QByteArray& bytes, bool executable = false);
 
 } // namespace Test

@@ -1,0 +1,212 @@
+// The engine's pure parts: reading ffmpeg's text, placing the clip, building the
+// graph, naming outputs, collecting tracks and choosing the ffmpeg to run.
+#include "engine/Engine.h"
+#include "support/TestSupport.h"
+
+#include <QDir>
+#include <QFile>
+#include <cmath>
+#include <gtest/gtest.h>
+#include <limits>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr double kInf = std::numeric_limits<double>::infinity();
+
+Engine::Analysis parsed(const char* lines) {
+    return Engine::parseAnalysis(u"  Duration: 00:01:40.00, bitrate: 1411 kb/s\n"_s +
+                                 QString::fromUtf8(lines));
+}
+
+} // namespace
+
+TEST(EngineParse, numbersAreWholeDecimalTextsOrMinusInfinity) {
+    EXPECT_EQ(Engine::readNumber(u"205.47"), 205.47);
+    EXPECT_EQ(Engine::readNumber(u"-14.2"), -14.2);
+    EXPECT_EQ(Engine::readNumber(u"4"), 4.0);
+    EXPECT_EQ(Engine::readNumber(u"-inf"), -kInf);
+    for (const QString& bad : {u"1.2.3"_s, u"."_s, u"-"_s, u""_s, u"inf"_s, u"nan"_s, u"1e3"_s,
+                               u"+1"_s, u" 1"_s, u"0x1"_s, u"--1"_s, u"1-"_s})
+        EXPECT_FALSE(Engine::readNumber(bad)) << bad.toStdString();
+}
+
+TEST(EngineParse, matchGivesEveryPresentGroupOneInTextOrder) {
+    EXPECT_EQ(Engine::match(u"v=(\\d+)"_s, u"v=1 x v=22"_s), (QStringList{u"1"_s, u"22"_s}));
+    EXPECT_TRUE(Engine::match(u"v=(\\d+)"_s, u"none"_s).isEmpty());
+    EXPECT_TRUE(Engine::match(u"v=(\\d+"_s, u"v=1"_s).isEmpty());
+    EXPECT_EQ(Engine::match(u"a(b)?"_s, u"a ab"_s), QStringList{u"b"_s});
+    EXPECT_EQ(Engine::match(u"c(d*)e"_s, u"ce"_s), QStringList{u""_s});
+}
+
+// Real transcripts of Debian's ffmpeg whose title, comment and file name quote a
+// duration, a silence and a loudness.
+TEST(EngineParse, figuresComeOnlyFromLinesFfmpegStarts) {
+    const Engine::Analysis track = Engine::parseAnalysis(::Test::fixture(u"titled-track.txt"_s));
+    EXPECT_DOUBLE_EQ(track.duration, 12.5);
+    EXPECT_DOUBLE_EQ(track.lufs, -15.7);
+    EXPECT_FALSE(track.silenceStart);
+    EXPECT_EQ(track.format, (Engine::AudioFormat{44100, u"stereo"_s}));
+}
+
+// Debian's ffmpeg also prints the end of a silence that runs to the end of the input.
+TEST(EngineParse, aSilenceRunningToTheEndIsTrailing) {
+    const Engine::Analysis clip = Engine::parseAnalysis(::Test::fixture(u"speech-clip.txt"_s));
+    EXPECT_EQ(clip.silenceStart, 0.927625);
+    EXPECT_EQ(clip.format, (Engine::AudioFormat{8000, u"mono"_s}));
+
+    const Engine::Analysis silent = Engine::parseAnalysis(::Test::fixture(u"silent-track.txt"_s));
+    EXPECT_DOUBLE_EQ(silent.lufs, -70);
+    EXPECT_EQ(silent.silenceStart, 0.0);
+    EXPECT_EQ(silent.format, (Engine::AudioFormat{48000, u"stereo"_s}));
+
+    EXPECT_EQ(parsed("[silencedetect @ 0x1] silence_start: 0\n"
+                     "[silencedetect @ 0x1] silence_end: 0.8 | silence_duration: 0.8\n"
+                     "[silencedetect @ 0x1] silence_start: 4.1\n")
+                  .silenceStart,
+              4.1);
+    // An unsigned pattern skips the negative start, so the counts match.
+    EXPECT_FALSE(parsed("[silencedetect @ 0x1] silence_start: -0.01\n"
+                        "[silencedetect @ 0x1] silence_end: 0.8 | silence_duration: 0.81\n"
+                        "[silencedetect @ 0x1] silence_start: 4.1\n")
+                     .silenceStart);
+}
+
+TEST(EngineParse, theFirstDurationCountsAndWithoutOneTheFileIsUnreadable) {
+    EXPECT_DOUBLE_EQ(Engine::parseAnalysis(u"  Duration: 00:03:25.47, start: 0\n"
+                                           "  Duration: 00:00:01.00, start: 0\n"_s)
+                         .duration,
+                     205.47);
+    EXPECT_DOUBLE_EQ(Engine::parseAnalysis(u"  Duration: 01:00:00.00,"_s).duration, 3600);
+    EXPECT_THROW(Engine::parseAnalysis(u"    I:         -14.2 LUFS\n"_s), TagError);
+    EXPECT_THROW(Engine::parseAnalysis(u"  Duration: N/A, bitrate: N/A\n"_s), TagError);
+    EXPECT_THROW(Engine::parseAnalysis(u"title : Duration: 00:00:01.00\n"_s), TagError);
+}
+
+TEST(EngineParse, theLastLoudnessCountsAndNothingIsBelowTheFloor) {
+    EXPECT_DOUBLE_EQ(parsed("    I:   -20.0 LUFS\n    I:   -14.2 LUFS\n").lufs, -14.2);
+    EXPECT_DOUBLE_EQ(parsed("    I:   -69.9 LUFS\n").lufs, -69.9);
+    EXPECT_DOUBLE_EQ(parsed("    I:   -75.3 LUFS\n").lufs, -70);
+    EXPECT_DOUBLE_EQ(parsed("    I:   -inf LUFS\n").lufs, -70);
+    EXPECT_DOUBLE_EQ(parsed("    I:   1.2.3 LUFS\n").lufs, -70);
+    EXPECT_DOUBLE_EQ(parsed("").lufs, -70);
+}
+
+TEST(EngineParse, theTracksFormatComesFromItsFirstAudioStream) {
+    EXPECT_EQ(parsed("  Stream #0:0: Video: mjpeg, yuvj420p, 500x500\n"
+                     "  Stream #0:1(eng): Audio: pcm_s24le, 96000 Hz, 5.1(side), s32 (24 bit)\n"
+                     "  Stream #0:0: Audio: pcm_s16le, 44100 Hz, stereo, s16\n")
+                  .format,
+              (Engine::AudioFormat{96000, u"5.1(side)"_s}));
+    EXPECT_EQ(parsed("  Stream #0:0: Audio: pcm_s16le, 48000 Hz, 3 channels, s16\n").format,
+              (Engine::AudioFormat{48000, u"3c"_s}));
+    EXPECT_FALSE(parsed("").format);
+}
+
+TEST(EnginePlacement, copiesRepeatWhileTheyEndByHalfASecondAfterTheTrack) {
+    EXPECT_EQ(Engine::positions(95, 30, 3), (std::vector<double>{0.5, 30.5, 60.5, 90.5}));
+    EXPECT_EQ(Engine::positions(95, 30, 6), (std::vector<double>{0.5, 30.5, 60.5}));
+    EXPECT_EQ(Engine::positions(10, 30, 10), std::vector<double>{0.5});
+    EXPECT_EQ(Engine::positions(10, 30, 12), std::vector<double>{0.0});
+}
+
+TEST(EnginePlacement, nonsenseIntervalsNeverRunAway) {
+    for (double interval : {0.0, -3.0, kInf, std::nan("")})
+        EXPECT_EQ(Engine::positions(95, interval, 3), std::vector<double>{0.0});
+    EXPECT_LE(Engine::positions(95, 1e-20, 3).size(), Engine::kMaxPlacements);
+    EXPECT_LE(Engine::positions(1e15, 1, 3).size(), Engine::kMaxPlacements);
+    for (double interval : {0.0, -3.0, kInf, std::nan("")})
+        EXPECT_THROW(Engine::process(u"/nowhere/a.wav"_s, u"/nowhere/t.wav"_s, interval, -5),
+                     Failure);
+}
+
+TEST(EnginePlacement, clipGainIsClampedBetweenMinus40And12) {
+    EXPECT_DOUBLE_EQ(Engine::clipGain(-5, -14, -20), 1);
+    EXPECT_DOUBLE_EQ(Engine::clipGain(-9, -70, -10), -40);
+    EXPECT_DOUBLE_EQ(Engine::clipGain(-1, -8, -30), 12);
+}
+
+TEST(EnginePlacement, theGraphDelaysOneCopyPerPlacementAndMixesThemUnderTheTrack) {
+    EXPECT_EQ(Engine::filterGraph(-3.25, {0.5, 30.5, 60.5}, std::nullopt),
+              u"[1:a]volume=-3.25dB,asplit=3[s0][s1][s2];[s0]adelay=500:all=1[d0];"
+              "[s1]adelay=30500:all=1[d1];[s2]adelay=60500:all=1[d2];[0:a][d0][d1][d2]"
+              "amix=inputs=4:normalize=0:duration=first:dropout_transition=0,"
+              "alimiter=limit=0.97:level=0:attack=2:release=40:latency=1[out]"_s);
+    EXPECT_EQ(Engine::filterGraph(1, {0.0}, Engine::AudioFormat{8000, u"5.1(side)"_s}),
+              u"[1:a]aformat=sample_rates=8000:channel_layouts=5.1(side),volume=1.00dB,"
+              "asplit=1[s0];[s0]adelay=0:all=1[d0];[0:a][d0]"
+              "amix=inputs=2:normalize=0:duration=first:dropout_transition=0,"
+              "alimiter=limit=0.97:level=0:attack=2:release=40:latency=1[out]"_s);
+    EXPECT_TRUE(Engine::filterGraph(0, {2.9999}, std::nullopt).contains(u"adelay=2999:"_s));
+}
+
+TEST(EngineOutput, outputsAreNamedAfterTheTrackAndNeverTakeAUsedName) {
+    QTemporaryDir dir;
+    const QString d = dir.path() + u'/';
+    EXPECT_EQ(Engine::outputURL(d + u"Beat.WAV"_s), d + u"Beat (Tagged).wav"_s);
+    EXPECT_EQ(Engine::outputURL(d + u"my.Song.Mp3"_s), d + u"my.Song (Tagged).mp3"_s);
+    ::Test::writeFile(d + u"Song (Tagged).mp3"_s, "x");
+    ::Test::writeFile(d + u"Song (Tagged) (2).mp3"_s, "x");
+    EXPECT_EQ(Engine::outputURL(d + u"Song.mp3"_s), d + u"Song (Tagged) (3).mp3"_s);
+    // ffmpeg would write through a dangling link.
+    QFile::link(d + u"gone"_s, d + u"Loop (Tagged).wav"_s);
+    EXPECT_EQ(Engine::outputURL(d + u"Loop.wav"_s), d + u"Loop (Tagged) (2).wav"_s);
+    EXPECT_EQ(Engine::outputURL(u"-x.wav"_s),
+              QDir::current().absoluteFilePath(u"-x (Tagged).wav"_s));
+}
+
+TEST(EngineOutput, aFailedRenderReportsItsLastLineCutAndUpperCased) {
+    const QString long80 = QString(80, u'e') + u"\r"_s;
+    EXPECT_EQ(Engine::failureText(u"frame 1\n"_s + long80 + u"\n\n"_s), QString(60, u'E'));
+    EXPECT_EQ(Engine::failureText(QString(59, u'a') + u"\U0001F3A7b"_s),
+              QString(59, u'A') + u"\U0001F3A7"_s);
+    EXPECT_EQ(Engine::failureText(u""_s), u"ERROR"_s);
+    EXPECT_EQ(Engine::failureText(u"\n\n"_s), u"ERROR"_s);
+}
+
+TEST(EngineCollect, aFolderGivesItsOwnTracksInCodePointOrder) {
+    QTemporaryDir dir;
+    const QString d = dir.path() + u'/';
+    for (const char* name :
+         {"b.mp3", "A.mp3", "c.txt", "Track 10.wav", "Track 2.wav", ".intro.wav",
+          "Song (Tagged).mp3", "Song (Tagged) (2).mp3", "Mix(Tagged)final.wav", "Song (tagged).mp3",
+          "Voice.MP3", "Take.WAV", "Take.aiff", "Take.flac", "Take.m4a", "wav"})
+        ::Test::writeFile(d + QString::fromUtf8(name), "x");
+    QDir(d).mkpath(u"sub"_s);
+    QDir(d).mkpath(u"loops.wav"_s);
+    ::Test::writeFile(d + u"sub/y.mp3"_s, "x");
+
+    QStringList expected;
+    for (const char* name : {".intro.wav", "A.mp3", "Song (tagged).mp3", "Take.WAV", "Track 10.wav",
+                             "Track 2.wav", "Voice.MP3", "b.mp3", "loops.wav"})
+        expected << d + QString::fromUtf8(name);
+    EXPECT_EQ(Engine::collect({dir.path()}), expected);
+
+    // Files keep the given order, unchecked; a folder's tracks come where the folder was.
+    const QStringList mixed = Engine::collect(
+        {d + u"B.wav"_s, d + u"gone.mp3"_s, d + u"sub"_s, d + u"b.mp3"_s, d + u"sub/y.mp3"_s});
+    EXPECT_EQ(mixed, (QStringList{d + u"B.wav"_s, d + u"gone.mp3"_s, d + u"sub/y.mp3"_s,
+                                  d + u"b.mp3"_s, d + u"sub/y.mp3"_s}));
+    EXPECT_TRUE(Engine::collect({}).isEmpty());
+    EXPECT_TRUE(Engine::collect({d + u"c.txt"_s, d + u"loops.wav/"_s}).isEmpty());
+}
+
+TEST(EngineRunner, theFirstExecutableCandidateIsFfmpeg) {
+    QTemporaryDir dir;
+    const QString d = dir.path() + u'/';
+    ::Test::writeFile(d + u"plain"_s, "#!/bin/sh\n");
+    ::Test::writeFile(d + u"first"_s, "#!/bin/sh\n", true);
+    ::Test::writeFile(d + u"second"_s, "#!/bin/sh\n", true);
+    QFile::link(d + u"gone"_s, d + u"dangling"_s);
+    QDir(d).mkpath(u"folder"_s);
+    EXPECT_EQ(Engine::findExecutable({d + u"missing"_s, d + u"dangling"_s, d + u"plain"_s,
+                                      d + u"folder"_s, d + u"first"_s, d + u"second"_s}),
+              d + u"first"_s);
+    EXPECT_FALSE(Engine::findExecutable({d + u"plain"_s, d + u"dangling"_s}));
+
+    const QStringList fixed{u"/opt/homebrew/bin/ffmpeg"_s, u"/usr/local/bin/ffmpeg"_s};
+    EXPECT_EQ(Engine::ffmpegCandidates(dir.path()), fixed);
+    QFile::link(d + u"gone"_s, d + u"ffmpeg"_s);
+    EXPECT_EQ(Engine::ffmpegCandidates(dir.path()), QStringList{d + u"ffmpeg"_s} + fixed);
+}

@@ -1,0 +1,195 @@
+// The engine end to end: the real ffmpeg tags audio generated here.
+#include "engine/Engine.h"
+#include "support/TestSupport.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QRegularExpression>
+#include <algorithm>
+#include <cmath>
+#include <gtest/gtest.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int kRate = 44100;
+// Left and right differ, and a mix at 8 kHz would lose the treble.
+const QString kBeat = u"aevalsrc=0.25*sin(2*PI*220*t)|0.2*sin(2*PI*12000*t)"_s;
+
+void makeSpeech(const QString& path) {
+    const auto spoken = ::Test::runProgram(u"/usr/bin/espeak-ng"_s,
+                                           {u"-w"_s, path + u".wav"_s, u"Zelkor on the beat"_s});
+    ASSERT_EQ(spoken.status, 0) << spoken.err.toStdString();
+    ::Test::ffmpeg({u"-i"_s, path + u".wav"_s, u"-ar"_s, u"8000"_s, path});
+}
+
+QByteArray digest(const QString& path) {
+    return QCryptographicHash::hash(::Test::readAll(path), QCryptographicHash::Sha256);
+}
+
+// What ffmpeg prints about a file: its duration and stream lines.
+QString describe(const QString& path) {
+    return ::Test::runProgram(::Test::systemFFmpeg(), {u"-hide_banner"_s, u"-i"_s, path}).err;
+}
+
+QString durationOf(const QString& path) {
+    return QRegularExpression(u"^\\s*(Duration: [^,]*)"_s, QRegularExpression::MultilineOption)
+        .match(describe(path))
+        .captured(1);
+}
+
+// The integrated loudness of the last summary (ffmpeg may set a graph up twice).
+double loudness(const QStringList& inputsAndFilter) {
+    const auto run = ::Test::runProgram(
+        ::Test::systemFFmpeg(), QStringList{u"-hide_banner"_s, u"-nostats"_s} + inputsAndFilter +
+                                    QStringList{u"-f"_s, u"null"_s, u"-"_s});
+    const QStringList values = Engine::match(u"I:\\s+(-?[\\d.]+) LUFS\\s+Threshold"_s, run.err);
+    return values.isEmpty() ? NAN : values.last().toDouble();
+}
+
+// The largest difference over both channels, frame by frame, decoded as the original is.
+std::vector<double> difference(const QString& tagged, const QString& original) {
+    const auto a = ::Test::samples(tagged, kRate, 2), b = ::Test::samples(original, kRate, 2);
+    std::vector<double> d(std::min(a.size(), b.size()) / 2);
+    for (std::size_t i = 0; i < 2 * d.size(); ++i)
+        d[i / 2] = std::max(d[i / 2], std::abs(a[i] - b[i]));
+    return d;
+}
+
+double peak(const std::vector<double>& d, double from, double to) {
+    const auto at = [&](double t) {
+        return d.begin() +
+               std::clamp<std::ptrdiff_t>(std::ptrdiff_t(t * kRate), 0, std::ptrdiff_t(d.size()));
+    };
+    return at(from) < at(to) ? *std::max_element(at(from), at(to)) : 0.0;
+}
+
+class EngineRender : public testing::Test {
+protected:
+    QTemporaryDir dir;
+    QString path(const QString& name) const { return dir.path() + u'/' + name; }
+};
+
+} // namespace
+
+TEST_F(EngineRender, aWavTrackKeepsItsFormatAndHearsTheClipOnlyAtThePlacements) {
+    const QString track = path(u"beat.wav"_s), clip = path(u"speech.wav"_s);
+    ::Test::makeAudio(track, kBeat, 19.5); // the last copy runs past the end
+    makeSpeech(clip);
+    const QByteArray before = digest(track);
+
+    const Engine::Result result = Engine::process(track, clip, 6, -9);
+    EXPECT_EQ(result.output, path(u"beat (Tagged).wav"_s));
+    ASSERT_EQ(result.placements, 4);
+    EXPECT_EQ(digest(track), before);
+    const QString described = describe(result.output);
+    EXPECT_TRUE(described.contains(u"Duration: 00:00:19.50"_s)) << described.toStdString();
+    EXPECT_TRUE(described.contains(u"Audio: pcm_s24le ([1][0][0][0] / 0x0001), 44100 Hz, stereo"_s))
+        << described.toStdString();
+
+    // A mix at the clip's rate or in mono would show outside the placements.
+    const std::vector<double> d = difference(result.output, track);
+    const double clipSeconds = double(::Test::samples(clip, kRate, 1).size()) / kRate;
+    double outside = peak(d, 0, 0.5);
+    for (double t : {0.5, 6.5, 12.5, 18.5}) {
+        outside = std::max(outside, peak(d, t + clipSeconds, t + 6));
+        EXPECT_GT(peak(d, t, t + 0.3), 0.05) << t;
+    }
+    EXPECT_LT(outside, 1e-6);
+
+    const double clipLoudness =
+        loudness({u"-i"_s, result.output, u"-i"_s, track, u"-filter_complex"_s,
+                  u"[1:a]volume=-1[n];[0:a][n]amix=normalize=0,ebur128=framelog=verbose"_s});
+    EXPECT_NEAR(clipLoudness,
+                loudness({u"-i"_s, track, u"-af"_s, u"ebur128=framelog=verbose"_s}) - 9, 1.5);
+}
+
+TEST_F(EngineRender, anMp3TrackBecomesA320kMp3WithAnId3v23Header) {
+    const QString track = path(u"beat.mp3"_s), clip = path(u"stereo.wav"_s);
+    ::Test::makeAudio(track, kBeat, 16.2); // the last copy runs past the end
+    ::Test::makeAudio(clip, u"sine=frequency=1000"_s, 1, 48000, 2);
+    const QByteArray before = digest(track);
+
+    const Engine::Result result = Engine::process(track, clip, 5, -9);
+    EXPECT_EQ(result.output, path(u"beat (Tagged).mp3"_s));
+    ASSERT_EQ(result.placements, 4);
+    EXPECT_EQ(digest(track), before);
+    EXPECT_TRUE(::Test::readAll(result.output).startsWith(QByteArray("ID3\x03", 4)));
+    EXPECT_TRUE(
+        describe(result.output).contains(u"Audio: mp3, 44100 Hz, stereo, fltp, 320 kb/s"_s));
+    EXPECT_EQ(durationOf(result.output), durationOf(track));
+
+    // Outside the placements only the noise of a second encoding differs.
+    const std::vector<double> d = difference(result.output, track);
+    double outside = peak(d, 0, 0.5);
+    for (double t : {0.5, 5.5, 10.5, 15.5})
+        outside = std::max(outside, peak(d, t + 1.1, t + 5));
+    for (double t : {0.5, 5.5, 10.5, 15.5})
+        EXPECT_GT(peak(d, t, t + 1), 5 * outside) << t;
+}
+
+TEST_F(EngineRender, unreadableFilesGiveCantReadFileAndNoOutput) {
+    const QString good = path(u"good.wav"_s);
+    ::Test::makeAudio(good, kBeat, 2);
+    QByteArray noise(4096, 0);
+    for (int i = 0; i < noise.size(); ++i)
+        noise[i] = char(i * 7919 % 251);
+    ::Test::writeFile(path(u"corrupt.wav"_s), noise);
+    ::Test::writeFile(path(u"empty.mp3"_s), {});
+    ::Test::writeFile(path(u"notes.mp3"_s), "these are not sounds\n");
+    const auto failure = [](const QString& track, const QString& clip) {
+        try {
+            Engine::process(track, clip, 30, -5);
+        } catch (const TagError& error) {
+            return error.errorDescription();
+        }
+        return QString();
+    };
+    for (const char* name : {"corrupt.wav", "empty.mp3", "notes.mp3", "gone.wav"})
+        EXPECT_EQ(failure(path(QString::fromUtf8(name)), good), u"CAN'T READ FILE"_s) << name;
+    EXPECT_EQ(failure(good, path(u"notes.mp3"_s)), u"CAN'T READ FILE"_s);
+    EXPECT_TRUE(QDir(dir.path()).entryList({u"*Tagged*"_s}).isEmpty());
+}
+
+// A title or a name quoting a duration would otherwise leave one placement at 0.
+TEST_F(EngineRender, oddNamesAndAQuotedDurationWorkEndToEnd) {
+    const QString folder = path(u"-x; [y] 'q'"_s);
+    QDir().mkpath(folder);
+    const QString track = folder + u"/-Beat \"1\" [it's]; a:b é 🎧.wav"_s;
+    const QString clip = folder + u"/-tag é 🎧.wav"_s;
+    ::Test::ffmpeg({u"-f"_s, u"lavfi"_s, u"-i"_s, kBeat + u":sample_rate=44100:duration=12"_s,
+                    u"-metadata"_s, u"title=Duration: 00:00:01.00"_s, track});
+    ::Test::makeAudio(clip, u"sine=frequency=880"_s, 0.5, 22050, 1);
+
+    const Engine::Result result = Engine::process(track, clip, 5, -5);
+    EXPECT_EQ(result.output, folder + u"/-Beat \"1\" [it's]; a:b é 🎧 (Tagged).wav"_s);
+    EXPECT_EQ(result.placements, 3);
+    EXPECT_EQ(durationOf(result.output), u"Duration: 00:00:12.00"_s);
+
+    const QString forged = folder + u"/beat\n  Duration: 00:00:01.00.wav"_s;
+    QFile::copy(track, forged);
+    EXPECT_DOUBLE_EQ(Engine::analyze(forged).duration, 12);
+}
+
+TEST_F(EngineRender, aClipIsMeasuredOnceWithoutItsTrailingSilence) {
+    const QString speech = path(u"speech.wav"_s), padded = path(u"padded.wav"_s);
+    makeSpeech(speech);
+    ::Test::ffmpeg({u"-i"_s, speech, u"-af"_s, u"apad=pad_dur=1.5"_s, padded});
+    const double duration = Engine::analyze(padded).duration;
+    const Engine::TagInfo first = Engine::info(padded);
+    EXPECT_GT(first.length, 0.5);
+    EXPECT_LT(first.length, duration - 1.4);
+
+    // Cached by path: even a vanished file is not measured again.
+    QFile::remove(padded);
+    EXPECT_EQ(Engine::info(padded).length, first.length);
+    EXPECT_EQ(Engine::info(padded).lufs, first.lufs);
+
+    // A blip followed by silence still counts half a second; a failure is not cached.
+    const QString blip = path(u"blip.wav"_s);
+    EXPECT_THROW(Engine::info(blip), TagError);
+    ::Test::makeAudio(blip, u"aevalsrc=0.3*sin(2*PI*440*t)*lt(t\\,0.2)"_s, 1.5, 44100, 1);
+    EXPECT_EQ(Engine::info(blip).length, 0.5);
+}

@@ -1,0 +1,173 @@
+// zelkor-tag as a child process: its lines, exit codes and usage errors, with the
+// real ffmpeg, and with a fake one for what the real one cannot show.
+#include "support/TestSupport.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <gtest/gtest.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+::Test::Process zelkorTag(const QStringList& args, const QStringList& environment = {}) {
+    return ::Test::runProgram(::Test::binary(u"zelkor-tag"_s), args, environment);
+}
+
+// A resources folder whose ffmpeg records each argument list (NUL-separated, in
+// args-0, args-1, ...) and answers an analysis with a loudness line first, over
+// 1 MB of noise and the duration last, exiting 1; a render runs `render`.
+QString fakeResources(const QTemporaryDir& dir, const QByteArray& render, bool executable = true) {
+    const QString resources = dir.path() + u"/share"_s;
+    QDir().mkpath(resources);
+    ::Test::writeFile(resources + u"/ffmpeg"_s, R"(#!/bin/sh
+here=$(dirname "$0")
+n=$(ls "$here" | grep -c '^args-')
+printf '%s\0' "$@" > "$here/args-$n"
+touch "$here/ran"
+out=""; for arg; do out=$arg; done
+noise() { yes 'frame=1 size=N/A time=00:00:00.00' | head -n 35000 >&2; }
+case " $* " in
+*" -filter_complex "*) )" + render + R"( ;;
+*)  echo '    I:         -20.0 LUFS'; noise
+    printf '\n  Duration: 00:00:05.00, bitrate: 1 kb/s\n' >&2
+    printf '  Stream #0:0: Audio: pcm_s16le, 44100 Hz, stereo, s16\n' >&2
+    exit 1 ;;
+esac
+)",
+                      executable);
+    return u"ZELKOR_RESOURCES="_s + resources;
+}
+
+QStringList argumentsOfRun(const QTemporaryDir& dir, int run) {
+    QStringList args =
+        QString::fromUtf8(::Test::readAll(dir.path() + u"/share/args-"_s + QString::number(run)))
+            .split(QChar(0));
+    args.removeLast();
+    return args;
+}
+
+class ZelkorTag : public testing::Test {
+protected:
+    QTemporaryDir dir;
+    QString path(const QString& name) const { return dir.path() + u'/' + name; }
+};
+
+} // namespace
+
+TEST_F(ZelkorTag, printsOneLinePerTrackAndExitsOneWhenAnyFailed) {
+    const QString music = path(u"music"_s), clip = path(u"tag.wav"_s);
+    QDir().mkpath(music);
+    ::Test::makeAudio(music + u"/beat.wav"_s, u"sine=frequency=220"_s, 6);
+    ::Test::makeAudio(clip, u"sine=frequency=880"_s, 0.5, 8000, 1);
+
+    const auto first = zelkorTag({u"--tag"_s, clip, u"--interval"_s, u"5"_s, u"--level"_s,
+                                  u"high"_s, music + u"/beat.wav"_s});
+    EXPECT_EQ(first.status, 0) << first.err.toStdString();
+    EXPECT_EQ(first.out, u"beat.wav  2 TAGS  OK  -> "_s + music + u"/beat (Tagged).wav\n"_s);
+    EXPECT_EQ(first.err, u""_s);
+
+    // The folder's earlier output is no track; the text file fails and the batch goes on.
+    ::Test::writeFile(music + u"/a notes.mp3"_s, "not audio\n");
+    const auto second = zelkorTag({u"--tag"_s, clip, u"--level=-7"_s, music});
+    EXPECT_EQ(second.status, 1);
+    EXPECT_EQ(second.out, u"a notes.mp3  CAN'T READ FILE\nbeat.wav  1 TAGS  OK  -> "_s + music +
+                              u"/beat (Tagged) (2).wav\n"_s);
+    EXPECT_TRUE(zelkorTag({u"--tag"_s, clip, music + u"/beat.wav"_s})
+                    .out.endsWith(u"/beat (Tagged) (3).wav\n"_s));
+}
+
+TEST_F(ZelkorTag, usageErrorsExitTwoAndNameTheBadValue) {
+    ::Test::writeFile(path(u"tag.wav"_s), "x");
+    const QString tag = path(u"tag.wav"_s);
+    for (const QString& interval :
+         {u"0"_s, u"2"_s, u"-3"_s, u"9999"_s, u"abc"_s, u"nan"_s, u"inf"_s}) {
+        const auto run = zelkorTag({u"--tag"_s, tag, u"--interval"_s, interval, dir.path()});
+        EXPECT_EQ(run.status, 2) << interval.toStdString();
+        EXPECT_TRUE(run.err.contains(u"--interval '"_s + interval + u'\''))
+            << run.err.toStdString();
+        EXPECT_EQ(run.err.count(u'\n'), 1);
+        EXPECT_EQ(run.out, u""_s);
+    }
+    for (const QStringList& args :
+         {QStringList{u"--tag"_s, tag, u"--level"_s, u"LOUD"_s, dir.path()},
+          QStringList{u"--tag"_s, tag, u"--level"_s, u"13"_s, dir.path()},
+          QStringList{u"--tag"_s, tag, u"--bogus"_s, dir.path()}, QStringList{u"--tag"_s, tag},
+          QStringList{dir.path(), u"--tag"_s}}) {
+        const auto run = zelkorTag(args);
+        EXPECT_EQ(run.status, 2) << args.join(u' ').toStdString();
+        EXPECT_EQ(run.err.count(u'\n'), 1) << run.err.toStdString();
+    }
+}
+
+TEST_F(ZelkorTag, nothingToTagExitsOne) {
+    ::Test::writeFile(path(u"tag.wav"_s), "x");
+    ::Test::writeFile(path(u"readme.txt"_s), "x");
+    const auto run =
+        zelkorTag({u"--tag"_s, path(u"tag.wav"_s), u"--interval"_s, u"600"_s, u"--level"_s,
+                   u"-40"_s, path(u"readme.txt"_s), path(u"beat (Tagged).wav"_s)});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.err, u"NO TRACKS FOUND\n"_s);
+    EXPECT_EQ(run.out, u""_s);
+
+    ::Test::writeFile(path(u"beat.wav"_s), "x");
+    const auto noClip = zelkorTag({u"--tag"_s, path(u"gone.wav"_s), path(u"beat.wav"_s)});
+    EXPECT_EQ(noClip.status, 1);
+    EXPECT_EQ(noClip.out, u""_s);
+}
+
+// The analyses exit 1 with over 1 MB between their first and last lines, and the
+// render's arguments show that both lines came through.
+TEST_F(ZelkorTag, ffmpegGetsItsFixedPrefixThenEveryArgumentWhole) {
+    const QString env = fakeResources(dir, "exit 0");
+    const QString track = path(u"-my beat [1]; it's.wav"_s), clip = path(u"tag (a).wav"_s);
+    ::Test::writeFile(clip, "x");
+    const auto run = zelkorTag({u"--tag"_s, clip, u"--"_s, track}, {env});
+    EXPECT_EQ(run.status, 0) << run.err.toStdString();
+    const QString out = path(u"-my beat [1]; it's (Tagged).wav"_s);
+    EXPECT_EQ(run.out, u"-my beat [1]; it's.wav  1 TAGS  OK  -> "_s + out + u'\n');
+
+    const auto analysis = [](const QString& file) {
+        return u"-hide_banner -nostdin -nostats -i"_s.split(u' ') + QStringList{file} +
+               u"-af silencedetect=n=-50dB:d=0.3,ebur128=framelog=verbose -f null -"_s.split(u' ');
+    };
+    EXPECT_EQ(argumentsOfRun(dir, 0), analysis(clip));
+    EXPECT_EQ(argumentsOfRun(dir, 1), analysis(track));
+    EXPECT_EQ(argumentsOfRun(dir, 2),
+              (QStringList{u"-hide_banner"_s, u"-nostdin"_s, u"-y"_s, u"-i"_s, track, u"-i"_s, clip,
+                           u"-filter_complex"_s,
+                           u"[1:a]aformat=sample_rates=44100:channel_layouts=stereo,"
+                           "volume=-5.00dB,asplit=1[s0];[s0]adelay=500:all=1[d0];[0:a][d0]"
+                           "amix=inputs=2:normalize=0:duration=first:dropout_transition=0,"
+                           "alimiter=limit=0.97:level=0:attack=2:release=40:latency=1[out]"_s,
+                           u"-map"_s, u"[out]"_s, u"-map_metadata"_s, u"0"_s, u"-c:a"_s,
+                           u"pcm_s24le"_s, u"-f"_s, u"wav"_s, out}));
+}
+
+TEST_F(ZelkorTag, aFailedRenderLeavesNoFileAndReportsItsLastLine) {
+    const QString env = fakeResources(dir, R"(printf 'RIFF' > "$out"; noise
+    echo '[wav @ 0x55d1a0] error writing trailer of "beat (tagged).wav": no space left on device' >&2
+    exit 1)");
+    const QString track = path(u"beat.wav"_s), clip = path(u"tag.wav"_s);
+    ::Test::writeFile(track, "x");
+    ::Test::writeFile(clip, "x");
+    const auto run = zelkorTag({u"--tag"_s, clip, track}, {env});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.out,
+              u"beat.wav  [WAV @ 0X55D1A0] ERROR WRITING TRAILER OF \"BEAT (TAGGED).WAV\n"_s);
+    EXPECT_FALSE(QFileInfo::exists(path(u"beat (Tagged).wav"_s)));
+}
+
+TEST_F(ZelkorTag, withoutAnExecutableFfmpegNothingIsStarted) {
+    for (const char* fixed : {"/opt/homebrew/bin/ffmpeg", "/usr/local/bin/ffmpeg"})
+        if (QFileInfo(QString::fromUtf8(fixed)).isExecutable())
+            GTEST_SKIP() << fixed << " exists on this machine";
+    const QString env = fakeResources(dir, "exit 0", false);
+    const QString track = path(u"beat.wav"_s), clip = path(u"tag.wav"_s);
+    ::Test::writeFile(track, "x");
+    ::Test::writeFile(clip, "x");
+    const auto run = zelkorTag({u"--tag"_s, clip, track, track}, {env});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.out, u"beat.wav  FFMPEG NOT FOUND\nbeat.wav  FFMPEG NOT FOUND\n"_s);
+    EXPECT_FALSE(QFileInfo::exists(dir.path() + u"/share/ran"_s));
+}
