@@ -23,6 +23,10 @@ std::optional<double> levelNamed(const QString& text) {
     return numberIn(text, kMinLevel, kMaxLevel);
 }
 
+const QStringList kValueOptions{QStringLiteral("--tag"),     QStringLiteral("--interval"),
+                                QStringLiteral("--level"),   QStringLiteral("--jobs"),
+                                QStringLiteral("--add-tag"), QStringLiteral("--select-tag")};
+
 } // namespace
 
 std::variant<Options, UsageError> parse(const QStringList& arguments) {
@@ -46,6 +50,10 @@ std::variant<Options, UsageError> parse(const QStringList& arguments) {
             options.version = true;
             continue;
         }
+        if (argument == QLatin1String("--list-tags")) {
+            options.listTags = true;
+            continue;
+        }
 
         // --name VALUE or --name=VALUE
         QString name = argument;
@@ -54,9 +62,7 @@ std::variant<Options, UsageError> parse(const QStringList& arguments) {
             name = argument.left(eq);
             value = argument.mid(eq + 1);
         }
-        const bool known = name == QLatin1String("--tag") || name == QLatin1String("--interval") ||
-                           name == QLatin1String("--level");
-        if (!known)
+        if (!kValueOptions.contains(name))
             return UsageError{QStringLiteral("unknown option '%1'").arg(name)};
         if (!value) {
             if (i + 1 >= arguments.size())
@@ -66,12 +72,22 @@ std::variant<Options, UsageError> parse(const QStringList& arguments) {
 
         if (name == QLatin1String("--tag")) {
             options.tag = *value;
+        } else if (name == QLatin1String("--add-tag")) {
+            options.addTag = *value;
+        } else if (name == QLatin1String("--select-tag")) {
+            options.selectTag = *value;
         } else if (name == QLatin1String("--interval")) {
             options.interval = numberIn(*value, kMinInterval, kMaxInterval);
             if (!options.interval)
                 return UsageError{
                     QStringLiteral("invalid --interval '%1': give seconds from 5 to 600")
                         .arg(*value)};
+        } else if (name == QLatin1String("--jobs")) {
+            bool ok = false;
+            options.jobs = value->toInt(&ok);
+            if (!ok || options.jobs < 1 || options.jobs > kMaxJobs)
+                return UsageError{
+                    QStringLiteral("invalid --jobs '%1': give a count from 1 to 64").arg(*value)};
         } else {
             options.levelDB = levelNamed(*value);
             if (!options.levelDB)
@@ -85,15 +101,22 @@ std::variant<Options, UsageError> parse(const QStringList& arguments) {
 
 QString usage() {
     return QStringLiteral(
-        "Usage: zelkor-tag --tag FILE [--interval SECONDS] [--level LEVEL] [--] PATH...\n"
+        "Usage: zelkor-tag [--tag FILE] [--interval SECONDS] [--level LEVEL] [--jobs N] [--]\n"
+        "                  PATH...\n"
+        "       zelkor-tag --list-tags | --add-tag FILE | --select-tag NAME\n"
         "\n"
         "Lays the tag clip over every MP3 and WAV track in PATH (files and folders)\n"
         "and writes \"NAME (Tagged).EXT\" next to each track. Originals are never changed.\n"
         "\n"
-        "  --tag FILE          the tag clip (WAV, MP3, AIFF, M4A or FLAC)\n"
-        "  --interval SECONDS  time between tags, 5 to 600 (default 30)\n"
+        "  --tag FILE          the tag clip (default: the one selected in the library)\n"
+        "  --interval SECONDS  time between tags, 5 to 600 (default: the saved INTERVAL)\n"
         "  --level LEVEL       LOW, MID or HIGH (-9, -5, -1 dB), or dB from -40 to 12\n"
-        "                      relative to the track's loudness (default MID)\n"
+        "                      relative to the track's loudness (default: the saved LEVEL)\n"
+        "  --jobs N            tag up to N tracks at once (default 1)\n"
+        "  --list-tags         list the tag library, the selected clip marked with *\n"
+        "  --add-tag FILE      copy a clip (WAV, MP3, AIFF, M4A, FLAC) into the library\n"
+        "                      and select it\n"
+        "  --select-tag NAME   select the library's clip with this file name\n"
         "  --help              show this help\n"
         "  --version           show the version\n"
         "\n"
