@@ -1,0 +1,53 @@
+// The application's delegate: builds the window and the view at launch, hands
+// files opened from the shell to the view, and writes a snapshot when asked.
+#pragma once
+
+#include <QObject>
+#include <QStringList>
+#include <memory>
+#include <optional>
+
+class FileViewer;
+class HUDView;
+class QMainWindow;
+class Sounds;
+
+// What the command line asks for: files to process and an optional snapshot.
+struct LaunchOptions {
+    QStringList files; // absolute paths, in the order given
+    std::optional<QString> snapshot;
+};
+
+// `arguments` starts with the program path. The first "--snapshot" followed by
+// a path asks for a snapshot; everything else is a file or folder.
+LaunchOptions parseArguments(const QStringList& arguments);
+
+class AppDelegate : public QObject {
+public:
+    struct Services {
+        std::unique_ptr<Sounds> sounds;
+        std::unique_ptr<FileViewer> fileViewer;
+    };
+
+    AppDelegate(Services services, std::optional<QString> snapshot);
+    ~AppDelegate() override;
+
+    // Files opened from the shell: to the view once it exists, kept until then.
+    void open(const QStringList& paths);
+    void didFinishLaunching();
+
+    HUDView* hud() const { return m_hud; }
+
+private:
+    void buildWindow();
+    void writeSnapshot(const QString& path);
+
+    Services m_services;
+    std::optional<QString> m_snapshot;
+    std::unique_ptr<QMainWindow> m_window;
+    HUDView* m_hud = nullptr; // owned by the window
+    QStringList m_pending;
+};
+
+// The whole application in the dark: title bars, menus and dialogs included.
+void applyDarkAppearance();

@@ -1,0 +1,29 @@
+// Remembers where the window was: its frame is saved in the preferences under
+// a name whenever it moves, and restored from there at launch.
+#pragma once
+
+#include <QObject>
+#include <QPointer>
+#include <QString>
+#include <QTimer>
+
+class QWidget;
+
+class FrameAutosave : public QObject {
+public:
+    FrameAutosave(QWidget& window, QString name);
+
+    // Moves the window to the saved place, when one is saved and still on a screen.
+    void restore();
+
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override;
+
+private:
+    void save();
+
+    QPointer<QWidget> m_window;
+    QString m_name;
+    // A drag moves the window hundreds of times; the file is written once it rests.
+    QTimer m_settle;
+};

@@ -1,0 +1,17 @@
+// "Show these files in the file manager", behind an interface so tests can
+// record what the program asked to show.
+#pragma once
+
+#include <QStringList>
+#include <memory>
+
+class FileViewer {
+public:
+    virtual ~FileViewer() = default;
+    // Absolute paths, shown selected; returns at once.
+    virtual void show(const QStringList& paths) = 0;
+};
+
+// org.freedesktop.FileManager1.ShowItems on the session bus; when no file
+// manager answers within two seconds, the first file's folder is opened instead.
+std::unique_ptr<FileViewer> makeDesktopFileViewer();

@@ -1,0 +1,130 @@
+// The batch runner: guards on the main thread, one worker thread per batch
+// taking the tracks one at a time, each result and then the finish step posted
+// back to the main thread in order.
+#include "view/HUDView.h"
+
+#include "engine/Engine.h"
+#include "model/Settings.h"
+#include "model/Tags.h"
+#include "platform/FileViewer.h"
+#include "platform/Sounds.h"
+#include "style/Palette.h"
+
+#include <QFileInfo>
+#include <QMetaObject>
+#include <atomic>
+#include <mutex>
+#include <thread>
+
+using namespace Style;
+
+namespace {
+
+std::atomic<int> g_workers{0};
+
+} // namespace
+
+// The worker's way back to the view. A QWidget cannot be kept alive from another
+// thread, so the view detaches itself here when it goes; posting under the lock
+// means nothing is posted to a view that is being destroyed, and Qt drops the
+// steps already posted to it.
+struct HUDView::Batch {
+    std::mutex mutex;
+    HUDView* view = nullptr;
+
+    void post(std::function<void(HUDView&)> step) {
+        const std::lock_guard lock(mutex);
+        if (view)
+            QMetaObject::invokeMethod(
+                view, [target = view, step = std::move(step)] { step(*target); },
+                Qt::QueuedConnection);
+    }
+};
+
+namespace {
+
+struct Work {
+    QStringList tracks;
+    QString tag;
+    double interval = 0;
+    double levelDB = 0;
+};
+
+LogLine tagTrack(const QString& track, const Work& work, QStringList& written) {
+    const QString name = QFileInfo(track).fileName();
+    try {
+        const Engine::Result result = Engine::process(track, work.tag, work.interval, work.levelDB);
+        written << result.output;
+        return {name, QString::number(result.placements) + QStringLiteral(" TAGS  OK"), purple};
+    } catch (const std::exception& error) {
+        return {name, describeError(error), errColor};
+    } catch (...) {
+        return {name, QStringLiteral("FAILED"), errColor};
+    }
+}
+
+} // namespace
+
+void HUDView::start(const QStringList& paths) {
+    const QStringList tracks = Engine::collect(paths);
+    if (tracks.isEmpty() || m_state.busy) {
+        update();
+        return;
+    }
+    refreshTag();
+    if (!m_tag) {
+        m_state.log.push_back(
+            {QStringLiteral("ADD YOUR TAG FILE FIRST"), QStringLiteral("NO TAG"), errColor});
+        update();
+        m_services.sounds.play(QStringLiteral("Basso"));
+        return;
+    }
+    m_state.busy = true;
+    m_state.progress = {0, tracks.size()};
+    update();
+
+    Work work{tracks, *m_tag, Settings::interval(), Settings::levelDB()};
+    if (!m_batch) {
+        m_batch = std::make_shared<Batch>();
+        m_batch->view = this;
+    }
+    ++g_workers;
+    std::thread([batch = m_batch, work = std::move(work)] {
+        QStringList written;
+        const auto total = static_cast<long long>(work.tracks.size());
+        for (long long i = 0; i < total; ++i) {
+            const LogLine line = tagTrack(work.tracks[i], work, written);
+            batch->post([line, i, total](HUDView& view) { view.trackDone(line, i + 1, total); });
+        }
+        batch->post([written](HUDView& view) { view.finishBatch(written); });
+        --g_workers;
+    }).detach();
+}
+
+void HUDView::trackDone(const LogLine& line, long long done, long long total) {
+    m_state.log.push_back(line);
+    m_state.progress = {done, total};
+    update();
+}
+
+void HUDView::finishBatch(const QStringList& written) {
+    m_state.busy = false;
+    update();
+    if (written.isEmpty()) {
+        m_services.sounds.play(QStringLiteral("Basso"));
+        return;
+    }
+    m_services.fileViewer.show(written);
+    m_services.sounds.play(QStringLiteral("Glass"));
+}
+
+HUDView::~HUDView() {
+    if (m_batch) {
+        const std::lock_guard lock(m_batch->mutex);
+        m_batch->view = nullptr;
+    }
+}
+
+bool HUDView::workersRunning() {
+    return g_workers.load() > 0;
+}

@@ -1,0 +1,103 @@
+// The look's shared pieces: colours, the two faces with their fallbacks, and
+// SVG resources tinted with source-atop.
+#include "style/Fonts.h"
+#include "style/Image.h"
+#include "style/Palette.h"
+#include "support/FreshHome.h"
+#include "support/GuiSupport.h"
+#include "support/TestSupport.h"
+
+#include <QFontInfo>
+#include <QPainter>
+#include <gtest/gtest.h>
+
+using namespace Style;
+
+TEST(Palette, rgbReadsTheLow24BitsAndTheAlpha) {
+    const QColor accent = rgb(0xA260FF);
+    EXPECT_EQ(accent.red(), 162);
+    EXPECT_EQ(accent.green(), 96);
+    EXPECT_EQ(accent.blue(), 255);
+    EXPECT_EQ(accent.alphaF(), 1.0f);
+    EXPECT_NEAR(rgb(0xFF6B6B, 0.5).alphaF(), 0.5, 1e-4); // Qt keeps 16 bits a channel
+    EXPECT_EQ(rgb(0x12A260FF), accent);
+}
+
+class StyleResources : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { ::Test::guiApplication(); }
+    StyleResources() { home.setEnv("ZELKOR_RESOURCES", home.root()); }
+
+    void writeSvg(const QString& name, const QByteArray& svg) {
+        ::Test::writeFile(home.root() + QLatin1Char('/') + name + QStringLiteral(".svg"), svg);
+    }
+
+    ::Test::FreshHome home;
+};
+
+TEST_F(StyleResources, withoutShippedFontsTheSystemFacesStandIn) {
+    registerFonts(); // no Fonts folder at all
+    const QFont heading = head(20);
+    const QFont text = body(11);
+    EXPECT_EQ(heading.pixelSize(), 20);
+    EXPECT_EQ(text.pixelSize(), 11);
+    EXPECT_FALSE(QFontInfo(heading).fixedPitch());
+    EXPECT_TRUE(QFontInfo(text).fixedPitch());
+    EXPECT_EQ(text.weight(), QFont::Normal);
+}
+
+TEST(FontNames, familyAndStyleAreMatchedToPostScriptNames) {
+    EXPECT_TRUE(matchesPostScriptName(QStringLiteral("Neutral Face"), QStringLiteral("Regular"),
+                                      QStringLiteral("NeutralFaceRegular")));
+    EXPECT_TRUE(matchesPostScriptName(QStringLiteral("OffBit 101"), QStringLiteral("Bold"),
+                                      QStringLiteral("OffBit-101Bold")));
+    EXPECT_FALSE(matchesPostScriptName(QStringLiteral("OffBit 101"), QStringLiteral("Regular"),
+                                       QStringLiteral("OffBit-101Bold")));
+}
+
+TEST_F(StyleResources, missingOrBrokenImagesAreNone) {
+    EXPECT_FALSE(tinted(QStringLiteral("panel-strip"), lineStrong));
+    writeSvg(QStringLiteral("broken"), "<svg this is not");
+    EXPECT_FALSE(image(QStringLiteral("broken")));
+}
+
+TEST_F(StyleResources, tintLandsOnlyWhereTheImageHasInkAndKeepsItsAlpha) {
+    // Left half: red at half opacity; right half: nothing.
+    writeSvg(QStringLiteral("half"), R"(<svg xmlns="http://www.w3.org/2000/svg" width="20"
+        height="10" viewBox="0 0 20 10"><rect width="10" height="10" fill="#FF0000"
+        fill-opacity="0.5"/></svg>)");
+    const auto plate = tinted(QStringLiteral("half"), rgb(0xFAFAFA, 0.3));
+    ASSERT_TRUE(plate);
+    EXPECT_EQ(plate->size(), QSizeF(20, 10));
+    QImage canvas(20, 10, QImage::Format_ARGB32);
+    canvas.fill(Qt::transparent);
+    {
+        QPainter painter(&canvas);
+        plate->draw(painter, QRectF(0, 0, 20, 10));
+    }
+    const QColor inked = canvas.pixelColor(5, 5);
+    EXPECT_NEAR(inked.alphaF(), 0.5, 0.02);
+    EXPECT_NEAR(inked.red(), qRound(0.3 * 250 + 0.7 * 255), 3);
+    EXPECT_NEAR(inked.green(), qRound(0.3 * 250), 3);
+    EXPECT_EQ(canvas.pixelColor(15, 5).alpha(), 0);
+
+    const auto flat = tinted(QStringLiteral("half"), purple);
+    canvas.fill(Qt::transparent);
+    {
+        QPainter painter(&canvas);
+        flat->draw(painter, QRectF(0, 0, 20, 10));
+    }
+    EXPECT_TRUE(::Test::near(canvas.pixelColor(5, 5), purple, 3));
+    EXPECT_NEAR(canvas.pixelColor(5, 5).alphaF(), 0.5, 0.02);
+}
+
+TEST(ShippedImages, thePlateKeepsItsProportions) {
+    ::Test::guiApplication();
+    const auto plate = tinted(QStringLiteral("panel-strip"), lineStrong);
+    ASSERT_TRUE(plate);
+    EXPECT_NEAR(plate->size().width(), 387.83, 1e-3);
+    EXPECT_NEAR(plate->size().height(), 65.61, 1e-3);
+    const auto logo = image(QStringLiteral("logo"));
+    ASSERT_TRUE(logo);
+    EXPECT_EQ(logo->size(), QSizeF(48, 48));
+}

@@ -1,0 +1,262 @@
+// The main view drawn offscreen at device pixel ratio 1, checked pixel by pixel
+// in each of its states, with the click regions the drawing leaves behind.
+#include "model/Settings.h"
+#include "style/Fonts.h"
+#include "style/Palette.h"
+#include "support/FreshHome.h"
+#include "support/GuiSupport.h"
+#include "support/TestSupport.h"
+#include "view/Drawing.h"
+#include "view/HUDView.h"
+
+#include <gtest/gtest.h>
+
+using namespace Style;
+using Drawing::withAlpha;
+using ::Test::near;
+using ::Test::over;
+
+namespace {
+
+struct Extent {
+    int left = -1, right = -1, top = -1, bottom = -1;
+    bool found() const { return left >= 0; }
+    double middleY() const { return (top + bottom + 1) / 2.0; }
+};
+
+// Where the pixels that `counts` lie inside a box.
+Extent extent(const QImage& image, const QRect& box, const std::function<bool(QColor)>& counts) {
+    Extent e;
+    for (int y = box.top(); y <= box.bottom(); ++y)
+        for (int x = box.left(); x <= box.right(); ++x)
+            if (counts(image.pixelColor(x, y)))
+                e = e.found() ? Extent{std::min(e.left, x), std::max(e.right, x),
+                                       std::min(e.top, y), std::max(e.bottom, y)}
+                              : Extent{x, x, y, y};
+    return e;
+}
+
+// Pixels brighter than the background.
+Extent lit(const QImage& image, const QRect& box, int threshold = 40) {
+    return extent(image, box, [threshold](QColor c) {
+        return std::max({c.red(), c.green(), c.blue()}) >= threshold;
+    });
+}
+
+bool hasColour(const QImage& image, const QRect& box, const QColor& colour) {
+    return extent(image, box, [&](QColor c) { return near(c, colour, 12); }).found();
+}
+
+const QRect kHeadline(100, 262, 400, 48); // "DROP" starts right of 220, "ADD A TAG" left of it
+const QRect kTagText(128, 100, 300, 18);
+
+} // namespace
+
+class ViewDrawing : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { ::Test::guiApplication(); }
+
+    void addTag(const QString& name) {
+        QDir().mkpath(home.tagsDir());
+        ::Test::writeFile(home.tagsDir() + QLatin1Char('/') + name, "RIFF");
+    }
+
+    HUDView& view() {
+        if (!m_view)
+            m_view = std::make_unique<HUDView>(HUDView::Services{sounds, viewer});
+        return *m_view;
+    }
+
+    QImage render(HUDView::State state = {}) {
+        view().setState(std::move(state));
+        return view().snapshot(1);
+    }
+
+    ::Test::FreshHome home;
+    ::Test::RecordingSounds sounds;
+    ::Test::RecordingFileViewer viewer;
+    std::unique_ptr<HUDView> m_view;
+};
+
+TEST_F(ViewDrawing, idleWithATagAsksForTracks) {
+    addTag(QStringLiteral("my tag.mp3"));
+    const QImage image = render();
+    ASSERT_EQ(image.size(), QSize(600, 640));
+    EXPECT_TRUE(near(image.pixelColor(3, 3), black, 0));
+    EXPECT_TRUE(near(image.pixelColor(300, 78), over(line, black)));        // header rule
+    EXPECT_TRUE(near(image.pixelColor(100, 109), over(lineStrong, black))); // tag field
+    EXPECT_TRUE(near(image.pixelColor(115, 108), purple));                  // status square
+    EXPECT_TRUE(lit(image, kTagText, 200).found());                         // "MY TAG", white
+    EXPECT_TRUE(near(image.pixelColor(25, 140), over(withAlpha(white, 0.85), black)));
+    EXPECT_TRUE(near(image.pixelColor(32, 156), over(rgb(0xFAFAFA, 0.07), black))); // a dot
+    EXPECT_TRUE(near(image.pixelColor(40, 164), black, 0));
+    EXPECT_TRUE(near(image.pixelColor(300, 220), over(withAlpha(purple, 0.75), black), 6));
+    const Extent headline = lit(image, kHeadline, 120);
+    EXPECT_GT(headline.left, 220);
+    EXPECT_NEAR(headline.middleY(), 286, 1.0);
+    EXPECT_TRUE(near(image.pixelColor(168, 335), black, 0)); // no progress bar
+}
+
+TEST_F(ViewDrawing, idleWithoutATagAsksForTheTagFile) {
+    const QImage image = render();
+    EXPECT_TRUE(near(image.pixelColor(115, 108), over(lineStrong, black)));
+    EXPECT_LT(lit(image, kHeadline, 120).left, 220);
+    EXPECT_TRUE(lit(image, kTagText).found());
+    EXPECT_FALSE(lit(image, kTagText, 200).found()); // dim, never white
+}
+
+TEST_F(ViewDrawing, hoverLightsTheZoneOrTheTagRow) {
+    addTag(QStringLiteral("voice.wav"));
+    HUDView::State zone;
+    zone.hoverZone = true;
+    QImage image = render(zone);
+    EXPECT_TRUE(near(image.pixelColor(50, 200), over(purpleSoft, black)));
+    EXPECT_TRUE(near(image.pixelColor(25, 140), purple));
+    EXPECT_TRUE(near(image.pixelColor(583, 430), purple));
+    const Extent release = lit(image, kHeadline, 120);
+    EXPECT_GT(release.left, 180); // "RELEASE": wider than "DROP", narrower than "ADD A TAG"
+    EXPECT_LT(release.left, 240);
+    EXPECT_TRUE(near(image.pixelColor(100, 109), over(lineStrong, black)));
+
+    HUDView::State tag;
+    tag.hoverTag = true;
+    image = render(tag);
+    EXPECT_TRUE(near(image.pixelColor(100, 109), purple));
+    EXPECT_TRUE(near(image.pixelColor(104, 98), over(purpleSoft, black)));
+    EXPECT_TRUE(near(image.pixelColor(115, 108), purple));
+    EXPECT_TRUE(near(image.pixelColor(50, 200), black, 0));
+}
+
+TEST_F(ViewDrawing, hoverOverTheTagRowWithoutATagKeepsTheSquareGrey) {
+    HUDView::State tag;
+    tag.hoverTag = true;
+    const QImage image = render(tag);
+    EXPECT_TRUE(near(image.pixelColor(115, 108), over(lineStrong, over(purpleSoft, black))));
+    EXPECT_TRUE(lit(image, kTagText, 200).found()); // "DROP TO ADD AS TAG" in white
+}
+
+TEST_F(ViewDrawing, busyShowsCounterBarAndRegistersNoRegions) {
+    addTag(QStringLiteral("voice.wav"));
+    HUDView::State state;
+    state.busy = true;
+    state.progress = {3, 12};
+    const QImage image = render(state);
+    for (int i = 0; i < 30; ++i)
+        EXPECT_TRUE(near(image.pixelColor(static_cast<int>(168 + 9.1 * i), 335),
+                         i < 7 ? purple : over(line, black)))
+            << i;
+    EXPECT_TRUE(near(image.pixelColor(25, 140), purple));
+    EXPECT_TRUE(near(image.pixelColor(300, 220), black, 0)); // no plus sign
+    const Extent counter = lit(image, QRect(150, 245, 300, 50));
+    // The first digit alone: "/" reaches above the capitals and below the baseline.
+    EXPECT_NEAR(lit(image, QRect(counter.left, 245, 16, 50)).middleY(), 270, 1.0);
+    EXPECT_TRUE(view().hits().empty());
+
+    state.progress = {0, 0};
+    const QImage empty = render(state);
+    for (int i = 0; i < 30; ++i)
+        EXPECT_TRUE(near(empty.pixelColor(static_cast<int>(168 + 9.1 * i), 335), over(line, black)))
+            << i;
+    EXPECT_TRUE(view().hits().empty());
+}
+
+TEST_F(ViewDrawing, logShowsTheLastFourWithALongNameShortened) {
+    HUDView::State state;
+    state.log = {{QStringLiteral("one.wav"), QStringLiteral("4 TAGS  OK"), purple},
+                 {QStringLiteral("two.wav"), QStringLiteral("4 TAGS  OK"), purple},
+                 {QStringLiteral("AN EXTREMELY LONG BEAT NAME THAT GOES ON AND ON AND ON "
+                                 "UNTIL IT CANNOT POSSIBLY FIT.wav"),
+                  QStringLiteral("CAN'T READ FILE"), errColor},
+                 {QStringLiteral("four.wav"), QStringLiteral("1 TAGS  OK"), purple},
+                 {QStringLiteral("five.wav"), QStringLiteral("FFMPEG NOT FOUND"), errColor},
+                 {QStringLiteral("six.mp3"), QStringLiteral("12 TAGS  OK"), purple}};
+    const QImage image = render(state);
+    for (int row = 0; row < 4; ++row) {
+        const QRect status(300, 484 + 20 * row, 284, 12);
+        const bool failed = row % 2 == 0; // entries 3 to 6: red, purple, red, purple
+        EXPECT_TRUE(hasColour(image, status, failed ? errColor : purple)) << row;
+        EXPECT_FALSE(hasColour(image, status, failed ? purple : errColor)) << row;
+        EXPECT_LE(lit(image, status).right, 584);
+    }
+    EXPECT_FALSE(lit(image, QRect(0, 564, 600, 10)).found()); // no fifth line
+
+    // The shortened text stops at least 16 points before its status, and not far before.
+    const QRect first(16, 484, 568, 12);
+    const Extent status = extent(image, first, [](QColor c) { return c.red() - c.green() > 40; });
+    const Extent text = extent(image, first, [](QColor c) {
+        return c.red() > 40 && std::abs(c.red() - c.green()) < 8 &&
+               std::abs(c.green() - c.blue()) < 8;
+    });
+    EXPECT_LE(text.right, status.left - 16 + 1);
+    EXPECT_GT(text.right, status.left - 16 - 24);
+}
+
+TEST_F(ViewDrawing, emptyLogWaitsWithABlinkingCursor) {
+    HUDView::State off;
+    off.blink = false;
+    const Extent withCursor = lit(render(), QRect(16, 482, 400, 16));
+    const Extent without = lit(render(off), QRect(16, 482, 400, 16));
+    EXPECT_GT(withCursor.right, without.right + 4);
+    EXPECT_NEAR(without.left, 16, 2);
+    EXPECT_TRUE(::Test::waitUntil([&] { return !view().state().blink; }, 2000));
+}
+
+TEST_F(ViewDrawing, hitsFollowTheDrawingOrder) {
+    addTag(QStringLiteral("voice.wav"));
+    render();
+    const std::vector<HUDView::Hit>& hits = view().hits();
+    ASSERT_EQ(hits.size(), 9u);
+    const double bw = HUDView::width(QStringLiteral("+ ADD TAG"), body(12), 1.2) + 24;
+    EXPECT_EQ(hits[0].rect, QRectF(100, 94, 476 - bw, 30));
+    EXPECT_EQ(hits[1].rect, QRectF(584 - bw, 94, bw, 30));
+    EXPECT_EQ(hits[2].rect.topLeft(), QPointF(100, 594));
+    for (std::size_t i = 3; i < 9; ++i) {
+        EXPECT_EQ(hits[i].rect.top(), 594);
+        EXPECT_EQ(hits[i].rect.height(), 30);
+        if (i != 6) { // the level control starts a row of its own
+            EXPECT_DOUBLE_EQ(hits[i].rect.left(), hits[i - 1].rect.right());
+        }
+    }
+    EXPECT_DOUBLE_EQ(hits[8].rect.right(), 584);
+}
+
+TEST_F(ViewDrawing, segmentActionsChangeTheSettingsThatTheNextPassShows) {
+    QImage image = render();
+    const QPointF inside(3, 3);
+    const QRectF thirty = view().hits()[3].rect;
+    const QRectF fortyFive = view().hits()[4].rect;
+    EXPECT_TRUE(near(image.pixelColor((thirty.topLeft() + inside).toPoint()), white));
+    view().hits()[4].action();
+    view().hits()[8].action();
+    EXPECT_EQ(Settings::intervalIndex(), 2);
+    EXPECT_EQ(Settings::levelIndex(), 2);
+    image = view().snapshot(1);
+    EXPECT_TRUE(near(image.pixelColor((fortyFive.topLeft() + inside).toPoint()), white));
+    EXPECT_TRUE(near(image.pixelColor((thirty.topLeft() + inside).toPoint()), black, 0));
+    EXPECT_TRUE(
+        near(image.pixelColor((view().hits()[8].rect.topLeft() + inside).toPoint()), white));
+}
+
+TEST_F(ViewDrawing, levelControlEndsAtTheRightPadOnAWiderView) {
+    view().resize(720, 640);
+    const QImage image = view().snapshot(1);
+    ASSERT_EQ(view().hits().size(), 9u);
+    EXPECT_DOUBLE_EQ(view().hits().back().rect.right(), 704);
+    EXPECT_TRUE(near(image.pixelColor(703, 600), over(lineStrong, black)));
+    EXPECT_TRUE(near(image.pixelColor(704, 600), black, 0));
+}
+
+TEST_F(ViewDrawing, titleStartsAt76WithoutALogoAndTextsSitOnTheirLines) {
+    home.setEnv("ZELKOR_RESOURCES", home.root());
+    const QImage image = render();
+    EXPECT_FALSE(lit(image, QRect(0, 10, 70, 60)).found());
+    const Extent title = lit(image, QRect(60, 25, 100, 40), 120);
+    EXPECT_GE(title.left, 76);
+    EXPECT_LE(title.left, 79);
+    EXPECT_NEAR(title.middleY(), 45, 1.0);
+    EXPECT_NEAR(lit(image, QRect(16, 96, 40, 26)).middleY(), 109, 1.0);  // "TAG"
+    EXPECT_NEAR(lit(image, QRect(16, 452, 44, 28)).middleY(), 466, 1.0); // "LOG"
+    const Extent footer = lit(image, QRect(400, 412, 178, 16));          // right-aligned to 568
+    EXPECT_GE(footer.right, 565);
+    EXPECT_LE(footer.right, 568);
+}
