@@ -21,6 +21,7 @@ constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 constexpr int kBarCells = 30;
+constexpr std::chrono::milliseconds kSignalPoll{100};
 
 volatile std::sig_atomic_t interrupted = 0;
 
@@ -28,8 +29,8 @@ void onInterrupt(int) {
     interrupted = 1;
 }
 
-// ffmpeg shares our process group and stops on Ctrl-C by itself; we only stop
-// starting new tracks, so the one it was writing is cleaned up, not left half done.
+// On Ctrl-C or a kill, the running ffmpeg children are ended and their partial
+// outputs removed; tracks already written stay.
 void catchInterrupts() {
     struct sigaction action = {};
     action.sa_handler = onInterrupt;
@@ -184,7 +185,11 @@ int tagAll(const Cli::Options& options) {
             workers.emplace_back(work);
         progress.show(0);
         while (printed < total) {
-            changed.wait(lock, [&] { return lines[printed] || running == 0; });
+            // Woken by each finished track, and often enough to notice a signal.
+            while (!changed.wait_for(lock, kSignalPoll,
+                                     [&] { return lines[printed] || running == 0; }))
+                if (interrupted)
+                    Engine::stopAll();
             if (!lines[printed])
                 break; // interrupted: the rest will never come
             progress.clear();

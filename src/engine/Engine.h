@@ -32,6 +32,9 @@ const std::optional<QString>& ffmpeg();
 // Runs ffmpeg with "-hide_banner -nostdin" and `args`; throws TagError::noFFmpeg
 // when there is none, Failure when it cannot be started.
 RunResult run(const QStringList& args);
+// Ends every ffmpeg run in progress and refuses new ones, for quitting: such a
+// run throws Failure "STOPPED", and a render removes its partial output first.
+void stopAll();
 
 // Capture group 1 of every match, in text order; an invalid pattern gives none.
 QStringList match(const QString& pattern, const QString& text);

@@ -7,8 +7,8 @@
 #include <QSet>
 #include <QTextBoundaryFinder>
 #include <cmath>
-#include <mutex>
 #include <functional>
+#include <mutex>
 
 namespace Engine {
 
@@ -179,8 +179,13 @@ Result process(const QString& track, const QString& tag, double interval, double
 
     const Reservation reservation(track);
     const QString& out = reservation.path();
-    const RunResult result =
-        run(renderArguments(track, tag, filterGraph(gain, times, analysis.format), out));
+    RunResult result;
+    try {
+        result = run(renderArguments(track, tag, filterGraph(gain, times, analysis.format), out));
+    } catch (...) {
+        QFile::remove(out); // stopped half-way
+        throw;
+    }
     if (result.status == 0)
         return {out, static_cast<int>(times.size())};
 

@@ -4,6 +4,9 @@
 
 #include <QFileInfo>
 #include <QProcess>
+#include <csignal>
+#include <mutex>
+#include <set>
 
 namespace Engine {
 
@@ -32,10 +35,55 @@ const std::optional<QString>& ffmpeg() {
     return found;
 }
 
+namespace {
+
+// The ffmpeg children running now, so that quitting can end them.
+std::mutex childrenLock;
+std::set<qint64> children;
+bool stopping = false;
+
+const QString kStopped = QStringLiteral("STOPPED");
+
+class Child {
+public:
+    explicit Child(qint64 pid)
+        : m_pid(pid) {
+        const std::lock_guard lock(childrenLock);
+        if (stopping)
+            ::kill(static_cast<pid_t>(pid), SIGKILL);
+        children.insert(pid);
+    }
+    ~Child() {
+        const std::lock_guard lock(childrenLock);
+        children.erase(m_pid);
+    }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+private:
+    qint64 m_pid;
+};
+
+bool isStopping() {
+    const std::lock_guard lock(childrenLock);
+    return stopping;
+}
+
+} // namespace
+
+void stopAll() {
+    const std::lock_guard lock(childrenLock);
+    stopping = true;
+    for (const qint64 pid : children)
+        ::kill(static_cast<pid_t>(pid), SIGKILL);
+}
+
 RunResult run(const QStringList& args) {
     const std::optional<QString>& program = ffmpeg();
     if (!program)
         throw TagError::noFFmpeg();
+    if (isStopping())
+        throw Failure(kStopped);
 
     QProcess process;
     process.setProcessChannelMode(QProcess::MergedChannels);
@@ -46,8 +94,13 @@ RunResult run(const QStringList& args) {
     if (!process.waitForStarted(-1))
         throw Failure(process.errorString().toUpper());
 
-    // QProcess drains the pipe while it waits, so a chatty child never blocks.
-    process.waitForFinished(-1);
+    {
+        const Child child(process.processId());
+        // QProcess drains the pipe while it waits, so a chatty child never blocks.
+        process.waitForFinished(-1);
+    }
+    if (isStopping())
+        throw Failure(kStopped);
     const QByteArray bytes = process.readAll();
 
     RunResult result;
