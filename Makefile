@@ -1,10 +1,24 @@
 # make run: install what is missing, build, and run Zelkor (the headless demo without a display).
 # make test: the same set-up, then the whole test suite.
+#   (also the suite under AddressSanitizer and UndefinedBehaviorSanitizer, the
+#   threaded tests under ThreadSanitizer, and a short run of each fuzz target)
+# make bench: the published speed figures, each against its target.
+# make fuzz: each fuzz target for FUZZ_SECONDS.
+# make install: the program, its resources, desktop entry and icon under PREFIX.
 
 BUILD ?= build
 JOBS ?= $(shell nproc)
+PREFIX ?= /usr/local
+FUZZ_SECONDS ?= 120
+SMOKE_SECONDS ?= 15
+# Tests with threads of their own, run again under ThreadSanitizer.
+THREADED_TESTS := ParallelTest BatchRunnerTest
+SANITIZER_ENV := ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+	LSAN_OPTIONS=suppressions=$(CURDIR)/tests/sanitizers/lsan.supp:print_suppressions=0 \
+	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(CURDIR)/tests/sanitizers/tsan.supp
 
-.PHONY: all deps configure build run demo test format clean
+.PHONY: all deps configure build run demo test test-asan test-tsan fuzz fuzz-smoke bench install format clean
 
 all: build
 
@@ -29,9 +43,37 @@ demo: build
 
 test: build
 	@ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+	@$(MAKE) --no-print-directory test-asan test-tsan fuzz-smoke
+
+test-asan: deps
+	@test -f build-asan/build.ninja || cmake -S . -B build-asan -G Ninja -DZELKOR_SANITIZE=address,undefined
+	@cmake --build build-asan -j $(JOBS)
+	@$(SANITIZER_ENV) ctest --test-dir build-asan --output-on-failure -j $(JOBS)
+
+test-tsan: deps
+	@test -f build-tsan/build.ninja || cmake -S . -B build-tsan -G Ninja -DZELKOR_SANITIZE=thread
+	@cmake --build build-tsan -j $(JOBS) --target zelkor-tag $(THREADED_TESTS)
+	@$(SANITIZER_ENV) ctest --test-dir build-tsan --output-on-failure -R '^(Parallel|BatchRunner)\.'
+
+build-fuzz/build.ninja:
+	@CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DZELKOR_FUZZ=ON -DZELKOR_TESTS=OFF
+
+fuzz-smoke: deps build-fuzz/build.ninja
+	@cmake --build build-fuzz -j $(JOBS) --target AnalysisFuzz NamesFuzz
+	@scripts/fuzz build-fuzz/bin $(SMOKE_SECONDS)
+
+fuzz: deps build-fuzz/build.ninja
+	@cmake --build build-fuzz -j $(JOBS) --target AnalysisFuzz NamesFuzz
+	@scripts/fuzz build-fuzz/bin $(FUZZ_SECONDS)
+
+bench: build
+	@$(BUILD)/bin/zelkor-bench $(BUILD)/bin
+
+install: build
+	@cmake --install $(BUILD) --prefix $(PREFIX)
 
 format:
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
 
 clean:
-	@rm -rf $(BUILD) demo
+	@rm -rf $(BUILD) build-asan build-tsan build-fuzz demo

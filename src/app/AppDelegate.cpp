@@ -3,10 +3,13 @@
 #include "app/AppDelegate.h"
 
 #include "app/FrameAutosave.h"
+#include "app/MenuBar.h"
 
 #include "model/Tags.h"
 #include "platform/AppName.h"
 #include "platform/FileViewer.h"
+#include "platform/Menus.h"
+#include "platform/OpenPanels.h"
 #include "platform/Sounds.h"
 #include "style/Fonts.h"
 #include "style/Palette.h"
@@ -83,6 +86,8 @@ void AppDelegate::didFinishLaunching() {
     Style::registerFonts();
     Tags::seedDefaults();
     buildWindow();
+    installMenuBar(*m_window);
+    activate();
     if (!m_pending.isEmpty())
         m_hud->start(std::exchange(m_pending, {}));
     if (m_snapshot)
@@ -95,7 +100,8 @@ void AppDelegate::buildWindow() {
     m_window->setWindowFlags(Qt::Window | Qt::CustomizeWindowHint | Qt::WindowTitleHint |
                              Qt::WindowSystemMenuHint | Qt::WindowMinimizeButtonHint |
                              Qt::WindowCloseButtonHint);
-    m_hud = new HUDView({*m_services.sounds, *m_services.fileViewer});
+    m_hud = new HUDView(
+        {*m_services.sounds, *m_services.fileViewer, *m_services.menus, *m_services.panels});
     m_hud->setFixedSize(HUDView::kSize);
     m_window->setWindowTitle(appName);
     QPalette palette = m_window->palette();
@@ -109,6 +115,13 @@ void AppDelegate::buildWindow() {
         m_window->move(screen->availableGeometry().center() - m_window->rect().center());
     (new FrameAutosave(*m_window, QStringLiteral("ZelkorMain")))->restore();
     m_window->show();
+}
+
+void AppDelegate::activate() {
+    if (!m_window)
+        return;
+    if (m_window->isMinimized())
+        m_window->showNormal();
     m_window->raise();
     m_window->activateWindow();
 }

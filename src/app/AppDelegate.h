@@ -9,6 +9,8 @@
 
 class FileViewer;
 class HUDView;
+class Menus;
+class OpenPanels;
 class QMainWindow;
 class Sounds;
 
@@ -27,6 +29,8 @@ public:
     struct Services {
         std::unique_ptr<Sounds> sounds;
         std::unique_ptr<FileViewer> fileViewer;
+        std::unique_ptr<Menus> menus;
+        std::unique_ptr<OpenPanels> panels;
     };
 
     AppDelegate(Services services, std::optional<QString> snapshot);
@@ -35,8 +39,11 @@ public:
     // Files opened from the shell: to the view once it exists, kept until then.
     void open(const QStringList& paths);
     void didFinishLaunching();
+    // Brings the window to the front, out of the task bar if minimised.
+    void activate();
 
     HUDView* hud() const { return m_hud; }
+    QMainWindow* window() const { return m_window.get(); }
 
 private:
     void buildWindow();

@@ -1,8 +1,13 @@
-// The program's entry: the application object, the delegate, the event loop.
+// The program's entry: the application object, the hand-over to an instance
+// already running, the delegate and the event loop.
 #include "app/AppDelegate.h"
+#include "app/MenuBar.h"
+#include "app/SingleInstance.h"
 
 #include "platform/AppName.h"
 #include "platform/FileViewer.h"
+#include "platform/Menus.h"
+#include "platform/OpenPanels.h"
 #include "platform/Sounds.h"
 #include "view/HUDView.h"
 
@@ -21,11 +26,23 @@ int main(int argc, char** argv) {
     qInstallMessageHandler(quiet);
     QApplication app(argc, argv);
     QApplication::setApplicationName(appName);
+    QApplication::setApplicationVersion(QStringLiteral(ZELKOR_VERSION));
     QApplication::setDesktopFileName(QStringLiteral("zelkor"));
+    QApplication::setWindowIcon(applicationIcon());
     applyDarkAppearance();
 
     LaunchOptions options = parseArguments(QApplication::arguments());
-    AppDelegate delegate({makeThemeSounds(), makeDesktopFileViewer()}, options.snapshot);
+    AppDelegate delegate(
+        {makeThemeSounds(), makeDesktopFileViewer(), makeQtMenus(), makeFileDialogPanels()},
+        options.snapshot);
+    // A snapshot shows this launch's own window, whatever else runs.
+    SingleInstance instance;
+    if (!options.snapshot && instance.claim(options.files, [&delegate](const QStringList& files) {
+            delegate.activate();
+            delegate.open(files);
+        }) == SingleInstance::Outcome::handedOver)
+        return 0;
+
     if (!options.files.isEmpty())
         delegate.open(options.files);
     QTimer::singleShot(0, &delegate, &AppDelegate::didFinishLaunching);

@@ -13,6 +13,7 @@
 #include <QLockFile>
 #include <QMutex>
 #include <QSaveFile>
+#include <cerrno>
 #include <cstdio>
 #include <sys/stat.h>
 
@@ -51,8 +52,11 @@ struct Contents {
 
 Contents readFile(const QString& path) {
     QFile file(path);
+    // A file there that cannot be read holds the user's keys all the same: keep
+    // it aside like an unparsable one. A folder there is left alone, and no write
+    // can replace it.
     if (!file.open(QIODevice::ReadOnly))
-        return {};
+        return {{}, QFileInfo(path).exists() && !QFileInfo(path).isDir()};
     QJsonParseError error{};
     const QJsonDocument document = QJsonDocument::fromJson(file.readAll(), &error);
     if (error.error != QJsonParseError::NoError || !document.isObject())
@@ -166,9 +170,12 @@ bool Preferences::update(const std::function<void(QJsonObject&)>& change) {
     lock.tryLock(kLockWaitMs);
 
     Contents current = readFile(m_path);
-    if (current.corrupt)
+    // Never replace what could not be kept aside.
+    if (current.corrupt &&
         std::rename(QFile::encodeName(m_path).constData(),
-                    QFile::encodeName(corruptPath()).constData());
+                    QFile::encodeName(corruptPath()).constData()) != 0 &&
+        errno != ENOENT)
+        return false;
     change(current.object);
 
     QSaveFile file(m_path);

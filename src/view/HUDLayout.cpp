@@ -21,6 +21,7 @@ constexpr double kHeaderRuleY = 78.5;
 
 constexpr double kTagFieldLeft = 84;
 constexpr double kTagFieldGap = 8;
+constexpr double kTagBandMargin = 10;
 
 constexpr double kCellPitch = 9.1;
 constexpr double kCellWidth = 6.1;
@@ -31,6 +32,11 @@ constexpr double kBarTopBelowCentre = 38;
 constexpr double kControlsFromBottom = 46;
 
 } // namespace
+
+bool contains(const QRectF& rect, QPointF point) {
+    return rect.left() <= point.x() && point.x() < rect.right() && rect.top() <= point.y() &&
+           point.y() < rect.bottom();
+}
 
 QRectF tagRowRect(double width) {
     return {kPad, kTagRowTop, width - 2 * kPad, kControlHeight};
@@ -65,6 +71,7 @@ Layout layout(QSizeF size, const Measures& m) {
     TagRow& row = out.tagRow;
     row.row = tagRowRect(w);
     const QRectF& r = row.row;
+    row.band = r.adjusted(0, -kTagBandMargin, 0, kTagBandMargin);
     row.button = QRectF(r.right() - m.addTagWidth, r.top(), m.addTagWidth, r.height());
     row.field = QRectF(r.left() + kTagFieldLeft, r.top(),
                        r.width() - kTagFieldLeft - m.addTagWidth - kTagFieldGap, r.height());

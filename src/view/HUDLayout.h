@@ -19,6 +19,10 @@ constexpr int kProgressCells = 30;
 constexpr double kDotSpacing = 16;
 constexpr double kDotSize = 1.2;
 
+// Whether `point` lies in `rect`: its left and top edges belong to it, its
+// right and bottom edges to what comes next.
+bool contains(const QRectF& rect, QPointF point);
+
 // The tag row and the drop zone, from the view's width.
 QRectF tagRowRect(double width);
 QRectF zoneRect(double width);
@@ -45,6 +49,7 @@ struct Header {
 
 struct TagRow {
     QRectF row;
+    QRectF band; // where a drag aims at the row: a little above and below it too
     QRectF field;
     QRectF statusSquare;
     double textX = 0;

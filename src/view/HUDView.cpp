@@ -84,8 +84,3 @@ QImage HUDView::snapshot(qreal devicePixelRatio) {
     }
     return out;
 }
-
-// The tag menu and the tag chooser need the desktop's menus and open panels,
-// which reach the view through its services once those exist.
-void HUDView::tagMenu(const QRectF&) {}
-void HUDView::chooseTag() {}

@@ -5,6 +5,8 @@
 #include "view/HUDLayout.h"
 #include "view/LogLine.h"
 
+#include "platform/Menus.h"
+#include "platform/OpenPanels.h"
 #include "style/Image.h"
 
 #include <QFont>
@@ -17,15 +19,19 @@
 #include <vector>
 
 class FileViewer;
+class QMimeData;
 class QTimer;
 class Sounds;
 
 class HUDView : public QWidget {
 public:
-    // The desktop services the view asks for; owned by the caller, outliving the view.
+    // The desktop services the view asks for; owned by the caller, outliving the
+    // view. A view given no menus and panels (to be drawn only) opens none.
     struct Services {
         Sounds& sounds;
         FileViewer& fileViewer;
+        Menus& menus = noMenus();
+        OpenPanels& panels = noPanels();
     };
 
     struct Progress {
@@ -104,6 +110,11 @@ protected:
     void paintEvent(QPaintEvent* event) override;
     void resizeEvent(QResizeEvent* event) override;
     void changeEvent(QEvent* event) override;
+    void mousePressEvent(QMouseEvent* event) override;
+    void dragEnterEvent(QDragEnterEvent* event) override;
+    void dragMoveEvent(QDragMoveEvent* event) override;
+    void dragLeaveEvent(QDragLeaveEvent* event) override;
+    void dropEvent(QDropEvent* event) override;
 
 private:
     struct Batch;
@@ -120,8 +131,23 @@ private:
     void relayout();
     void tick();
 
+    void click(QPointF at);
+
     void tagMenu(const QRectF& field);
     void chooseTag();
+    void pickTag(const std::optional<QString>& clip);
+    void removeTag(const QString& clip);
+    void showTags();
+    void addTag(const QString& path);
+
+    // What a drop would do: start a batch (zone) or add a tag clip (tag), never both.
+    struct DragTarget {
+        bool zone = false;
+        bool tag = false;
+    };
+    static QStringList urls(const QMimeData* data);
+    DragTarget dragTarget(const QMimeData* data, QPointF at) const;
+    bool dragOver(const QMimeData* data, QPointF at);
 
     void trackDone(const LogLine& line, long long done, long long total);
     void finishBatch(const QStringList& written);

@@ -3,7 +3,10 @@
 #pragma once
 
 #include "platform/FileViewer.h"
+#include "platform/Menus.h"
+#include "platform/OpenPanels.h"
 #include "platform/Sounds.h"
+#include "view/HUDView.h"
 
 #include <QApplication>
 #include <QColor>
@@ -11,7 +14,9 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QImage>
+#include <QMouseEvent>
 #include <QTemporaryDir>
+#include <QTimer>
 #include <cmath>
 #include <functional>
 #include <ostream>
@@ -52,6 +57,48 @@ public:
     std::vector<QStringList> shown;
 };
 
+// Records every menu it is asked to show and chooses the item titled `choose`.
+class ScriptedMenus final : public Menus {
+public:
+    std::optional<int> popUp(const std::vector<MenuItem>& items, QWidget&, QPointF at) override {
+        shown.push_back(items);
+        where.push_back(at);
+        for (std::size_t i = 0; i < items.size(); ++i)
+            if (!items[i].separator && items[i].title == choose)
+                return static_cast<int>(i);
+        return std::nullopt;
+    }
+    QString choose; // empty: the menu is dismissed
+    std::vector<std::vector<MenuItem>> shown;
+    std::vector<QPointF> where;
+};
+
+// Counts the panels it is asked to open and answers with what the test set.
+class ScriptedPanels final : public OpenPanels {
+public:
+    std::optional<QString> chooseTag(QWidget&) override {
+        ++tagPanels;
+        return tag;
+    }
+    std::optional<QStringList> chooseTracks(QWidget&) override {
+        ++trackPanels;
+        return tracks;
+    }
+    std::optional<QString> tag;
+    std::optional<QStringList> tracks;
+    int tagPanels = 0;
+    int trackPanels = 0;
+};
+
+// Every desktop service the view asks for, as recording stand-ins.
+struct FakeDesktop {
+    RecordingSounds sounds;
+    RecordingFileViewer viewer;
+    ScriptedMenus menus;
+    ScriptedPanels panels;
+    HUDView::Services services() { return {sounds, viewer, menus, panels}; }
+};
+
 // Runs the event loop until `done` holds or `ms` have passed; returns `done()`.
 inline bool waitUntil(const std::function<bool()>& done, int ms) {
     QElapsedTimer clock;
@@ -59,6 +106,43 @@ inline bool waitUntil(const std::function<bool()>& done, int ms) {
     while (!done() && clock.elapsed() < ms)
         QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
     return done();
+}
+
+// A press of the primary button at `at`, delivered like a real one.
+inline void click(QWidget& widget, QPointF at) {
+    QMouseEvent press(QEvent::MouseButtonPress, at, widget.mapToGlobal(at), Qt::LeftButton,
+                      Qt::LeftButton, Qt::NoModifier);
+    QCoreApplication::sendEvent(&widget, &press);
+}
+
+// How many drawing passes a shown widget makes for `work`, counting the ones
+// it asks for afterwards. Its own timers are stopped first, so nothing else
+// can ask for a pass.
+inline int repaints(QWidget& widget, const std::function<void()>& work) {
+    struct Counter : QObject {
+        int passes = 0;
+        bool eventFilter(QObject*, QEvent* event) override {
+            passes += event->type() == QEvent::Paint;
+            return false;
+        }
+    };
+    const auto settle = [] {
+        QElapsedTimer clock;
+        clock.start();
+        while (clock.elapsed() < 60)
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+    };
+    for (QTimer* timer : widget.findChildren<QTimer*>())
+        timer->stop();
+    if (!widget.isVisible())
+        widget.show();
+    settle();
+    Counter counter;
+    widget.installEventFilter(&counter);
+    work();
+    settle();
+    widget.removeEventFilter(&counter);
+    return counter.passes;
 }
 
 // A translucent colour as it shows over an opaque background.

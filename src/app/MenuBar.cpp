@@ -1,0 +1,60 @@
+// The menu bar and the about box.
+#include "app/MenuBar.h"
+
+#include "platform/AppName.h"
+#include "platform/Resources.h"
+
+#include <QApplication>
+#include <QMainWindow>
+#include <QMenuBar>
+#include <QMessageBox>
+
+namespace {
+
+constexpr int kAboutIconSize = 64;
+
+QAction* addEntry(QMenu& menu, const QString& title, const QKeySequence& keys) {
+    QAction* action = menu.addAction(title);
+    action->setShortcut(keys);
+    action->setMenuRole(QAction::NoRole);
+    return action;
+}
+
+} // namespace
+
+QIcon applicationIcon() {
+    // Resources live in share/zelkor; the icon in the theme folder beside it.
+    return QIcon(Resources::path(QStringLiteral("../icons/hicolor/scalable/apps/zelkor.svg")));
+}
+
+void installMenuBar(QMainWindow& window) {
+    QMenuBar* bar = window.menuBar();
+    QMenu* application = bar->addMenu(QString(appName));
+    QObject::connect(addEntry(*application, QStringLiteral("About ") + appName, {}),
+                     &QAction::triggered, &window, [&window] { showAbout(window); });
+    application->addSeparator();
+    QObject::connect(addEntry(*application, QStringLiteral("Hide ") + appName,
+                              QKeySequence(Qt::CTRL | Qt::Key_H)),
+                     &QAction::triggered, &window, &QWidget::showMinimized);
+    QObject::connect(addEntry(*application, QStringLiteral("Quit ") + appName,
+                              QKeySequence(Qt::CTRL | Qt::Key_Q)),
+                     &QAction::triggered, qApp, &QCoreApplication::quit, Qt::QueuedConnection);
+
+    QMenu* windowMenu = bar->addMenu(QStringLiteral("Window"));
+    QObject::connect(
+        addEntry(*windowMenu, QStringLiteral("Minimize"), QKeySequence(Qt::CTRL | Qt::Key_M)),
+        &QAction::triggered, &window, &QWidget::showMinimized);
+    QObject::connect(
+        addEntry(*windowMenu, QStringLiteral("Close"), QKeySequence(Qt::CTRL | Qt::Key_W)),
+        &QAction::triggered, &window, &QWidget::close);
+}
+
+void showAbout(QWidget& parent) {
+    auto* box = new QMessageBox(
+        QMessageBox::NoIcon, QStringLiteral("About ") + appName,
+        QStringLiteral("<b>%1</b><p>Version %2</p>").arg(appName, QStringLiteral(ZELKOR_VERSION)),
+        QMessageBox::Ok, &parent);
+    box->setIconPixmap(applicationIcon().pixmap(kAboutIconSize));
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    box->open();
+}

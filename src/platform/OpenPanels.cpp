@@ -1,0 +1,54 @@
+// The open panels as Qt file dialogs.
+#include "platform/OpenPanels.h"
+#include "platform/TrackDialog.h"
+
+#include <QMimeDatabase>
+
+QString audioNameFilter() {
+    QStringList patterns;
+    for (const QMimeType& type : QMimeDatabase().allMimeTypes())
+        if (type.name().startsWith(QLatin1String("audio/")))
+            patterns << type.globPatterns();
+    patterns.removeDuplicates();
+    patterns.sort();
+    return QStringLiteral("Audio (") + patterns.join(QLatin1Char(' ')) + QLatin1Char(')');
+}
+
+namespace {
+
+class FileDialogPanels final : public OpenPanels {
+public:
+    std::optional<QString> chooseTag(QWidget& parent) override {
+        QFileDialog dialog(&parent, QStringLiteral("Choose your voice tag"));
+        dialog.setOption(QFileDialog::DontUseNativeDialog);
+        dialog.setFileMode(QFileDialog::ExistingFile);
+        dialog.setNameFilter(audioNameFilter());
+        if (dialog.exec() != QDialog::Accepted || dialog.selectedFiles().isEmpty())
+            return std::nullopt;
+        return dialog.selectedFiles().first();
+    }
+
+    std::optional<QStringList> chooseTracks(QWidget& parent) override {
+        TrackDialog dialog(&parent);
+        if (dialog.exec() != QDialog::Accepted)
+            return std::nullopt;
+        return dialog.chosen();
+    }
+};
+
+class NoPanels final : public OpenPanels {
+public:
+    std::optional<QString> chooseTag(QWidget&) override { return std::nullopt; }
+    std::optional<QStringList> chooseTracks(QWidget&) override { return std::nullopt; }
+};
+
+} // namespace
+
+OpenPanels& noPanels() {
+    static NoPanels none;
+    return none;
+}
+
+std::unique_ptr<OpenPanels> makeFileDialogPanels() {
+    return std::make_unique<FileDialogPanels>();
+}

@@ -1,0 +1,35 @@
+// Clicks: the regions the last drawing pass registered, then the drop zone,
+// which asks for a tag clip first and for tracks once there is one.
+#include "view/HUDView.h"
+
+#include "platform/OpenPanels.h"
+
+#include <QMouseEvent>
+
+void HUDView::mousePressEvent(QMouseEvent* event) {
+    if (event->button() == Qt::LeftButton)
+        click(event->position());
+}
+
+void HUDView::click(QPointF at) {
+    if (m_state.busy)
+        return;
+    for (const Hit& hit : m_hits) {
+        if (!HUDLayout::contains(hit.rect, at))
+            continue;
+        // A menu opened by the action repaints while it shows, which rebuilds m_hits.
+        const std::function<void()> action = hit.action;
+        action();
+        update();
+        return;
+    }
+    if (!HUDLayout::contains(zoneRect(), at))
+        return;
+    refreshTag();
+    if (!m_tag) {
+        chooseTag();
+        return;
+    }
+    if (const std::optional<QStringList> chosen = m_services.panels.chooseTracks(*this))
+        start(*chosen);
+}

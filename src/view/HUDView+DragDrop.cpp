@@ -1,0 +1,93 @@
+// Dragged files: one tag clip over the tag row's band adds it to the library,
+// anything holding a track elsewhere starts a batch. The hover flags light the
+// target while the drag is over the view.
+#include "view/HUDView.h"
+
+#include "engine/Engine.h"
+#include "model/Tags.h"
+
+#include <QDragEnterEvent>
+#include <QDragLeaveEvent>
+#include <QDragMoveEvent>
+#include <QDropEvent>
+#include <QFileInfo>
+#include <QMimeData>
+#include <QUrl>
+
+QStringList HUDView::urls(const QMimeData* data) {
+    QStringList paths;
+    if (!data)
+        return paths;
+    for (const QUrl& url : data->urls())
+        if (url.isLocalFile())
+            paths << url.toLocalFile();
+    return paths;
+}
+
+// Nothing is cached between calls: each move reads the files again and, outside
+// the band, looks into them again.
+HUDView::DragTarget HUDView::dragTarget(const QMimeData* data, QPointF at) const {
+    const QStringList paths = urls(data);
+    if (HUDLayout::contains(m_layout.tagRow.band, at)) {
+        const bool clip =
+            paths.size() == 1 && Tags::exts().contains(QFileInfo(paths.first()).suffix().toLower());
+        return {.zone = false, .tag = clip};
+    }
+    return {.zone = !Engine::collect(paths).isEmpty(), .tag = false};
+}
+
+// Whether the drop would be taken; redraws only when the target changed.
+bool HUDView::dragOver(const QMimeData* data, QPointF at) {
+    if (m_state.busy)
+        return false;
+    const DragTarget target = dragTarget(data, at);
+    if (target.zone != m_state.hoverZone || target.tag != m_state.hoverTag) {
+        m_state.hoverZone = target.zone;
+        m_state.hoverTag = target.tag;
+        update();
+    }
+    return target.zone || target.tag;
+}
+
+namespace {
+
+void answer(QDragMoveEvent* event, bool copy) {
+    event->setDropAction(copy ? Qt::CopyAction : Qt::IgnoreAction);
+    event->setAccepted(copy);
+}
+
+} // namespace
+
+void HUDView::dragEnterEvent(QDragEnterEvent* event) {
+    answer(event, dragOver(event->mimeData(), event->position()));
+    // Qt sends the moves, the drop and the leave only to a widget that took the
+    // enter, and a drag refused where it came in may be wanted a little further
+    // on. The move that Qt sends right after the enter carries the real answer.
+    event->accept();
+}
+
+void HUDView::dragMoveEvent(QDragMoveEvent* event) {
+    answer(event, dragOver(event->mimeData(), event->position()));
+}
+
+void HUDView::dragLeaveEvent(QDragLeaveEvent*) {
+    m_state.hoverZone = false;
+    m_state.hoverTag = false;
+    update();
+}
+
+void HUDView::dropEvent(QDropEvent* event) {
+    const DragTarget target = dragTarget(event->mimeData(), event->position());
+    m_state.hoverZone = false;
+    m_state.hoverTag = false;
+    const QStringList paths = urls(event->mimeData());
+    event->setDropAction(Qt::CopyAction);
+    event->accept();
+    // Files handed over from the shell may have started a batch since the last move.
+    if (m_state.busy)
+        update();
+    else if (target.tag && !paths.isEmpty())
+        addTag(paths.first());
+    else
+        start(paths);
+}

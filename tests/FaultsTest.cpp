@@ -1,0 +1,335 @@
+// Faults and hostile input: killed and failing ffmpeg runs, a full or read-only
+// disk, files that change under a batch, odd audio, a broken preferences file or
+// library folder, and a signal in the middle of a render.
+#include "engine/Engine.h"
+#include "support/FreshHome.h"
+#include "support/TestSupport.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QThread>
+#include <algorithm>
+#include <cmath>
+#include <csignal>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+::Test::Process zelkorTag(const QStringList& args, const QStringList& environment = {}) {
+    return ::Test::runProgram(::Test::binary(u"zelkor-tag"_s), args, environment);
+}
+
+QByteArray digest(const QString& path) {
+    return QCryptographicHash::hash(::Test::readAll(path), QCryptographicHash::Sha256);
+}
+
+QString describe(const QString& path) {
+    return ::Test::runProgram(::Test::systemFFmpeg(), {u"-hide_banner"_s, u"-i"_s, path}).err;
+}
+
+// A resources folder whose ffmpeg is `script`, with $real naming the real one.
+QString resourcesWith(const QTemporaryDir& dir, const QByteArray& script) {
+    const QString share = dir.filePath(u"share"_s);
+    QDir().mkpath(share);
+    ::Test::writeFile(share + u"/ffmpeg"_s,
+                      "#!/bin/sh\nreal=" + ::Test::systemFFmpeg().toUtf8() + '\n' + script, true);
+    return share;
+}
+
+struct Unmount {
+    QString at;
+    ~Unmount() { ::Test::runProgram(u"umount"_s, {at}); }
+};
+
+QString text(const QString& path) {
+    return QString::fromUtf8(::Test::readAll(path));
+}
+
+QJsonObject onDisk(const QString& path) {
+    return QJsonDocument::fromJson(::Test::readAll(path)).object();
+}
+
+QString taggedIn(const QString& folder) {
+    return QDir(folder).entryList({u"*Tagged*"_s}).join(u'|');
+}
+
+class Faults : public testing::Test {
+protected:
+    void SetUp() override { ::Test::makeAudio(clip, u"sine=frequency=1000"_s, 0.5, 8000, 1); }
+    QString path(const QString& name) const { return dir.filePath(name); }
+    QTemporaryDir dir;
+    const QString clip = path(u"tag.wav"_s);
+};
+
+QString failure(const QString& track, const QString& clip) {
+    try {
+        Engine::process(track, clip, 5, -5);
+    } catch (const std::exception& error) {
+        return describeError(error);
+    }
+    return {};
+}
+
+} // namespace
+
+// The fake runs the real ffmpeg, then changes the analysed track as its name says;
+// a render of "killed" writes a little and dies as the kernel's OOM killer would.
+TEST_F(Faults, aBatchGoesOnPastAKilledFfmpegAndTracksThatChangeUnderIt) {
+    const QString share = resourcesWith(dir, R"(in=; prev=
+for arg; do [ "$prev" = -i ] && [ -z "$in" ] && in=$arg; prev=$arg; out=$arg; done
+case " $* " in *" -filter_complex "*)
+    case "$in" in *killed*)
+        head -c 65536 /dev/zero > "$out"
+        echo 'size=      64kB time=00:00:00.37 bitrate=1411.2kbits/s' >&2
+        kill -9 $$ ;;
+    esac
+    exec "$real" "$@" ;;
+esac
+"$real" "$@"; status=$?
+case "$in" in
+*vanished*) rm "$in" ;;
+*folder*) rm "$in"; mkdir "$in" ;;
+*/gone/*) rm -r "${in%/*}" ;;
+esac
+exit $status
+)");
+    QDir().mkpath(path(u"gone"_s));
+    ::Test::writeFile(path(u"notes.txt"_s), "a file, not a folder");
+    const QStringList tracks{path(u"a killed.wav"_s),    path(u"b vanished.wav"_s),
+                             path(u"c folder.wav"_s),    path(u"gone/d.wav"_s),
+                             path(u"notes.txt/e.wav"_s), path(u"f.wav"_s)};
+    ::Test::makeAudio(tracks[0], u"sine=frequency=220"_s, 3);
+    for (const QString& track : tracks.mid(1))
+        QFile::copy(tracks[0], track);
+    const QByteArray original = digest(tracks[0]);
+
+    const auto run = zelkorTag(QStringList{u"--tag"_s, clip, u"--interval"_s, u"5"_s} + tracks,
+                               {u"ZELKOR_RESOURCES="_s + share});
+    EXPECT_EQ(run.status, 1);
+    const QStringList lines = run.out.split(u'\n', Qt::SkipEmptyParts);
+    ASSERT_EQ(lines.size(), 6) << run.out.toStdString();
+    EXPECT_EQ(lines[0], u"a killed.wav  SIZE=      64KB TIME=00:00:00.37 BITRATE=1411.2KBITS/S"_s);
+    for (int i = 1; i < 5; ++i) {
+        EXPECT_TRUE(lines[i].startsWith(QFileInfo(tracks[i]).fileName() + u"  "_s));
+        EXPECT_FALSE(lines[i].contains(u"OK"_s)) << lines[i].toStdString();
+    }
+    EXPECT_EQ(lines[4], u"e.wav  CAN'T READ FILE"_s);
+    EXPECT_EQ(lines[5], u"f.wav  1 TAGS  OK  -> "_s + path(u"f (Tagged).wav"_s));
+    EXPECT_EQ(taggedIn(dir.path()), u"f (Tagged).wav"_s);
+    EXPECT_EQ(digest(tracks[0]), original);
+}
+
+TEST_F(Faults, aFullDiskOrAReadOnlyFolderFailsTheTrackAndLeavesTheOriginal) {
+    const QString disk = path(u"disk"_s);
+    QDir().mkpath(disk);
+    const auto mount = ::Test::runProgram(
+        u"mount"_s, {u"-t"_s, u"tmpfs"_s, u"-o"_s, u"size=2m"_s, u"tmpfs"_s, disk});
+    if (mount.status != 0)
+        GTEST_SKIP() << "cannot mount a small tmpfs here (needs root and mount rights): "
+                     << mount.err.toStdString();
+    const Unmount unmount{disk};
+
+    // 1.7 MB of 16-bit audio leaves no room for its 24-bit copy.
+    const QString track = disk + u"/beat.wav"_s;
+    ::Test::makeAudio(track, u"sine=frequency=220"_s, 10);
+    const QByteArray original = digest(track);
+    EXPECT_EQ(failure(track, clip), u"CONVERSION FAILED!"_s);
+    EXPECT_EQ(taggedIn(disk), u""_s);
+    EXPECT_EQ(digest(track), original);
+
+    ASSERT_EQ(::Test::runProgram(u"mount"_s, {u"-o"_s, u"remount,ro"_s, disk}).status, 0);
+    EXPECT_FALSE(failure(track, clip).isEmpty());
+    EXPECT_EQ(taggedIn(disk), u""_s);
+    EXPECT_EQ(digest(track), original);
+}
+
+TEST_F(Faults, emptyClipsAreUnreadableAndSilenceClampsTheGainEitherWay) {
+    const QString beat = path(u"beat.wav"_s), hush = path(u"hush.wav"_s);
+    ::Test::makeAudio(beat, u"sine=frequency=220"_s, 6);
+    ::Test::makeAudio(hush, u"aevalsrc=0"_s, 6);
+    ::Test::writeFile(path(u"zero.wav"_s), {});
+    ::Test::ffmpeg({u"-i"_s, clip, u"-af"_s, u"atrim=end_sample=0"_s, path(u"no samples.wav"_s)});
+    for (const QString& empty : {path(u"zero.wav"_s), path(u"no samples.wav"_s)})
+        EXPECT_EQ(failure(beat, empty), u"CAN'T READ FILE"_s);
+    EXPECT_EQ(taggedIn(dir.path()), u""_s);
+
+    // A silent clip at +12 dB adds nothing to the beat.
+    const auto quiet = Engine::process(beat, hush, 5, -5);
+    EXPECT_EQ(quiet.placements, 2);
+    const auto a = ::Test::samples(quiet.output, 44100, 2), b = ::Test::samples(beat, 44100, 2);
+    ASSERT_EQ(a.size(), b.size());
+    for (std::size_t i = 0; i < a.size(); ++i)
+        ASSERT_NEAR(a[i], b[i], 1e-4) << i;
+
+    // On a silent track the clip sits at the -40 dB floor, not below it.
+    const QString loud = path(u"loud.wav"_s);
+    ::Test::makeAudio(loud, u"sine=frequency=1000"_s, 0.5);
+    const auto onSilence = Engine::process(hush, loud, 5, -5);
+    EXPECT_EQ(onSilence.placements, 2);
+    const auto peak = [](const QString& file) {
+        double highest = 0;
+        for (double sample : ::Test::samples(file, 44100, 2))
+            highest = std::max(highest, std::abs(sample));
+        return highest;
+    };
+    EXPECT_NEAR(peak(onSilence.output) / peak(loud), 0.01, 0.001);
+}
+
+TEST_F(Faults, a96kHz51TrackKeepsItsFormatAndQuotedFiguresInMetadataChangeNothing) {
+    const QString surround = path(u"surround.wav"_s);
+    ::Test::makeAudio(surround, u"sine=frequency=220"_s, 3, 96000, 6);
+    const auto tagged = Engine::process(surround, clip, 5, -5);
+    EXPECT_TRUE(
+        describe(tagged.output).contains(u"pcm_s24le ([1][0][0][0] / 0x0001), 96000 Hz, 5.1,"_s))
+        << describe(tagged.output).toStdString();
+    EXPECT_EQ(::Test::samples(tagged.output, 96000, 6).size(), 3u * 96000 * 6);
+
+    // The same audio, copied with texts that quote ffmpeg's own lines.
+    const QString plain = path(u"plain.mp3"_s), quoting = path(u"quoting.mp3"_s);
+    ::Test::makeAudio(plain, u"sine=frequency=220"_s, 12);
+    ::Test::ffmpeg({u"-i"_s, plain, u"-c"_s, u"copy"_s, u"-metadata"_s,
+                    u"title=Duration: 00:00:01.00"_s, u"-metadata"_s, u"artist=    I: -5.0 LUFS"_s,
+                    u"-metadata"_s,
+                    u"comment=x\n  Duration: 00:00:01.00, start: 0\n    I:  -5.0 LUFS\n"
+                    "[silencedetect @ 0x1] silence_start: 1.5\n"
+                    "  Stream #0:0: Audio: mp3, 8000 Hz, mono, fltp"_s,
+                    quoting});
+    const Engine::Analysis expected = Engine::analyze(plain), read = Engine::analyze(quoting);
+    EXPECT_EQ(read.duration, expected.duration);
+    EXPECT_EQ(read.lufs, expected.lufs);
+    EXPECT_EQ(read.silenceStart, expected.silenceStart);
+    EXPECT_EQ(read.format, expected.format);
+    EXPECT_EQ(Engine::process(quoting, clip, 5, -5).placements, 3);
+}
+
+// SIGTERM (as Ctrl-C) while the second track renders: the first stays, the partial
+// second goes. The render reads its input in real time, so the signal lands mid-way
+// on any machine.
+TEST_F(Faults, aSignalMidRenderRemovesThePartialOutputAndKeepsWhatWasWritten) {
+    const QString share = resourcesWith(dir, R"(case " $* " in
+*" -filter_complex "*) exec "$real" -re "$@" ;;
+esac
+exec "$real" "$@"
+)");
+    const QString first = path(u"a.wav"_s), second = path(u"b long.wav"_s);
+    ::Test::makeAudio(first, u"sine=frequency=220"_s, 1);
+    ::Test::makeAudio(second, u"sine=frequency=330"_s, 60, 22050, 1);
+
+    QProcess run;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(u"ZELKOR_RESOURCES"_s, share);
+    run.setProcessEnvironment(environment);
+    run.start(::Test::binary(u"zelkor-tag"_s), {u"--tag"_s, clip, first, second});
+    const QString partial = path(u"b long (Tagged).wav"_s);
+    QElapsedTimer waited;
+    waited.start();
+    while (!QFileInfo::exists(partial) && waited.elapsed() < 30'000)
+        QThread::msleep(10);
+    ASSERT_TRUE(QFileInfo::exists(partial)) << "the second render never started";
+    ::kill(static_cast<pid_t>(run.processId()), SIGTERM);
+
+    ASSERT_TRUE(run.waitForFinished(30'000));
+    EXPECT_EQ(run.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(run.exitCode(), 1);
+    EXPECT_EQ(QString::fromUtf8(run.readAllStandardOutput()), u"a.wav  1 TAGS  OK  -> "_s +
+                                                                  path(u"a (Tagged).wav"_s) +
+                                                                  u"\nb long.wav  STOPPED\n"_s);
+    EXPECT_EQ(taggedIn(dir.path()), u"a (Tagged).wav"_s);
+    EXPECT_EQ(::Test::samples(path(u"a (Tagged).wav"_s), 44100, 2).size(), 44100u * 2);
+}
+
+namespace {
+
+class FaultsAtHome : public testing::Test {
+protected:
+    void SetUp() override { ::Test::makeAudio(clip, u"sine=frequency=1000"_s, 0.5, 8000, 1); }
+    ::Test::FreshHome home;
+    const QString clip = home.root() + u"/voice.wav"_s;
+    const QString prefs = home.preferencesPath();
+};
+
+} // namespace
+
+// Each run adds a clip, which writes the selection.
+TEST_F(FaultsAtHome, preferencesThatCannotBeReadAreKeptAsideAndNeverReplacedWithoutACopy) {
+    const QString folder = QFileInfo(prefs).path(), corrupt = prefs + u".corrupt"_s;
+    const QStringList add{u"--add-tag"_s, clip};
+    QDir().mkpath(folder);
+    ::Test::writeFile(prefs, R"({"interval": 2,)");
+    EXPECT_EQ(zelkorTag(add).status, 0);
+    EXPECT_EQ(text(corrupt), uR"({"interval": 2,)"_s);
+    EXPECT_EQ(onDisk(prefs).value(u"tag"_s), u"voice.wav"_s);
+
+    // With no way to keep it aside, the garbage stays where it is.
+    QFile::remove(corrupt);
+    QDir().mkpath(corrupt);
+    ::Test::writeFile(prefs, "garbage");
+    EXPECT_EQ(zelkorTag(add).status, 0);
+    EXPECT_EQ(text(prefs), u"garbage"_s);
+
+    // A folder in the way, and a file where the folder should be.
+    QFile::remove(prefs);
+    ::Test::writeFile(corrupt + u"/mine"_s, "mine");
+    QDir().rename(corrupt, prefs);
+    EXPECT_EQ(zelkorTag(add).status, 0);
+    EXPECT_EQ(text(prefs + u"/mine"_s), u"mine"_s);
+    EXPECT_EQ(QDir(folder).entryList(QDir::AllEntries | QDir::NoDotAndDotDot),
+              QStringList{u"preferences.json"_s});
+    QDir(folder).removeRecursively();
+    ::Test::writeFile(folder, "mine");
+    EXPECT_EQ(zelkorTag(add).status, 0);
+    EXPECT_EQ(text(folder), u"mine"_s);
+
+    // Unreadable (write-only): root reads anything, so the run is made as nobody.
+    QFile::remove(folder);
+    QDir().mkpath(folder);
+    ::Test::writeFile(prefs, R"({"level": 2})");
+    QFile::setPermissions(prefs, QFileDevice::WriteOwner);
+    ::Test::Process run;
+    if (::geteuid() != 0) {
+        run = zelkorTag(add);
+    } else {
+        if (!QFileInfo::exists(u"/usr/bin/setpriv"_s))
+            GTEST_SKIP() << "no setpriv to run as another user than root";
+        ::Test::runProgram(u"chown"_s,
+                           {u"-R"_s, u"65534:65534"_s, QFileInfo(home.configHome()).path()});
+        run = ::Test::runProgram(u"/usr/bin/setpriv"_s,
+                                 QStringList{u"--reuid=65534"_s, u"--regid=65534"_s,
+                                             u"--clear-groups"_s, ::Test::binary(u"zelkor-tag"_s)} +
+                                     add);
+    }
+    EXPECT_EQ(run.status, 0) << run.err.toStdString();
+    QFile::setPermissions(corrupt, QFileDevice::ReadOwner | QFileDevice::WriteOwner);
+    EXPECT_EQ(text(corrupt), uR"({"level": 2})"_s);
+    EXPECT_EQ(onDisk(prefs).value(u"tag"_s), u"voice (5).wav"_s);
+}
+
+TEST_F(FaultsAtHome, aFileInPlaceOfTheTagsFolderIsLeftAloneAndANewlineInAClipNameWorks) {
+    const QString beat = home.root() + u"/beat.wav"_s;
+    ::Test::makeAudio(beat, u"sine=frequency=220"_s, 3);
+    QDir().mkpath(home.appData());
+    ::Test::writeFile(home.tagsDir(), "mine");
+    EXPECT_EQ(zelkorTag({u"--list-tags"_s}).out, u""_s);
+    const auto untagged = zelkorTag({beat});
+    EXPECT_EQ(untagged.status, 1);
+    EXPECT_EQ(untagged.out, u"ADD YOUR TAG FILE FIRST  NO TAG\n"_s);
+    EXPECT_EQ(zelkorTag({u"--add-tag"_s, clip}).out, u"voice.wav  CAN'T ADD TAG\n"_s);
+    EXPECT_EQ(text(home.tagsDir()), u"mine"_s);
+
+    QFile::remove(home.tagsDir());
+    const QString split = home.root() + u"/my\ntag.wav"_s;
+    QFile::copy(clip, split);
+    EXPECT_EQ(zelkorTag({u"--add-tag"_s, split}).status, 0);
+    EXPECT_EQ(zelkorTag({u"--list-tags"_s}).out, u"* my\ntag.wav\n"_s);
+    const auto tagged = zelkorTag({u"--interval"_s, u"5"_s, beat});
+    EXPECT_EQ(tagged.status, 0) << tagged.out.toStdString();
+    EXPECT_TRUE(QFileInfo::exists(home.root() + u"/beat (Tagged).wav"_s));
+}
