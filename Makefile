@@ -18,7 +18,7 @@ SANITIZER_ENV := ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(CURDIR)/tests/sanitizers/tsan.supp
 
-.PHONY: all deps configure build run demo test test-asan test-tsan fuzz fuzz-smoke bench install format clean
+.PHONY: all deps configure build run demo test test-all test-asan test-tsan fuzz fuzz-smoke bench install format clean
 
 all: build
 
@@ -43,6 +43,9 @@ demo: build
 
 test: build
 	@ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+
+# Not yet part of make test: the sanitizer builds and fuzz smoke runs.
+test-all: test
 	@$(MAKE) --no-print-directory test-asan test-tsan fuzz-smoke
 
 test-asan: deps
