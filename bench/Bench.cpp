@@ -44,7 +44,7 @@ double medianMs(
 }
 
 void report(const char* figure, double value, const char* unit, const char* target, bool met) {
-    std::printf("%-52s %10.3f %-3s  target %-8s %s\n", figure, value, unit, target,
+    std::printf("%-56s %9.3f %-3s  target %-8s %s\n", figure, value, unit, target,
                 met ? "met" : "MISSED");
     std::fflush(stdout);
 }
@@ -253,14 +253,13 @@ void parallelThroughput(const Material& m) {
 } // namespace
 
 int main(int argc, char** argv) {
-    qputenv("QT_QPA_PLATFORM", "offscreen");
-    QApplication app(argc, argv);
-    binDir = argc > 1 ? QString::fromLocal8Bit(argv[1]) : QStringLiteral("build/bin");
     QTemporaryDir temp;
     // The bench's own home: the paint reads settings and the tag library.
     for (const QString& entry : isolatedHome(temp.path() + QStringLiteral("/bench-home")))
         qputenv(qPrintable(entry.section(QLatin1Char('='), 0, 0)),
                 entry.section(QLatin1Char('='), 1).toLocal8Bit());
+    QApplication app(argc, argv);
+    binDir = argc > 1 ? QString::fromLocal8Bit(argv[1]) : QStringLiteral("build/bin");
     Style::registerFonts();
     std::printf("Zelkor benchmarks (%s)\n", qPrintable(QDir(binDir).absolutePath()));
     const Material material = makeMaterial(temp.path());

@@ -168,18 +168,19 @@ TEST(EngineOutput, aFailedRenderReportsItsLastLineCutAndUpperCased) {
 TEST(EngineCollect, aFolderGivesItsOwnTracksInCodePointOrder) {
     QTemporaryDir dir;
     const QString d = dir.path() + u'/';
-    for (const char* name :
-         {"b.mp3", "A.mp3", "c.txt", "Track 10.wav", "Track 2.wav", ".intro.wav",
-          "Song (Tagged).mp3", "Song (Tagged) (2).mp3", "Mix(Tagged)final.wav", "Song (tagged).mp3",
-          "Voice.MP3", "Take.WAV", "Take.aiff", "Take.flac", "Take.m4a", "wav"})
+    for (const char* name : {"b.mp3", "A.mp3", "c.txt", "Track 10.wav", "Track 2.wav", ".intro.wav",
+                             "Song (Tagged).mp3", "Song (Tagged) (2).mp3", "Mix(Tagged)final.wav",
+                             "Song (tagged).mp3", "Voice.MP3", "Take.WAV", "Take.aiff", "Take.flac",
+                             "Take.m4a", "wav", "z.wav", "e\xCC\x81 decomposed.wav", "Take.mp\x13"})
         ::Test::writeFile(d + QString::fromUtf8(name), "x");
     QDir(d).mkpath(u"sub"_s);
     QDir(d).mkpath(u"loops.wav"_s);
     ::Test::writeFile(d + u"sub/y.mp3"_s, "x");
 
     QStringList expected;
-    for (const char* name : {".intro.wav", "A.mp3", "Song (tagged).mp3", "Take.WAV", "Track 10.wav",
-                             "Track 2.wav", "Voice.MP3", "b.mp3", "loops.wav"})
+    for (const char* name :
+         {".intro.wav", "A.mp3", "Song (tagged).mp3", "Take.WAV", "Track 10.wav", "Track 2.wav",
+          "Voice.MP3", "b.mp3", "loops.wav", "z.wav", "e\xCC\x81 decomposed.wav"})
         expected << d + QString::fromUtf8(name);
     EXPECT_EQ(Engine::collect({dir.path()}), expected);
 

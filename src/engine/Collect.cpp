@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <array>
 #include <dirent.h>
+#include <string>
+#include <string_view>
 
 namespace Engine {
 
@@ -13,11 +15,9 @@ namespace {
 
 constexpr std::array kAudioExts{QLatin1String("mp3"), QLatin1String("wav")};
 
-bool isAscii(const char* text) {
-    for (; *text; ++text)
-        if (static_cast<unsigned char>(*text) >= 0x80)
-            return false;
-    return true;
+bool isAscii(std::string_view text) {
+    return std::all_of(text.begin(), text.end(),
+                       [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
 
 bool isTrackName(QStringView name) {
@@ -36,31 +36,79 @@ bool isTrack(const QString& path) {
     return isTrackName(QStringView(path).mid(path.lastIndexOf(QLatin1Char('/')) + 1));
 }
 
+// The same test on a name's bytes: the extensions and "(Tagged)" are ASCII, so
+// most entries of a big folder are turned away before any string is built.
+bool isTrackName(std::string_view name) {
+    const std::size_t dot = name.rfind('.');
+    if (dot == std::string_view::npos)
+        return false;
+    const std::string_view ext = name.substr(dot + 1);
+    const bool accepted =
+        std::any_of(kAudioExts.begin(), kAudioExts.end(), [&](QLatin1String known) {
+            return ext.size() == static_cast<std::size_t>(known.size()) &&
+                   std::equal(ext.begin(), ext.end(), known.begin(), [](char a, char b) {
+                       return a == b || (a >= 'A' && a <= 'Z' && a + 32 == b);
+                   });
+        });
+    return accepted && name.substr(0, dot).find("(Tagged)") == std::string_view::npos;
+}
+
 // readdir without a stat per entry: a drag hovering over a big folder asks this on every move.
 // Names sort in Unicode code-point order after canonical composition; UTF-8 bytes sort that way.
+// Keys live in one buffer and the sort moves small records, not strings.
 QStringList folderTracks(const QString& folder) {
-    std::vector<std::pair<QByteArray, QString>> tracks;
+    struct Span {
+        std::size_t at = 0, size = 0;
+    };
+    struct Entry {
+        Span key;  // the name's bytes, composed when not ASCII
+        Span name; // the name as stored
+    };
+    std::string bytes;
+    std::vector<Entry> tracks;
+    bytes.reserve(1 << 16);
+    const auto keep = [&bytes](std::string_view text) {
+        const Span span{bytes.size(), text.size()};
+        bytes.append(text);
+        return span;
+    };
     DIR* dir = opendir(QFile::encodeName(folder).constData());
     if (!dir)
         return {};
-    const QString prefix = folder.endsWith(QLatin1Char('/')) ? folder : folder + QLatin1Char('/');
     while (const dirent* entry = readdir(dir)) {
-        const QString name = QFile::decodeName(entry->d_name);
-        if (name == QLatin1String(".") || name == QLatin1String("..") || !isTrackName(name))
+        const std::string_view name(entry->d_name);
+        if (!isTrackName(name))
             continue;
-        // ASCII is its own canonical form; only other names need composing.
-        QByteArray key = isAscii(entry->d_name)
-                             ? QByteArray(entry->d_name)
-                             : name.normalized(QString::NormalizationForm_C).toUtf8();
-        tracks.emplace_back(std::move(key), prefix + name);
+        const Span stored = keep(name);
+        if (isAscii(name)) {
+            tracks.push_back({stored, stored});
+            continue;
+        }
+        const QByteArray composed =
+            QFile::decodeName(entry->d_name).normalized(QString::NormalizationForm_C).toUtf8();
+        tracks.push_back({keep(std::string_view(composed.data(), composed.size())), stored});
     }
     closedir(dir);
+    const auto view = [&bytes](Span span) {
+        return std::string_view(bytes).substr(span.at, span.size);
+    };
     std::sort(tracks.begin(), tracks.end(),
-              [](const auto& a, const auto& b) { return a.first < b.first; });
+              [&](const Entry& a, const Entry& b) { return view(a.key) < view(b.key); });
+    const QString prefix = folder.endsWith(QLatin1Char('/')) ? folder : folder + QLatin1Char('/');
     QStringList paths;
     paths.reserve(static_cast<qsizetype>(tracks.size()));
-    for (auto& track : tracks)
-        paths << std::move(track.second);
+    for (const Entry& track : tracks) {
+        const std::string_view name = view(track.name);
+        const auto size = static_cast<qsizetype>(name.size());
+        QString path;
+        path.reserve(prefix.size() + size);
+        path.append(prefix);
+        if (track.key.at == track.name.at)
+            path.append(QLatin1String(name.data(), size));
+        else
+            path.append(QFile::decodeName(QByteArray::fromRawData(name.data(), size)));
+        paths << std::move(path);
+    }
     return paths;
 }
 
