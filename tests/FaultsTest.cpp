@@ -2,6 +2,7 @@
 // disk, files that change under a batch, odd audio, a broken preferences file or
 // library folder, and a signal in the middle of a render.
 #include "engine/Engine.h"
+#include "platform/Resources.h"
 #include "support/FreshHome.h"
 #include "support/TestSupport.h"
 
@@ -35,10 +36,14 @@ QString describe(const QString& path) {
     return ::Test::runProgram(::Test::systemFFmpeg(), {u"-hide_banner"_s, u"-i"_s, path}).err;
 }
 
-// A resources folder whose ffmpeg is `script`, with $real naming the real one.
-QString resourcesWith(const QTemporaryDir& dir, const QByteArray& script) {
-    const QString share = dir.filePath(u"share"_s);
+// A resources folder whose ffmpeg is `script`, with $real naming the real one;
+// the other resources are the build's own.
+QString resourcesWith(const QString& folder, const QByteArray& script) {
+    const QString share = folder + u"/share"_s, real = Resources::dir();
     QDir().mkpath(share);
+    for (const QString& entry : QDir(real).entryList(QDir::AllEntries | QDir::NoDotAndDotDot))
+        if (entry != u"ffmpeg"_s)
+            QFile::link(real + u'/' + entry, share + u'/' + entry);
     ::Test::writeFile(share + u"/ffmpeg"_s,
                       "#!/bin/sh\nreal=" + ::Test::systemFFmpeg().toUtf8() + '\n' + script, true);
     return share;
@@ -55,6 +60,15 @@ QString text(const QString& path) {
 
 QJsonObject onDisk(const QString& path) {
     return QJsonDocument::fromJson(::Test::readAll(path)).object();
+}
+
+// Whether any process on the machine names `path` among its arguments.
+bool processWriting(const QString& path) {
+    const QByteArray wanted = QFile::encodeName(path);
+    for (const QString& pid : QDir(u"/proc"_s).entryList({u"[0-9]*"_s}, QDir::Dirs))
+        if (::Test::readAll(u"/proc/"_s + pid + u"/cmdline"_s).split('\0').contains(wanted))
+            return true;
+    return false;
 }
 
 QString taggedIn(const QString& folder) {
@@ -83,7 +97,7 @@ QString failure(const QString& track, const QString& clip) {
 // The fake runs the real ffmpeg, then changes the analysed track as its name says;
 // a render of "killed" writes a little and dies as the kernel's OOM killer would.
 TEST_F(Faults, aBatchGoesOnPastAKilledFfmpegAndTracksThatChangeUnderIt) {
-    const QString share = resourcesWith(dir, R"(in=; prev=
+    const QString share = resourcesWith(dir.path(), R"(in=; prev=
 for arg; do [ "$prev" = -i ] && [ -z "$in" ] && in=$arg; prev=$arg; out=$arg; done
 case " $* " in *" -filter_complex "*)
     case "$in" in *killed*)
@@ -210,42 +224,6 @@ TEST_F(Faults, a96kHz51TrackKeepsItsFormatAndQuotedFiguresInMetadataChangeNothin
     EXPECT_EQ(Engine::process(quoting, clip, 5, -5).placements, 3);
 }
 
-// SIGTERM (as Ctrl-C) while the second track renders: the first stays, the partial
-// second goes. The render reads its input in real time, so the signal lands mid-way
-// on any machine.
-TEST_F(Faults, aSignalMidRenderRemovesThePartialOutputAndKeepsWhatWasWritten) {
-    const QString share = resourcesWith(dir, R"(case " $* " in
-*" -filter_complex "*) exec "$real" -re "$@" ;;
-esac
-exec "$real" "$@"
-)");
-    const QString first = path(u"a.wav"_s), second = path(u"b long.wav"_s);
-    ::Test::makeAudio(first, u"sine=frequency=220"_s, 1);
-    ::Test::makeAudio(second, u"sine=frequency=330"_s, 60, 22050, 1);
-
-    QProcess run;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(u"ZELKOR_RESOURCES"_s, share);
-    run.setProcessEnvironment(environment);
-    run.start(::Test::binary(u"zelkor-tag"_s), {u"--tag"_s, clip, first, second});
-    const QString partial = path(u"b long (Tagged).wav"_s);
-    QElapsedTimer waited;
-    waited.start();
-    while (!QFileInfo::exists(partial) && waited.elapsed() < 30'000)
-        QThread::msleep(10);
-    ASSERT_TRUE(QFileInfo::exists(partial)) << "the second render never started";
-    ::kill(static_cast<pid_t>(run.processId()), SIGTERM);
-
-    ASSERT_TRUE(run.waitForFinished(30'000));
-    EXPECT_EQ(run.exitStatus(), QProcess::NormalExit);
-    EXPECT_EQ(run.exitCode(), 1);
-    EXPECT_EQ(QString::fromUtf8(run.readAllStandardOutput()), u"a.wav  1 TAGS  OK  -> "_s +
-                                                                  path(u"a (Tagged).wav"_s) +
-                                                                  u"\nb long.wav  STOPPED\n"_s);
-    EXPECT_EQ(taggedIn(dir.path()), u"a (Tagged).wav"_s);
-    EXPECT_EQ(::Test::samples(path(u"a (Tagged).wav"_s), 44100, 2).size(), 44100u * 2);
-}
-
 namespace {
 
 class FaultsAtHome : public testing::Test {
@@ -332,4 +310,59 @@ TEST_F(FaultsAtHome, aFileInPlaceOfTheTagsFolderIsLeftAloneAndANewlineInAClipNam
     const auto tagged = zelkorTag({u"--interval"_s, u"5"_s, beat});
     EXPECT_EQ(tagged.status, 0) << tagged.out.toStdString();
     EXPECT_TRUE(QFileInfo::exists(home.root() + u"/beat (Tagged).wav"_s));
+}
+
+// SIGTERM (Ctrl-C, or the desktop session ending) while the second track renders,
+// from the shell and from the window: the first output stays, the partial second
+// goes with its ffmpeg. The render reads its input in real time, so the signal
+// lands mid-way on any machine.
+TEST_F(FaultsAtHome, aSignalMidRenderRemovesThePartialOutputAndKeepsWhatWasWritten) {
+    home.setEnv("ZELKOR_RESOURCES", resourcesWith(home.root(), R"(case " $* " in
+*" -filter_complex "*) exec "$real" -re "$@" ;;
+esac
+exec "$real" "$@"
+)"));
+    const QString runtime = home.root() + u"/runtime"_s;
+    QDir().mkpath(runtime);
+    QFile::setPermissions(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    home.setEnv("XDG_RUNTIME_DIR", runtime);
+    home.setEnv("QT_QPA_PLATFORM", u"offscreen"_s);
+    const QString first = home.root() + u"/a.wav"_s, second = home.root() + u"/b long.wav"_s;
+    const QString written = home.root() + u"/a (Tagged).wav"_s;
+    const QString partial = home.root() + u"/b long (Tagged).wav"_s;
+    ::Test::makeAudio(first, u"sine=frequency=220"_s, 3);
+    ::Test::makeAudio(second, u"sine=frequency=330"_s, 60, 22050, 1);
+
+    struct Front {
+        QString program;
+        QStringList args;
+        int exitCode;
+        QString out;
+    };
+    // The window tags with the library's seeded clip and prints nothing.
+    const Front fronts[] = {{u"zelkor-tag"_s,
+                             {u"--tag"_s, clip, first, second},
+                             1,
+                             u"a.wav  1 TAGS  OK  -> "_s + written + u"\nb long.wav  STOPPED\n"_s},
+                            {u"zelkor"_s, {first, second}, 0, {}}};
+    for (const Front& front : fronts) {
+        SCOPED_TRACE(front.program.toStdString());
+        QFile::remove(written);
+        QProcess run;
+        run.start(::Test::binary(front.program), front.args);
+        QElapsedTimer waited;
+        waited.start();
+        while (!QFileInfo::exists(partial) && waited.elapsed() < 60'000)
+            QThread::msleep(10);
+        ASSERT_TRUE(QFileInfo::exists(partial)) << "the second render never started";
+        ::kill(static_cast<pid_t>(run.processId()), SIGTERM);
+
+        ASSERT_TRUE(run.waitForFinished(30'000));
+        EXPECT_EQ(run.exitStatus(), QProcess::NormalExit);
+        EXPECT_EQ(run.exitCode(), front.exitCode);
+        EXPECT_EQ(QString::fromUtf8(run.readAllStandardOutput()), front.out);
+        EXPECT_EQ(taggedIn(home.root()), u"a (Tagged).wav"_s);
+        EXPECT_EQ(::Test::samples(written, 44100, 2).size(), 3u * 44100 * 2);
+        EXPECT_FALSE(processWriting(partial));
+    }
 }

@@ -8,12 +8,12 @@
 #include "platform/FileViewer.h"
 #include "platform/Menus.h"
 #include "platform/OpenPanels.h"
+#include "platform/QuitSignals.h"
 #include "platform/Sounds.h"
 #include "view/HUDView.h"
 
 #include <QApplication>
 #include <QTimer>
-#include <cstdlib>
 
 namespace {
 
@@ -25,6 +25,7 @@ void quiet(QtMsgType, const QMessageLogContext&, const QString&) {}
 int main(int argc, char** argv) {
     qInstallMessageHandler(quiet);
     QApplication app(argc, argv);
+    quitOnTerminationSignals(&app);
     QApplication::setApplicationName(appName);
     QApplication::setApplicationVersion(QStringLiteral(ZELKOR_VERSION));
     QApplication::setDesktopFileName(QStringLiteral("zelkor"));
@@ -47,8 +48,8 @@ int main(int argc, char** argv) {
         delegate.open(options.files);
     QTimer::singleShot(0, &delegate, &AppDelegate::didFinishLaunching);
     const int status = app.exec();
-    // A worker still waiting on ffmpeg would race the process's teardown.
-    if (HUDView::workersRunning())
-        std::_Exit(status);
+    // Quit in the middle of a batch: the current track's partial output goes,
+    // the tracks already written stay.
+    HUDView::stopWorkers();
     return status;
 }

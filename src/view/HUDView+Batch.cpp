@@ -12,15 +12,34 @@
 
 #include <QFileInfo>
 #include <QMetaObject>
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 using namespace Style;
 
 namespace {
 
-std::atomic<int> g_workers{0};
+// Every batch's worker, joinable: at quit the program ends their ffmpeg runs and
+// waits for them, so no thread outlives the objects it uses.
+struct Worker {
+    std::thread thread;
+    std::shared_ptr<std::atomic<bool>> done;
+};
+std::mutex g_workersMutex;
+std::vector<Worker> g_workers;
+
+void reapFinishedWorkers() {
+    const std::lock_guard lock(g_workersMutex);
+    std::erase_if(g_workers, [](Worker& worker) {
+        if (!worker.done->load())
+            return false;
+        worker.thread.join();
+        return true;
+    });
+}
 
 } // namespace
 
@@ -88,8 +107,9 @@ void HUDView::start(const QStringList& paths) {
         m_batch = std::make_shared<Batch>();
         m_batch->view = this;
     }
-    ++g_workers;
-    std::thread([batch = m_batch, work = std::move(work)] {
+    reapFinishedWorkers();
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    std::thread thread([batch = m_batch, work = std::move(work), done] {
         QStringList written;
         const auto total = static_cast<long long>(work.tracks.size());
         for (long long i = 0; i < total; ++i) {
@@ -97,8 +117,10 @@ void HUDView::start(const QStringList& paths) {
             batch->post([line, i, total](HUDView& view) { view.trackDone(line, i + 1, total); });
         }
         batch->post([written](HUDView& view) { view.finishBatch(written); });
-        --g_workers;
-    }).detach();
+        *done = true;
+    });
+    const std::lock_guard lock(g_workersMutex);
+    g_workers.push_back({std::move(thread), std::move(done)});
 }
 
 void HUDView::trackDone(const LogLine& line, long long done, long long total) {
@@ -126,5 +148,21 @@ HUDView::~HUDView() {
 }
 
 bool HUDView::workersRunning() {
-    return g_workers.load() > 0;
+    const std::lock_guard lock(g_workersMutex);
+    return std::any_of(g_workers.begin(), g_workers.end(),
+                       [](const Worker& worker) { return !worker.done->load(); });
+}
+
+void HUDView::stopWorkers() {
+    std::vector<Worker> workers;
+    {
+        const std::lock_guard lock(g_workersMutex);
+        workers.swap(g_workers);
+    }
+    if (workers.empty())
+        return;
+    // Ends the running ffmpeg (its partial output goes) and fails the tracks not yet begun.
+    Engine::stopAll();
+    for (Worker& worker : workers)
+        worker.thread.join();
 }

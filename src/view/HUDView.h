@@ -90,6 +90,8 @@ public:
 
     // Whether a batch's worker thread, of any view, has not ended yet.
     static bool workersRunning();
+    // At quit: ends the ffmpeg runs of every batch and waits for their workers.
+    static void stopWorkers();
 
     // Text helpers: every text is drawn with a font, a colour and a kern added
     // after each character; its width leaves out the kern after the last one.
