@@ -28,12 +28,20 @@ struct Worker {
     std::thread thread;
     std::shared_ptr<std::atomic<bool>> done;
 };
-std::mutex g_workersMutex;
-std::vector<Worker> g_workers;
+struct Workers {
+    std::mutex mutex;
+    std::vector<Worker> list;
+    // Reached only when the process ends without stopWorkers (a test, say): the
+    // workers still running are left to the exit, as a detached thread would be.
+    ~Workers() {
+        for (Worker& worker : list)
+            worker.done->load() ? worker.thread.join() : worker.thread.detach();
+    }
+} g_workers;
 
 void reapFinishedWorkers() {
-    const std::lock_guard lock(g_workersMutex);
-    std::erase_if(g_workers, [](Worker& worker) {
+    const std::lock_guard lock(g_workers.mutex);
+    std::erase_if(g_workers.list, [](Worker& worker) {
         if (!worker.done->load())
             return false;
         worker.thread.join();
@@ -119,8 +127,8 @@ void HUDView::start(const QStringList& paths) {
         batch->post([written](HUDView& view) { view.finishBatch(written); });
         *done = true;
     });
-    const std::lock_guard lock(g_workersMutex);
-    g_workers.push_back({std::move(thread), std::move(done)});
+    const std::lock_guard lock(g_workers.mutex);
+    g_workers.list.push_back({std::move(thread), std::move(done)});
 }
 
 void HUDView::trackDone(const LogLine& line, long long done, long long total) {
@@ -148,16 +156,16 @@ HUDView::~HUDView() {
 }
 
 bool HUDView::workersRunning() {
-    const std::lock_guard lock(g_workersMutex);
-    return std::any_of(g_workers.begin(), g_workers.end(),
+    const std::lock_guard lock(g_workers.mutex);
+    return std::any_of(g_workers.list.begin(), g_workers.list.end(),
                        [](const Worker& worker) { return !worker.done->load(); });
 }
 
 void HUDView::stopWorkers() {
     std::vector<Worker> workers;
     {
-        const std::lock_guard lock(g_workersMutex);
-        workers.swap(g_workers);
+        const std::lock_guard lock(g_workers.mutex);
+        workers.swap(g_workers.list);
     }
     if (workers.empty())
         return;
