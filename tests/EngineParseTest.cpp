@@ -20,13 +20,14 @@ Engine::Analysis parsed(const char* lines) {
                                  QString::fromUtf8(lines));
 }
 
+using EngineFiles = ::Test::TempFolder;
+
 } // namespace
 
 TEST(EngineParse, numbersAreWholeDecimalTextsOrMinusInfinity) {
-    EXPECT_EQ(Engine::readNumber(u"205.47"), 205.47);
-    EXPECT_EQ(Engine::readNumber(u"-14.2"), -14.2);
-    EXPECT_EQ(Engine::readNumber(u"4"), 4.0);
-    EXPECT_EQ(Engine::readNumber(u"-inf"), -kInf);
+    for (const auto& [text, value] :
+         {std::pair{u"205.47"_s, 205.47}, {u"-14.2"_s, -14.2}, {u"4"_s, 4.0}, {u"-inf"_s, -kInf}})
+        EXPECT_EQ(Engine::readNumber(text), value) << text.toStdString();
     for (const QString& bad : {u"1.2.3"_s, u"."_s, u"-"_s, u""_s, u"inf"_s, u"nan"_s, u"1e3"_s,
                                u"+1"_s, u" 1"_s, u"0x1"_s, u"--1"_s, u"1-"_s})
         EXPECT_FALSE(Engine::readNumber(bad)) << bad.toStdString();
@@ -40,18 +41,16 @@ TEST(EngineParse, matchGivesEveryPresentGroupOneInTextOrder) {
     EXPECT_EQ(Engine::match(u"c(d*)e"_s, u"ce"_s), QStringList{u""_s});
 }
 
-// Real transcripts of Debian's ffmpeg whose title, comment and file name quote a
-// duration, a silence and a loudness.
-TEST(EngineParse, figuresComeOnlyFromLinesFfmpegStarts) {
+// Real transcripts of Debian's ffmpeg. The track's title, comment and file name
+// quote a duration, a silence and a loudness: figures come only from lines
+// ffmpeg starts. Debian's ffmpeg also prints the end of a silence that runs to
+// the end of the input, and that silence is still trailing.
+TEST(EngineParse, realTranscriptsAndWhichSilenceIsTrailing) {
     const Engine::Analysis track = Engine::parseAnalysis(::Test::fixture(u"titled-track.txt"_s));
     EXPECT_DOUBLE_EQ(track.duration, 12.5);
     EXPECT_DOUBLE_EQ(track.lufs, -15.7);
     EXPECT_FALSE(track.silenceStart);
     EXPECT_EQ(track.format, (Engine::AudioFormat{44100, u"stereo"_s}));
-}
-
-// Debian's ffmpeg also prints the end of a silence that runs to the end of the input.
-TEST(EngineParse, aSilenceRunningToTheEndIsTrailing) {
     const Engine::Analysis clip = Engine::parseAnalysis(::Test::fixture(u"speech-clip.txt"_s));
     EXPECT_EQ(clip.silenceStart, 0.927625);
     EXPECT_EQ(clip.format, (Engine::AudioFormat{8000, u"mono"_s}));
@@ -73,7 +72,7 @@ TEST(EngineParse, aSilenceRunningToTheEndIsTrailing) {
                      .silenceStart);
 }
 
-TEST(EngineParse, theFirstDurationCountsAndWithoutOneTheFileIsUnreadable) {
+TEST(EngineParse, theFirstDurationAndTheLastLoudnessCount) {
     EXPECT_DOUBLE_EQ(Engine::parseAnalysis(u"  Duration: 00:03:25.47, start: 0\n"
                                            "  Duration: 00:00:01.00, start: 0\n"_s)
                          .duration,
@@ -82,15 +81,15 @@ TEST(EngineParse, theFirstDurationCountsAndWithoutOneTheFileIsUnreadable) {
     EXPECT_THROW(Engine::parseAnalysis(u"    I:         -14.2 LUFS\n"_s), TagError);
     EXPECT_THROW(Engine::parseAnalysis(u"  Duration: N/A, bitrate: N/A\n"_s), TagError);
     EXPECT_THROW(Engine::parseAnalysis(u"title : Duration: 00:00:01.00\n"_s), TagError);
-}
-
-TEST(EngineParse, theLastLoudnessCountsAndNothingIsBelowTheFloor) {
-    EXPECT_DOUBLE_EQ(parsed("    I:   -20.0 LUFS\n    I:   -14.2 LUFS\n").lufs, -14.2);
-    EXPECT_DOUBLE_EQ(parsed("    I:   -69.9 LUFS\n").lufs, -69.9);
-    EXPECT_DOUBLE_EQ(parsed("    I:   -75.3 LUFS\n").lufs, -70);
-    EXPECT_DOUBLE_EQ(parsed("    I:   -inf LUFS\n").lufs, -70);
-    EXPECT_DOUBLE_EQ(parsed("    I:   1.2.3 LUFS\n").lufs, -70);
-    EXPECT_DOUBLE_EQ(parsed("").lufs, -70);
+    // Nothing is below the floor of -70.
+    for (const auto& [lines, lufs] :
+         {std::pair{"    I:   -20.0 LUFS\n    I:   -14.2 LUFS\n", -14.2},
+          {"    I:   -69.9 LUFS\n", -69.9},
+          {"    I:   -75.3 LUFS\n", -70.0},
+          {"    I:   -inf LUFS\n", -70.0},
+          {"    I:   1.2.3 LUFS\n", -70.0},
+          {"", -70.0}})
+        EXPECT_DOUBLE_EQ(parsed(lines).lufs, lufs) << lines;
 }
 
 TEST(EngineParse, theTracksFormatComesFromItsFirstAudioStream) {
@@ -104,14 +103,11 @@ TEST(EngineParse, theTracksFormatComesFromItsFirstAudioStream) {
     EXPECT_FALSE(parsed("").format);
 }
 
-TEST(EnginePlacement, copiesRepeatWhileTheyEndByHalfASecondAfterTheTrack) {
+TEST(EnginePlacement, copiesRepeatWhileTheyEndByHalfASecondAfterTheTrackAndNeverRunAway) {
     EXPECT_EQ(Engine::positions(95, 30, 3), (std::vector<double>{0.5, 30.5, 60.5, 90.5}));
     EXPECT_EQ(Engine::positions(95, 30, 6), (std::vector<double>{0.5, 30.5, 60.5}));
     EXPECT_EQ(Engine::positions(10, 30, 10), std::vector<double>{0.5});
     EXPECT_EQ(Engine::positions(10, 30, 12), std::vector<double>{0.0});
-}
-
-TEST(EnginePlacement, nonsenseIntervalsNeverRunAway) {
     for (double interval : {0.0, -3.0, kInf, std::nan("")})
         EXPECT_EQ(Engine::positions(95, interval, 3), std::vector<double>{0.0});
     EXPECT_LE(Engine::positions(95, 1e-20, 3).size(), Engine::kMaxPlacements);
@@ -121,13 +117,11 @@ TEST(EnginePlacement, nonsenseIntervalsNeverRunAway) {
                      Failure);
 }
 
-TEST(EnginePlacement, clipGainIsClampedBetweenMinus40And12) {
+TEST(EnginePlacement, theGraphDelaysOneCopyPerPlacementAndMixesThemUnderTheTrack) {
+    // The clip's gain is clamped between -40 and 12 dB.
     EXPECT_DOUBLE_EQ(Engine::clipGain(-5, -14, -20), 1);
     EXPECT_DOUBLE_EQ(Engine::clipGain(-9, -70, -10), -40);
     EXPECT_DOUBLE_EQ(Engine::clipGain(-1, -8, -30), 12);
-}
-
-TEST(EnginePlacement, theGraphDelaysOneCopyPerPlacementAndMixesThemUnderTheTrack) {
     EXPECT_EQ(Engine::filterGraph(-3.25, {0.5, 30.5, 60.5}, std::nullopt),
               u"[1:a]volume=-3.25dB,asplit=3[s0][s1][s2];[s0]adelay=500:all=1[d0];"
               "[s1]adelay=30500:all=1[d1];[s2]adelay=60500:all=1[d2];[0:a][d0][d1][d2]"
@@ -141,8 +135,7 @@ TEST(EnginePlacement, theGraphDelaysOneCopyPerPlacementAndMixesThemUnderTheTrack
     EXPECT_TRUE(Engine::filterGraph(0, {2.9999}, std::nullopt).contains(u"adelay=2999:"_s));
 }
 
-TEST(EngineOutput, outputsAreNamedAfterTheTrackAndNeverTakeAUsedName) {
-    QTemporaryDir dir;
+TEST_F(EngineFiles, outputsAreNamedAfterTheTrackAndNeverTakeAUsedName) {
     const QString d = dir.path() + u'/';
     EXPECT_EQ(Engine::outputURL(d + u"Beat.WAV"_s), d + u"Beat (Tagged).wav"_s);
     EXPECT_EQ(Engine::outputURL(d + u"my.Song.Mp3"_s), d + u"my.Song (Tagged).mp3"_s);
@@ -156,7 +149,7 @@ TEST(EngineOutput, outputsAreNamedAfterTheTrackAndNeverTakeAUsedName) {
               QDir::current().absoluteFilePath(u"-x (Tagged).wav"_s));
 }
 
-TEST(EngineOutput, aFailedRenderReportsItsLastLineCutAndUpperCased) {
+TEST(EngineParse, aFailedRenderReportsItsLastLineCutAndUpperCased) {
     const QString long80 = QString(80, u'e') + u"\r"_s;
     EXPECT_EQ(Engine::failureText(u"frame 1\n"_s + long80 + u"\n\n"_s), QString(60, u'E'));
     EXPECT_EQ(Engine::failureText(QString(59, u'a') + u"\U0001F3A7b"_s),
@@ -165,8 +158,7 @@ TEST(EngineOutput, aFailedRenderReportsItsLastLineCutAndUpperCased) {
     EXPECT_EQ(Engine::failureText(u"\n\n"_s), u"ERROR"_s);
 }
 
-TEST(EngineCollect, aFolderGivesItsOwnTracksInCodePointOrder) {
-    QTemporaryDir dir;
+TEST_F(EngineFiles, aFolderGivesItsOwnTracksInCodePointOrder) {
     const QString d = dir.path() + u'/';
     for (const char* name : {"b.mp3", "A.mp3", "c.txt", "Track 10.wav", "Track 2.wav", ".intro.wav",
                              "Song (Tagged).mp3", "Song (Tagged) (2).mp3", "Mix(Tagged)final.wav",
@@ -193,8 +185,7 @@ TEST(EngineCollect, aFolderGivesItsOwnTracksInCodePointOrder) {
     EXPECT_TRUE(Engine::collect({d + u"c.txt"_s, d + u"loops.wav/"_s}).isEmpty());
 }
 
-TEST(EngineRunner, theFirstExecutableCandidateIsFfmpeg) {
-    QTemporaryDir dir;
+TEST_F(EngineFiles, theFirstExecutableCandidateIsFfmpeg) {
     const QString d = dir.path() + u'/';
     ::Test::writeFile(d + u"plain"_s, "#!/bin/sh\n");
     ::Test::writeFile(d + u"first"_s, "#!/bin/sh\n", true);

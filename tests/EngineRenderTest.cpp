@@ -5,10 +5,12 @@
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QRegularExpression>
 #include <algorithm>
 #include <cmath>
 #include <gtest/gtest.h>
+#include <thread>
 
 using namespace Qt::StringLiterals;
 
@@ -66,11 +68,7 @@ double peak(const std::vector<double>& d, double from, double to) {
     return at(from) < at(to) ? *std::max_element(at(from), at(to)) : 0.0;
 }
 
-class EngineRender : public testing::Test {
-protected:
-    QTemporaryDir dir;
-    QString path(const QString& name) const { return dir.path() + u'/' + name; }
-};
+using EngineRender = ::Test::TempFolder;
 
 } // namespace
 
@@ -133,10 +131,7 @@ TEST_F(EngineRender, anMp3TrackBecomesA320kMp3WithAnId3v23Header) {
 TEST_F(EngineRender, unreadableFilesGiveCantReadFileAndNoOutput) {
     const QString good = path(u"good.wav"_s);
     ::Test::makeAudio(good, kBeat, 2);
-    QByteArray noise(4096, 0);
-    for (int i = 0; i < noise.size(); ++i)
-        noise[i] = char(i * 7919 % 251);
-    ::Test::writeFile(path(u"corrupt.wav"_s), noise);
+    ::Test::writeFile(path(u"corrupt.wav"_s), QByteArray("RIFF\x13\xfe\x80WAVEfmt ").repeated(300));
     ::Test::writeFile(path(u"empty.mp3"_s), {});
     ::Test::writeFile(path(u"notes.mp3"_s), "these are not sounds\n");
     const auto failure = [](const QString& track, const QString& clip) {
@@ -192,4 +187,29 @@ TEST_F(EngineRender, aClipIsMeasuredOnceWithoutItsTrailingSilence) {
     EXPECT_THROW(Engine::info(blip), TagError);
     ::Test::makeAudio(blip, u"aevalsrc=0.3*sin(2*PI*440*t)*lt(t\\,0.2)"_s, 1.5, 44100, 1);
     EXPECT_EQ(Engine::info(blip).length, 0.5);
+}
+
+// In-process, where the thread sanitizer sees the engine's shared state: one
+// analysis of the clip, and no two jobs on one output name.
+TEST_F(EngineRender, callsFromManyThreadsShareOneClipAnalysisAndDistinctNames) {
+    const QString track = path(u"beat.wav"_s), clip = path(u"tag.wav"_s);
+    ::Test::makeAudio(track, kBeat, 12);
+    ::Test::makeAudio(clip, u"sine=frequency=1200"_s, 0.8, 22050, 1);
+    std::vector<Engine::TagInfo> infos(4);
+    std::vector<QString> outputs(4);
+    std::vector<std::thread> threads;
+    for (std::size_t i = 0; i < 4; ++i)
+        threads.emplace_back([&, i] {
+            infos[i] = Engine::info(clip);
+            outputs[i] = Engine::process(track, clip, 5, -5).output;
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    for (const Engine::TagInfo& info : infos) {
+        EXPECT_EQ(info.lufs, infos[0].lufs);
+        EXPECT_EQ(info.length, infos[0].length);
+    }
+    std::sort(outputs.begin(), outputs.end());
+    EXPECT_EQ(std::unique(outputs.begin(), outputs.end()), outputs.end());
+    EXPECT_TRUE(QFileInfo::exists(path(u"beat (Tagged) (4).wav"_s)));
 }

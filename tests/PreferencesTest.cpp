@@ -1,18 +1,53 @@
-// The non-GUI platform pieces on real files: the preferences store and the
-// desktop's trash.
+// The non-GUI platform pieces on real files: the preferences store, the settings
+// kept in it, and the desktop's trash.
 #include "platform/Preferences.h"
+#include "model/Settings.h"
 #include "platform/Trash.h"
 #include "support/FreshHome.h"
 #include "support/TestSupport.h"
 
 #include <QDir>
 #include <QJsonDocument>
+#include <cstdio>
+#include <cstdlib>
 #include <gtest/gtest.h>
 
 namespace {
 
 QJsonObject onDisk(const QString& path) {
     return QJsonDocument::fromJson(::Test::readAll(path)).object();
+}
+
+constexpr const char* kChildVariable = "ZELKOR_SETTINGS_CHILD";
+
+// Started again with ZELKOR_SETTINGS_CHILD=INDEX, this binary is "another
+// process": it stores INDEX as the interval, prints the two indices it then
+// reads, and exits before any test runs.
+[[maybe_unused]] const bool kChildRun = [] {
+    if (!qEnvironmentVariableIsSet(kChildVariable))
+        return false;
+    Settings::setIntervalIndex(qEnvironmentVariableIntValue(kChildVariable));
+    std::printf("%d %d\n", Settings::intervalIndex(), Settings::levelIndex());
+    std::fflush(stdout);
+    std::_Exit(0);
+}();
+
+QString inAnotherProcessSetInterval(int index) {
+    const QString self = QFileInfo(QStringLiteral("/proc/self/exe")).canonicalFilePath();
+    const ::Test::Process child = ::Test::runProgram(
+        self, {}, {QStringLiteral("%1=%2").arg(QLatin1String(kChildVariable)).arg(index)});
+    EXPECT_EQ(child.status, 0) << child.err.toStdString();
+    return child.out.trimmed();
+}
+
+// A hand edit, saved the way editors save: a new file renamed over the old one.
+void storeRaw(const ::Test::FreshHome& home, const QByteArray& json) {
+    QDir().mkpath(QFileInfo(home.preferencesPath()).path());
+    const QString edited = home.preferencesPath() + QStringLiteral(".edited");
+    ::Test::writeFile(edited, json);
+    ASSERT_EQ(std::rename(QFile::encodeName(edited).constData(),
+                          QFile::encodeName(home.preferencesPath()).constData()),
+              0);
 }
 
 } // namespace
@@ -96,4 +131,40 @@ TEST(Trash, aFileGoesToTheTrashUnderTheDataFolderEvenBeforeThatFolderExists) {
     EXPECT_EQ(Trash::moveToTrash(clip), std::nullopt);
     EXPECT_TRUE(QFileInfo::exists(clip));
     QDir::setCurrent(previous);
+}
+
+TEST(Settings, choicesOutliveTheProcessAndTwoProcessesKeepEachOthersChoice) {
+    ::Test::FreshHome home;
+    Settings::setLevelIndex(2);
+    ASSERT_EQ(Settings::levelIndex(), 2);
+
+    // The child reads the level written here, then writes its own interval.
+    EXPECT_EQ(inAnotherProcessSetInterval(3), QStringLiteral("3 2"));
+    EXPECT_EQ(Settings::intervalIndex(), 3);
+    EXPECT_EQ(Settings::levelIndex(), 2);
+    EXPECT_EQ(Settings::interval(), 60);
+    EXPECT_EQ(Settings::levelDB(), -1);
+
+    Settings::setLevelIndex(0);
+    EXPECT_EQ(inAnotherProcessSetInterval(0), QStringLiteral("0 0"));
+    EXPECT_EQ(Settings::interval(), 20);
+    EXPECT_EQ(Settings::levelDB(), -9);
+}
+
+// Thirty seconds at MID, also for a stored value that is not an index of its table.
+TEST(Settings, aFreshInstallationOrAStoredValueOutOfTheTableReadsAsTheDefault) {
+    ::Test::FreshHome home;
+    EXPECT_EQ(Settings::interval(), 30);
+    EXPECT_EQ(Settings::levelDB(), -5);
+    storeRaw(home, R"({"interval": "abc", "level": 7})");
+    EXPECT_EQ(Settings::intervalIndex(), 1);
+    EXPECT_EQ(Settings::levelIndex(), 1);
+    EXPECT_EQ(Settings::interval(), 30);
+    EXPECT_EQ(Settings::levelDB(), -5);
+
+    for (const char* stored : {"-1", "4", "2.5", "true", "null", "[0]", "9e99"}) {
+        storeRaw(home, QByteArray(R"({"interval": )") + stored + R"(, "level": 2})");
+        EXPECT_EQ(Settings::intervalIndex(), 1) << stored;
+        EXPECT_EQ(Settings::levelIndex(), 2) << stored;
+    }
 }

@@ -48,10 +48,7 @@ TEST_F(SingleInstance, aSecondLaunchHandsItsFilesToTheFirstAndEndsAtOnce) {
     QProcess& first = launch({}, runtime);
     ASSERT_TRUE(appears(socket, 10'000));
     QProcess& second = launch({QStringLiteral("beat.wav")}, home.root());
-    QElapsedTimer clock;
-    clock.start();
     ASSERT_TRUE(second.waitForFinished(10'000));
-    RecordProperty("handOverMs", static_cast<int>(clock.elapsed()));
     EXPECT_EQ(second.exitStatus(), QProcess::NormalExit);
     EXPECT_EQ(second.exitCode(), 0);
     EXPECT_TRUE(appears(home.root() + QStringLiteral("/beat (Tagged).wav")));

@@ -1,15 +1,16 @@
 // The main view drawn offscreen at device pixel ratio 1, checked pixel by pixel
-// in each of its states, with the click regions the drawing leaves behind.
+// in each of its states; the layout numbers it derives; and the text helpers.
 #include "model/Settings.h"
 #include "style/Fonts.h"
 #include "style/Palette.h"
-#include "support/FreshHome.h"
 #include "support/GuiSupport.h"
-#include "support/TestSupport.h"
 #include "view/Drawing.h"
-#include "view/HUDView.h"
+#include "view/HUDLayout.h"
 
+#include <QFontMetricsF>
+#include <QTextBoundaryFinder>
 #include <gtest/gtest.h>
+#include <limits>
 
 using namespace Style;
 using Drawing::withAlpha;
@@ -50,33 +51,22 @@ bool hasColour(const QImage& image, const QRect& box, const QColor& colour) {
 const QRect kHeadline(100, 262, 400, 48); // "DROP" starts right of 220, "ADD A TAG" left of it
 const QRect kTagText(128, 100, 300, 18);
 
-} // namespace
-
-class ViewDrawing : public ::testing::Test {
+class ViewDrawing : public ::Test::ViewFixture {
 protected:
-    static void SetUpTestSuite() { ::Test::guiApplication(); }
-
-    void addTag(const QString& name) {
+    void addTag(const QString& name = QStringLiteral("voice.wav")) {
         QDir().mkpath(home.tagsDir());
         ::Test::writeFile(home.tagsDir() + QLatin1Char('/') + name, "RIFF");
     }
-
-    HUDView& view() {
-        if (!m_view)
-            m_view = std::make_unique<HUDView>(HUDView::Services{sounds, viewer});
-        return *m_view;
-    }
-
-    QImage render(HUDView::State state = {}) {
+    QImage render(const std::function<void(HUDView::State&)>& set = {}) {
+        HUDView::State state;
+        if (set)
+            set(state);
         view().setState(std::move(state));
         return view().snapshot(1);
     }
-
-    ::Test::FreshHome home;
-    ::Test::RecordingSounds sounds;
-    ::Test::RecordingFileViewer viewer;
-    std::unique_ptr<HUDView> m_view;
 };
+
+} // namespace
 
 TEST_F(ViewDrawing, idleWithATagAsksForTracks) {
     addTag(QStringLiteral("my tag.mp3"));
@@ -97,19 +87,21 @@ TEST_F(ViewDrawing, idleWithATagAsksForTracks) {
     EXPECT_TRUE(near(image.pixelColor(168, 335), black, 0)); // no progress bar
 }
 
-TEST_F(ViewDrawing, idleWithoutATagAsksForTheTagFile) {
-    const QImage image = render();
+TEST_F(ViewDrawing, withoutATagItAsksForTheTagFileAndHoverKeepsTheSquareGrey) {
+    QImage image = render();
     EXPECT_TRUE(near(image.pixelColor(115, 108), over(lineStrong, black)));
     EXPECT_LT(lit(image, kHeadline, 120).left, 220);
     EXPECT_TRUE(lit(image, kTagText).found());
     EXPECT_FALSE(lit(image, kTagText, 200).found()); // dim, never white
+
+    image = render([](auto& s) { s.hoverTag = true; });
+    EXPECT_TRUE(near(image.pixelColor(115, 108), over(lineStrong, over(purpleSoft, black))));
+    EXPECT_TRUE(lit(image, kTagText, 200).found()); // "DROP TO ADD AS TAG" in white
 }
 
 TEST_F(ViewDrawing, hoverLightsTheZoneOrTheTagRow) {
-    addTag(QStringLiteral("voice.wav"));
-    HUDView::State zone;
-    zone.hoverZone = true;
-    QImage image = render(zone);
+    addTag();
+    QImage image = render([](auto& s) { s.hoverZone = true; });
     EXPECT_TRUE(near(image.pixelColor(50, 200), over(purpleSoft, black)));
     EXPECT_TRUE(near(image.pixelColor(25, 140), purple));
     EXPECT_TRUE(near(image.pixelColor(583, 430), purple));
@@ -118,59 +110,44 @@ TEST_F(ViewDrawing, hoverLightsTheZoneOrTheTagRow) {
     EXPECT_LT(release.left, 240);
     EXPECT_TRUE(near(image.pixelColor(100, 109), over(lineStrong, black)));
 
-    HUDView::State tag;
-    tag.hoverTag = true;
-    image = render(tag);
+    image = render([](auto& s) { s.hoverTag = true; });
     EXPECT_TRUE(near(image.pixelColor(100, 109), purple));
     EXPECT_TRUE(near(image.pixelColor(104, 98), over(purpleSoft, black)));
     EXPECT_TRUE(near(image.pixelColor(115, 108), purple));
     EXPECT_TRUE(near(image.pixelColor(50, 200), black, 0));
 }
 
-TEST_F(ViewDrawing, hoverOverTheTagRowWithoutATagKeepsTheSquareGrey) {
-    HUDView::State tag;
-    tag.hoverTag = true;
-    const QImage image = render(tag);
-    EXPECT_TRUE(near(image.pixelColor(115, 108), over(lineStrong, over(purpleSoft, black))));
-    EXPECT_TRUE(lit(image, kTagText, 200).found()); // "DROP TO ADD AS TAG" in white
-}
-
 TEST_F(ViewDrawing, busyShowsCounterBarAndRegistersNoRegions) {
-    addTag(QStringLiteral("voice.wav"));
-    HUDView::State state;
-    state.busy = true;
-    state.progress = {3, 12};
-    const QImage image = render(state);
-    for (int i = 0; i < 30; ++i)
-        EXPECT_TRUE(near(image.pixelColor(static_cast<int>(168 + 9.1 * i), 335),
-                         i < 7 ? purple : over(line, black)))
-            << i;
+    addTag();
+    const QImage image = render([](auto& s) { s.busy = true, s.progress = {3, 12}; });
+    const QImage empty = render([](auto& s) { s.busy = true; });
+    EXPECT_TRUE(view().hits().empty());
+    for (int i = 0; i < 30; ++i) {
+        const int x = static_cast<int>(168 + 9.1 * i);
+        EXPECT_TRUE(near(image.pixelColor(x, 335), i < 7 ? purple : over(line, black))) << i;
+        EXPECT_TRUE(near(empty.pixelColor(x, 335), over(line, black))) << i;
+    }
     EXPECT_TRUE(near(image.pixelColor(25, 140), purple));
     EXPECT_TRUE(near(image.pixelColor(300, 220), black, 0)); // no plus sign
     const Extent counter = lit(image, QRect(150, 245, 300, 50));
     // The first digit alone: "/" reaches above the capitals and below the baseline.
     EXPECT_NEAR(lit(image, QRect(counter.left, 245, 16, 50)).middleY(), 270, 1.0);
-    EXPECT_TRUE(view().hits().empty());
-
-    state.progress = {0, 0};
-    const QImage empty = render(state);
-    for (int i = 0; i < 30; ++i)
-        EXPECT_TRUE(near(empty.pixelColor(static_cast<int>(168 + 9.1 * i), 335), over(line, black)))
-            << i;
-    EXPECT_TRUE(view().hits().empty());
 }
 
 TEST_F(ViewDrawing, logShowsTheLastFourWithALongNameShortened) {
-    HUDView::State state;
-    state.log = {{QStringLiteral("one.wav"), QStringLiteral("4 TAGS  OK"), purple},
-                 {QStringLiteral("two.wav"), QStringLiteral("4 TAGS  OK"), purple},
-                 {QStringLiteral("AN EXTREMELY LONG BEAT NAME THAT GOES ON AND ON AND ON "
-                                 "UNTIL IT CANNOT POSSIBLY FIT.wav"),
-                  QStringLiteral("CAN'T READ FILE"), errColor},
-                 {QStringLiteral("four.wav"), QStringLiteral("1 TAGS  OK"), purple},
-                 {QStringLiteral("five.wav"), QStringLiteral("FFMPEG NOT FOUND"), errColor},
-                 {QStringLiteral("six.mp3"), QStringLiteral("12 TAGS  OK"), purple}};
-    const QImage image = render(state);
+    const auto line = [](const char* text, const char* status, QColor color) {
+        return LogLine{QString::fromUtf8(text), QString::fromUtf8(status), color};
+    };
+    const QImage image = render([&](auto& s) {
+        s.log = {line("one.wav", "4 TAGS  OK", purple),
+                 line("two.wav", "4 TAGS  OK", purple),
+                 line("AN EXTREMELY LONG BEAT NAME THAT GOES ON AND ON AND ON "
+                      "UNTIL IT CANNOT POSSIBLY FIT.wav",
+                      "CAN'T READ FILE", errColor),
+                 line("four.wav", "1 TAGS  OK", purple),
+                 line("five.wav", "FFMPEG NOT FOUND", errColor),
+                 line("six.mp3", "12 TAGS  OK", purple)};
+    });
     for (int row = 0; row < 4; ++row) {
         const QRect status(300, 484 + 20 * row, 284, 12);
         const bool failed = row % 2 == 0; // entries 3 to 6: red, purple, red, purple
@@ -192,17 +169,15 @@ TEST_F(ViewDrawing, logShowsTheLastFourWithALongNameShortened) {
 }
 
 TEST_F(ViewDrawing, emptyLogWaitsWithABlinkingCursor) {
-    HUDView::State off;
-    off.blink = false;
     const Extent withCursor = lit(render(), QRect(16, 482, 400, 16));
-    const Extent without = lit(render(off), QRect(16, 482, 400, 16));
+    const Extent without = lit(render([](auto& s) { s.blink = false; }), QRect(16, 482, 400, 16));
     EXPECT_GT(withCursor.right, without.right + 4);
     EXPECT_NEAR(without.left, 16, 2);
     EXPECT_TRUE(::Test::waitUntil([&] { return !view().state().blink; }, 2000));
 }
 
-TEST_F(ViewDrawing, hitsFollowTheDrawingOrder) {
-    addTag(QStringLiteral("voice.wav"));
+TEST_F(ViewDrawing, hitsFollowTheDrawingOrderAndTheLevelControlEndsAtTheRightPad) {
+    addTag();
     render();
     const std::vector<HUDView::Hit>& hits = view().hits();
     ASSERT_EQ(hits.size(), 9u);
@@ -218,6 +193,13 @@ TEST_F(ViewDrawing, hitsFollowTheDrawingOrder) {
         }
     }
     EXPECT_DOUBLE_EQ(hits[8].rect.right(), 584);
+
+    view().resize(720, 640);
+    const QImage wide = view().snapshot(1);
+    ASSERT_EQ(view().hits().size(), 9u);
+    EXPECT_DOUBLE_EQ(view().hits().back().rect.right(), 704);
+    EXPECT_TRUE(near(wide.pixelColor(703, 600), over(lineStrong, black)));
+    EXPECT_TRUE(near(wide.pixelColor(704, 600), black, 0));
 }
 
 TEST_F(ViewDrawing, segmentActionsChangeTheSettingsThatTheNextPassShows) {
@@ -237,15 +219,6 @@ TEST_F(ViewDrawing, segmentActionsChangeTheSettingsThatTheNextPassShows) {
         near(image.pixelColor((view().hits()[8].rect.topLeft() + inside).toPoint()), white));
 }
 
-TEST_F(ViewDrawing, levelControlEndsAtTheRightPadOnAWiderView) {
-    view().resize(720, 640);
-    const QImage image = view().snapshot(1);
-    ASSERT_EQ(view().hits().size(), 9u);
-    EXPECT_DOUBLE_EQ(view().hits().back().rect.right(), 704);
-    EXPECT_TRUE(near(image.pixelColor(703, 600), over(lineStrong, black)));
-    EXPECT_TRUE(near(image.pixelColor(704, 600), black, 0));
-}
-
 TEST_F(ViewDrawing, titleStartsAt76WithoutALogoAndTextsSitOnTheirLines) {
     home.setEnv("ZELKOR_RESOURCES", home.root());
     const QImage image = render();
@@ -259,4 +232,88 @@ TEST_F(ViewDrawing, titleStartsAt76WithoutALogoAndTextsSitOnTheirLines) {
     const Extent footer = lit(image, QRect(400, 412, 178, 16));          // right-aligned to 568
     EXPECT_GE(footer.right, 565);
     EXPECT_LE(footer.right, 568);
+}
+
+// What the pixels above do not show: a logo's place, the plate, and the grid's and
+// the bar's counts at their limits.
+TEST(ViewLayout, headerDotGridAndProgressCells) {
+    using namespace HUDLayout;
+    Measures measures{
+        .logo = std::nullopt, .titleWidth = 90, .addTagWidth = 110, .levelControlWidth = 160};
+    const Header h = layout({600, 640}, measures).header;
+    EXPECT_NEAR(h.plate.top(), 18.853, 1e-3);
+    EXPECT_NEAR(h.plate.height(), 42.293, 1e-3);
+    EXPECT_DOUBLE_EQ(h.plate.left(), 334);
+    EXPECT_NEAR(h.plateLine, 32.81, 1e-2);
+    EXPECT_DOUBLE_EQ(h.everyRight, 442.5);
+    EXPECT_DOUBLE_EQ(h.levelLeft, 464.75);
+    measures.logo = QSizeF(192, 96);
+    const Header logo = layout({600, 640}, measures).header;
+    EXPECT_EQ(*logo.logo, QRectF(16, 16, 96, 48));
+    EXPECT_DOUBLE_EQ(logo.titleX, 124);
+    EXPECT_DOUBLE_EQ(logo.subtitleX, 124 + 90 + 12);
+
+    const std::vector<QPointF> dots = dotGrid(zoneRect(600));
+    ASSERT_EQ(dots.size(), 34u * 18u);
+    EXPECT_EQ(dots[17], QPointF(32, 428));
+    EXPECT_EQ(dots.back(), QPointF(560, 428));
+    EXPECT_EQ(filledCells(5, 0), 0);
+    EXPECT_EQ(filledCells(40, 12), 30);
+    EXPECT_EQ(filledCells(std::numeric_limits<long long>::max(), 1), 30);
+}
+
+namespace {
+
+qsizetype graphemes(const QString& text) {
+    QTextBoundaryFinder finder(QTextBoundaryFinder::Grapheme, text);
+    qsizetype count = 0;
+    while (finder.toNextBoundary() > 0)
+        ++count;
+    return count;
+}
+
+HUDView::Fits atMost(qsizetype characters) {
+    return [characters](const QString& text) { return graphemes(text) <= characters; };
+}
+
+// The rule as written: drop the last two characters and add "…", one round at a time.
+QString reference(QString text, int minimum, const HUDView::Fits& fits) {
+    while (!fits(text) && graphemes(text) >= minimum) {
+        QTextBoundaryFinder finder(QTextBoundaryFinder::Grapheme, text);
+        finder.toEnd();
+        finder.toPreviousBoundary();
+        text = text.left(finder.toPreviousBoundary()) + QStringLiteral("\u2026");
+    }
+    return text;
+}
+
+} // namespace
+
+TEST(ViewText, widthLeavesOutTheKernAfterTheLastCharacter) {
+    ::Test::guiApplication();
+    const QFont font = Style::body(12);
+    EXPECT_EQ(HUDView::width(QString(), font, 1.2), 0);
+    const double glyph = QFontMetricsF(font).horizontalAdvance(QStringLiteral("A"));
+    EXPECT_NEAR(HUDView::width(QStringLiteral("A"), font, 1.2), glyph, 1e-6);
+    const double plain = HUDView::width(QStringLiteral("ABCD"), font, 0);
+    // Qt keeps spacing in 1/64 px: 0.9 becomes 0.890625.
+    EXPECT_NEAR(HUDView::width(QStringLiteral("ABCD"), font, 0.9), plain + 3 * 0.890625, 1e-6);
+}
+
+TEST(ViewText, shorteningAgreesWithTheRoundByRoundRuleAndStopsAtTheMinimum) {
+    const QString ten = QStringLiteral("ABCDEFGHIJ");
+    EXPECT_EQ(HUDView::shortened(ten, 7, atMost(9)), QStringLiteral("ABCDEFGH\u2026"));
+    // Never below six characters for the log, four for the tag row.
+    EXPECT_EQ(HUDView::shortened(ten, 7, atMost(0)), QStringLiteral("ABCDE\u2026"));
+    EXPECT_EQ(HUDView::shortened(ten, 5, atMost(0)), QStringLiteral("ABC\u2026"));
+    for (const QString& text :
+         {QStringLiteral("> AN EXTREMELY LONG BEAT NAME.wav"),
+          QStringLiteral("e\u0301e\u0301e\u0301e\u0301e\u0301e\u0301e\u0301e\u0301"),
+          QStringLiteral("BEAT \U0001F3B9\U0001F3B9\U0001F3B9 FINAL FINAL.mp3"),
+          QStringLiteral("ABCD")})
+        for (const int minimum : {5, 7})
+            for (qsizetype room = 0; room <= graphemes(text) + 1; ++room)
+                EXPECT_EQ(HUDView::shortened(text, minimum, atMost(room)),
+                          reference(text, minimum, atMost(room)))
+                    << text.toStdString() << " " << minimum << " " << room;
 }

@@ -3,6 +3,7 @@
 #include "support/TestSupport.h"
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <gtest/gtest.h>
 
@@ -47,11 +48,17 @@ QStringList argumentsOfRun(const QTemporaryDir& dir, int run) {
     return args;
 }
 
-class ZelkorTag : public testing::Test {
-protected:
-    QTemporaryDir dir;
-    QString path(const QString& name) const { return dir.path() + u'/' + name; }
-};
+// A resources folder whose ffmpeg logs each argument list, then runs the real one.
+QString loggingResources(const QString& resources) {
+    QDir().mkpath(resources);
+    ::Test::writeFile(resources + u"/ffmpeg"_s,
+                      "#!/bin/sh\necho \"$*\" >> \"$(dirname \"$0\")/runs\"\nexec " +
+                          ::Test::systemFFmpeg().toUtf8() + " \"$@\"\n",
+                      true);
+    return u"ZELKOR_RESOURCES="_s + resources;
+}
+
+using ZelkorTag = ::Test::TempFolder;
 
 } // namespace
 
@@ -78,25 +85,25 @@ TEST_F(ZelkorTag, printsOneLinePerTrackAndExitsOneWhenAnyFailed) {
 }
 
 TEST_F(ZelkorTag, usageErrorsExitTwoAndNameTheBadValue) {
-    ::Test::writeFile(path(u"tag.wav"_s), "x");
     const QString tag = path(u"tag.wav"_s);
+    ::Test::writeFile(tag, "x");
+    std::vector<std::pair<QStringList, QString>> cases{
+        {{u"--tag"_s, tag, u"--level"_s, u"LOUD"_s, dir.path()}, u"--level 'LOUD'"_s},
+        {{u"--tag"_s, tag, u"--level"_s, u"13"_s, dir.path()}, u"--level '13'"_s},
+        {{u"--tag"_s, tag, u"--jobs"_s, u"0"_s, dir.path()}, u"--jobs '0'"_s},
+        {{u"--tag"_s, tag, u"--bogus"_s, dir.path()}, u"'--bogus'"_s},
+        {{dir.path(), u"--tag"_s}, u"'--tag'"_s},
+        {{u"--tag"_s, tag}, u""_s}};
     for (const QString& interval :
-         {u"0"_s, u"2"_s, u"-3"_s, u"9999"_s, u"abc"_s, u"nan"_s, u"inf"_s}) {
-        const auto run = zelkorTag({u"--tag"_s, tag, u"--interval"_s, interval, dir.path()});
-        EXPECT_EQ(run.status, 2) << interval.toStdString();
-        EXPECT_TRUE(run.err.contains(u"--interval '"_s + interval + u'\''))
-            << run.err.toStdString();
-        EXPECT_EQ(run.err.count(u'\n'), 1);
-        EXPECT_EQ(run.out, u""_s);
-    }
-    for (const QStringList& args :
-         {QStringList{u"--tag"_s, tag, u"--level"_s, u"LOUD"_s, dir.path()},
-          QStringList{u"--tag"_s, tag, u"--level"_s, u"13"_s, dir.path()},
-          QStringList{u"--tag"_s, tag, u"--bogus"_s, dir.path()}, QStringList{u"--tag"_s, tag},
-          QStringList{dir.path(), u"--tag"_s}}) {
+         {u"0"_s, u"2"_s, u"-3"_s, u"9999"_s, u"abc"_s, u"nan"_s, u"inf"_s})
+        cases.push_back({{u"--tag"_s, tag, u"--interval"_s, interval, dir.path()},
+                         u"--interval '"_s + interval + u'\''});
+    for (const auto& [args, named] : cases) {
         const auto run = zelkorTag(args);
         EXPECT_EQ(run.status, 2) << args.join(u' ').toStdString();
+        EXPECT_TRUE(run.err.contains(named)) << run.err.toStdString();
         EXPECT_EQ(run.err.count(u'\n'), 1) << run.err.toStdString();
+        EXPECT_EQ(run.out, u""_s);
     }
 }
 
@@ -170,4 +177,43 @@ TEST_F(ZelkorTag, withoutAnExecutableFfmpegNothingIsStarted) {
     EXPECT_EQ(run.status, 1);
     EXPECT_EQ(run.out, u"beat.wav  FFMPEG NOT FOUND\nbeat.wav  FFMPEG NOT FOUND\n"_s);
     EXPECT_FALSE(QFileInfo::exists(dir.path() + u"/share/ran"_s));
+}
+
+// Several jobs at once write what one at a time writes, in track order, with one
+// analysis of the clip for the whole batch.
+TEST_F(ZelkorTag, jobsWriteWhatOneAtATimeWritesInTrackOrder) {
+    const QString clip = path(u"tag.wav"_s), runs = path(u"share/runs"_s);
+    ::Test::makeAudio(clip, u"sine=frequency=1200"_s, 0.8, 22050, 1);
+    QStringList tracks;
+    for (int i = 0; i < 4; ++i) {
+        tracks << path(u"beat %1.wav"_s.arg(i));
+        ::Test::makeAudio(tracks.last(), u"sine=frequency=%1"_s.arg(200 + 50 * i), 12 + i);
+    }
+    const QString env = loggingResources(path(u"share"_s));
+    const auto tagAll = [&](int jobs) {
+        return zelkorTag(QStringList{u"--tag"_s, clip, u"--jobs"_s, QString::number(jobs),
+                                     u"--interval"_s, u"5"_s} +
+                             tracks,
+                         {env});
+    };
+    const auto output = [&](int i) { return path(u"beat %1 (Tagged).wav"_s.arg(i)); };
+
+    const ::Test::Process one = tagAll(1);
+    ASSERT_EQ(one.status, 0) << one.err.toStdString();
+    std::vector<QByteArray> sequential;
+    for (int i = 0; i < tracks.size(); ++i) {
+        sequential.push_back(::Test::readAll(output(i)));
+        QFile::remove(output(i));
+    }
+    QFile::remove(runs);
+
+    const ::Test::Process four = tagAll(4);
+    ASSERT_EQ(four.status, 0) << four.err.toStdString();
+    EXPECT_EQ(four.out, one.out); // same names, same counts, same order
+    for (int i = 0; i < tracks.size(); ++i)
+        EXPECT_EQ(::Test::readAll(output(i)), sequential[static_cast<std::size_t>(i)]) << i;
+    const QStringList ran =
+        QString::fromUtf8(::Test::readAll(runs)).split(u'\n', Qt::SkipEmptyParts);
+    EXPECT_EQ(ran.filter(u"-i "_s + clip + u" -af"_s).size(), 1);
+    EXPECT_EQ(ran.size(), 1 + 2 * tracks.size());
 }

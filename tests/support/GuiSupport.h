@@ -6,6 +6,8 @@
 #include "platform/Menus.h"
 #include "platform/OpenPanels.h"
 #include "platform/Sounds.h"
+#include "support/FreshHome.h"
+#include "support/TestSupport.h"
 #include "view/HUDView.h"
 
 #include <QApplication>
@@ -13,12 +15,15 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
 #include <QImage>
 #include <QMouseEvent>
 #include <QTemporaryDir>
 #include <QTimer>
 #include <cmath>
 #include <functional>
+#include <gtest/gtest.h>
+#include <memory>
 #include <ostream>
 #include <vector>
 
@@ -90,7 +95,6 @@ public:
     int trackPanels = 0;
 };
 
-// Every desktop service the view asks for, as recording stand-ins.
 struct FakeDesktop {
     RecordingSounds sounds;
     RecordingFileViewer viewer;
@@ -126,12 +130,7 @@ inline int repaints(QWidget& widget, const std::function<void()>& work) {
             return false;
         }
     };
-    const auto settle = [] {
-        QElapsedTimer clock;
-        clock.start();
-        while (clock.elapsed() < 60)
-            QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-    };
+    const auto settle = [] { waitUntil([] { return false; }, 60); };
     for (QTimer* timer : widget.findChildren<QTimer*>())
         timer->stop();
     if (!widget.isVisible())
@@ -160,9 +159,30 @@ inline bool near(const QColor& seen, const QColor& expected, int tolerance = 3) 
            std::abs(seen.blue() - expected.blue()) <= tolerance;
 }
 
-inline QColor pixel(const QImage& image, int x, int y) {
-    return image.pixelColor(x, y);
-}
+// A view over recording services in a fresh home. It reads the selected tag
+// when made, so it is made on first use: after the test has added its tags.
+class ViewFixture : public testing::Test {
+protected:
+    static void SetUpTestSuite() { guiApplication(); }
+    // As the program does at quit: a batch's worker thread must not outlive main.
+    static void TearDownTestSuite() { HUDView::stopWorkers(); }
+    HUDView& view() {
+        if (!m_view)
+            m_view = std::make_unique<HUDView>(desktop.services());
+        return *m_view;
+    }
+    // A file of `bytes` at `name` under the home's scratch folder, its folders made.
+    QString file(const QString& name, const QByteArray& bytes = "x") {
+        const QString path = home.root() + QLatin1Char('/') + name;
+        QDir().mkpath(QFileInfo(path).path());
+        writeFile(path, bytes);
+        return path;
+    }
+
+    FreshHome home;
+    FakeDesktop desktop;
+    std::unique_ptr<HUDView> m_view;
+};
 
 } // namespace Test
 

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <gtest/gtest.h>
 
+using namespace Qt::StringLiterals;
+
 namespace Test {
 
 QString systemFFmpeg() {
@@ -38,27 +40,22 @@ Process runProgram(const QString& program, const QStringList& args,
 
 void ffmpeg(const QStringList& args) {
     const Process run = runProgram(
-        systemFFmpeg(),
-        QStringList{QStringLiteral("-hide_banner"), QStringLiteral("-nostdin"),
-                    QStringLiteral("-y"), QStringLiteral("-loglevel"), QStringLiteral("error")} +
-            args);
+        systemFFmpeg(), u"-hide_banner -nostdin -y -loglevel error"_s.split(u' ') + args);
     ASSERT_EQ(run.status, 0) << run.err.toStdString();
 }
 
 void makeAudio(const QString& path, const QString& source, double seconds, int rate, int channels) {
-    ffmpeg({QStringLiteral("-f"), QStringLiteral("lavfi"), QStringLiteral("-i"),
-            QStringLiteral("%1:sample_rate=%2:duration=%3").arg(source).arg(rate).arg(seconds),
-            QStringLiteral("-ac"), QString::number(channels), path});
+    ffmpeg({u"-f"_s, u"lavfi"_s, u"-i"_s,
+            u"%1:sample_rate=%2:duration=%3"_s.arg(source).arg(rate).arg(seconds), u"-ac"_s,
+            QString::number(channels), path});
 }
 
 std::vector<double> samples(const QString& path, int rate, int channels) {
     QProcess process;
     process.start(systemFFmpeg(),
-                  {QStringLiteral("-hide_banner"), QStringLiteral("-nostdin"),
-                   QStringLiteral("-loglevel"), QStringLiteral("error"), QStringLiteral("-i"), path,
-                   QStringLiteral("-f"), QStringLiteral("f64le"), QStringLiteral("-ar"),
-                   QString::number(rate), QStringLiteral("-ac"), QString::number(channels),
-                   QStringLiteral("-")});
+                  u"-hide_banner -nostdin -loglevel error -i"_s.split(u' ') +
+                      QStringList{path, u"-f"_s, u"f64le"_s, u"-ar"_s, QString::number(rate),
+                                  u"-ac"_s, QString::number(channels), u"-"_s});
     process.waitForFinished(-1);
     const QByteArray bytes = process.readAllStandardOutput();
     std::vector<double> values(static_cast<std::size_t>(bytes.size()) / sizeof(double));

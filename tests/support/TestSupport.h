@@ -5,6 +5,7 @@
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
+#include <gtest/gtest.h>
 #include <ostream>
 #include <vector>
 
@@ -43,5 +44,12 @@ QByteArray readAll(const QString& path);
 // A text file kept in tests/fixtures.
 QString fixture(const QString& name);
 void writeFile(const QString& path, const QByteArray& bytes, bool executable = false);
+
+// A test with a temporary folder of its own, gone with the test.
+class TempFolder : public testing::Test {
+protected:
+    QTemporaryDir dir;
+    QString path(const QString& name) const { return dir.filePath(name); }
+};
 
 } // namespace Test
