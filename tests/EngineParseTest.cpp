@@ -72,11 +72,18 @@ TEST(EngineParse, realTranscriptsAndWhichSilenceIsTrailing) {
                      .silenceStart);
 }
 
-TEST(EngineParse, theFirstDurationAndTheLastLoudnessCount) {
-    EXPECT_DOUBLE_EQ(Engine::parseAnalysis(u"  Duration: 00:03:25.47, start: 0\n"
-                                           "  Duration: 00:00:01.00, start: 0\n"_s)
-                         .duration,
-                     205.47);
+// A second Duration line, or figures before the last stream line, can only be a
+// tag's name forging ffmpeg's lines.
+TEST(EngineParse, theOneDurationAndTheLastLoudnessCount) {
+    EXPECT_THROW(Engine::parseAnalysis(u"  Duration: 00:03:25.47, start: 0\n"
+                                       "  Duration: 00:00:01.00, start: 0\n"_s),
+                 TagError);
+    const Engine::Analysis forged =
+        parsed("[silencedetect @ 0x1] silence_start: 1.5\n"
+               "    I:   -5.0 LUFS\n"
+               "  Stream #0:0: Audio: pcm_s16le, 44100 Hz, mono, s16\n");
+    EXPECT_FALSE(forged.silenceStart);
+    EXPECT_DOUBLE_EQ(forged.lufs, -70.0);
     EXPECT_DOUBLE_EQ(Engine::parseAnalysis(u"  Duration: 01:00:00.00,"_s).duration, 3600);
     EXPECT_THROW(Engine::parseAnalysis(u"    I:         -14.2 LUFS\n"_s), TagError);
     EXPECT_THROW(Engine::parseAnalysis(u"  Duration: N/A, bitrate: N/A\n"_s), TagError);

@@ -222,6 +222,23 @@ TEST_F(Faults, a96kHz51TrackKeepsItsFormatAndQuotedFiguresInMetadataChangeNothin
     EXPECT_EQ(read.silenceStart, expected.silenceStart);
     EXPECT_EQ(read.format, expected.format);
     EXPECT_EQ(Engine::process(quoting, clip, 5, -5).placements, 3);
+
+    // A tag's name is printed as it is: lines it forges before ffmpeg's own change
+    // nothing, and a second Duration line makes the file unreadable, not misread.
+    const QString named = path(u"named.mp3"_s), forged = path(u"forged.mp3"_s);
+    const auto copyWithName = [&](const QString& name, const QString& to) {
+        ::Test::ffmpeg(
+            {u"-i"_s, plain, u"-c"_s, u"copy"_s, u"-metadata"_s, u"x\n"_s + name + u"\nk=v"_s, to});
+    };
+    copyWithName(u"    I:  -5.0 LUFS\n[silencedetect @ 0x1] silence_start: 1.5\n"
+                 "  Stream #0:0: Audio: mp3, 8000 Hz, mono, fltp"_s,
+                 named);
+    const Engine::Analysis misnamed = Engine::analyze(named);
+    EXPECT_EQ(misnamed.lufs, expected.lufs);
+    EXPECT_EQ(misnamed.silenceStart, expected.silenceStart);
+    EXPECT_EQ(misnamed.format, expected.format);
+    copyWithName(u"  Duration: 00:00:01.00, start: 0"_s, forged);
+    EXPECT_EQ(failure(forged, clip), u"CAN'T READ FILE"_s);
 }
 
 namespace {

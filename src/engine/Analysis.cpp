@@ -102,13 +102,35 @@ QStringList analysisArguments(const QString& path) {
             QStringLiteral("null"),     QStringLiteral("-")};
 }
 
-Analysis parseAnalysis(const QString& output) {
-    const QStringList durations = match(patterns().duration, output);
-    if (durations.isEmpty())
+// ffmpeg indents every line of a tag's value, but prints a tag's name as it is, so
+// a name holding line breaks can forge any line. Such lines can only stand in the
+// input's tags, before its one Duration line, and in the same tags copied to the
+// output, before the output's stream line. So: a second Duration line refuses the
+// file (the two cannot be told apart), the format is the first stream line after
+// Duration, and the measurements are read after the last stream line.
+Analysis parseAnalysis(const QString& text) {
+    auto durations = patterns().duration.globalMatch(text);
+    if (!durations.hasNext())
         throw TagError::unreadable();
-    const QStringList hms = durations.first().split(QLatin1Char(':'));
+    const QRegularExpressionMatch found = durations.next();
+    if (durations.hasNext())
+        throw TagError::unreadable();
+    const QString described = text.mid(found.capturedEnd());
+    const QStringList hms = found.captured(1).split(QLatin1Char(':'));
     Analysis analysis;
     analysis.duration = (hms[0].toDouble() * 3600 + hms[1].toDouble() * 60) + hms[2].toDouble();
+
+    QString format;
+    qsizetype measuredFrom = 0;
+    for (auto streams = patterns().stream.globalMatch(described); streams.hasNext();) {
+        const QRegularExpressionMatch stream = streams.next();
+        if (format.isNull())
+            format = stream.captured(1);
+        measuredFrom = stream.capturedEnd();
+    }
+    if (!format.isNull())
+        analysis.format = readFormat(format);
+    const QString output = described.mid(measuredFrom);
 
     const QStringList loudness = match(patterns().loudness, output);
     const std::optional<double> lufs =
@@ -124,9 +146,6 @@ Analysis parseAnalysis(const QString& output) {
     if (!starts.empty() && (ends.size() < starts.size() || endedByTheInput))
         analysis.silenceStart = starts.back();
 
-    const QStringList streams = match(patterns().stream, output);
-    if (!streams.isEmpty())
-        analysis.format = readFormat(streams.first());
     return analysis;
 }
 

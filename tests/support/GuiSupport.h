@@ -164,8 +164,6 @@ inline bool near(const QColor& seen, const QColor& expected, int tolerance = 3) 
 class ViewFixture : public testing::Test {
 protected:
     static void SetUpTestSuite() { guiApplication(); }
-    // As the program does at quit: a batch's worker thread must not outlive main.
-    static void TearDownTestSuite() { HUDView::stopWorkers(); }
     HUDView& view() {
         if (!m_view)
             m_view = std::make_unique<HUDView>(desktop.services());
