@@ -3,6 +3,7 @@
 #   (also the suite under AddressSanitizer and UndefinedBehaviorSanitizer, the
 #   threaded tests under ThreadSanitizer, and a short run of each fuzz target)
 # make bench: the published speed figures, each against its target.
+# make bench-long: peak memory tagging a 2-hour track.
 # make fuzz: each fuzz target for FUZZ_SECONDS.
 # make install: the program, its resources, desktop entry and icon under PREFIX.
 
@@ -11,14 +12,16 @@ JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 FUZZ_SECONDS ?= 120
 SMOKE_SECONDS ?= 15
-# Tests with threads of their own, run again under ThreadSanitizer.
-THREADED_TESTS := ParallelTest BatchRunnerTest
+# Tests with threads of their own (in the test or in the zelkor-tag it runs),
+# run again under ThreadSanitizer.
+THREADED_TESTS := EngineRenderTest ZelkorTagTest BatchRunnerTest
+THREADED_CASES := ^(EngineRender\.callsFromManyThreads|ZelkorTag\.jobs|BatchRunner\.)
 SANITIZER_ENV := ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	LSAN_OPTIONS=suppressions=$(CURDIR)/tests/sanitizers/lsan.supp:print_suppressions=0 \
 	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(CURDIR)/tests/sanitizers/tsan.supp
+	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:die_after_fork=0:suppressions=$(CURDIR)/tests/sanitizers/tsan.supp
 
-.PHONY: all deps configure build run demo test test-all test-asan test-tsan fuzz fuzz-smoke bench install format clean
+.PHONY: all deps configure build run demo test test-asan test-tsan fuzz fuzz-smoke bench bench-long install format clean
 
 all: build
 
@@ -43,23 +46,20 @@ demo: build
 
 test: build
 	@ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
-
-# Not yet part of make test: the sanitizer builds and fuzz smoke runs.
-test-all: test
 	@$(MAKE) --no-print-directory test-asan test-tsan fuzz-smoke
 
 test-asan: deps
-	@test -f build-asan/build.ninja || cmake -S . -B build-asan -G Ninja -DZELKOR_SANITIZE=address,undefined
+	@test -f build-asan/build.ninja || cmake -S . -B build-asan -G Ninja -DZELKOR_BENCH=OFF -DZELKOR_SANITIZE=address,undefined
 	@cmake --build build-asan -j $(JOBS)
 	@$(SANITIZER_ENV) ctest --test-dir build-asan --output-on-failure -j $(JOBS)
 
 test-tsan: deps
-	@test -f build-tsan/build.ninja || cmake -S . -B build-tsan -G Ninja -DZELKOR_SANITIZE=thread
+	@test -f build-tsan/build.ninja || cmake -S . -B build-tsan -G Ninja -DZELKOR_BENCH=OFF -DZELKOR_SANITIZE=thread
 	@cmake --build build-tsan -j $(JOBS) --target zelkor-tag $(THREADED_TESTS)
-	@$(SANITIZER_ENV) ctest --test-dir build-tsan --output-on-failure -R '^(Parallel|BatchRunner)\.'
+	@$(SANITIZER_ENV) ctest --test-dir build-tsan --output-on-failure -R '$(THREADED_CASES)'
 
 build-fuzz/build.ninja:
-	@CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DZELKOR_FUZZ=ON -DZELKOR_TESTS=OFF
+	@CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DZELKOR_FUZZ=ON -DZELKOR_TESTS=OFF -DZELKOR_BENCH=OFF
 
 fuzz-smoke: deps build-fuzz/build.ninja
 	@cmake --build build-fuzz -j $(JOBS) --target AnalysisFuzz NamesFuzz
@@ -71,6 +71,10 @@ fuzz: deps build-fuzz/build.ninja
 
 bench: build
 	@$(BUILD)/bin/zelkor-bench $(BUILD)/bin
+
+# Peak memory on a 2-hour track (several minutes).
+bench-long: build
+	@bench/long-track $(BUILD)/bin
 
 install: build
 	@cmake --install $(BUILD) --prefix $(PREFIX)
