@@ -1,9 +1,7 @@
 // One Zelkor per user, with the real program in child processes drawing
 // offscreen in private folders: a second launch hands its files over and ends,
 // and the socket left by a crashed instance does not stop the next launch.
-#include "support/FreshHome.h"
 #include "support/GuiSupport.h"
-#include "support/TestSupport.h"
 
 #include <QProcess>
 #include <gtest/gtest.h>

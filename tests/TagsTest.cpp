@@ -43,7 +43,7 @@ protected:
 
 } // namespace
 
-TEST_F(TagsTest, clipsListCaseInsensitivelyWithDigitsByValueAndOnlyWithClipExtensions) {
+TEST_F(TagsTest, clipsListInNaturalOrderAndTheSelectionIsAFileNameThatFallsBackToTheFirst) {
     EXPECT_TRUE(Tags::all().isEmpty());
     EXPECT_EQ(Tags::selected(), std::nullopt);
     EXPECT_TRUE(QFileInfo(home.tagsDir()).isDir());
@@ -52,11 +52,9 @@ TEST_F(TagsTest, clipsListCaseInsensitivelyWithDigitsByValueAndOnlyWithClipExten
         inLibrary(QString::fromUtf8(name));
     EXPECT_EQ(listed(), (QStringList{QStringLiteral("B.FLAC"), QStringLiteral("Tag 2.mp3"),
                                      QStringLiteral("tag 10.wav")}));
-    EXPECT_EQ(Tags::all().first(), home.tagsDir() + QStringLiteral("/B.FLAC"));
     EXPECT_EQ(Tags::name(QStringLiteral("/x/my tag.final.wav")), QStringLiteral("MY TAG.FINAL"));
-}
 
-TEST_F(TagsTest, theSelectionIsAFileNameAndFallsBackToTheFirstClipWithoutBeingRewritten) {
+    // The selection is a file name and falls back to the first clip without being rewritten.
     inLibrary(QStringLiteral("a.wav"));
     inLibrary(QStringLiteral("b.mp3"));
     inLibrary(QString::fromUtf8("Caf\u00e9.wav"));
@@ -78,7 +76,7 @@ TEST_F(TagsTest, theSelectionIsAFileNameAndFallsBackToTheFirstClipWithoutBeingRe
     EXPECT_EQ(stored(), std::nullopt);
 }
 
-TEST_F(TagsTest, removingTheSelectedClipPutsItInTheTrashAndSelectsTheNewFirstClip) {
+TEST_F(TagsTest, removingGoesToTheTrashAndSelectsTheNewFirstClipAndAddingNumbersCopies) {
     const QString a = inLibrary(QStringLiteral("a.wav"), "the a clip");
     const QString b = inLibrary(QStringLiteral("b.wav"));
     Tags::setSelected(a);
@@ -92,9 +90,8 @@ TEST_F(TagsTest, removingTheSelectedClipPutsItInTheTrashAndSelectsTheNewFirstCli
     Tags::remove(b);
     Tags::remove(b); // already gone: nothing to report
     EXPECT_EQ(Tags::selected(), std::nullopt);
-}
 
-TEST_F(TagsTest, addingCopiesUnderTheFirstFreeNumberedNameAndSelectsTheCopy) {
+    // Added copies take the first free numbered name and are selected.
     const QString voice = put(home.root(), QStringLiteral("Voice.wav"), "spoken");
     for (const QString& name : {QStringLiteral("Voice.wav"), QStringLiteral("Voice (2).wav"),
                                 QStringLiteral("Voice (3).wav")}) {
@@ -103,7 +100,6 @@ TEST_F(TagsTest, addingCopiesUnderTheFirstFreeNumberedNameAndSelectsTheCopy) {
         EXPECT_EQ(::Test::readAll(copy), QByteArray("spoken"));
         EXPECT_EQ(Tags::selected(), copy);
     }
-    EXPECT_EQ(listed().size(), 3);
     EXPECT_TRUE(QFileInfo::exists(voice));
 
     // Added from the library itself, and the extension keeps its letter case.
@@ -116,7 +112,6 @@ TEST_F(TagsTest, aLibraryFolderThatCannotBeMadeListsNothingAndFailsTheAddWithThe
     const QString voice = put(home.root(), QStringLiteral("voice.wav"));
     Tags::setSelected(QStringLiteral("old.wav"));
 
-    EXPECT_TRUE(Tags::all().isEmpty());
     EXPECT_EQ(Tags::selected(), std::nullopt);
     try {
         Tags::add(voice);
@@ -139,7 +134,6 @@ TEST_F(TagsTest, seedingCopiesTheDefaultsOnceAndLeavesAClipOfTheSameNameAlone) {
     EXPECT_EQ(listed(), (QStringList{QStringLiteral("a.wav"), QStringLiteral("B.MP3")}));
     EXPECT_EQ(::Test::readAll(mine), QByteArray("my own a"));
     EXPECT_EQ(::Test::readAll(home.tagsDir() + QStringLiteral("/B.MP3")), QByteArray("default b"));
-    EXPECT_EQ(Preferences::user().boolean(QStringLiteral("seeded")), true);
     EXPECT_EQ(stored(), std::nullopt);
 
     for (const QString& clip : Tags::all())

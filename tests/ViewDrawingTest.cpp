@@ -7,7 +7,6 @@
 #include "view/Drawing.h"
 #include "view/HUDLayout.h"
 
-#include <QFontMetricsF>
 #include <QTextBoundaryFinder>
 #include <gtest/gtest.h>
 #include <limits>
@@ -68,69 +67,51 @@ protected:
 
 } // namespace
 
-TEST_F(ViewDrawing, idleWithATagAsksForTracks) {
-    addTag(QStringLiteral("my tag.mp3"));
-    const QImage image = render();
-    ASSERT_EQ(image.size(), QSize(600, 640));
-    EXPECT_TRUE(near(image.pixelColor(3, 3), black, 0));
-    EXPECT_TRUE(near(image.pixelColor(300, 78), over(line, black)));        // header rule
-    EXPECT_TRUE(near(image.pixelColor(100, 109), over(lineStrong, black))); // tag field
-    EXPECT_TRUE(near(image.pixelColor(115, 108), purple));                  // status square
-    EXPECT_TRUE(lit(image, kTagText, 200).found());                         // "MY TAG", white
-    EXPECT_TRUE(near(image.pixelColor(25, 140), over(withAlpha(white, 0.85), black)));
-    EXPECT_TRUE(near(image.pixelColor(32, 156), over(rgb(0xFAFAFA, 0.07), black))); // a dot
-    EXPECT_TRUE(near(image.pixelColor(40, 164), black, 0));
-    EXPECT_TRUE(near(image.pixelColor(300, 220), over(withAlpha(purple, 0.75), black), 6));
-    const Extent headline = lit(image, kHeadline, 120);
-    EXPECT_GT(headline.left, 220);
-    EXPECT_NEAR(headline.middleY(), 286, 1.0);
-    EXPECT_TRUE(near(image.pixelColor(168, 335), black, 0)); // no progress bar
-}
-
-TEST_F(ViewDrawing, withoutATagItAsksForTheTagFileAndHoverKeepsTheSquareGrey) {
+// A few decisive pixels per state: without a tag, then with one.
+TEST_F(ViewDrawing, eachStateShowsItsDecisivePixels) {
     QImage image = render();
-    EXPECT_TRUE(near(image.pixelColor(115, 108), over(lineStrong, black)));
-    EXPECT_LT(lit(image, kHeadline, 120).left, 220);
+    const auto is = [&image](int x, int y, QColor colour, int tolerance = 3) {
+        return near(image.pixelColor(x, y), colour, tolerance);
+    };
+    EXPECT_TRUE(is(115, 108, over(lineStrong, black))); // the status square grey
+    EXPECT_LT(lit(image, kHeadline, 120).left, 220);    // "ADD A TAG"
     EXPECT_TRUE(lit(image, kTagText).found());
     EXPECT_FALSE(lit(image, kTagText, 200).found()); // dim, never white
-
     image = render([](auto& s) { s.hoverTag = true; });
-    EXPECT_TRUE(near(image.pixelColor(115, 108), over(lineStrong, over(purpleSoft, black))));
+    EXPECT_TRUE(is(115, 108, over(lineStrong, over(purpleSoft, black))));
     EXPECT_TRUE(lit(image, kTagText, 200).found()); // "DROP TO ADD AS TAG" in white
-}
 
-TEST_F(ViewDrawing, hoverLightsTheZoneOrTheTagRow) {
-    addTag();
-    QImage image = render([](auto& s) { s.hoverZone = true; });
-    EXPECT_TRUE(near(image.pixelColor(50, 200), over(purpleSoft, black)));
-    EXPECT_TRUE(near(image.pixelColor(25, 140), purple));
-    EXPECT_TRUE(near(image.pixelColor(583, 430), purple));
-    const Extent release = lit(image, kHeadline, 120);
-    EXPECT_GT(release.left, 180); // "RELEASE": wider than "DROP", narrower than "ADD A TAG"
-    EXPECT_LT(release.left, 240);
-    EXPECT_TRUE(near(image.pixelColor(100, 109), over(lineStrong, black)));
+    addTag(QStringLiteral("my tag.mp3"));
+    m_view.reset();
+    image = render();
+    EXPECT_TRUE(is(300, 78, over(line, black)));                        // header rule
+    EXPECT_TRUE(is(32, 156, over(rgb(0xFAFAFA, 0.07), black)));         // a dot
+    EXPECT_TRUE(is(40, 164, black, 0));                                 // between dots
+    EXPECT_TRUE(is(300, 220, over(withAlpha(purple, 0.75), black), 6)); // the plus
+    EXPECT_TRUE(is(168, 335, black, 0));                                // no progress bar
+    EXPECT_TRUE(lit(image, kTagText, 200).found());                     // "MY TAG", white
+    const Extent drop = lit(image, kHeadline, 120);
+    EXPECT_GT(drop.left, 220);
+    EXPECT_NEAR(drop.middleY(), 286, 1.0);
 
-    image = render([](auto& s) { s.hoverTag = true; });
-    EXPECT_TRUE(near(image.pixelColor(100, 109), purple));
-    EXPECT_TRUE(near(image.pixelColor(104, 98), over(purpleSoft, black)));
-    EXPECT_TRUE(near(image.pixelColor(115, 108), purple));
-    EXPECT_TRUE(near(image.pixelColor(50, 200), black, 0));
-}
+    image = render([](auto& s) { s.hoverZone = true; }); // the zone lit, the tag field not
+    EXPECT_TRUE(is(50, 200, over(purpleSoft, black)));
+    EXPECT_TRUE(is(25, 140, purple));
+    EXPECT_TRUE(is(100, 109, over(lineStrong, black)));
+    // "RELEASE": wider than "DROP", narrower than "ADD A TAG".
+    const int release = lit(image, kHeadline, 120).left;
+    EXPECT_TRUE(release > 180 && release < 240) << release;
 
-TEST_F(ViewDrawing, busyShowsCounterBarAndRegistersNoRegions) {
-    addTag();
-    const QImage image = render([](auto& s) { s.busy = true, s.progress = {3, 12}; });
-    const QImage empty = render([](auto& s) { s.busy = true; });
+    image = render([](auto& s) { s.hoverTag = true; }); // the tag field lit, the zone not
+    EXPECT_TRUE(is(100, 109, purple));
+    EXPECT_TRUE(is(104, 98, over(purpleSoft, black)));
+    EXPECT_TRUE(is(50, 200, black, 0));
+
+    image = render([](auto& s) { s.busy = true, s.progress = {3, 12}; });
     EXPECT_TRUE(view().hits().empty());
-    for (int i = 0; i < 30; ++i) {
-        const int x = static_cast<int>(168 + 9.1 * i);
-        EXPECT_TRUE(near(image.pixelColor(x, 335), i < 7 ? purple : over(line, black))) << i;
-        EXPECT_TRUE(near(empty.pixelColor(x, 335), over(line, black))) << i;
-    }
-    EXPECT_TRUE(near(image.pixelColor(25, 140), purple));
-    EXPECT_TRUE(near(image.pixelColor(300, 220), black, 0)); // no plus sign
-    const Extent counter = lit(image, QRect(150, 245, 300, 50));
+    EXPECT_TRUE(is(222, 335, purple) && is(231, 335, over(line, black))); // 7 of 30 cells
     // The first digit alone: "/" reaches above the capitals and below the baseline.
+    const Extent counter = lit(image, QRect(150, 245, 300, 50));
     EXPECT_NEAR(lit(image, QRect(counter.left, 245, 16, 50)).middleY(), 270, 1.0);
 }
 
@@ -176,10 +157,10 @@ TEST_F(ViewDrawing, emptyLogWaitsWithABlinkingCursor) {
     EXPECT_TRUE(::Test::waitUntil([&] { return !view().state().blink; }, 2000));
 }
 
-TEST_F(ViewDrawing, hitsFollowTheDrawingOrderAndTheLevelControlEndsAtTheRightPad) {
+TEST_F(ViewDrawing, hitsFollowTheDrawingOrderAndTheirActionsShowInTheNextPass) {
     addTag();
-    render();
-    const std::vector<HUDView::Hit>& hits = view().hits();
+    QImage image = render();
+    const std::vector<HUDView::Hit> hits = view().hits();
     ASSERT_EQ(hits.size(), 9u);
     const double bw = HUDView::width(QStringLiteral("+ ADD TAG"), body(12), 1.2) + 24;
     EXPECT_EQ(hits[0].rect, QRectF(100, 94, 476 - bw, 30));
@@ -193,33 +174,29 @@ TEST_F(ViewDrawing, hitsFollowTheDrawingOrderAndTheLevelControlEndsAtTheRightPad
         }
     }
     EXPECT_DOUBLE_EQ(hits[8].rect.right(), 584);
+    view().resize(720, 640); // the region and the drawing share one rectangle
+    image = view().snapshot(1);
+    EXPECT_TRUE(near(image.pixelColor(703, 600), over(lineStrong, black)));
+    EXPECT_TRUE(near(image.pixelColor(704, 600), black, 0));
+    view().resize(600, 640);
+    image = view().snapshot(1);
 
-    view().resize(720, 640);
-    const QImage wide = view().snapshot(1);
-    ASSERT_EQ(view().hits().size(), 9u);
-    EXPECT_DOUBLE_EQ(view().hits().back().rect.right(), 704);
-    EXPECT_TRUE(near(wide.pixelColor(703, 600), over(lineStrong, black)));
-    EXPECT_TRUE(near(wide.pixelColor(704, 600), black, 0));
-}
-
-TEST_F(ViewDrawing, segmentActionsChangeTheSettingsThatTheNextPassShows) {
-    QImage image = render();
-    const QPointF inside(3, 3);
-    const QRectF thirty = view().hits()[3].rect;
-    const QRectF fortyFive = view().hits()[4].rect;
-    EXPECT_TRUE(near(image.pixelColor((thirty.topLeft() + inside).toPoint()), white));
-    view().hits()[4].action();
-    view().hits()[8].action();
+    // A chosen segment is white inside.
+    const auto inside = [&image](const QRectF& r) {
+        return image.pixelColor((r.topLeft() + QPointF(3, 3)).toPoint());
+    };
+    EXPECT_TRUE(near(inside(hits[3].rect), white));
+    hits[4].action();
+    hits[8].action();
     EXPECT_EQ(Settings::intervalIndex(), 2);
     EXPECT_EQ(Settings::levelIndex(), 2);
     image = view().snapshot(1);
-    EXPECT_TRUE(near(image.pixelColor((fortyFive.topLeft() + inside).toPoint()), white));
-    EXPECT_TRUE(near(image.pixelColor((thirty.topLeft() + inside).toPoint()), black, 0));
-    EXPECT_TRUE(
-        near(image.pixelColor((view().hits()[8].rect.topLeft() + inside).toPoint()), white));
+    EXPECT_TRUE(near(inside(hits[4].rect), white));
+    EXPECT_TRUE(near(inside(hits[3].rect), black, 0));
+    EXPECT_TRUE(near(inside(hits[8].rect), white));
 }
 
-TEST_F(ViewDrawing, titleStartsAt76WithoutALogoAndTextsSitOnTheirLines) {
+TEST_F(ViewDrawing, titleStartsAt76WithoutALogoAndTheFooterEndsAtItsPad) {
     home.setEnv("ZELKOR_RESOURCES", home.root());
     const QImage image = render();
     EXPECT_FALSE(lit(image, QRect(0, 10, 70, 60)).found());
@@ -227,9 +204,7 @@ TEST_F(ViewDrawing, titleStartsAt76WithoutALogoAndTextsSitOnTheirLines) {
     EXPECT_GE(title.left, 76);
     EXPECT_LE(title.left, 79);
     EXPECT_NEAR(title.middleY(), 45, 1.0);
-    EXPECT_NEAR(lit(image, QRect(16, 96, 40, 26)).middleY(), 109, 1.0);  // "TAG"
-    EXPECT_NEAR(lit(image, QRect(16, 452, 44, 28)).middleY(), 466, 1.0); // "LOG"
-    const Extent footer = lit(image, QRect(400, 412, 178, 16));          // right-aligned to 568
+    const Extent footer = lit(image, QRect(400, 412, 178, 16)); // right-aligned to 568
     EXPECT_GE(footer.right, 565);
     EXPECT_LE(footer.right, 568);
 }
@@ -293,8 +268,6 @@ TEST(ViewText, widthLeavesOutTheKernAfterTheLastCharacter) {
     ::Test::guiApplication();
     const QFont font = Style::body(12);
     EXPECT_EQ(HUDView::width(QString(), font, 1.2), 0);
-    const double glyph = QFontMetricsF(font).horizontalAdvance(QStringLiteral("A"));
-    EXPECT_NEAR(HUDView::width(QStringLiteral("A"), font, 1.2), glyph, 1e-6);
     const double plain = HUDView::width(QStringLiteral("ABCD"), font, 0);
     // Qt keeps spacing in 1/64 px: 0.9 becomes 0.890625.
     EXPECT_NEAR(HUDView::width(QStringLiteral("ABCD"), font, 0.9), plain + 3 * 0.890625, 1e-6);
@@ -302,7 +275,6 @@ TEST(ViewText, widthLeavesOutTheKernAfterTheLastCharacter) {
 
 TEST(ViewText, shorteningAgreesWithTheRoundByRoundRuleAndStopsAtTheMinimum) {
     const QString ten = QStringLiteral("ABCDEFGHIJ");
-    EXPECT_EQ(HUDView::shortened(ten, 7, atMost(9)), QStringLiteral("ABCDEFGH\u2026"));
     // Never below six characters for the log, four for the tag row.
     EXPECT_EQ(HUDView::shortened(ten, 7, atMost(0)), QStringLiteral("ABCDE\u2026"));
     EXPECT_EQ(HUDView::shortened(ten, 5, atMost(0)), QStringLiteral("ABC\u2026"));

@@ -48,16 +48,6 @@ QStringList argumentsOfRun(const QTemporaryDir& dir, int run) {
     return args;
 }
 
-// A resources folder whose ffmpeg logs each argument list, then runs the real one.
-QString loggingResources(const QString& resources) {
-    QDir().mkpath(resources);
-    ::Test::writeFile(resources + u"/ffmpeg"_s,
-                      "#!/bin/sh\necho \"$*\" >> \"$(dirname \"$0\")/runs\"\nexec " +
-                          ::Test::systemFFmpeg().toUtf8() + " \"$@\"\n",
-                      true);
-    return u"ZELKOR_RESOURCES="_s + resources;
-}
-
 using ZelkorTag = ::Test::TempFolder;
 
 } // namespace
@@ -80,8 +70,6 @@ TEST_F(ZelkorTag, printsOneLinePerTrackAndExitsOneWhenAnyFailed) {
     EXPECT_EQ(second.status, 1);
     EXPECT_EQ(second.out, u"a notes.mp3  CAN'T READ FILE\nbeat.wav  1 TAGS  OK  -> "_s + music +
                               u"/beat (Tagged) (2).wav\n"_s);
-    EXPECT_TRUE(zelkorTag({u"--tag"_s, clip, music + u"/beat.wav"_s})
-                    .out.endsWith(u"/beat (Tagged) (3).wav\n"_s));
 }
 
 TEST_F(ZelkorTag, usageErrorsExitTwoAndNameTheBadValue) {
@@ -189,7 +177,12 @@ TEST_F(ZelkorTag, jobsWriteWhatOneAtATimeWritesInTrackOrder) {
         tracks << path(u"beat %1.wav"_s.arg(i));
         ::Test::makeAudio(tracks.last(), u"sine=frequency=%1"_s.arg(200 + 50 * i), 12 + i);
     }
-    const QString env = loggingResources(path(u"share"_s));
+    QDir().mkpath(path(u"share"_s)); // an ffmpeg that logs each argument list
+    ::Test::writeFile(path(u"share/ffmpeg"_s),
+                      "#!/bin/sh\necho \"$*\" >> \"$(dirname \"$0\")/runs\"\nexec " +
+                          ::Test::systemFFmpeg().toUtf8() + " \"$@\"\n",
+                      true);
+    const QString env = u"ZELKOR_RESOURCES="_s + path(u"share"_s);
     const auto tagAll = [&](int jobs) {
         return zelkorTag(QStringList{u"--tag"_s, clip, u"--jobs"_s, QString::number(jobs),
                                      u"--interval"_s, u"5"_s} +

@@ -11,14 +11,10 @@
 #include "view/HUDView.h"
 
 #include <QApplication>
-#include <QColor>
 #include <QDir>
 #include <QElapsedTimer>
-#include <QFile>
 #include <QFileInfo>
-#include <QImage>
 #include <QMouseEvent>
-#include <QTemporaryDir>
 #include <QTimer>
 #include <cmath>
 #include <functional>
@@ -62,7 +58,7 @@ public:
     std::vector<QStringList> shown;
 };
 
-// Records every menu it is asked to show and chooses the item titled `choose`.
+// Records every menu and where it shows, and chooses the item titled `choose`.
 class ScriptedMenus final : public Menus {
 public:
     std::optional<int> popUp(const std::vector<MenuItem>& items, QWidget&, QPointF at) override {
@@ -78,29 +74,15 @@ public:
     std::vector<QPointF> where;
 };
 
-// Counts the panels it is asked to open and answers with what the test set.
+// Counts the panels it opens and answers with what the test set.
 class ScriptedPanels final : public OpenPanels {
 public:
-    std::optional<QString> chooseTag(QWidget&) override {
-        ++tagPanels;
-        return tag;
-    }
-    std::optional<QStringList> chooseTracks(QWidget&) override {
-        ++trackPanels;
-        return tracks;
-    }
+    std::optional<QString> chooseTag(QWidget&) override { return ++tagPanels, tag; }
+    std::optional<QStringList> chooseTracks(QWidget&) override { return ++trackPanels, tracks; }
     std::optional<QString> tag;
     std::optional<QStringList> tracks;
     int tagPanels = 0;
     int trackPanels = 0;
-};
-
-struct FakeDesktop {
-    RecordingSounds sounds;
-    RecordingFileViewer viewer;
-    ScriptedMenus menus;
-    ScriptedPanels panels;
-    HUDView::Services services() { return {sounds, viewer, menus, panels}; }
 };
 
 // Runs the event loop until `done` holds or `ms` have passed; returns `done()`.
@@ -119,9 +101,8 @@ inline void click(QWidget& widget, QPointF at) {
     QCoreApplication::sendEvent(&widget, &press);
 }
 
-// How many drawing passes a shown widget makes for `work`, counting the ones
-// it asks for afterwards. Its own timers are stopped first, so nothing else
-// can ask for a pass.
+// How many drawing passes a shown widget makes for `work`, counting the ones it
+// asks for afterwards. Its own timers are stopped, so nothing else asks for one.
 inline int repaints(QWidget& widget, const std::function<void()>& work) {
     struct Counter : QObject {
         int passes = 0;
@@ -130,16 +111,14 @@ inline int repaints(QWidget& widget, const std::function<void()>& work) {
             return false;
         }
     };
-    const auto settle = [] { waitUntil([] { return false; }, 60); };
     for (QTimer* timer : widget.findChildren<QTimer*>())
         timer->stop();
-    if (!widget.isVisible())
-        widget.show();
-    settle();
+    widget.show();
+    waitUntil([] { return false; }, 60);
     Counter counter;
     widget.installEventFilter(&counter);
     work();
-    settle();
+    waitUntil([] { return false; }, 60);
     widget.removeEventFilter(&counter);
     return counter.passes;
 }
@@ -164,9 +143,10 @@ inline bool near(const QColor& seen, const QColor& expected, int tolerance = 3) 
 class ViewFixture : public testing::Test {
 protected:
     static void SetUpTestSuite() { guiApplication(); }
+    HUDView::Services services() { return {sounds, viewer, menus, panels}; }
     HUDView& view() {
         if (!m_view)
-            m_view = std::make_unique<HUDView>(desktop.services());
+            m_view = std::make_unique<HUDView>(services());
         return *m_view;
     }
     // A file of `bytes` at `name` under the home's scratch folder, its folders made.
@@ -178,13 +158,24 @@ protected:
     }
 
     FreshHome home;
-    FakeDesktop desktop;
+    RecordingSounds sounds;
+    RecordingFileViewer viewer;
+    ScriptedMenus menus;
+    ScriptedPanels panels;
     std::unique_ptr<HUDView> m_view;
 };
 
 } // namespace Test
 
-// Readable colours in test failures.
+inline bool operator==(const LogLine& a, const LogLine& b) {
+    return a.text == b.text && a.status == b.status && a.color == b.color;
+}
+
+// Readable colours and log lines in test failures.
 inline void PrintTo(const QColor& color, std::ostream* out) {
     *out << "rgb(" << color.red() << ", " << color.green() << ", " << color.blue() << ")";
+}
+inline void PrintTo(const LogLine& line, std::ostream* out) {
+    *out << line.text.toStdString() << "  " << line.status.toStdString() << " ";
+    PrintTo(line.color, out);
 }

@@ -11,14 +11,6 @@ using namespace Qt::StringLiterals;
 
 namespace Test {
 
-QString systemFFmpeg() {
-    return QStringLiteral("/usr/bin/ffmpeg");
-}
-
-QString binary(const QString& name) {
-    return QStringLiteral(ZELKOR_BIN_DIR "/") + name;
-}
-
 Process runProgram(const QString& program, const QStringList& args,
                    const QStringList& environment) {
     QProcess process;
@@ -66,10 +58,6 @@ std::vector<double> samples(const QString& path, int rate, int channels) {
 QByteArray readAll(const QString& path) {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-QString fixture(const QString& name) {
-    return QString::fromUtf8(readAll(QStringLiteral(ZELKOR_SOURCE_DIR "/tests/fixtures/") + name));
 }
 
 void writeFile(const QString& path, const QByteArray& bytes, bool executable) {

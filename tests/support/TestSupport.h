@@ -17,8 +17,12 @@ inline void PrintTo(const QString& text, std::ostream* out) {
 namespace Test {
 
 // The system ffmpeg the build links to; tests use it to make and read audio.
-QString systemFFmpeg();
-QString binary(const QString& name); // build/bin/NAME
+inline QString systemFFmpeg() {
+    return QStringLiteral("/usr/bin/ffmpeg");
+}
+inline QString binary(const QString& name) {
+    return QStringLiteral(ZELKOR_BIN_DIR "/") + name;
+}
 
 struct Process {
     int status = -1;
@@ -40,9 +44,11 @@ void makeAudio(const QString& path, const QString& source, double seconds, int r
 // Decodes a file to interleaved 64-bit float samples at the given rate and channel count.
 std::vector<double> samples(const QString& path, int rate, int channels);
 
-QByteArray readAll(const QString& path);
+QByteArray readAll(const QString& path); // empty when unreadable
 // A text file kept in tests/fixtures.
-QString fixture(const QString& name);
+inline QString fixture(const QString& name) {
+    return QString::fromUtf8(readAll(QStringLiteral(ZELKOR_SOURCE_DIR "/tests/fixtures/") + name));
+}
 void writeFile(const QString& path, const QByteArray& bytes, bool executable = false);
 
 // A test with a temporary folder of its own, gone with the test.
