@@ -264,16 +264,15 @@ QString reference(QString text, int minimum, const HUDView::Fits& fits) {
 
 } // namespace
 
-TEST(ViewText, widthLeavesOutTheKernAfterTheLastCharacter) {
+TEST(ViewText, widthLeavesOutTheLastKernAndShorteningFollowsTheRoundByRoundRule) {
     ::Test::guiApplication();
     const QFont font = Style::body(12);
     EXPECT_EQ(HUDView::width(QString(), font, 1.2), 0);
     const double plain = HUDView::width(QStringLiteral("ABCD"), font, 0);
     // Qt keeps spacing in 1/64 px: 0.9 becomes 0.890625.
     EXPECT_NEAR(HUDView::width(QStringLiteral("ABCD"), font, 0.9), plain + 3 * 0.890625, 1e-6);
-}
 
-TEST(ViewText, shorteningAgreesWithTheRoundByRoundRuleAndStopsAtTheMinimum) {
+    // Shortening agrees with the round-by-round rule and stops at the minimum.
     const QString ten = QStringLiteral("ABCDEFGHIJ");
     // Never below six characters for the log, four for the tag row.
     EXPECT_EQ(HUDView::shortened(ten, 7, atMost(0)), QStringLiteral("ABCDE\u2026"));

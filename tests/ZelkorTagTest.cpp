@@ -72,7 +72,7 @@ TEST_F(ZelkorTag, printsOneLinePerTrackAndExitsOneWhenAnyFailed) {
                               u"/beat (Tagged) (2).wav\n"_s);
 }
 
-TEST_F(ZelkorTag, usageErrorsExitTwoAndNameTheBadValue) {
+TEST_F(ZelkorTag, usageErrorsExitTwoAndNameTheBadValueNothingToTagExitsOne) {
     const QString tag = path(u"tag.wav"_s);
     ::Test::writeFile(tag, "x");
     std::vector<std::pair<QStringList, QString>> cases{
@@ -93,14 +93,11 @@ TEST_F(ZelkorTag, usageErrorsExitTwoAndNameTheBadValue) {
         EXPECT_EQ(run.err.count(u'\n'), 1) << run.err.toStdString();
         EXPECT_EQ(run.out, u""_s);
     }
-}
 
-TEST_F(ZelkorTag, nothingToTagExitsOne) {
-    ::Test::writeFile(path(u"tag.wav"_s), "x");
+    // Nothing to tag exits one.
     ::Test::writeFile(path(u"readme.txt"_s), "x");
-    const auto run =
-        zelkorTag({u"--tag"_s, path(u"tag.wav"_s), u"--interval"_s, u"600"_s, u"--level"_s,
-                   u"-40"_s, path(u"readme.txt"_s), path(u"beat (Tagged).wav"_s)});
+    const auto run = zelkorTag({u"--tag"_s, tag, u"--interval"_s, u"600"_s, u"--level"_s, u"-40"_s,
+                                path(u"readme.txt"_s), path(u"beat (Tagged).wav"_s)});
     EXPECT_EQ(run.status, 1);
     EXPECT_EQ(run.err, u"NO TRACKS FOUND\n"_s);
     EXPECT_EQ(run.out, u""_s);
