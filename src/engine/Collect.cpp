@@ -20,24 +20,8 @@ bool isAscii(std::string_view text) {
                        [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
 
-bool isTrackName(QStringView name) {
-    const qsizetype dot = name.lastIndexOf(QLatin1Char('.'));
-    if (dot < 0)
-        return false;
-    const QStringView ext = name.mid(dot + 1);
-    const bool accepted =
-        std::any_of(kAudioExts.begin(), kAudioExts.end(), [&](QLatin1String known) {
-            return ext.compare(known, Qt::CaseInsensitive) == 0;
-        });
-    return accepted && !name.left(dot).contains(QLatin1String("(Tagged)"));
-}
-
-bool isTrack(const QString& path) {
-    return isTrackName(QStringView(path).mid(path.lastIndexOf(QLatin1Char('/')) + 1));
-}
-
-// The same test on a name's bytes: the extensions and "(Tagged)" are ASCII, so
-// most entries of a big folder are turned away before any string is built.
+// On the name's bytes: the extensions and "(Tagged)" are ASCII, so most entries
+// of a big folder are turned away before any string is built.
 bool isTrackName(std::string_view name) {
     const std::size_t dot = name.rfind('.');
     if (dot == std::string_view::npos)
@@ -53,9 +37,28 @@ bool isTrackName(std::string_view name) {
     return accepted && name.substr(0, dot).find("(Tagged)") == std::string_view::npos;
 }
 
-// readdir without a stat per entry: a drag hovering over a big folder asks this on every move.
-// Names sort in Unicode code-point order after canonical composition; UTF-8 bytes sort that way.
-// Keys live in one buffer and the sort moves small records, not strings.
+bool isTrack(const QString& path) {
+    const QByteArray name = QFile::encodeName(path.mid(path.lastIndexOf(QLatin1Char('/')) + 1));
+    return isTrackName(std::string_view(name.constData(), static_cast<std::size_t>(name.size())));
+}
+
+// Calls `take` with each track's name in the folder, in the folder's own order,
+// until it returns false. readdir without a stat per entry: a drag hovering over a
+// big folder asks this on every move.
+template<typename Take> void eachTrackName(const QString& folder, Take take) {
+    DIR* dir = opendir(QFile::encodeName(folder).constData());
+    if (!dir)
+        return;
+    while (const dirent* entry = readdir(dir)) {
+        const std::string_view name(entry->d_name);
+        if (isTrackName(name) && !take(name))
+            break;
+    }
+    closedir(dir);
+}
+
+// Names sort in Unicode code-point order after canonical composition; UTF-8 bytes
+// sort that way. Keys live in one buffer and the sort moves small records, not strings.
 QStringList folderTracks(const QString& folder) {
     struct Span {
         std::size_t at = 0, size = 0;
@@ -72,23 +75,19 @@ QStringList folderTracks(const QString& folder) {
         bytes.append(text);
         return span;
     };
-    DIR* dir = opendir(QFile::encodeName(folder).constData());
-    if (!dir)
-        return {};
-    while (const dirent* entry = readdir(dir)) {
-        const std::string_view name(entry->d_name);
-        if (!isTrackName(name))
-            continue;
+    eachTrackName(folder, [&](std::string_view name) {
         const Span stored = keep(name);
         if (isAscii(name)) {
             tracks.push_back({stored, stored});
-            continue;
+            return true;
         }
         const QByteArray composed =
-            QFile::decodeName(entry->d_name).normalized(QString::NormalizationForm_C).toUtf8();
+            QFile::decodeName(QByteArray(name.data(), static_cast<qsizetype>(name.size())))
+                .normalized(QString::NormalizationForm_C)
+                .toUtf8();
         tracks.push_back({keep(std::string_view(composed.data(), composed.size())), stored});
-    }
-    closedir(dir);
+        return true;
+    });
     const auto view = [&bytes](Span span) {
         return std::string_view(bytes).substr(span.at, span.size);
     };
@@ -114,9 +113,17 @@ QStringList folderTracks(const QString& folder) {
 
 } // namespace
 
-const QSet<QString>& audioExts() {
-    static const QSet<QString> exts(kAudioExts.begin(), kAudioExts.end());
-    return exts;
+bool hasTracks(const QStringList& paths) {
+    return std::any_of(paths.begin(), paths.end(), [](const QString& path) {
+        if (!QFileInfo(path).isDir())
+            return isTrack(path);
+        bool found = false;
+        eachTrackName(path, [&found](std::string_view) {
+            found = true;
+            return false; // one is enough
+        });
+        return found;
+    });
 }
 
 QStringList collect(const QStringList& paths) {

@@ -6,7 +6,6 @@
 #include "engine/TagError.h"
 
 #include <QRegularExpression>
-#include <QSet>
 #include <QString>
 #include <QStringList>
 #include <optional>
@@ -110,7 +109,8 @@ Result process(const QString& track, const QString& tag, double interval, double
 
 // --- input collection ------------------------------------------------------
 
-const QSet<QString>& audioExts();
 QStringList collect(const QStringList& paths);
+// Whether collect would find any track; stops at the first (a drag asks on every move).
+bool hasTracks(const QStringList& paths);
 
 } // namespace Engine

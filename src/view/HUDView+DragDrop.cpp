@@ -33,7 +33,7 @@ HUDView::DragTarget HUDView::dragTarget(const QMimeData* data, QPointF at) const
             paths.size() == 1 && Tags::exts().contains(QFileInfo(paths.first()).suffix().toLower());
         return {.zone = false, .tag = clip};
     }
-    return {.zone = !Engine::collect(paths).isEmpty(), .tag = false};
+    return {.zone = Engine::hasTracks(paths), .tag = false};
 }
 
 // Whether the drop would be taken; redraws only when the target changed.

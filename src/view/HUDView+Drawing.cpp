@@ -14,13 +14,6 @@ namespace {
 
 constexpr double kLogTextAlpha = 0.82;
 
-// The program only stores indices inside the tables; a hand-edited preference
-// must not make the pass read outside them.
-template<typename Table> const auto& entry(const Table& table, int index) {
-    constexpr int kDefault = 1;
-    return table[index >= 0 && static_cast<std::size_t>(index) < table.size() ? index : kDefault];
-}
-
 QString intervalLabel(double seconds) {
     return QString::number(static_cast<int>(seconds)) + QLatin1Char('S');
 }
@@ -35,13 +28,17 @@ void HUDView::draw(QPainter& painter) {
         relayout();
     painter.fillRect(m_layout.bounds, black);
     m_hits.clear();
-    const int interval = static_cast<int>(entry(Settings::intervals, Settings::intervalIndex()));
-    const QString level = entry(Settings::levels, Settings::levelIndex()).name;
+    // Read once per pass: each read asks the preferences store.
+    const int intervalIndex = Settings::intervalIndex();
+    const int levelIndex = Settings::levelIndex();
+    const int interval =
+        static_cast<int>(Settings::intervals[static_cast<std::size_t>(intervalIndex)]);
+    const QString level = Settings::levels[static_cast<std::size_t>(levelIndex)].name;
     drawHeader(painter, interval, level);
     drawTagRow(painter);
     drawDropZone(painter, interval, level);
     drawLog(painter);
-    drawSettingsRow(painter);
+    drawSettingsRow(painter, intervalIndex, levelIndex);
 }
 
 void HUDView::drawHeader(QPainter& painter, int interval, const QString& level) {
@@ -91,7 +88,7 @@ void HUDView::drawLog(QPainter& painter) {
     }
 }
 
-void HUDView::drawSettingsRow(QPainter& painter) {
+void HUDView::drawSettingsRow(QPainter& painter, int intervalIndex, int levelIndex) {
     const HUDLayout::Controls& c = m_layout.controls;
     const double right = m_layout.bounds.right() - HUDLayout::kPad;
     rule(painter, {HUDLayout::kPad, c.ruleY}, {right, c.ruleY}, line);
@@ -101,14 +98,14 @@ void HUDView::drawSettingsRow(QPainter& painter) {
     QStringList intervals;
     for (const double seconds : Settings::intervals)
         intervals << intervalLabel(seconds);
-    segmented(painter, intervals, Settings::intervalIndex(), c.intervalAt,
-              HUDLayout::kControlHeight, [](int index) { Settings::setIntervalIndex(index); });
+    segmented(painter, intervals, intervalIndex, c.intervalAt, HUDLayout::kControlHeight,
+              [](int index) { Settings::setIntervalIndex(index); });
 
     drawText(painter, QStringLiteral("LEVEL"), label, c.levelLabelRight, c.labelLine,
              Align::rightTo);
     QStringList levels;
     for (const Settings::Level& level : Settings::levels)
         levels << QString(level.name);
-    segmented(painter, levels, Settings::levelIndex(), c.levelAt, HUDLayout::kControlHeight,
+    segmented(painter, levels, levelIndex, c.levelAt, HUDLayout::kControlHeight,
               [](int index) { Settings::setLevelIndex(index); });
 }

@@ -126,7 +126,7 @@ private:
     void drawTagRow(QPainter& painter);
     void drawDropZone(QPainter& painter, int interval, const QString& level);
     void drawLog(QPainter& painter);
-    void drawSettingsRow(QPainter& painter);
+    void drawSettingsRow(QPainter& painter, int intervalIndex, int levelIndex);
     double segmented(QPainter& painter, const QStringList& labels, std::optional<int> selected,
                      QPointF at, double height, const std::function<void(int)>& action);
 
