@@ -44,13 +44,7 @@ TEST(LaunchArguments, snapshotPathAndFilesComeApart) {
 
 class Snapshot : public ::testing::Test {
 protected:
-    Snapshot() {
-        const QString runtime = home.root() + QStringLiteral("/runtime");
-        QDir().mkpath(runtime);
-        QFile::setPermissions(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-        home.setEnv("XDG_RUNTIME_DIR", runtime);
-        home.setEnv("QT_QPA_PLATFORM", QStringLiteral("offscreen"));
-    }
+    Snapshot() { home.useOwnRuntime(); }
 
     ::Test::Process zelkor(const QStringList& args) {
         return ::Test::runProgram(::Test::binary(QStringLiteral("zelkor")), args);

@@ -339,11 +339,7 @@ TEST_F(FaultsAtHome, aSignalMidRenderRemovesThePartialOutputAndKeepsWhatWasWritt
 esac
 exec "$real" "$@"
 )"));
-    const QString runtime = home.root() + u"/runtime"_s;
-    QDir().mkpath(runtime);
-    QFile::setPermissions(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    home.setEnv("XDG_RUNTIME_DIR", runtime);
-    home.setEnv("QT_QPA_PLATFORM", u"offscreen"_s);
+    home.useOwnRuntime();
     const QString first = home.root() + u"/a.wav"_s, second = home.root() + u"/b long.wav"_s;
     const QString written = home.root() + u"/a (Tagged).wav"_s;
     const QString partial = home.root() + u"/b long (Tagged).wav"_s;

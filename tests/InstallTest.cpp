@@ -33,12 +33,8 @@ TEST(Install, putsTheProgramItsEntryAndIconWhereTheDesktopFindsThem) {
         QStringLiteral("MimeType=audio/mpeg;audio/x-wav;audio/wav;inode/directory;")));
 
     // On its own, the installed program seeds its default tag and shows it armed.
-    const QString runtime = home.root() + QStringLiteral("/runtime");
-    QDir().mkpath(runtime);
-    QFile::setPermissions(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    home.setEnv("XDG_RUNTIME_DIR", runtime);
+    home.useOwnRuntime();
     home.setEnv("ZELKOR_RESOURCES", std::nullopt);
-    home.setEnv("QT_QPA_PLATFORM", QStringLiteral("offscreen"));
     const QString out = home.root() + QStringLiteral("/installed.png");
     EXPECT_EQ(::Test::runProgram(prefix + QStringLiteral("/bin/zelkor"),
                                  {QStringLiteral("--snapshot"), out})

@@ -9,12 +9,6 @@
 
 class SingleInstance : public ::testing::Test {
 protected:
-    SingleInstance() {
-        QDir().mkpath(runtime);
-        QFile::setPermissions(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-        home.setEnv("XDG_RUNTIME_DIR", runtime);
-        home.setEnv("QT_QPA_PLATFORM", QStringLiteral("offscreen"));
-    }
     ~SingleInstance() override {
         for (auto& process : running)
             process->kill(), process->waitForFinished();
@@ -36,7 +30,7 @@ protected:
     }
 
     ::Test::FreshHome home;
-    const QString runtime = home.root() + QStringLiteral("/runtime");
+    const QString runtime = home.useOwnRuntime();
     const QString socket = runtime + QStringLiteral("/zelkor-") + QString::number(getuid());
     std::vector<std::unique_ptr<QProcess>> running;
 };

@@ -2,6 +2,7 @@
 #include "support/FreshHome.h"
 
 #include <QDir>
+#include <QFile>
 
 namespace Test {
 
@@ -41,6 +42,15 @@ QString FreshHome::tagsDir() const {
 
 QString FreshHome::preferencesPath() const {
     return configHome() + QStringLiteral("/ODRAVEX Zelkor/preferences.json");
+}
+
+QString FreshHome::useOwnRuntime() {
+    const QString runtime = root() + QStringLiteral("/runtime");
+    QDir().mkpath(runtime);
+    QFile::setPermissions(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    setEnv("XDG_RUNTIME_DIR", runtime);
+    setEnv("QT_QPA_PLATFORM", QStringLiteral("offscreen"));
+    return runtime;
 }
 
 void FreshHome::setEnv(const char* name, const std::optional<QString>& value) {

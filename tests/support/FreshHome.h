@@ -28,6 +28,10 @@ public:
     QString tagsDir() const;         // .../ODRAVEX Zelkor/Tags
     QString preferencesPath() const; // $XDG_CONFIG_HOME/ODRAVEX Zelkor/preferences.json
 
+    // For a launched window: a private runtime folder (its single-instance socket)
+    // and the offscreen platform. Returns the folder.
+    QString useOwnRuntime();
+
     // Sets or unsets a variable until the home goes away.
     void setEnv(const char* name, const std::optional<QString>& value);
 
