@@ -18,6 +18,12 @@ std::vector<qsizetype> graphemeEnds(const QString& text) {
     return ends;
 }
 
+// Qt adds the spacing after the last character too, rounded to 1/64 px.
+double kernedWidth(const QFontMetricsF& metrics, double spacing, const QString& text) {
+    const double advance = metrics.horizontalAdvance(text);
+    return text.isEmpty() ? advance : advance - spacing;
+}
+
 } // namespace
 
 HUDView::TextAttributes HUDView::attrs(const QFont& font, const QColor& color, double kern) {
@@ -28,9 +34,7 @@ HUDView::TextAttributes HUDView::attrs(const QFont& font, const QColor& color, d
 
 double HUDView::width(const QString& text, const QFont& font, double kern) {
     const TextAttributes measured = attrs(font, Qt::white, kern);
-    const double advance = QFontMetricsF(measured.font).horizontalAdvance(text);
-    // Qt adds the spacing after the last character too, rounded to 1/64 px.
-    return text.isEmpty() ? advance : advance - measured.font.letterSpacing();
+    return kernedWidth(QFontMetricsF(measured.font), measured.font.letterSpacing(), text);
 }
 
 void HUDView::drawText(QPainter& painter, const QString& text, const TextAttributes& attributes,
@@ -80,7 +84,6 @@ HUDView::Fits HUDView::fitsWithin(const QFont& font, double kern, double room) {
     const TextAttributes measured = attrs(font, Qt::white, kern);
     return [metrics = QFontMetricsF(measured.font), spacing = measured.font.letterSpacing(),
             room](const QString& candidate) {
-        const double advance = metrics.horizontalAdvance(candidate);
-        return (candidate.isEmpty() ? advance : advance - spacing) <= room;
+        return kernedWidth(metrics, spacing, candidate) <= room;
     };
 }

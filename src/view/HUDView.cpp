@@ -41,7 +41,10 @@ void HUDView::refreshTag() {
 
 void HUDView::tick() {
     m_state.blink = !m_state.blink;
-    update();
+    // The cursors show only in the empty log and while a batch runs; otherwise a
+    // pass would draw the same picture again.
+    if (m_state.log.empty() || m_state.busy)
+        update();
 }
 
 // The fonts cannot change while the program runs, so their widths are taken
