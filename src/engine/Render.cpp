@@ -1,5 +1,6 @@
 // Placing the clip over a track and rendering the tagged file with one ffmpeg run.
 #include "engine/Engine.h"
+#include "platform/Files.h"
 
 #include <QDir>
 #include <QFile>
@@ -13,12 +14,6 @@
 namespace Engine {
 
 namespace {
-
-bool existsAt(const QString& path) {
-    // A dangling link is something too: ffmpeg would write through it.
-    const QFileInfo info(path);
-    return info.exists() || info.isSymLink();
-}
 
 // Placement times in whole milliseconds, as adelay wants them.
 long long milliseconds(double seconds) {
@@ -112,8 +107,9 @@ class Reservation {
 public:
     explicit Reservation(const QString& track) {
         const std::lock_guard locker(reservedLock);
-        m_path = freeOutput(
-            track, [](const QString& path) { return existsAt(path) || reserved.contains(path); });
+        m_path = freeOutput(track, [](const QString& path) {
+            return Files::occupied(path) || reserved.contains(path);
+        });
         reserved.insert(m_path);
     }
     ~Reservation() {
@@ -131,7 +127,7 @@ private:
 } // namespace
 
 QString outputURL(const QString& track) {
-    return freeOutput(track, existsAt);
+    return freeOutput(track, Files::occupied);
 }
 
 QStringList renderArguments(const QString& track, const QString& tag, const QString& graph,

@@ -55,11 +55,6 @@ QString numberedName(const QString& fileName, int number) {
     return name;
 }
 
-bool occupied(const QString& path) {
-    const QFileInfo info(path);
-    return info.exists() || info.isSymLink();
-}
-
 // The file browser's order: the user's language, digits by value, case ignored.
 QCollator browserCollator() {
     QLocale locale;
@@ -135,7 +130,7 @@ QString add(const QString& path) {
     const QString folder = dir();
     const QString fileName = fileNameOf(path);
     QString destination = folder + QLatin1Char('/') + fileName;
-    for (int number = 2; occupied(destination); ++number)
+    for (int number = 2; Files::occupied(destination); ++number)
         destination = folder + QLatin1Char('/') + numberedName(fileName, number);
 
     Files::copy(path, destination);

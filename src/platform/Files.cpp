@@ -25,9 +25,13 @@ QString systemReason(int code) {
 
 } // namespace
 
+bool occupied(const QString& path) {
+    const QFileInfo info(path);
+    return info.exists() || info.isSymLink();
+}
+
 void copy(const QString& from, const QString& to) {
-    const QFileInfo target(to);
-    if (target.exists() || target.isSymLink())
+    if (occupied(to))
         fail(from, systemReason(EEXIST));
     if (QFileInfo(from).isDir())
         fail(from, systemReason(EISDIR));

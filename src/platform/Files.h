@@ -19,4 +19,7 @@ namespace Files {
 // whole or not at all; throws FileError when it cannot be made.
 void copy(const QString& from, const QString& to);
 
+// Whether a name is taken: a dangling link counts, since a write would go through it.
+bool occupied(const QString& path);
+
 } // namespace Files
