@@ -1,5 +1,6 @@
 // Finding ffmpeg, running it as a child process, and reading its text.
 #include "engine/Engine.h"
+#include "platform/Files.h"
 #include "platform/Resources.h"
 
 #include <QFileInfo>
@@ -14,7 +15,7 @@ QStringList ffmpegCandidates(const QString& resourcesDir) {
     QStringList candidates;
     const QString own = resourcesDir + QStringLiteral("/ffmpeg");
     // A link whose target is gone still counts as present; the executable test drops it.
-    if (QFileInfo(own).exists() || QFileInfo(own).isSymLink())
+    if (Files::occupied(own))
         candidates << own;
     candidates << QStringLiteral("/opt/homebrew/bin/ffmpeg")
                << QStringLiteral("/usr/local/bin/ffmpeg");
