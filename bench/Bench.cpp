@@ -2,7 +2,9 @@
 // target. Nothing here fails a build; it only prints.
 #include "engine/Engine.h"
 #include "platform/FileViewer.h"
+#include "platform/Preferences.h"
 #include "platform/Sounds.h"
+#include "platform/Trash.h"
 #include "style/Fonts.h"
 #include "view/HUDView.h"
 
@@ -158,7 +160,9 @@ struct Silent : Sounds, FileViewer {
 
 void paint() {
     Silent services;
-    HUDView view({services, services});
+    PreferencesFile preferences(PreferencesFile::userPath());
+    HomeTrash trash(HomeTrash::userFolder());
+    HUDView view({services, services, preferences, trash});
     view.resize(HUDView::kSize);
     view.snapshot(1); // fonts, images and the dot grid are made once, as on screen
     const double ms = medianMs(101, [&] { view.snapshot(1); });

@@ -2,6 +2,7 @@
 // child process that draws its window offscreen, writes the PNG and quits.
 #include "app/AppDelegate.h"
 #include "app/FrameAutosave.h"
+#include "platform/Files.h"
 #include "platform/Preferences.h"
 #include "style/Palette.h"
 #include "support/FreshHome.h"
@@ -81,33 +82,45 @@ TEST_F(Snapshot, filesNamedAtLaunchAreAlreadyABatchInTheSnapshot) {
     EXPECT_TRUE(near(image.pixelColor(300, 220), black, 0));          // no plus sign
 }
 
-TEST(FrameAutosave, aMovedWindowReopensWhereItWasLeft) {
+TEST(FrameAutosave, aMovedWindowReopensWhereItWasLeftAndAFailedSaveIsReported) {
     ::Test::guiApplication();
     ::Test::FreshHome home;
+    PreferencesFile preferences(home.preferencesPath());
     const QString name = QStringLiteral("ZelkorMain");
     {
         QWidget window;
         window.resize(200, 100);
-        new FrameAutosave(window, name);
+        new FrameAutosave(window, name, preferences);
         window.show();
         window.move(120, 90);
-        ASSERT_TRUE(
-            ::Test::waitUntil([&] { return Preferences::user().object(name).has_value(); }, 3000));
+        ASSERT_TRUE(::Test::waitUntil([&] { return preferences.object(name).has_value(); }, 3000));
     }
-    const QJsonObject saved = *Preferences::user().object(name);
+    const QJsonObject saved = *preferences.object(name);
     EXPECT_EQ(saved[QStringLiteral("x")].toInt(), 120);
     EXPECT_EQ(saved[QStringLiteral("y")].toInt(), 90);
 
     QWidget again;
     again.resize(200, 100);
-    (new FrameAutosave(again, name))->restore();
+    (new FrameAutosave(again, name, preferences))->restore();
     EXPECT_EQ(again.pos(), QPoint(120, 90));
 
     // Off every screen: left where the launch put it.
-    Preferences::user().setObject(
-        name, QJsonObject{{QStringLiteral("x"), -9000}, {QStringLiteral("y"), -9000}});
+    preferences.setObject(name,
+                          QJsonObject{{QStringLiteral("x"), -9000}, {QStringLiteral("y"), -9000}});
     QWidget lost;
     lost.move(10, 10);
-    (new FrameAutosave(lost, name))->restore();
+    (new FrameAutosave(lost, name, preferences))->restore();
     EXPECT_EQ(lost.pos(), QPoint(10, 10));
+
+    // A folder in place of the file: the window is told, once the move rests.
+    QFile::remove(home.preferencesPath());
+    QDir().mkpath(home.preferencesPath());
+    QStringList failures;
+    QWidget moved;
+    new FrameAutosave(moved, name, preferences,
+                      [&](const FileError& error) { failures << error.errorDescription(); });
+    moved.show();
+    moved.move(40, 30);
+    EXPECT_TRUE(::Test::waitUntil([&] { return !failures.isEmpty(); }, 3000));
+    EXPECT_EQ(failures, QStringList{QStringLiteral("CAN'T SAVE PREFERENCES.JSON: IS A DIRECTORY")});
 }

@@ -85,9 +85,9 @@ TEST_F(BatchRunner, aBatchKeepsItsSettingsAndIgnoresAnotherStart) {
     // 25 s: placements at 0.5 and 20.5 every 20 s, only at 0.5 every 60 s.
     const QString beat = track(QStringLiteral("beat.wav"), 25);
     const QString second = track(QStringLiteral("second.wav"));
-    Settings::setIntervalIndex(0);
+    settings.setIntervalIndex(0);
     view().start({beat});
-    Settings::setIntervalIndex(3);
+    settings.setIntervalIndex(3);
     view().start({second});
     ASSERT_TRUE(finish());
     QCoreApplication::processEvents();

@@ -40,6 +40,8 @@ protected:
     ::Test::FreshHome home;
     AppDelegate delegate{{std::make_unique<::Test::RecordingSounds>(),
                           std::make_unique<::Test::RecordingFileViewer>(),
+                          std::make_unique<PreferencesFile>(home.preferencesPath()),
+                          std::make_unique<HomeTrash>(home.dataHome() + QStringLiteral("/Trash")),
                           std::make_unique<::Test::ScriptedMenus>(),
                           std::make_unique<::Test::ScriptedPanels>()},
                          std::nullopt};

@@ -1,5 +1,5 @@
 // The non-GUI platform pieces on real files: the preferences store, the settings
-// kept in it, and the desktop's trash.
+// kept in it, the desktop's trash, and what a full disk leaves of them.
 #include "platform/Preferences.h"
 #include "model/Settings.h"
 #include "platform/Trash.h"
@@ -8,9 +8,13 @@
 
 #include <QDir>
 #include <QJsonDocument>
+#include <QRegularExpression>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 namespace {
 
@@ -26,8 +30,10 @@ constexpr const char* kChildVariable = "ZELKOR_SETTINGS_CHILD";
 [[maybe_unused]] const bool kChildRun = [] {
     if (!qEnvironmentVariableIsSet(kChildVariable))
         return false;
-    Settings::setIntervalIndex(qEnvironmentVariableIntValue(kChildVariable));
-    std::printf("%d %d\n", Settings::intervalIndex(), Settings::levelIndex());
+    PreferencesFile preferences(PreferencesFile::userPath());
+    Settings settings(preferences);
+    settings.setIntervalIndex(qEnvironmentVariableIntValue(kChildVariable));
+    std::printf("%d %d\n", settings.intervalIndex(), settings.levelIndex());
     std::fflush(stdout);
     std::_Exit(0);
 }();
@@ -50,19 +56,32 @@ void storeRaw(const ::Test::FreshHome& home, const QByteArray& json) {
               0);
 }
 
+// Fills a file system to its last byte.
+void fill(const QString& disk) {
+    const int fd = ::open(QFile::encodeName(disk + QStringLiteral("/filler")).constData(),
+                          O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_GE(fd, 0);
+    const QByteArray chunk(64 * 1024, 'x');
+    for (qsizetype size = chunk.size(); size > 0; size /= 2)
+        while (::write(fd, chunk.constData(), static_cast<std::size_t>(size)) > 0) {
+        }
+    EXPECT_EQ(errno, ENOSPC);
+    ::close(fd);
+}
+
 } // namespace
 
 TEST(Preferences, valuesKeepTheirTypesInOneJsonObjectAndAFileChangedBehindTheStoreIsReadAgain) {
     ::Test::FreshHome home;
-    Preferences preferences = Preferences::user();
-    ASSERT_EQ(preferences.path(), home.preferencesPath());
+    ASSERT_EQ(PreferencesFile::userPath(), home.preferencesPath());
+    PreferencesFile preferences(home.preferencesPath());
 
     const QJsonObject frame{{QStringLiteral("x"), 10}, {QStringLiteral("y"), 20}};
-    EXPECT_TRUE(preferences.setInteger(QStringLiteral("interval"), 3));
-    EXPECT_TRUE(preferences.setString(QStringLiteral("tag"), QStringLiteral("Voice.wav")));
-    EXPECT_TRUE(preferences.setBoolean(QStringLiteral("seeded"), true));
-    EXPECT_TRUE(preferences.setObject(QStringLiteral("ZelkorMain"), frame));
-    EXPECT_TRUE(preferences.remove(QStringLiteral("tag")));
+    preferences.setInteger(QStringLiteral("interval"), 3);
+    preferences.setString(QStringLiteral("tag"), QStringLiteral("Voice.wav"));
+    preferences.setBoolean(QStringLiteral("seeded"), true);
+    preferences.setObject(QStringLiteral("ZelkorMain"), frame);
+    preferences.remove(QStringLiteral("tag"));
 
     EXPECT_EQ(onDisk(home.preferencesPath()), (QJsonObject{{QStringLiteral("interval"), 3},
                                                            {QStringLiteral("seeded"), true},
@@ -92,61 +111,132 @@ TEST(Preferences, valuesKeepTheirTypesInOneJsonObjectAndAFileChangedBehindTheSto
 TEST(Preferences, anUnparsableFileReadsAsEmptyAndIsKeptBesideTheFileThatReplacesIt) {
     ::Test::FreshHome home;
     QDir().mkpath(QFileInfo(home.preferencesPath()).path());
-    Preferences preferences = Preferences::user();
+    PreferencesFile preferences(home.preferencesPath());
 
     for (const QByteArray& broken : {QByteArray(R"({"interval": 2,)"), QByteArray("[2, 1]")}) {
         ::Test::writeFile(home.preferencesPath(), broken);
         EXPECT_TRUE(preferences.values().isEmpty()) << broken.constData();
 
-        EXPECT_TRUE(preferences.setInteger(QStringLiteral("level"), 2));
+        preferences.setInteger(QStringLiteral("level"), 2);
         EXPECT_EQ(::Test::readAll(home.preferencesPath() + QStringLiteral(".corrupt")), broken);
         EXPECT_EQ(onDisk(home.preferencesPath()), (QJsonObject{{QStringLiteral("level"), 2}}));
     }
 }
 
-TEST(Trash, aFileGoesToTheTrashUnderTheDataFolderEvenBeforeThatFolderExists) {
+// A restore reads the place from the entry: the path's bytes, escaped as in a URL.
+TEST(Trash, eachEntryDecodesToTheExactPathAndOnlyAFileThatIsThereGoes) {
     ::Test::FreshHome home;
-    ASSERT_FALSE(QFileInfo::exists(home.dataHome()));
-    const QString clip = home.root() + QStringLiteral("/clip.wav");
-    ::Test::writeFile(clip, "clip");
-    // Qt's fallback is ./files under the current folder: make it visible.
-    const QString previous = QDir::currentPath();
-    ASSERT_TRUE(QDir::setCurrent(home.root()));
+    const QString folder = home.dataHome() + QStringLiteral("/Trash");
+    HomeTrash trash(folder); // made on first use, the data folder included
+    const QString tags = home.root() + QStringLiteral("/my tags");
+    QDir().mkpath(tags);
+    const QRegularExpression escaped(QStringLiteral("^Path=[A-Za-z0-9._~/%-]+$"));
+    const QRegularExpression date(
+        QStringLiteral("^DeletionDate=\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d$"));
+    QStringList inTrash;
+    for (const char* name :
+         {"tag %41 v2.wav", "a#b c.wav", "Caf\u00e9 \u00fc\u266a.wav", "a#b c.wav"}) {
+        const QString path = tags + QLatin1Char('/') + QString::fromUtf8(name);
+        ::Test::writeFile(path, name);
+        const std::optional<QString> moved = trash.moveToTrash(path);
+        ASSERT_TRUE(moved) << name;
+        EXPECT_FALSE(QFileInfo::exists(path));
+        EXPECT_EQ(::Test::readAll(*moved), QByteArray(name));
+        inTrash << *moved;
 
-    EXPECT_EQ(Trash::moveToTrash(clip), home.dataHome() + QStringLiteral("/Trash/files/clip.wav"));
-    EXPECT_FALSE(QFileInfo::exists(clip));
-    EXPECT_TRUE(::Test::readAll(home.dataHome() + QStringLiteral("/Trash/info/clip.wav.trashinfo"))
-                    .contains("Path=" + QFile::encodeName(clip)));
-    EXPECT_FALSE(QFileInfo::exists(home.root() + QStringLiteral("/files")));
-    EXPECT_EQ(Trash::moveToTrash(clip), std::nullopt);
+        const QList<QByteArray> entry =
+            ::Test::readAll(folder + QStringLiteral("/info/") + QFileInfo(*moved).fileName() +
+                            QStringLiteral(".trashinfo"))
+                .split('\n');
+        ASSERT_EQ(entry.size(), 4) << name;
+        EXPECT_EQ(entry[0], "[Trash Info]");
+        EXPECT_TRUE(escaped.match(QString::fromLatin1(entry[1])).hasMatch())
+            << entry[1].constData();
+        EXPECT_EQ(QFile::decodeName(QByteArray::fromPercentEncoding(entry[1].mid(5))), path);
+        EXPECT_TRUE(date.match(QString::fromLatin1(entry[2])).hasMatch()) << entry[2].constData();
+    }
+    EXPECT_EQ(inTrash.last(), folder + QStringLiteral("/files/a#b c (2).wav"));
 
-    // A relative XDG_DATA_HOME names no trash: the file stays where it is.
-    ::Test::writeFile(clip, "clip");
-    home.setEnv("XDG_DATA_HOME", QStringLiteral("relative"));
-    EXPECT_EQ(Trash::moveToTrash(clip), std::nullopt);
-    EXPECT_TRUE(QFileInfo::exists(clip));
-    QDir::setCurrent(previous);
+    EXPECT_EQ(trash.moveToTrash(tags + QStringLiteral("/gone.wav")), std::nullopt);
+    EXPECT_EQ(QDir(folder + QStringLiteral("/info")).entryList(QDir::Files).size(), 4);
 }
 
 TEST(Settings, choicesOutliveTheProcessAndReadAsTheDefaultWhenFreshOrOutOfTheTable) {
     ::Test::FreshHome home;
-    Settings::setLevelIndex(2);
-    ASSERT_EQ(Settings::levelIndex(), 2);
+    PreferencesFile preferences(home.preferencesPath());
+    Settings settings(preferences);
+    settings.setLevelIndex(2);
+    ASSERT_EQ(settings.levelIndex(), 2);
 
     // The child reads the level written here, then writes its own interval.
     EXPECT_EQ(inAnotherProcessSetInterval(3), QStringLiteral("3 2"));
-    EXPECT_EQ(Settings::interval(), 60);
-    EXPECT_EQ(Settings::levelDB(), -1);
-    Settings::setLevelIndex(0);
+    EXPECT_EQ(settings.interval(), 60);
+    EXPECT_EQ(settings.levelDB(), -1);
+    settings.setLevelIndex(0);
     EXPECT_EQ(inAnotherProcessSetInterval(0), QStringLiteral("0 0"));
 
     // Thirty seconds at MID, also for a stored value that is not an index of its table.
     QFile::remove(home.preferencesPath());
-    EXPECT_EQ(Settings::interval(), 30);
-    EXPECT_EQ(Settings::levelDB(), -5);
+    EXPECT_EQ(settings.interval(), 30);
+    EXPECT_EQ(settings.levelDB(), -5);
     for (const char* stored : {"\"abc\"", "-1", "4", "2.5", "true", "null", "[0]", "9e99"}) {
         storeRaw(home, QByteArray(R"({"interval": )") + stored + R"(, "level": )" + stored + "}");
-        EXPECT_EQ(Settings::intervalIndex(), 1) << stored;
-        EXPECT_EQ(Settings::levelIndex(), 1) << stored;
+        EXPECT_EQ(settings.intervalIndex(), 1) << stored;
+        EXPECT_EQ(settings.levelIndex(), 1) << stored;
     }
+}
+
+// What was there before stays whole: no "TAG SELECTED" or "TAG ADDED" for a
+// write that never reached the disk, and no half-copied clip.
+TEST(Preferences, onAFullDiskTheLibraryCommandsFailWithTheReasonAndLeaveWhatWasThere) {
+    ::Test::FreshHome home;
+    const QString disk = home.root() + QStringLiteral("/disk");
+    QDir().mkpath(disk);
+    const ::Test::Process mount =
+        ::Test::runProgram(QStringLiteral("mount"),
+                           {QStringLiteral("-t"), QStringLiteral("tmpfs"), QStringLiteral("-o"),
+                            QStringLiteral("size=1m"), QStringLiteral("tmpfs"), disk});
+    if (mount.status != 0)
+        GTEST_SKIP() << "cannot mount a small tmpfs here (needs root and mount rights): "
+                     << mount.err.toStdString();
+    struct Unmount {
+        QString at;
+        ~Unmount() { ::Test::runProgram(QStringLiteral("umount"), {at}); }
+    } unmount{disk};
+    home.setEnv("XDG_CONFIG_HOME", disk + QStringLiteral("/config"));
+    home.setEnv("XDG_DATA_HOME", disk + QStringLiteral("/data"));
+    PreferencesFile(PreferencesFile::userPath()).setBoolean(QStringLiteral("seeded"), true);
+    const auto zelkorTag = [](const QStringList& args) {
+        return ::Test::runProgram(::Test::binary(QStringLiteral("zelkor-tag")), args);
+    };
+    QStringList clips;
+    for (const QString& name : {QStringLiteral("a.wav"), QStringLiteral("b.wav")}) {
+        clips << home.root() + QLatin1Char('/') + name;
+        ::Test::writeFile(clips.last(), QByteArray(8898, name[0].toLatin1()));
+        ASSERT_EQ(zelkorTag({QStringLiteral("--add-tag"), clips.last()}).status, 0);
+    }
+    const QString library = disk + QStringLiteral("/data/ODRAVEX Zelkor/Tags");
+    const auto contents = [&] {
+        QStringList files;
+        for (const QString& folder : {library, QFileInfo(PreferencesFile::userPath()).path()})
+            for (const QString& name : QDir(folder).entryList(QDir::Files | QDir::Hidden))
+                files << name + QLatin1Char(' ') +
+                             QString::fromLatin1(
+                                 ::Test::readAll(folder + QLatin1Char('/') + name).toBase64());
+        return files;
+    };
+    const QStringList before = contents();
+    fill(disk);
+
+    const ::Test::Process select =
+        zelkorTag({QStringLiteral("--select-tag"), QStringLiteral("a.wav")});
+    EXPECT_EQ(select.status, 1);
+    EXPECT_EQ(select.out, QString());
+    EXPECT_EQ(select.err,
+              QStringLiteral("zelkor-tag: CAN'T SAVE PREFERENCES.JSON: NO SPACE LEFT ON DEVICE\n"));
+    const ::Test::Process add = zelkorTag({QStringLiteral("--add-tag"), clips.first()});
+    EXPECT_EQ(add.status, 1);
+    EXPECT_EQ(add.out, QStringLiteral("a.wav  CAN'T ADD TAG\n"));
+    EXPECT_EQ(add.err, QStringLiteral("zelkor-tag: CAN'T COPY A.WAV: NO SPACE LEFT ON DEVICE\n"));
+    EXPECT_EQ(contents(), before);
 }

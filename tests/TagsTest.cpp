@@ -4,6 +4,7 @@
 #include "engine/Engine.h"
 #include "platform/Files.h"
 #include "platform/Preferences.h"
+#include "platform/Trash.h"
 #include "support/FreshHome.h"
 #include "support/TestSupport.h"
 
@@ -31,21 +32,22 @@ protected:
             names << QFileInfo(clip).fileName();
         return names;
     }
-    static QString selectedName() {
-        return QFileInfo(Tags::selected().value_or(QString())).fileName();
+    QString selectedName() const {
+        return QFileInfo(tags.selected().value_or(QString())).fileName();
     }
-    static std::optional<QString> stored() {
-        return Preferences::user().string(QStringLiteral("tag"));
-    }
+    std::optional<QString> stored() const { return preferences.string(QStringLiteral("tag")); }
 
     ::Test::FreshHome home;
+    PreferencesFile preferences{home.preferencesPath()};
+    HomeTrash trash{home.dataHome() + QStringLiteral("/Trash")};
+    Tags tags{preferences, trash};
 };
 
 } // namespace
 
 TEST_F(TagsTest, clipsListInNaturalOrderAndTheSelectionIsAFileNameThatFallsBackToTheFirst) {
     EXPECT_TRUE(Tags::all().isEmpty());
-    EXPECT_EQ(Tags::selected(), std::nullopt);
+    EXPECT_EQ(tags.selected(), std::nullopt);
     EXPECT_TRUE(QFileInfo(home.tagsDir()).isDir());
 
     for (const char* name : {"tag 10.wav", "Tag 2.mp3", "notes.txt", "B.FLAC", "wav", "a.ogg"})
@@ -61,60 +63,60 @@ TEST_F(TagsTest, clipsListInNaturalOrderAndTheSelectionIsAFileNameThatFallsBackT
     EXPECT_EQ(selectedName(), QStringLiteral("a.wav"));
 
     // Only the name is kept, so a path in another folder selects the library's clip.
-    Tags::setSelected(home.root() + QStringLiteral("/b.mp3"));
+    tags.setSelected(home.root() + QStringLiteral("/b.mp3"));
     EXPECT_EQ(stored(), QStringLiteral("b.mp3"));
-    EXPECT_EQ(Tags::selected(), home.tagsDir() + QStringLiteral("/b.mp3"));
+    EXPECT_EQ(tags.selected(), home.tagsDir() + QStringLiteral("/b.mp3"));
 
-    Tags::setSelected(QString::fromUtf8("Cafe\u0301.wav")); // decomposed: e + combining acute
+    tags.setSelected(QString::fromUtf8("Cafe\u0301.wav")); // decomposed: e + combining acute
     EXPECT_EQ(selectedName(), QString::fromUtf8("Caf\u00e9.wav"));
 
-    Tags::setSelected(QStringLiteral("B.MP3"));
+    tags.setSelected(QStringLiteral("B.MP3"));
     EXPECT_EQ(selectedName(), QStringLiteral("a.wav"));
     EXPECT_EQ(stored(), QStringLiteral("B.MP3"));
 
-    Tags::setSelected(std::nullopt);
+    tags.setSelected(std::nullopt);
     EXPECT_EQ(stored(), std::nullopt);
 }
 
 TEST_F(TagsTest, removingGoesToTheTrashAndSelectsTheNewFirstClipAndAddingNumbersCopies) {
     const QString a = inLibrary(QStringLiteral("a.wav"), "the a clip");
     const QString b = inLibrary(QStringLiteral("b.wav"));
-    Tags::setSelected(a);
+    tags.setSelected(a);
 
-    Tags::remove(a);
+    tags.remove(a);
     EXPECT_EQ(::Test::readAll(home.dataHome() + QStringLiteral("/Trash/files/a.wav")),
               QByteArray("the a clip"));
     EXPECT_EQ(Tags::all(), QStringList{b});
-    EXPECT_EQ(Tags::selected(), b);
+    EXPECT_EQ(tags.selected(), b);
 
-    Tags::remove(b);
-    Tags::remove(b); // already gone: nothing to report
-    EXPECT_EQ(Tags::selected(), std::nullopt);
+    tags.remove(b);
+    tags.remove(b); // already gone: nothing to report
+    EXPECT_EQ(tags.selected(), std::nullopt);
 
     // Added copies take the first free numbered name and are selected.
     const QString voice = put(home.root(), QStringLiteral("Voice.wav"), "spoken");
     for (const QString& name : {QStringLiteral("Voice.wav"), QStringLiteral("Voice (2).wav"),
                                 QStringLiteral("Voice (3).wav")}) {
-        const QString copy = Tags::add(voice);
+        const QString copy = tags.add(voice);
         EXPECT_EQ(copy, home.tagsDir() + QLatin1Char('/') + name);
         EXPECT_EQ(::Test::readAll(copy), QByteArray("spoken"));
-        EXPECT_EQ(Tags::selected(), copy);
+        EXPECT_EQ(tags.selected(), copy);
     }
     EXPECT_TRUE(QFileInfo::exists(voice));
 
     // Added from the library itself, and the extension keeps its letter case.
     const QString upper = inLibrary(QStringLiteral("VOICE.WAV"));
-    EXPECT_EQ(Tags::add(upper), home.tagsDir() + QStringLiteral("/VOICE (2).WAV"));
+    EXPECT_EQ(tags.add(upper), home.tagsDir() + QStringLiteral("/VOICE (2).WAV"));
 }
 
 TEST_F(TagsTest, aLibraryFolderThatCannotBeMadeListsNothingAndFailsTheAddWithTheSystemsReason) {
     put(home.dataHome(), QStringLiteral("ODRAVEX Zelkor"), "a file where the folder belongs");
     const QString voice = put(home.root(), QStringLiteral("voice.wav"));
-    Tags::setSelected(QStringLiteral("old.wav"));
+    tags.setSelected(QStringLiteral("old.wav"));
 
-    EXPECT_EQ(Tags::selected(), std::nullopt);
+    EXPECT_EQ(tags.selected(), std::nullopt);
     try {
-        Tags::add(voice);
+        tags.add(voice);
         ADD_FAILURE() << "the copy succeeded";
     } catch (const FileError& error) {
         EXPECT_EQ(describeError(error), QStringLiteral("CAN'T COPY VOICE.WAV: NOT A DIRECTORY"));
@@ -130,7 +132,7 @@ TEST_F(TagsTest, seedingCopiesTheDefaultsOnceAndLeavesAClipOfTheSameNameAlone) {
     home.setEnv("ZELKOR_RESOURCES", home.root() + QStringLiteral("/resources"));
     const QString mine = inLibrary(QStringLiteral("a.wav"), "my own a");
 
-    Tags::seedDefaults();
+    tags.seedDefaults();
     EXPECT_EQ(listed(), (QStringList{QStringLiteral("a.wav"), QStringLiteral("B.MP3")}));
     EXPECT_EQ(::Test::readAll(mine), QByteArray("my own a"));
     EXPECT_EQ(::Test::readAll(home.tagsDir() + QStringLiteral("/B.MP3")), QByteArray("default b"));
@@ -138,12 +140,12 @@ TEST_F(TagsTest, seedingCopiesTheDefaultsOnceAndLeavesAClipOfTheSameNameAlone) {
 
     for (const QString& clip : Tags::all())
         QFile::remove(clip);
-    Tags::seedDefaults();
+    tags.seedDefaults();
     EXPECT_TRUE(Tags::all().isEmpty());
 }
 
 TEST_F(TagsTest, theShippedDefaultIsAStereoSpokenClipEndingInSilence) {
-    Tags::seedDefaults();
+    tags.seedDefaults();
     const QStringList clips = Tags::all();
     ASSERT_FALSE(clips.isEmpty());
 

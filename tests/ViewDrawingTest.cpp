@@ -188,8 +188,8 @@ TEST_F(ViewDrawing, hitsFollowTheDrawingOrderAndTheirActionsShowInTheNextPass) {
     EXPECT_TRUE(near(inside(hits[3].rect), white));
     hits[4].action();
     hits[8].action();
-    EXPECT_EQ(Settings::intervalIndex(), 2);
-    EXPECT_EQ(Settings::levelIndex(), 2);
+    EXPECT_EQ(settings.intervalIndex(), 2);
+    EXPECT_EQ(settings.levelIndex(), 2);
     image = view().snapshot(1);
     EXPECT_TRUE(near(inside(hits[4].rect), white));
     EXPECT_TRUE(near(inside(hits[3].rect), black, 0));

@@ -89,17 +89,17 @@ using DragDrop = ViewInput;
 } // namespace
 
 TEST_F(ViewClicks, aSegmentsRightEdgeBelongsToTheNextOneEachClickRedrawsOnceAndBusyIgnoresAll) {
-    Settings::setIntervalIndex(0);
-    Settings::setLevelIndex(0);
+    settings.setIntervalIndex(0);
+    settings.setLevelIndex(0);
     const QRectF twenty = drawn()[2].rect;
     EXPECT_EQ(repaints(view(), [&] { click(view(), {twenty.right(), twenty.center().y()}); }), 1);
-    EXPECT_EQ(Settings::intervalIndex(), 1);
+    EXPECT_EQ(settings.intervalIndex(), 1);
 
     // The last segment's right edge is nobody's, and the header answers nothing.
     const QRectF high = drawn()[8].rect;
     EXPECT_EQ(repaints(view(), [&] { click(view(), {high.right(), high.center().y()}); }), 0);
     EXPECT_EQ(repaints(view(), [&] { click(view(), {300, 20}); }), 0);
-    EXPECT_EQ(Settings::levelIndex(), 0);
+    EXPECT_EQ(settings.levelIndex(), 0);
 
     // A busy view ignores clicks, even on regions drawn before the batch.
     const std::vector<HUDView::Hit> hits = drawn();
@@ -110,22 +110,34 @@ TEST_F(ViewClicks, aSegmentsRightEdgeBelongsToTheNextOneEachClickRedrawsOnceAndB
     for (const QPointF at :
          {hits[0].rect.center(), hits[4].rect.center(), view().zoneRect().center()})
         click(view(), at);
-    EXPECT_EQ(Settings::intervalIndex(), 1);
+    EXPECT_EQ(settings.intervalIndex(), 1);
     EXPECT_TRUE(menus.shown.empty());
     EXPECT_EQ(panels.tagPanels + panels.trackPanels, 0);
 }
 
+TEST_F(ViewClicks, aChoiceThatCannotBeSavedLeavesTheOldOneAndALineWithTheSystemsReason) {
+    QDir().mkpath(home.configHome());
+    ::Test::writeFile(home.configHome() + QStringLiteral("/ODRAVEX Zelkor"), "in the way");
+    const LogLine unsaved{QStringLiteral("CAN'T SAVE PREFERENCES.JSON"),
+                          QStringLiteral("NOT A DIRECTORY"), errColor};
+    click(view(), drawn()[2].rect.center());
+    click(view(), drawn()[6].rect.center());
+    EXPECT_EQ(view().state().log, (std::vector<LogLine>{unsaved, unsaved}));
+    EXPECT_EQ(settings.intervalIndex(), 1);
+    EXPECT_EQ(settings.levelIndex(), 1);
+}
+
 TEST_F(ViewClicks, whereRegionsOverlapTheOneDrawnFirstWins) {
     view().resize(400, 640); // too narrow: the level segments slide over the interval ones
-    Settings::setIntervalIndex(0);
-    Settings::setLevelIndex(1);
+    settings.setIntervalIndex(0);
+    settings.setLevelIndex(1);
     const std::vector<HUDView::Hit> hits = drawn();
     for (int i = 2; i < 6; ++i)
         for (int j = 6; j < 9; ++j)
             if (const QRectF both = hits[i].rect & hits[j].rect; !both.isEmpty()) {
                 click(view(), both.center());
-                EXPECT_EQ(Settings::intervalIndex(), i - 2);
-                EXPECT_EQ(Settings::levelIndex(), 1);
+                EXPECT_EQ(settings.intervalIndex(), i - 2);
+                EXPECT_EQ(settings.levelIndex(), 1);
                 return;
             }
     FAIL() << "no regions overlap";
@@ -135,7 +147,7 @@ TEST_F(ViewClicks, theDropZoneAsksForATagFirstThenForTracks) {
     const QPointF centre = view().zoneRect().center();
     panels.tag = file(QStringLiteral("voice.wav"), "RIFF");
     click(view(), centre);
-    ASSERT_TRUE(Tags::selected());
+    ASSERT_TRUE(tags.selected());
 
     click(view(), centre); // cancelled: nothing starts
     EXPECT_FALSE(view().state().busy);
@@ -151,19 +163,19 @@ TEST_F(ViewClicks, theDropZoneAsksForATagFirstThenForTracks) {
 TEST_F(TagMenu, listsTheClipsWithTheSelectedOneCheckedPicksAnotherAndRemovesThem) {
     const QString a = clip(QStringLiteral("a.mp3"));
     const QString b = clip(QStringLiteral("b.wav"));
-    Tags::setSelected(b);
+    tags.setSelected(b);
     EXPECT_EQ(
         choose(QStringLiteral("Show Tags Folder")),
         (std::vector<std::string>{"a", "* b", "--", "Add Tag…", "Remove “b”", "Show Tags Folder"}));
     EXPECT_EQ(viewer.shown.at(0), QStringList{b});
     choose(QStringLiteral("a"));
-    EXPECT_EQ(Tags::selected(), a);
+    EXPECT_EQ(tags.selected(), a);
     EXPECT_TRUE(rowIsCurrent());
 
     // Removing the selected clip falls back to the first left, then to none.
     choose(QStringLiteral("Remove “a”"));
     EXPECT_EQ(last(), (LogLine{QStringLiteral("TAG REMOVED: A"), QStringLiteral("TRASH"), dim}));
-    EXPECT_EQ(Tags::selected(), b);
+    EXPECT_EQ(tags.selected(), b);
     EXPECT_TRUE(rowIsCurrent());
     choose(QStringLiteral("Remove “b”"));
     EXPECT_TRUE(rowIsCurrent());
@@ -180,13 +192,13 @@ TEST_F(TagMenu, addingAnExistingNameKeepsBothAndArmsTheNumberedCopy) {
     EXPECT_EQ(last(),
               (LogLine{QStringLiteral("TAG ADDED: VOICE (2)"), QStringLiteral("ARMED"), purple}));
     EXPECT_TRUE(rowIsCurrent());
-    const std::optional<QString> copy = Tags::selected();
+    const std::optional<QString> copy = tags.selected();
 
     panels.tag = home.root() + QStringLiteral("/gone.WAV");
     choose(QStringLiteral("Add Tag…"));
     EXPECT_EQ(last(),
               (LogLine{QStringLiteral("gone.WAV"), QStringLiteral("CAN'T ADD TAG"), errColor}));
-    EXPECT_EQ(Tags::selected(), copy);
+    EXPECT_EQ(tags.selected(), copy);
 }
 
 TEST_F(DragDrop, oneClipTargetsTheRowAndItsBandOnlyTracksTheRestAndABusyViewNothing) {
@@ -233,7 +245,7 @@ TEST_F(DragDrop, aClipDroppedOnTheRowIsAddedAndAFolderDroppedElsewhereStartsABat
     drag<QDragEnterEvent>(band, {voice});
     EXPECT_EQ(drag<QDropEvent>(band, {voice}), "copy");
     EXPECT_FALSE(view().state().busy);
-    EXPECT_EQ(Tags::selected(), Tags::dir() + QStringLiteral("/voice.wav"));
+    EXPECT_EQ(tags.selected(), Tags::dir() + QStringLiteral("/voice.wav"));
     ASSERT_EQ(view().state().log.size(), 1u);
     EXPECT_EQ(last().text, QStringLiteral("TAG ADDED: VOICE"));
 

@@ -8,9 +8,12 @@
 #include "model/Tags.h"
 #include "platform/AppName.h"
 #include "platform/FileViewer.h"
+#include "platform/Files.h"
 #include "platform/Menus.h"
 #include "platform/OpenPanels.h"
+#include "platform/Preferences.h"
 #include "platform/Sounds.h"
+#include "platform/Trash.h"
 #include "style/Fonts.h"
 #include "style/Palette.h"
 #include "view/HUDView.h"
@@ -22,6 +25,7 @@
 #include <QLayout>
 #include <QMainWindow>
 #include <QPalette>
+#include <QPointer>
 #include <QScreen>
 #include <QStyleFactory>
 
@@ -84,7 +88,7 @@ void AppDelegate::open(const QStringList& paths) {
 
 void AppDelegate::didFinishLaunching() {
     Style::registerFonts();
-    Tags::seedDefaults();
+    Tags(*m_services.preferences, *m_services.trash).seedDefaults();
     buildWindow();
     installMenuBar(*m_window);
     activate();
@@ -100,8 +104,8 @@ void AppDelegate::buildWindow() {
     m_window->setWindowFlags(Qt::Window | Qt::CustomizeWindowHint | Qt::WindowTitleHint |
                              Qt::WindowSystemMenuHint | Qt::WindowMinimizeButtonHint |
                              Qt::WindowCloseButtonHint);
-    m_hud = new HUDView(
-        {*m_services.sounds, *m_services.fileViewer, *m_services.menus, *m_services.panels});
+    m_hud = new HUDView({*m_services.sounds, *m_services.fileViewer, *m_services.preferences,
+                         *m_services.trash, *m_services.menus, *m_services.panels});
     m_hud->setFixedSize(HUDView::kSize);
     m_window->setWindowTitle(appName);
     QPalette palette = m_window->palette();
@@ -113,7 +117,12 @@ void AppDelegate::buildWindow() {
     m_window->adjustSize();
     if (const QScreen* screen = m_window->screen())
         m_window->move(screen->availableGeometry().center() - m_window->rect().center());
-    (new FrameAutosave(*m_window, QStringLiteral("ZelkorMain")))->restore();
+    (new FrameAutosave(*m_window, QStringLiteral("ZelkorMain"), *m_services.preferences,
+                       [hud = QPointer<HUDView>(m_hud)](const FileError& error) {
+                           if (hud)
+                               hud->logFailure(error);
+                       }))
+        ->restore();
     m_window->show();
 }
 

@@ -11,8 +11,10 @@ class FileViewer;
 class HUDView;
 class Menus;
 class OpenPanels;
+class Preferences;
 class QMainWindow;
 class Sounds;
+class Trash;
 
 // What the command line asks for: files to process and an optional snapshot.
 struct LaunchOptions {
@@ -29,6 +31,8 @@ public:
     struct Services {
         std::unique_ptr<Sounds> sounds;
         std::unique_ptr<FileViewer> fileViewer;
+        std::unique_ptr<Preferences> preferences;
+        std::unique_ptr<Trash> trash;
         std::unique_ptr<Menus> menus;
         std::unique_ptr<OpenPanels> panels;
     };

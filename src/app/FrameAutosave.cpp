@@ -1,6 +1,7 @@
 // The window frame in the preferences, as {x, y, width, height}.
 #include "app/FrameAutosave.h"
 
+#include "platform/Files.h"
 #include "platform/Preferences.h"
 
 #include <QEvent>
@@ -15,10 +16,12 @@ constexpr int kSettleMs = 400;
 
 } // namespace
 
-FrameAutosave::FrameAutosave(QWidget& window, QString name)
+FrameAutosave::FrameAutosave(QWidget& window, QString name, Preferences& preferences, Failed failed)
     : QObject(&window)
     , m_window(&window)
-    , m_name(std::move(name)) {
+    , m_name(std::move(name))
+    , m_preferences(preferences)
+    , m_failed(std::move(failed)) {
     m_settle.setSingleShot(true);
     m_settle.setInterval(kSettleMs);
     connect(&m_settle, &QTimer::timeout, this, &FrameAutosave::save);
@@ -26,7 +29,7 @@ FrameAutosave::FrameAutosave(QWidget& window, QString name)
 }
 
 void FrameAutosave::restore() {
-    const std::optional<QJsonObject> frame = Preferences::user().object(m_name);
+    const std::optional<QJsonObject> frame = m_preferences.object(m_name);
     if (!frame || !(*frame)[QStringLiteral("x")].isDouble() ||
         !(*frame)[QStringLiteral("y")].isDouble())
         return;
@@ -52,8 +55,13 @@ void FrameAutosave::save() {
     if (!m_window)
         return;
     const QRect frame = m_window->frameGeometry();
-    Preferences::user().setObject(m_name, QJsonObject{{QStringLiteral("x"), frame.x()},
-                                                      {QStringLiteral("y"), frame.y()},
-                                                      {QStringLiteral("width"), frame.width()},
-                                                      {QStringLiteral("height"), frame.height()}});
+    try {
+        m_preferences.setObject(m_name, QJsonObject{{QStringLiteral("x"), frame.x()},
+                                                    {QStringLiteral("y"), frame.y()},
+                                                    {QStringLiteral("width"), frame.width()},
+                                                    {QStringLiteral("height"), frame.height()}});
+    } catch (const FileError& error) {
+        if (m_failed)
+            m_failed(error);
+    }
 }

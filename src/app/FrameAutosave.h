@@ -6,12 +6,18 @@
 #include <QPointer>
 #include <QString>
 #include <QTimer>
+#include <functional>
 
+class FileError;
+class Preferences;
 class QWidget;
 
 class FrameAutosave : public QObject {
 public:
-    FrameAutosave(QWidget& window, QString name);
+    // Told of every save that fails; `preferences` must outlive this.
+    using Failed = std::function<void(const FileError&)>;
+
+    FrameAutosave(QWidget& window, QString name, Preferences& preferences, Failed failed = {});
 
     // Moves the window to the saved place, when one is saved and still on a screen.
     void restore();
@@ -24,6 +30,8 @@ private:
 
     QPointer<QWidget> m_window;
     QString m_name;
+    Preferences& m_preferences;
+    Failed m_failed;
     // A drag moves the window hundreds of times; the file is written once it rests.
     QTimer m_settle;
 };

@@ -8,8 +8,10 @@
 #include "platform/FileViewer.h"
 #include "platform/Menus.h"
 #include "platform/OpenPanels.h"
+#include "platform/Preferences.h"
 #include "platform/QuitSignals.h"
 #include "platform/Sounds.h"
+#include "platform/Trash.h"
 #include "view/HUDView.h"
 
 #include <QApplication>
@@ -33,9 +35,11 @@ int main(int argc, char** argv) {
     applyDarkAppearance();
 
     LaunchOptions options = parseArguments(QApplication::arguments());
-    AppDelegate delegate(
-        {makeThemeSounds(), makeDesktopFileViewer(), makeQtMenus(), makeFileDialogPanels()},
-        options.snapshot);
+    AppDelegate delegate({makeThemeSounds(), makeDesktopFileViewer(),
+                          std::make_unique<PreferencesFile>(PreferencesFile::userPath()),
+                          std::make_unique<HomeTrash>(HomeTrash::userFolder()), makeQtMenus(),
+                          makeFileDialogPanels()},
+                         options.snapshot);
     // A snapshot shows this launch's own window, whatever else runs.
     SingleInstance instance;
     if (!options.snapshot && instance.claim(options.files, [&delegate](const QStringList& files) {

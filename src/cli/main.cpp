@@ -4,6 +4,9 @@
 #include "engine/Engine.h"
 #include "model/Settings.h"
 #include "model/Tags.h"
+#include "platform/Files.h"
+#include "platform/Preferences.h"
+#include "platform/Trash.h"
 
 #include <QCoreApplication>
 #include <QFileInfo>
@@ -87,7 +90,10 @@ QString tagOne(const QString& track, const QString& tag, double interval, double
 
 // The library commands: add, select, list, in that order, as the window would.
 int manageLibrary(const Cli::Options& options) {
-    Tags::seedDefaults();
+    PreferencesFile preferences(PreferencesFile::userPath());
+    HomeTrash trash(HomeTrash::userFolder());
+    Tags tags(preferences, trash);
+    tags.seedDefaults();
     int status = kExitOk;
     if (options.addTag) {
         const QString& file = *options.addTag;
@@ -96,9 +102,11 @@ int manageLibrary(const Cli::Options& options) {
             if (!Tags::exts().contains(QFileInfo(file).suffix().toLower()) ||
                 !QFileInfo(file).isFile())
                 throw Failure(QStringLiteral("CAN'T ADD TAG"));
-            const QString added = Tags::add(file);
+            const QString added = tags.add(file);
             write(stdout, QStringLiteral("TAG ADDED: %1  ARMED\n").arg(Tags::name(added)));
-        } catch (const std::exception&) {
+        } catch (const std::exception& error) {
+            if (const auto* failed = dynamic_cast<const FileError*>(&error))
+                write(stderr, QStringLiteral("zelkor-tag: %1\n").arg(failed->errorDescription()));
             write(stdout, QStringLiteral("%1  CAN'T ADD TAG\n").arg(fileName));
             status = kExitFailed;
         }
@@ -113,12 +121,17 @@ int manageLibrary(const Cli::Options& options) {
                               .arg(*options.selectTag));
             status = kExitFailed;
         } else {
-            Tags::setSelected(*found);
-            write(stdout, QStringLiteral("TAG SELECTED: %1\n").arg(Tags::name(*found)));
+            try {
+                tags.setSelected(*found);
+                write(stdout, QStringLiteral("TAG SELECTED: %1\n").arg(Tags::name(*found)));
+            } catch (const FileError& error) {
+                write(stderr, QStringLiteral("zelkor-tag: %1\n").arg(error.errorDescription()));
+                status = kExitFailed;
+            }
         }
     }
     if (options.listTags) {
-        const std::optional<QString> selected = Tags::selected();
+        const std::optional<QString> selected = tags.selected();
         for (const QString& clip : Tags::all())
             write(stdout, QStringLiteral("%1 %2\n")
                               .arg(clip == selected ? QLatin1Char('*') : QLatin1Char(' '))
@@ -133,10 +146,13 @@ int tagAll(const Cli::Options& options) {
         write(stderr, QStringLiteral("NO TRACKS FOUND\n"));
         return kExitFailed;
     }
+    PreferencesFile preferences(PreferencesFile::userPath());
     std::optional<QString> chosen = options.tag;
     if (!chosen) {
-        Tags::seedDefaults();
-        chosen = Tags::selected();
+        HomeTrash trash(HomeTrash::userFolder());
+        Tags tags(preferences, trash);
+        tags.seedDefaults();
+        chosen = tags.selected();
     }
     if (!chosen) {
         write(stdout, QStringLiteral("ADD YOUR TAG FILE FIRST  NO TAG\n"));
@@ -147,8 +163,9 @@ int tagAll(const Cli::Options& options) {
         write(stderr, QStringLiteral("zelkor-tag: no tag clip at '%1'\n").arg(tag));
         return kExitFailed;
     }
-    const double interval = options.interval.value_or(Settings::interval());
-    const double levelDB = options.levelDB.value_or(Settings::levelDB());
+    const Settings settings(preferences);
+    const double interval = options.interval.value_or(settings.interval());
+    const double levelDB = options.levelDB.value_or(settings.levelDB());
 
     // Workers take the next track as they free up; lines are printed in track order.
     const std::size_t total = static_cast<std::size_t>(tracks.size());

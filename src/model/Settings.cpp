@@ -2,8 +2,6 @@
 #include "model/Settings.h"
 #include "platform/Preferences.h"
 
-namespace Settings {
-
 namespace {
 
 constexpr QLatin1String kIntervalKey("interval");
@@ -12,8 +10,8 @@ constexpr int kDefaultIndex = 1;
 
 // A hand-edited file may hold anything: only an index inside the table counts,
 // so no reader ever indexes outside it.
-int storedIndex(QLatin1String key, std::size_t tableSize) {
-    const std::optional<qint64> stored = Preferences::user().integer(key);
+int storedIndex(const Preferences& preferences, QLatin1String key, std::size_t tableSize) {
+    const std::optional<qint64> stored = preferences.integer(key);
     if (!stored || *stored < 0 || *stored >= static_cast<qint64>(tableSize))
         return kDefaultIndex;
     return static_cast<int>(*stored);
@@ -21,28 +19,26 @@ int storedIndex(QLatin1String key, std::size_t tableSize) {
 
 } // namespace
 
-int intervalIndex() {
-    return storedIndex(kIntervalKey, intervals.size());
+int Settings::intervalIndex() const {
+    return storedIndex(m_preferences, kIntervalKey, intervals.size());
 }
 
-void setIntervalIndex(int index) {
-    Preferences::user().setInteger(kIntervalKey, index);
+void Settings::setIntervalIndex(int index) {
+    m_preferences.setInteger(kIntervalKey, index);
 }
 
-int levelIndex() {
-    return storedIndex(kLevelKey, levels.size());
+int Settings::levelIndex() const {
+    return storedIndex(m_preferences, kLevelKey, levels.size());
 }
 
-void setLevelIndex(int index) {
-    Preferences::user().setInteger(kLevelKey, index);
+void Settings::setLevelIndex(int index) {
+    m_preferences.setInteger(kLevelKey, index);
 }
 
-double interval() {
+double Settings::interval() const {
     return intervals[static_cast<std::size_t>(intervalIndex())];
 }
 
-double levelDB() {
+double Settings::levelDB() const {
     return levels[static_cast<std::size_t>(levelIndex())].db;
 }
-
-} // namespace Settings

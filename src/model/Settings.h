@@ -4,30 +4,35 @@
 #include <QString>
 #include <array>
 
-namespace Settings {
+class Preferences;
 
-struct Level {
-    QLatin1String name;
-    double db;
+class Settings {
+public:
+    struct Level {
+        QLatin1String name;
+        double db;
+    };
+
+    static constexpr std::array<double, 4> intervals{20, 30, 45, 60};
+    static constexpr std::array<Level, 3> levels{
+        {{QLatin1String("LOW"), -9}, {QLatin1String("MID"), -5}, {QLatin1String("HIGH"), -1}}};
+
+    // The choices live in `preferences`, which must outlive this.
+    explicit Settings(Preferences& preferences)
+        : m_preferences(preferences) {}
+
+    // The user's choices, read from and written to the preferences at every access.
+    // A stored index that is not an integer, or lies outside its table, reads as 1.
+    // A write throws FileError when the preferences cannot be written.
+    int intervalIndex() const;
+    void setIntervalIndex(int index);
+    int levelIndex() const;
+    void setLevelIndex(int index);
+
+    // The chosen entries themselves.
+    double interval() const;
+    double levelDB() const;
+
+private:
+    Preferences& m_preferences;
 };
-
-inline constexpr std::array<double, 4> intervals{20, 30, 45, 60};
-inline constexpr std::array<Level, 3> levels{
-    {{QLatin1String("LOW"), -9}, {QLatin1String("MID"), -5}, {QLatin1String("HIGH"), -1}}};
-
-} // namespace Settings
-
-namespace Settings {
-
-// The user's choices, read from and written to the preferences at every access.
-// A stored index that is not an integer, or lies outside its table, reads as 1.
-int intervalIndex();
-void setIntervalIndex(int index);
-int levelIndex();
-void setLevelIndex(int index);
-
-// The chosen entries themselves.
-double interval();
-double levelDB();
-
-} // namespace Settings

@@ -10,11 +10,11 @@
 
 #include <QCollator>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QLocale>
 #include <algorithm>
-
-namespace Tags {
+#include <cerrno>
 
 namespace {
 
@@ -43,7 +43,7 @@ QString baseNameOf(const QString& fileName) {
 }
 
 bool isClip(const QString& fileName) {
-    return exts().contains(extensionOf(fileName).toLower());
+    return Tags::exts().contains(extensionOf(fileName).toLower());
 }
 
 // "Voice.WAV", 2 -> "Voice (2).WAV": the extension keeps its letter case.
@@ -69,20 +69,20 @@ QCollator browserCollator() {
 
 } // namespace
 
-const QSet<QString>& exts() {
+const QSet<QString>& Tags::exts() {
     static const QSet<QString> extensions{QStringLiteral("wav"), QStringLiteral("mp3"),
                                           QStringLiteral("aif"), QStringLiteral("aiff"),
                                           QStringLiteral("m4a"), QStringLiteral("flac")};
     return extensions;
 }
 
-QString dir() {
+QString Tags::dir() {
     const QString folder = UserFolders::appDataDir() + QStringLiteral("/Tags");
     QDir().mkpath(folder);
     return folder;
 }
 
-QStringList all() {
+QStringList Tags::all() {
     const QString folder = dir();
     QStringList names = QDir(folder).entryList(
         QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Unsorted);
@@ -100,11 +100,11 @@ QStringList all() {
     return clips;
 }
 
-std::optional<QString> selected() {
+std::optional<QString> Tags::selected() const {
     const QStringList clips = all();
     if (clips.isEmpty())
         return std::nullopt;
-    if (const std::optional<QString> stored = Preferences::user().string(kSelectionKey)) {
+    if (const std::optional<QString> stored = m_preferences.string(kSelectionKey)) {
         // Names typed on another system may arrive decomposed (NFD).
         const QString wanted = stored->normalized(QString::NormalizationForm_C);
         for (const QString& clip : clips)
@@ -114,37 +114,54 @@ std::optional<QString> selected() {
     return clips.first();
 }
 
-void setSelected(const std::optional<QString>& path) {
-    Preferences preferences = Preferences::user();
+void Tags::setSelected(const std::optional<QString>& path) {
     if (path)
-        preferences.setString(kSelectionKey, fileNameOf(*path));
+        m_preferences.setString(kSelectionKey, fileNameOf(*path));
     else
-        preferences.remove(kSelectionKey);
+        m_preferences.remove(kSelectionKey);
 }
 
-QString name(const QString& path) {
+QString Tags::name(const QString& path) {
     return baseNameOf(fileNameOf(path)).toUpper();
 }
 
-QString add(const QString& path) {
+QString Tags::add(const QString& path) {
     const QString folder = dir();
     const QString fileName = fileNameOf(path);
-    QString destination = folder + QLatin1Char('/') + fileName;
-    for (int number = 2; Files::occupied(destination); ++number)
-        destination = folder + QLatin1Char('/') + numberedName(fileName, number);
-
-    Files::copy(path, destination);
-    setSelected(destination);
-    return destination;
+    for (int number = 1;; ++number) {
+        const QString destination =
+            folder + QLatin1Char('/') + (number == 1 ? fileName : numberedName(fileName, number));
+        if (Files::occupied(destination))
+            continue;
+        try {
+            Files::copy(path, destination);
+        } catch (const FileError& error) {
+            // Another program took the name since it was found free.
+            if (error.code() == EEXIST)
+                continue;
+            throw;
+        }
+        try {
+            setSelected(destination);
+        } catch (const FileError&) {
+            // A copy nobody selected would claim an addition that did not happen.
+            QFile::remove(destination);
+            throw;
+        }
+        return destination;
+    }
 }
 
-void seedDefaults() {
-    Preferences preferences = Preferences::user();
-    if (preferences.boolean(kSeededKey).value_or(false))
+void Tags::seedDefaults() {
+    if (m_preferences.boolean(kSeededKey).value_or(false))
         return;
     // Flagged before copying: a clip the user deletes later never comes back,
-    // even when this attempt fails half-way.
-    preferences.setBoolean(kSeededKey, true);
+    // even when this attempt fails half-way. Unflagged, nothing is copied.
+    try {
+        m_preferences.setBoolean(kSeededKey, true);
+    } catch (const FileError&) {
+        return;
+    }
 
     const QDir defaults(Resources::path(kDefaultTagsFolder));
     const QStringList resourceNames = defaults.entryList(QDir::Files | QDir::Hidden, QDir::Name);
@@ -164,8 +181,6 @@ void seedDefaults() {
     }
 }
 
-void remove(const QString& path) {
-    Trash::moveToTrash(path);
+void Tags::remove(const QString& path) {
+    m_trash.moveToTrash(path);
 }
-
-} // namespace Tags

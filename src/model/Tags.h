@@ -7,26 +7,40 @@
 #include <QStringList>
 #include <optional>
 
-namespace Tags {
+class Preferences;
+class Trash;
 
-const QSet<QString>& exts();
+class Tags {
+public:
+    // The selection and the seeding flag live in `preferences`; removed clips go
+    // to `trash`. Both must outlive this.
+    Tags(Preferences& preferences, Trash& trash)
+        : m_preferences(preferences)
+        , m_trash(trash) {}
 
-// $XDG_DATA_HOME/ODRAVEX Zelkor/Tags, created on every read (failure ignored).
-QString dir();
-// The library's clips, in the file browser's order.
-QStringList all();
+    static const QSet<QString>& exts();
 
-std::optional<QString> selected();
-void setSelected(const std::optional<QString>& path);
+    // $XDG_DATA_HOME/ODRAVEX Zelkor/Tags, created on every read (failure ignored).
+    static QString dir();
+    // The library's clips, in the file browser's order.
+    static QStringList all();
 
-// "my tag.wav" -> "MY TAG"
-QString name(const QString& path);
+    std::optional<QString> selected() const;
+    // Throws FileError when the preferences cannot be written.
+    void setSelected(const std::optional<QString>& path);
 
-// Copies the file into the library under a free name and selects the copy;
-// throws the file system's error when the copy fails.
-QString add(const QString& path);
-void seedDefaults();
-// Moves the clip to the desktop's trash; failures are ignored.
-void remove(const QString& path);
+    // "my tag.wav" -> "MY TAG"
+    static QString name(const QString& path);
 
-} // namespace Tags
+    // Copies the file into the library under a free name and selects the copy;
+    // throws FileError, with the library and the selection as they were, when
+    // either cannot be written.
+    QString add(const QString& path);
+    void seedDefaults();
+    // Moves the clip to the trash; failures are ignored.
+    void remove(const QString& path);
+
+private:
+    Preferences& m_preferences;
+    Trash& m_trash;
+};

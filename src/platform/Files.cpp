@@ -1,27 +1,130 @@
-// File copies that fail with the system's reason.
+// Checked file writes: a hidden temporary file beside the target, every write
+// and the flush to disk checked, then the name taken in one step.
 #include "platform/Files.h"
 
 #include <QFile>
 #include <QFileInfo>
-#include <QSaveFile>
+#include <QRandomGenerator>
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+FileError FileError::fromCode(QString action, int code) {
+    return {std::move(action), QString::fromLocal8Bit(std::strerror(code)).toUpper(), code};
+}
 
 namespace Files {
 
 namespace {
 
-constexpr qint64 kChunk = 64 * 1024;
+constexpr std::size_t kChunk = 64 * 1024;
+constexpr int kNameAttempts = 64;
 
-[[noreturn]] void fail(const QString& from, const QString& reason) {
-    throw FileError(
-        QStringLiteral("CAN'T COPY %1: %2").arg(QFileInfo(from).fileName(), reason).toUpper());
+[[noreturn]] void fail(const QString& action, int code) {
+    throw FileError::fromCode(action, code);
 }
 
-QString systemReason(int code) {
-    return QString::fromLocal8Bit(std::strerror(code));
+QByteArray native(const QString& path) {
+    return QFile::encodeName(path);
 }
+
+// Six random letters and digits: never a track's or a clip's extension.
+QString randomSuffix() {
+    static constexpr char kAlphabet[] =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+    QString suffix;
+    for (int i = 0; i < 6; ++i)
+        suffix += QLatin1Char(
+            kAlphabet[QRandomGenerator::global()->bounded(static_cast<int>(sizeof kAlphabet - 1))]);
+    return suffix;
+}
+
+// Closed when it goes out of scope.
+class Descriptor {
+public:
+    explicit Descriptor(int fd)
+        : m_fd(fd) {}
+    ~Descriptor() {
+        if (m_fd >= 0)
+            ::close(m_fd);
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int get() const { return m_fd; }
+
+private:
+    int m_fd;
+};
+
+// A hidden temporary file in the target's folder, removed unless it took a name.
+class Staged {
+public:
+    Staged(const QString& target, QString action)
+        : m_action(std::move(action)) {
+        const QFileInfo info(target);
+        const QString stem = info.absolutePath() + QStringLiteral("/.") + info.fileName();
+        for (int attempt = 0;; ++attempt) {
+            m_path = native(stem + QLatin1Char('.') + randomSuffix());
+            m_fd = ::open(m_path.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+            if (m_fd >= 0)
+                return;
+            if (errno != EEXIST || attempt == kNameAttempts)
+                fail(m_action, errno);
+        }
+    }
+    ~Staged() {
+        if (m_fd >= 0)
+            ::close(m_fd);
+        if (!m_placed)
+            ::unlink(m_path.constData());
+    }
+    Staged(const Staged&) = delete;
+    Staged& operator=(const Staged&) = delete;
+
+    void write(const char* data, std::size_t size) {
+        while (size > 0) {
+            const ssize_t written = ::write(m_fd, data, size);
+            if (written < 0 && errno == EINTR)
+                continue;
+            if (written <= 0)
+                fail(m_action, written < 0 ? errno : EIO);
+            data += written;
+            size -= static_cast<std::size_t>(written);
+        }
+    }
+    void replace(const QString& target) {
+        finish();
+        if (::rename(m_path.constData(), native(target).constData()) != 0)
+            fail(m_action, errno);
+        m_placed = true;
+    }
+    void placeNew(const QString& target) {
+        finish();
+        if (const int code = moveNew(QFile::decodeName(m_path), target))
+            fail(m_action, code);
+        m_placed = true;
+    }
+
+private:
+    // On the disk before it takes the name: a power cut then leaves the old file
+    // or the new one, never an empty one.
+    void finish() {
+        if (::fsync(m_fd) != 0)
+            fail(m_action, errno);
+        if (::close(std::exchange(m_fd, -1)) != 0 && errno != EINTR)
+            fail(m_action, errno);
+    }
+
+    QString m_action;
+    QByteArray m_path;
+    int m_fd = -1;
+    bool m_placed = false;
+};
 
 } // namespace
 
@@ -30,33 +133,71 @@ bool occupied(const QString& path) {
     return info.exists() || info.isSymLink();
 }
 
-void copy(const QString& from, const QString& to) {
+int moveNew(const QString& from, const QString& to) {
+    const QByteArray source = native(from), target = native(to);
+    if (::renameat2(AT_FDCWD, source.constData(), AT_FDCWD, target.constData(), RENAME_NOREPLACE) ==
+        0)
+        return 0;
+    if (errno != EINVAL && errno != ENOSYS && errno != EOPNOTSUPP)
+        return errno;
+    // A file system without that flag: a hard link never replaces either.
+    if (::link(source.constData(), target.constData()) == 0) {
+        ::unlink(source.constData());
+        return 0;
+    }
+    if (errno != EPERM && errno != EOPNOTSUPP)
+        return errno;
+    // Nor hard links (FAT): the name is checked just before the rename.
     if (occupied(to))
-        fail(from, systemReason(EEXIST));
-    if (QFileInfo(from).isDir())
-        fail(from, systemReason(EISDIR));
+        return EEXIST;
+    return ::rename(source.constData(), target.constData()) == 0 ? 0 : errno;
+}
 
-    QFile source(from);
-    if (!source.open(QIODevice::ReadOnly))
-        fail(from, source.errorString());
-    // QSaveFile writes beside the target and renames on commit, so a failure
-    // half-way leaves nothing behind in the destination folder.
-    QSaveFile copy(to);
-    if (!copy.open(QIODevice::WriteOnly))
-        fail(from, copy.errorString());
+void copy(const QString& from, const QString& to) {
+    const QString action = QStringLiteral("CAN'T COPY ") + QFileInfo(from).fileName().toUpper();
+    if (occupied(to))
+        fail(action, EEXIST);
+    // Opened without waiting for a writer, so a FIFO is refused rather than
+    // waited on; a device would never end.
+    Descriptor source(::open(native(from).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (source.get() < 0)
+        fail(action, errno);
+    struct stat info {};
+    if (::fstat(source.get(), &info) != 0)
+        fail(action, errno);
+    if (S_ISDIR(info.st_mode))
+        fail(action, EISDIR);
+    if (!S_ISREG(info.st_mode))
+        throw FileError(action, QStringLiteral("NOT A REGULAR FILE"), EINVAL);
 
+    Staged copy(to, action);
     std::array<char, kChunk> buffer;
     for (;;) {
-        const qint64 read = source.read(buffer.data(), kChunk);
+        const ssize_t read = ::read(source.get(), buffer.data(), buffer.size());
+        if (read < 0 && errno == EINTR)
+            continue;
         if (read < 0)
-            fail(from, source.errorString());
+            fail(action, errno);
         if (read == 0)
             break;
-        if (copy.write(buffer.data(), read) != read)
-            fail(from, copy.errorString());
+        copy.write(buffer.data(), static_cast<std::size_t>(read));
     }
-    if (!copy.commit())
-        fail(from, copy.errorString());
+    copy.placeNew(to);
+}
+
+void create(const QString& path, const QByteArray& contents) {
+    Staged file(path, QStringLiteral("CAN'T SAVE ") + QFileInfo(path).fileName().toUpper());
+    file.write(contents.constData(), static_cast<std::size_t>(contents.size()));
+    file.placeNew(path);
+}
+
+void replace(const QString& path, const QByteArray& contents) {
+    // Through a link to the file it names, as an editor saves: the link stays.
+    const QFileInfo info(path);
+    const QString target = info.isSymLink() ? info.symLinkTarget() : path;
+    Staged file(target, QStringLiteral("CAN'T SAVE ") + info.fileName().toUpper());
+    file.write(contents.constData(), static_cast<std::size_t>(contents.size()));
+    file.replace(target);
 }
 
 } // namespace Files

@@ -1,7 +1,9 @@
-// The preferences file: cached reads keyed on the file's identity, and
-// read-modify-write updates under a lock file, replaced atomically.
+// The typed reads and writes of any preferences store, and the preferences
+// file: cached reads keyed on the file's identity, and read-modify-write
+// updates under a lock file, replaced atomically.
 #include "platform/Preferences.h"
 #include "platform/AppName.h"
+#include "platform/Files.h"
 #include "platform/UserFolders.h"
 
 #include <QDir>
@@ -12,7 +14,6 @@
 #include <QJsonParseError>
 #include <QLockFile>
 #include <QMutex>
-#include <QSaveFile>
 #include <cerrno>
 #include <cstdio>
 #include <sys/stat.h>
@@ -91,42 +92,6 @@ void remember(const QString& path, const std::optional<Stamp>& stamp, const QJso
 
 } // namespace
 
-Preferences::Preferences(QString path)
-    : m_path(std::move(path)) {}
-
-Preferences Preferences::user() {
-    return Preferences(UserFolders::configHome() + QLatin1Char('/') + appName +
-                       QStringLiteral("/preferences.json"));
-}
-
-QString Preferences::corruptPath() const {
-    return m_path + QStringLiteral(".corrupt");
-}
-
-QJsonObject Preferences::values() const {
-    // Stat before reading: a file replaced in between is then stored under the
-    // older stamp and read again next time, never the other way round.
-    const std::optional<Stamp> stamp = stampOf(m_path);
-    if (!stamp) {
-        remember(m_path, std::nullopt, {});
-        return {};
-    }
-    {
-        Cache& shared = cache();
-        const QMutexLocker locker(&shared.mutex);
-        const auto found = shared.files.constFind(m_path);
-        if (found != shared.files.cend() && found->stamp == *stamp)
-            return found->object;
-    }
-    const QJsonObject object = readFile(m_path).object;
-    remember(m_path, stamp, object);
-    return object;
-}
-
-QJsonValue Preferences::value(const QString& key) const {
-    return values().value(key);
-}
-
 std::optional<qint64> Preferences::integer(const QString& key) const {
     const QJsonValue stored = value(key);
     if (!stored.isDouble())
@@ -154,15 +119,47 @@ std::optional<QJsonObject> Preferences::object(const QString& key) const {
     return stored.isObject() ? std::optional(stored.toObject()) : std::nullopt;
 }
 
-bool Preferences::setValue(const QString& key, const QJsonValue& value) {
-    return update([&](QJsonObject& object) { object.insert(key, value); });
+void Preferences::setValue(const QString& key, const QJsonValue& value) {
+    update([&](QJsonObject& object) { object.insert(key, value); });
 }
 
-bool Preferences::remove(const QString& key) {
-    return update([&](QJsonObject& object) { object.remove(key); });
+void Preferences::remove(const QString& key) {
+    update([&](QJsonObject& object) { object.remove(key); });
 }
 
-bool Preferences::update(const std::function<void(QJsonObject&)>& change) {
+PreferencesFile::PreferencesFile(QString path)
+    : m_path(std::move(path)) {}
+
+QString PreferencesFile::userPath() {
+    return UserFolders::configHome() + QLatin1Char('/') + appName +
+           QStringLiteral("/preferences.json");
+}
+
+QString PreferencesFile::corruptPath() const {
+    return m_path + QStringLiteral(".corrupt");
+}
+
+QJsonObject PreferencesFile::values() const {
+    // Stat before reading: a file replaced in between is then stored under the
+    // older stamp and read again next time, never the other way round.
+    const std::optional<Stamp> stamp = stampOf(m_path);
+    if (!stamp) {
+        remember(m_path, std::nullopt, {});
+        return {};
+    }
+    {
+        Cache& shared = cache();
+        const QMutexLocker locker(&shared.mutex);
+        const auto found = shared.files.constFind(m_path);
+        if (found != shared.files.cend() && found->stamp == *stamp)
+            return found->object;
+    }
+    const QJsonObject object = readFile(m_path).object;
+    remember(m_path, stamp, object);
+    return object;
+}
+
+void PreferencesFile::update(const std::function<void(QJsonObject&)>& change) {
     QDir().mkpath(QFileInfo(m_path).absolutePath());
     // Serialises read-modify-write between processes; stale locks of crashed
     // processes are taken over by QLockFile.
@@ -174,18 +171,14 @@ bool Preferences::update(const std::function<void(QJsonObject&)>& change) {
     if (current.corrupt &&
         std::rename(QFile::encodeName(m_path).constData(),
                     QFile::encodeName(corruptPath()).constData()) != 0 &&
-        errno != ENOENT)
-        return false;
+        errno != ENOENT) {
+        const int code = errno;
+        throw FileError::fromCode(
+            QStringLiteral("CAN'T SAVE ") + QFileInfo(corruptPath()).fileName().toUpper(), code);
+    }
     change(current.object);
-
-    QSaveFile file(m_path);
-    if (!file.open(QIODevice::WriteOnly))
-        return false;
-    file.write(QJsonDocument(current.object).toJson(QJsonDocument::Indented));
-    if (!file.commit())
-        return false;
-    // Not cached under a fresh stamp: another process may already have replaced
-    // the file again; the next read parses whatever is there.
+    // Forgotten before the write: whatever is on disk after it, failed or not,
+    // is parsed again on the next read.
     remember(m_path, std::nullopt, {});
-    return true;
+    Files::replace(m_path, QJsonDocument(current.object).toJson(QJsonDocument::Indented));
 }

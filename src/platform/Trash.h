@@ -1,13 +1,28 @@
-// The desktop's trash (freedesktop), from which the user can restore a file.
+// The desktop's trash, from which the user can restore a file: behind a small
+// interface, with the freedesktop home trash as the real one.
 #pragma once
 
 #include <QString>
 #include <optional>
 
-namespace Trash {
+class Trash {
+public:
+    virtual ~Trash() = default;
+    // Moves a file or folder to the trash; returns its path inside the trash,
+    // or nothing when it stayed where it was.
+    virtual std::optional<QString> moveToTrash(const QString& path) = 0;
+};
 
-// Moves a file or folder to the user's trash; returns its absolute path inside
-// the trash, or nothing when it was not moved there.
-std::optional<QString> moveToTrash(const QString& path);
+// The freedesktop home trash: the file goes to FOLDER/files under a free name,
+// and FOLDER/info holds the .trashinfo entry a restore reads its place from.
+class HomeTrash final : public Trash {
+public:
+    explicit HomeTrash(QString folder);
+    // $XDG_DATA_HOME/Trash (default ~/.local/share/Trash).
+    static QString userFolder();
 
-} // namespace Trash
+    std::optional<QString> moveToTrash(const QString& path) override;
+
+private:
+    QString m_folder;
+};

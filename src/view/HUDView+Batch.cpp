@@ -110,7 +110,7 @@ void HUDView::start(const QStringList& paths) {
     m_state.progress = {0, tracks.size()};
     update();
 
-    Work work{tracks, *m_tag, Settings::interval(), Settings::levelDB()};
+    Work work{tracks, *m_tag, m_settings.interval(), m_settings.levelDB()};
     if (!m_batch) {
         m_batch = std::make_shared<Batch>();
         m_batch->view = this;

@@ -2,6 +2,7 @@
 // which asks for a tag clip first and for tracks once there is one.
 #include "view/HUDView.h"
 
+#include "platform/Files.h"
 #include "platform/OpenPanels.h"
 
 #include <QMouseEvent>
@@ -19,7 +20,12 @@ void HUDView::click(QPointF at) {
             continue;
         // A menu opened by the action repaints while it shows, which rebuilds m_hits.
         const std::function<void()> action = hit.action;
-        action();
+        // What a click writes (a setting, the selection) may fail to be saved.
+        try {
+            action();
+        } catch (const FileError& error) {
+            logFailure(error);
+        }
         update();
         return;
     }

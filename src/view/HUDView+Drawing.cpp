@@ -29,8 +29,8 @@ void HUDView::draw(QPainter& painter) {
     painter.fillRect(m_layout.bounds, black);
     m_hits.clear();
     // Read once per pass: each read asks the preferences store.
-    const int intervalIndex = Settings::intervalIndex();
-    const int levelIndex = Settings::levelIndex();
+    const int intervalIndex = m_settings.intervalIndex();
+    const int levelIndex = m_settings.levelIndex();
     const int interval =
         static_cast<int>(Settings::intervals[static_cast<std::size_t>(intervalIndex)]);
     const QString level = Settings::levels[static_cast<std::size_t>(levelIndex)].name;
@@ -99,7 +99,7 @@ void HUDView::drawSettingsRow(QPainter& painter, int intervalIndex, int levelInd
     for (const double seconds : Settings::intervals)
         intervals << intervalLabel(seconds);
     segmented(painter, intervals, intervalIndex, c.intervalAt, HUDLayout::kControlHeight,
-              [](int index) { Settings::setIntervalIndex(index); });
+              [this](int index) { m_settings.setIntervalIndex(index); });
 
     drawText(painter, QStringLiteral("LEVEL"), label, c.levelLabelRight, c.labelLine,
              Align::rightTo);
@@ -107,5 +107,5 @@ void HUDView::drawSettingsRow(QPainter& painter, int intervalIndex, int levelInd
     for (const Settings::Level& level : Settings::levels)
         levels << QString(level.name);
     segmented(painter, levels, levelIndex, c.levelAt, HUDLayout::kControlHeight,
-              [](int index) { Settings::setLevelIndex(index); });
+              [this](int index) { m_settings.setLevelIndex(index); });
 }

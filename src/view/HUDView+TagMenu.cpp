@@ -24,7 +24,7 @@ QString baseName(const QString& path) {
 } // namespace
 
 void HUDView::tagMenu(const QRectF& field) {
-    const std::optional<QString> selected = Tags::selected();
+    const std::optional<QString> selected = m_tags.selected();
     std::vector<MenuItem> items;
     std::vector<std::function<void()>> actions;
     auto add = [&](MenuItem item, std::function<void()> action) {
@@ -57,25 +57,25 @@ void HUDView::chooseTag() {
 }
 
 void HUDView::pickTag(const std::optional<QString>& clip) {
-    Tags::setSelected(clip);
+    m_tags.setSelected(clip);
     refreshTag();
 }
 
 void HUDView::removeTag(const QString& clip) {
-    Tags::remove(clip);
+    m_tags.remove(clip);
     m_state.log.push_back(
         {QStringLiteral("TAG REMOVED: ") + Tags::name(clip), QStringLiteral("TRASH"), dim});
     refreshTag();
 }
 
 void HUDView::showTags() {
-    const std::optional<QString> selected = Tags::selected();
+    const std::optional<QString> selected = m_tags.selected();
     m_services.fileViewer.show({selected ? *selected : Tags::dir()});
 }
 
 void HUDView::addTag(const QString& path) {
     try {
-        const QString stored = Tags::add(path);
+        const QString stored = m_tags.add(path);
         m_state.log.push_back(
             {QStringLiteral("TAG ADDED: ") + Tags::name(stored), QStringLiteral("ARMED"), purple});
     } catch (...) {

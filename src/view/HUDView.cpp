@@ -3,6 +3,7 @@
 
 #include "model/Settings.h"
 #include "model/Tags.h"
+#include "platform/Files.h"
 #include "style/Fonts.h"
 #include "style/Palette.h"
 
@@ -15,6 +16,8 @@ using namespace Style;
 HUDView::HUDView(Services services, QWidget* parent)
     : QWidget(parent)
     , m_services(services)
+    , m_settings(services.preferences)
+    , m_tags(services.preferences, services.trash)
     , m_logo(image(QStringLiteral("logo")))
     , m_plate(tinted(QStringLiteral("panel-strip"), lineStrong)) {
     resize(kSize);
@@ -35,7 +38,12 @@ void HUDView::setState(State state) {
 }
 
 void HUDView::refreshTag() {
-    m_tag = Tags::selected();
+    m_tag = m_tags.selected();
+    update();
+}
+
+void HUDView::logFailure(const FileError& error) {
+    m_state.log.push_back({error.action(), error.reason(), errColor});
     update();
 }
 

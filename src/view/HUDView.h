@@ -5,6 +5,8 @@
 #include "view/HUDLayout.h"
 #include "view/LogLine.h"
 
+#include "model/Settings.h"
+#include "model/Tags.h"
 #include "platform/Menus.h"
 #include "platform/OpenPanels.h"
 #include "style/Image.h"
@@ -18,10 +20,13 @@
 #include <optional>
 #include <vector>
 
+class FileError;
 class FileViewer;
+class Preferences;
 class QMimeData;
 class QTimer;
 class Sounds;
+class Trash;
 
 class HUDView : public QWidget {
 public:
@@ -30,6 +35,8 @@ public:
     struct Services {
         Sounds& sounds;
         FileViewer& fileViewer;
+        Preferences& preferences;
+        Trash& trash;
         Menus& menus = noMenus();
         OpenPanels& panels = noPanels();
     };
@@ -84,6 +91,9 @@ public:
     void start(const QStringList& paths);
     // Reads the selected tag clip again; the drawing uses what was read last.
     void refreshTag();
+    // A write that failed outside the view's own actions (the window's frame,
+    // say) gets its line in the log.
+    void logFailure(const FileError& error);
 
     // The whole view drawn into an image, as on screen.
     QImage snapshot(qreal devicePixelRatio);
@@ -155,6 +165,8 @@ private:
     void finishBatch(const QStringList& written);
 
     Services m_services;
+    Settings m_settings;
+    Tags m_tags;
     State m_state;
     std::vector<Hit> m_hits;
     std::optional<Style::Image> m_logo;

@@ -2,10 +2,14 @@
 // private folders, recording stand-ins for the desktop services, and pixels.
 #pragma once
 
+#include "model/Settings.h"
+#include "model/Tags.h"
 #include "platform/FileViewer.h"
 #include "platform/Menus.h"
 #include "platform/OpenPanels.h"
+#include "platform/Preferences.h"
 #include "platform/Sounds.h"
+#include "platform/Trash.h"
 #include "support/FreshHome.h"
 #include "support/TestSupport.h"
 #include "view/HUDView.h"
@@ -143,7 +147,7 @@ inline bool near(const QColor& seen, const QColor& expected, int tolerance = 3) 
 class ViewFixture : public testing::Test {
 protected:
     static void SetUpTestSuite() { guiApplication(); }
-    HUDView::Services services() { return {sounds, viewer, menus, panels}; }
+    HUDView::Services services() { return {sounds, viewer, preferences, trash, menus, panels}; }
     HUDView& view() {
         if (!m_view)
             m_view = std::make_unique<HUDView>(services());
@@ -158,6 +162,10 @@ protected:
     }
 
     FreshHome home;
+    PreferencesFile preferences{home.preferencesPath()};
+    HomeTrash trash{home.dataHome() + QStringLiteral("/Trash")};
+    Settings settings{preferences};
+    Tags tags{preferences, trash};
     RecordingSounds sounds;
     RecordingFileViewer viewer;
     ScriptedMenus menus;
