@@ -2,6 +2,7 @@
 // kept in it, the desktop's trash, and what a full disk leaves of them.
 #include "platform/Preferences.h"
 #include "model/Settings.h"
+#include "model/Tags.h"
 #include "platform/Trash.h"
 #include "support/FreshHome.h"
 #include "support/TestSupport.h"
@@ -15,6 +16,8 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
+
+using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -126,39 +129,30 @@ TEST(Preferences, anUnparsableFileReadsAsEmptyAndIsKeptBesideTheFileThatReplaces
 // A restore reads the place from the entry: the path's bytes, escaped as in a URL.
 TEST(Trash, eachEntryDecodesToTheExactPathAndOnlyAFileThatIsThereGoes) {
     ::Test::FreshHome home;
-    const QString folder = home.dataHome() + QStringLiteral("/Trash");
+    const QString folder = home.dataHome() + u"/Trash"_s, tags = home.root() + u"/my tags"_s;
     HomeTrash trash(folder); // made on first use, the data folder included
-    const QString tags = home.root() + QStringLiteral("/my tags");
     QDir().mkpath(tags);
-    const QRegularExpression escaped(QStringLiteral("^Path=[A-Za-z0-9._~/%-]+$"));
-    const QRegularExpression date(
-        QStringLiteral("^DeletionDate=\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d$"));
-    QStringList inTrash;
+    const QRegularExpression entry(u"^\\[Trash Info\\]\nPath=([A-Za-z0-9._~/%-]+)\n"
+                                   u"DeletionDate=\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\n$"_s);
+    QString moved;
     for (const char* name :
          {"tag %41 v2.wav", "a#b c.wav", "Caf\u00e9 \u00fc\u266a.wav", "a#b c.wav"}) {
-        const QString path = tags + QLatin1Char('/') + QString::fromUtf8(name);
+        const QString path = tags + u'/' + QString::fromUtf8(name);
         ::Test::writeFile(path, name);
-        const std::optional<QString> moved = trash.moveToTrash(path);
-        ASSERT_TRUE(moved) << name;
+        moved = trash.moveToTrash(path).value_or(QString());
         EXPECT_FALSE(QFileInfo::exists(path));
-        EXPECT_EQ(::Test::readAll(*moved), QByteArray(name));
-        inTrash << *moved;
-
-        const QList<QByteArray> entry =
-            ::Test::readAll(folder + QStringLiteral("/info/") + QFileInfo(*moved).fileName() +
-                            QStringLiteral(".trashinfo"))
-                .split('\n');
-        ASSERT_EQ(entry.size(), 4) << name;
-        EXPECT_EQ(entry[0], "[Trash Info]");
-        EXPECT_TRUE(escaped.match(QString::fromLatin1(entry[1])).hasMatch())
-            << entry[1].constData();
-        EXPECT_EQ(QFile::decodeName(QByteArray::fromPercentEncoding(entry[1].mid(5))), path);
-        EXPECT_TRUE(date.match(QString::fromLatin1(entry[2])).hasMatch()) << entry[2].constData();
+        EXPECT_EQ(::Test::readAll(moved), QByteArray(name));
+        const QString text = QString::fromLatin1(
+            ::Test::readAll(folder + u"/info/"_s + QFileInfo(moved).fileName() + u".trashinfo"_s));
+        const QRegularExpressionMatch match = entry.match(text);
+        ASSERT_TRUE(match.hasMatch()) << text.toStdString();
+        EXPECT_EQ(QFile::decodeName(QByteArray::fromPercentEncoding(match.captured(1).toLatin1())),
+                  path);
     }
-    EXPECT_EQ(inTrash.last(), folder + QStringLiteral("/files/a#b c (2).wav"));
+    EXPECT_EQ(moved, folder + u"/files/a#b c (2).wav"_s); // the same name trashed twice
 
-    EXPECT_EQ(trash.moveToTrash(tags + QStringLiteral("/gone.wav")), std::nullopt);
-    EXPECT_EQ(QDir(folder + QStringLiteral("/info")).entryList(QDir::Files).size(), 4);
+    EXPECT_EQ(trash.moveToTrash(tags + u"/gone.wav"_s), std::nullopt);
+    EXPECT_EQ(QDir(folder + u"/info"_s).entryList(QDir::Files).size(), 4);
 }
 
 TEST(Settings, choicesOutliveTheProcessAndReadAsTheDefaultWhenFreshOrOutOfTheTable) {
@@ -190,53 +184,45 @@ TEST(Settings, choicesOutliveTheProcessAndReadAsTheDefaultWhenFreshOrOutOfTheTab
 // write that never reached the disk, and no half-copied clip.
 TEST(Preferences, onAFullDiskTheLibraryCommandsFailWithTheReasonAndLeaveWhatWasThere) {
     ::Test::FreshHome home;
-    const QString disk = home.root() + QStringLiteral("/disk");
+    const QString disk = home.root() + u"/disk"_s;
     QDir().mkpath(disk);
-    const ::Test::Process mount =
-        ::Test::runProgram(QStringLiteral("mount"),
-                           {QStringLiteral("-t"), QStringLiteral("tmpfs"), QStringLiteral("-o"),
-                            QStringLiteral("size=1m"), QStringLiteral("tmpfs"), disk});
+    const auto mount =
+        ::Test::runProgram(u"mount"_s, u"-t tmpfs -o size=1m tmpfs"_s.split(u' ') << disk);
     if (mount.status != 0)
         GTEST_SKIP() << "cannot mount a small tmpfs here (needs root and mount rights): "
                      << mount.err.toStdString();
     struct Unmount {
         QString at;
-        ~Unmount() { ::Test::runProgram(QStringLiteral("umount"), {at}); }
+        ~Unmount() { ::Test::runProgram(u"umount"_s, {at}); }
     } unmount{disk};
-    home.setEnv("XDG_CONFIG_HOME", disk + QStringLiteral("/config"));
-    home.setEnv("XDG_DATA_HOME", disk + QStringLiteral("/data"));
-    PreferencesFile(PreferencesFile::userPath()).setBoolean(QStringLiteral("seeded"), true);
+    home.setEnv("XDG_CONFIG_HOME", disk + u"/config"_s);
+    home.setEnv("XDG_DATA_HOME", disk + u"/data"_s);
+    PreferencesFile(PreferencesFile::userPath()).setBoolean(u"seeded"_s, true);
     const auto zelkorTag = [](const QStringList& args) {
-        return ::Test::runProgram(::Test::binary(QStringLiteral("zelkor-tag")), args);
+        return ::Test::runProgram(::Test::binary(u"zelkor-tag"_s), args);
     };
-    QStringList clips;
-    for (const QString& name : {QStringLiteral("a.wav"), QStringLiteral("b.wav")}) {
-        clips << home.root() + QLatin1Char('/') + name;
-        ::Test::writeFile(clips.last(), QByteArray(8898, name[0].toLatin1()));
-        ASSERT_EQ(zelkorTag({QStringLiteral("--add-tag"), clips.last()}).status, 0);
-    }
-    const QString library = disk + QStringLiteral("/data/ODRAVEX Zelkor/Tags");
-    const auto contents = [&] {
-        QStringList files;
-        for (const QString& folder : {library, QFileInfo(PreferencesFile::userPath()).path()})
+    const QString clip = home.root() + u"/a.wav"_s;
+    ::Test::writeFile(clip, QByteArray(8898, 'a'));
+    ASSERT_EQ(zelkorTag({u"--add-tag"_s, clip}).status, 0);
+    ASSERT_EQ(zelkorTag({u"--add-tag"_s, clip}).status, 0); // "a (2).wav", selected
+    // Every byte of the library and of the preferences' folder, hidden files included.
+    const auto contents = [] {
+        QByteArray all;
+        for (const QString& folder : {Tags::dir(), QFileInfo(PreferencesFile::userPath()).path()})
             for (const QString& name : QDir(folder).entryList(QDir::Files | QDir::Hidden))
-                files << name + QLatin1Char(' ') +
-                             QString::fromLatin1(
-                                 ::Test::readAll(folder + QLatin1Char('/') + name).toBase64());
-        return files;
+                all += QFile::encodeName(name) + ::Test::readAll(folder + u'/' + name);
+        return all;
     };
-    const QStringList before = contents();
+    const QByteArray before = contents();
     fill(disk);
 
-    const ::Test::Process select =
-        zelkorTag({QStringLiteral("--select-tag"), QStringLiteral("a.wav")});
+    const auto select = zelkorTag({u"--select-tag"_s, u"a.wav"_s});
     EXPECT_EQ(select.status, 1);
     EXPECT_EQ(select.out, QString());
-    EXPECT_EQ(select.err,
-              QStringLiteral("zelkor-tag: CAN'T SAVE PREFERENCES.JSON: NO SPACE LEFT ON DEVICE\n"));
-    const ::Test::Process add = zelkorTag({QStringLiteral("--add-tag"), clips.first()});
+    EXPECT_EQ(select.err, u"zelkor-tag: CAN'T SAVE PREFERENCES.JSON: NO SPACE LEFT ON DEVICE\n"_s);
+    const auto add = zelkorTag({u"--add-tag"_s, clip});
     EXPECT_EQ(add.status, 1);
-    EXPECT_EQ(add.out, QStringLiteral("a.wav  CAN'T ADD TAG\n"));
-    EXPECT_EQ(add.err, QStringLiteral("zelkor-tag: CAN'T COPY A.WAV: NO SPACE LEFT ON DEVICE\n"));
+    EXPECT_EQ(add.out, u"a.wav  CAN'T ADD TAG\n"_s);
+    EXPECT_EQ(add.err, u"zelkor-tag: CAN'T COPY A.WAV: NO SPACE LEFT ON DEVICE\n"_s);
     EXPECT_EQ(contents(), before);
 }
