@@ -2,7 +2,6 @@
 // and removing to the desktop's trash.
 #include "model/Tags.h"
 #include "engine/Engine.h"
-#include "platform/Files.h"
 #include "platform/Preferences.h"
 #include "platform/Trash.h"
 #include "support/FreshHome.h"
@@ -107,21 +106,6 @@ TEST_F(TagsTest, removingGoesToTheTrashAndSelectsTheNewFirstClipAndAddingNumbers
     // Added from the library itself, and the extension keeps its letter case.
     const QString upper = inLibrary(QStringLiteral("VOICE.WAV"));
     EXPECT_EQ(tags.add(upper), home.tagsDir() + QStringLiteral("/VOICE (2).WAV"));
-}
-
-TEST_F(TagsTest, aLibraryFolderThatCannotBeMadeListsNothingAndFailsTheAddWithTheSystemsReason) {
-    put(home.dataHome(), QStringLiteral("ODRAVEX Zelkor"), "a file where the folder belongs");
-    const QString voice = put(home.root(), QStringLiteral("voice.wav"));
-    tags.setSelected(QStringLiteral("old.wav"));
-
-    EXPECT_EQ(tags.selected(), std::nullopt);
-    try {
-        tags.add(voice);
-        ADD_FAILURE() << "the copy succeeded";
-    } catch (const FileError& error) {
-        EXPECT_EQ(describeError(error), QStringLiteral("CAN'T COPY VOICE.WAV: NOT A DIRECTORY"));
-    }
-    EXPECT_EQ(stored(), QStringLiteral("old.wav"));
 }
 
 TEST_F(TagsTest, seedingCopiesTheDefaultsOnceAndLeavesAClipOfTheSameNameAlone) {
