@@ -106,13 +106,6 @@ protected:
 private:
     struct Batch;
 
-    // A log entry as shown, measured once.
-    struct LogRowMeasured {
-        QString text;
-        QString status;
-        HUDLayout::LogRow row;
-    };
-
     void draw(QPainter& painter);
     void drawHeader(QPainter& painter);
     void drawTagRow(QPainter& painter);
@@ -155,7 +148,13 @@ private:
     std::optional<QString> m_tag;
     QImage m_grid; // the drop zone's dots, drawn once per size
     HUDLayout::Layout m_layout;
-    std::vector<LogRowMeasured> m_logRows; // by log index; empty where not shown yet
+    // The log entries as shown, by index, each measured when first drawn.
+    struct LogRowMeasured {
+        QString text;
+        QString status;
+        HUDLayout::LogRow row;
+    };
+    std::vector<LogRowMeasured> m_logRows;
     QTimer* m_timer = nullptr;
     std::shared_ptr<Batch> m_batch;
 };
