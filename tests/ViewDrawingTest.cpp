@@ -1,7 +1,6 @@
-// The main view drawn offscreen at device pixel ratio 1, checked pixel by pixel
-// in each of its states; the layout numbers it derives; and the text helpers.
+// The main view drawn offscreen at device pixel ratio 1, each state probed at
+// the places its layout gives; the click regions; and the text helpers.
 #include "model/Settings.h"
-#include "style/Fonts.h"
 #include "style/Palette.h"
 #include "support/GuiSupport.h"
 #include "view/Drawing.h"
@@ -9,10 +8,10 @@
 
 #include <QTextBoundaryFinder>
 #include <gtest/gtest.h>
-#include <limits>
 
 using namespace Style;
 using Drawing::withAlpha;
+using HUDLayout::Text;
 using ::Test::near;
 using ::Test::over;
 
@@ -47,8 +46,26 @@ bool hasColour(const QImage& image, const QRect& box, const QColor& colour) {
     return extent(image, box, [&](QColor c) { return near(c, colour, 12); }).found();
 }
 
-const QRect kHeadline(100, 262, 400, 48); // "DROP" starts right of 220, "ADD A TAG" left of it
-const QRect kTagText(128, 100, 300, 18);
+// Where a text may leave ink: its advance and a little more, around its line.
+QRect box(const Text& text) {
+    const double half = text.style.size * 0.6;
+    return QRectF(text.x - 2, text.line - half, text.width + 4, 2 * half).toAlignedRect();
+}
+
+// A text of capitals drawn where the layout put it: its ink from its start to
+// its end, give or take a side bearing, and its capitals' middle on its line.
+void expectDrawn(const QImage& image, const Text& text, int threshold = 40) {
+    const Extent ink = lit(image, box(text), threshold);
+    ASSERT_TRUE(ink.found()) << text.string.toStdString();
+    const double bearing = std::max(3.0, text.style.size / 8);
+    EXPECT_NEAR(ink.left, text.x, bearing) << text.string.toStdString();
+    EXPECT_NEAR(ink.right + 1, text.right(), bearing) << text.string.toStdString();
+    EXPECT_NEAR(ink.middleY(), text.line, 1.0) << text.string.toStdString();
+}
+
+QPoint pixel(QPointF at) {
+    return {static_cast<int>(at.x()), static_cast<int>(at.y())};
+}
 
 class ViewDrawing : public ::Test::ViewFixture {
 protected:
@@ -67,52 +84,80 @@ protected:
 
 } // namespace
 
-// A few decisive pixels per state: without a tag, then with one.
+// A few decisive pixels per state: without a tag, then with one and no images.
 TEST_F(ViewDrawing, eachStateShowsItsDecisivePixels) {
     QImage image = render();
-    const auto is = [&image](int x, int y, QColor colour, int tolerance = 3) {
-        return near(image.pixelColor(x, y), colour, tolerance);
+    const auto is = [&image](QPointF at, QColor colour, int tolerance = 3) {
+        return near(image.pixelColor(pixel(at)), colour, tolerance);
     };
-    EXPECT_TRUE(is(115, 108, over(lineStrong, black))); // the status square grey
-    EXPECT_LT(lit(image, kHeadline, 120).left, 220);    // "ADD A TAG"
-    EXPECT_TRUE(lit(image, kTagText).found());
-    EXPECT_FALSE(lit(image, kTagText, 200).found()); // dim, never white
+    const HUDLayout::TagRow* t = &view().layout().tagRow;
+    const HUDLayout::Zone* z = &view().layout().zone;
+    EXPECT_TRUE(is(t->statusSquare.center(), over(lineStrong, black))); // grey
+    EXPECT_EQ(z->headline.string, QStringLiteral("ADD A TAG"));
+    expectDrawn(image, z->headline, 120);
+    EXPECT_EQ(t->text.string, QStringLiteral("NO TAG \u2014 ADD YOUR TAG FILE"));
+    EXPECT_TRUE(lit(image, box(t->text)).found());
+    EXPECT_FALSE(lit(image, box(t->text), 200).found()); // dim, never white
     image = render([](auto& s) { s.hoverTag = true; });
-    EXPECT_TRUE(is(115, 108, over(lineStrong, over(purpleSoft, black))));
-    EXPECT_TRUE(lit(image, kTagText, 200).found()); // "DROP TO ADD AS TAG" in white
+    EXPECT_TRUE(is(t->statusSquare.center(), over(lineStrong, over(purpleSoft, black))));
+    EXPECT_EQ(t->hoverText.string, QStringLiteral("DROP TO ADD AS TAG"));
+    expectDrawn(image, t->hoverText, 200); // in white
 
     addTag(QStringLiteral("my tag.mp3"));
+    home.setEnv("ZELKOR_RESOURCES", home.root()); // no logo, no plate
     m_view.reset();
     image = render();
-    EXPECT_TRUE(is(300, 78, over(line, black)));                        // header rule
-    EXPECT_TRUE(is(32, 156, over(rgb(0xFAFAFA, 0.07), black)));         // a dot
-    EXPECT_TRUE(is(40, 164, black, 0));                                 // between dots
-    EXPECT_TRUE(is(300, 220, over(withAlpha(purple, 0.75), black), 6)); // the plus
-    EXPECT_TRUE(is(168, 335, black, 0));                                // no progress bar
-    EXPECT_TRUE(lit(image, kTagText, 200).found());                     // "MY TAG", white
-    const Extent drop = lit(image, kHeadline, 120);
-    EXPECT_GT(drop.left, 220);
-    EXPECT_NEAR(drop.middleY(), 286, 1.0);
+    t = &view().layout().tagRow;
+    z = &view().layout().zone;
+    const HUDLayout::Header& h = view().layout().header;
+    EXPECT_FALSE(h.logo);
+    expectDrawn(image, h.title, 120);
+    EXPECT_FALSE(lit(image, QRect(0, 10, static_cast<int>(h.title.x) - 2, 60)).found());
+    EXPECT_TRUE(is(h.rule.center(), over(line, black)));
+    const QPointF dot = z->dots.front().topLeft();
+    EXPECT_TRUE(is(dot, over(rgb(0xFAFAFA, 0.07), black)));
+    EXPECT_TRUE(is(dot + QPointF(8, 8), black, 0)); // between dots
+    // The vertical stroke, 1.5 wide on a pixel edge: three quarters of a pixel.
+    EXPECT_TRUE(is(z->plusDown.p1() + QPointF(0, 6), over(withAlpha(purple, 0.75), black), 6));
+    EXPECT_TRUE(is(z->cells.front().center(), black, 0)); // no progress bar
+    EXPECT_EQ(t->text.string, QStringLiteral("MY TAG"));
+    expectDrawn(image, t->text, 200); // in white
+    EXPECT_EQ(z->headline.string, QStringLiteral("DROP"));
+    expectDrawn(image, z->headline, 120);
+    expectDrawn(image, z->saves);
+    EXPECT_DOUBLE_EQ(h.title.x, 76);
+    EXPECT_DOUBLE_EQ(z->saves.right(), 568); // right-aligned to the zone's inset
 
     image = render([](auto& s) { s.hoverZone = true; }); // the zone lit, the tag field not
-    EXPECT_TRUE(is(50, 200, over(purpleSoft, black)));
-    EXPECT_TRUE(is(25, 140, purple));
-    EXPECT_TRUE(is(100, 109, over(lineStrong, black)));
-    // "RELEASE": wider than "DROP", narrower than "ADD A TAG".
-    const int release = lit(image, kHeadline, 120).left;
-    EXPECT_TRUE(release > 180 && release < 240) << release;
+    EXPECT_TRUE(is(dot + QPointF(8, 8), over(purpleSoft, black)));
+    EXPECT_TRUE(is(z->rect.topLeft() + QPointF(9, 0), purple)); // a bracket
+    EXPECT_TRUE(is({t->field.left(), t->field.center().y()}, over(lineStrong, black)));
+    EXPECT_EQ(z->hoverHeadline.string, QStringLiteral("RELEASE"));
+    expectDrawn(image, z->hoverHeadline, 120);
 
     image = render([](auto& s) { s.hoverTag = true; }); // the tag field lit, the zone not
-    EXPECT_TRUE(is(100, 109, purple));
-    EXPECT_TRUE(is(104, 98, over(purpleSoft, black)));
-    EXPECT_TRUE(is(50, 200, black, 0));
+    EXPECT_TRUE(is({t->field.left(), t->field.center().y()}, purple));
+    EXPECT_TRUE(is(t->field.topLeft() + QPointF(4, 4), over(purpleSoft, black)));
+    EXPECT_TRUE(is(dot + QPointF(8, 8), black, 0));
 
-    image = render([](auto& s) { s.busy = true, s.progress = {3, 12}; });
+    // The bar: 3 of 12 lights 7 of 30 cells; none of an empty batch, all past the end.
+    const auto cellsLit = [&](long long done, long long total) {
+        image = render([=](auto& s) { s.busy = true, s.progress = {done, total}; });
+        int count = 0;
+        for (const QRectF& cell : z->cells)
+            count += is(cell.center(), purple) ? 1 : is(cell.center(), over(line, black)) ? 0 : 99;
+        return count;
+    };
+    EXPECT_EQ(cellsLit(0, 0), 0);
+    EXPECT_EQ(cellsLit(40, 12), 30);
+    EXPECT_EQ(cellsLit(3, 12), 7);
     EXPECT_TRUE(view().hits().empty());
-    EXPECT_TRUE(is(222, 335, purple) && is(231, 335, over(line, black))); // 7 of 30 cells
     // The first digit alone: "/" reaches above the capitals and below the baseline.
-    const Extent counter = lit(image, QRect(150, 245, 300, 50));
-    EXPECT_NEAR(lit(image, QRect(counter.left, 245, 16, 50)).middleY(), 270, 1.0);
+    const QRect counterBox(static_cast<int>(z->centre.x()) - 150,
+                           static_cast<int>(z->counterLine) - 25, 300, 50);
+    const Extent counter = lit(image, counterBox);
+    const QRect firstDigit(counter.left, counterBox.top(), 16, counterBox.height());
+    EXPECT_NEAR(lit(image, firstDigit).middleY(), z->counterLine, 1.0);
 }
 
 TEST_F(ViewDrawing, logShowsTheLastFourWithALongNameShortened) {
@@ -129,17 +174,22 @@ TEST_F(ViewDrawing, logShowsTheLastFourWithALongNameShortened) {
                  line("five.wav", "FFMPEG NOT FOUND", errColor),
                  line("six.mp3", "12 TAGS  OK", purple)};
     });
-    for (int row = 0; row < 4; ++row) {
-        const QRect status(300, 484 + 20 * row, 284, 12);
-        const bool failed = row % 2 == 0; // entries 3 to 6: red, purple, red, purple
-        EXPECT_TRUE(hasColour(image, status, failed ? errColor : purple)) << row;
-        EXPECT_FALSE(hasColour(image, status, failed ? purple : errColor)) << row;
-        EXPECT_LE(lit(image, status).right, 584);
+    const HUDLayout::Log& l = view().layout().log;
+    const auto row = [&](int index, double from) {
+        const int top = static_cast<int>(l.firstLine + HUDLayout::kLogLineStep * index) - 6;
+        return QRect(static_cast<int>(from), top, static_cast<int>(l.right - from), 12);
+    };
+    for (int index = 0; index < 4; ++index) {
+        const QRect status = row(index, l.right - 284);
+        const bool failed = index % 2 == 0; // entries 3 to 6: red, purple, red, purple
+        EXPECT_TRUE(hasColour(image, status, failed ? errColor : purple)) << index;
+        EXPECT_FALSE(hasColour(image, status, failed ? purple : errColor)) << index;
+        EXPECT_LE(lit(image, status.adjusted(0, 0, 8, 0)).right, l.right);
     }
-    EXPECT_FALSE(lit(image, QRect(0, 564, 600, 10)).found()); // no fifth line
+    EXPECT_FALSE(lit(image, row(4, 0).adjusted(0, 0, 16, 0)).found()); // no fifth line
 
     // The shortened text stops at least 16 points before its status, and not far before.
-    const QRect first(16, 484, 568, 12);
+    const QRect first = row(0, l.left);
     const Extent status = extent(image, first, [](QColor c) { return c.red() - c.green() > 40; });
     const Extent text = extent(image, first, [](QColor c) {
         return c.red() > 40 && std::abs(c.red() - c.green()) < 8 &&
@@ -150,31 +200,34 @@ TEST_F(ViewDrawing, logShowsTheLastFourWithALongNameShortened) {
 }
 
 TEST_F(ViewDrawing, emptyLogWaitsWithABlinkingCursor) {
-    const Extent withCursor = lit(render(), QRect(16, 482, 400, 16));
-    const Extent without = lit(render([](auto& s) { s.blink = false; }), QRect(16, 482, 400, 16));
+    render();
+    const QRect line = box(view().layout().log.waitingWithCursor);
+    const Extent withCursor = lit(render(), line);
+    const Extent without = lit(render([](auto& s) { s.blink = false; }), line);
     EXPECT_GT(withCursor.right, without.right + 4);
-    EXPECT_NEAR(without.left, 16, 2);
+    EXPECT_NEAR(without.left, view().layout().log.left, 2);
     EXPECT_TRUE(::Test::waitUntil([&] { return !view().state().blink; }, 2000));
 }
 
+// The regions are the layout's rectangles, in drawing order, where the
+// specified positions put them; a click's setting shows in the next pass.
 TEST_F(ViewDrawing, hitsFollowTheDrawingOrderAndTheirActionsShowInTheNextPass) {
     addTag();
     QImage image = render();
     const std::vector<HUDView::Hit> hits = view().hits();
+    const HUDLayout::Layout& layout = view().layout();
+    std::vector<QRectF> rects{layout.tagRow.field, layout.tagRow.addTag.rects.at(0)};
+    for (const HUDLayout::Segments* control : {&layout.controls.intervals, &layout.controls.levels})
+        rects.insert(rects.end(), control->rects.begin(), control->rects.end());
     ASSERT_EQ(hits.size(), 9u);
-    const double bw = HUDView::width(QStringLiteral("+ ADD TAG"), body(12), 1.2) + 24;
+    for (std::size_t i = 0; i < hits.size(); ++i)
+        EXPECT_EQ(hits[i].rect, rects[i]) << i;
+    const double bw = HUDView::width(QStringLiteral("+ ADD TAG"), smallText) + 24;
     EXPECT_EQ(hits[0].rect, QRectF(100, 94, 476 - bw, 30));
     EXPECT_EQ(hits[1].rect, QRectF(584 - bw, 94, bw, 30));
     EXPECT_EQ(hits[2].rect.topLeft(), QPointF(100, 594));
-    for (std::size_t i = 3; i < 9; ++i) {
-        EXPECT_EQ(hits[i].rect.top(), 594);
-        EXPECT_EQ(hits[i].rect.height(), 30);
-        if (i != 6) { // the level control starts a row of its own
-            EXPECT_DOUBLE_EQ(hits[i].rect.left(), hits[i - 1].rect.right());
-        }
-    }
     EXPECT_DOUBLE_EQ(hits[8].rect.right(), 584);
-    view().resize(720, 640); // the region and the drawing share one rectangle
+    view().resize(720, 640); // the level control still ends at the pad
     image = view().snapshot(1);
     EXPECT_TRUE(near(image.pixelColor(703, 600), over(lineStrong, black)));
     EXPECT_TRUE(near(image.pixelColor(704, 600), black, 0));
@@ -187,54 +240,16 @@ TEST_F(ViewDrawing, hitsFollowTheDrawingOrderAndTheirActionsShowInTheNextPass) {
     };
     EXPECT_TRUE(near(inside(hits[3].rect), white));
     hits[4].action();
-    hits[8].action();
     EXPECT_EQ(settings.intervalIndex(), 2);
-    EXPECT_EQ(settings.levelIndex(), 2);
     image = view().snapshot(1);
     EXPECT_TRUE(near(inside(hits[4].rect), white));
     EXPECT_TRUE(near(inside(hits[3].rect), black, 0));
+    hits[8].action();
+    EXPECT_EQ(settings.levelIndex(), 2);
+    image = view().snapshot(1);
     EXPECT_TRUE(near(inside(hits[8].rect), white));
-}
-
-TEST_F(ViewDrawing, titleStartsAt76WithoutALogoAndTheFooterEndsAtItsPad) {
-    home.setEnv("ZELKOR_RESOURCES", home.root());
-    const QImage image = render();
-    EXPECT_FALSE(lit(image, QRect(0, 10, 70, 60)).found());
-    const Extent title = lit(image, QRect(60, 25, 100, 40), 120);
-    EXPECT_GE(title.left, 76);
-    EXPECT_LE(title.left, 79);
-    EXPECT_NEAR(title.middleY(), 45, 1.0);
-    const Extent footer = lit(image, QRect(400, 412, 178, 16)); // right-aligned to 568
-    EXPECT_GE(footer.right, 565);
-    EXPECT_LE(footer.right, 568);
-}
-
-// What the pixels above do not show: a logo's place, the plate, and the grid's and
-// the bar's counts at their limits.
-TEST(ViewLayout, headerDotGridAndProgressCells) {
-    using namespace HUDLayout;
-    Measures measures{
-        .logo = std::nullopt, .titleWidth = 90, .addTagWidth = 110, .levelControlWidth = 160};
-    const Header h = layout({600, 640}, measures).header;
-    EXPECT_NEAR(h.plate.top(), 18.853, 1e-3);
-    EXPECT_NEAR(h.plate.height(), 42.293, 1e-3);
-    EXPECT_DOUBLE_EQ(h.plate.left(), 334);
-    EXPECT_NEAR(h.plateLine, 32.81, 1e-2);
-    EXPECT_DOUBLE_EQ(h.everyRight, 442.5);
-    EXPECT_DOUBLE_EQ(h.levelLeft, 464.75);
-    measures.logo = QSizeF(192, 96);
-    const Header logo = layout({600, 640}, measures).header;
-    EXPECT_EQ(*logo.logo, QRectF(16, 16, 96, 48));
-    EXPECT_DOUBLE_EQ(logo.titleX, 124);
-    EXPECT_DOUBLE_EQ(logo.subtitleX, 124 + 90 + 12);
-
-    const std::vector<QPointF> dots = dotGrid(zoneRect(600));
-    ASSERT_EQ(dots.size(), 34u * 18u);
-    EXPECT_EQ(dots[17], QPointF(32, 428));
-    EXPECT_EQ(dots.back(), QPointF(560, 428));
-    EXPECT_EQ(filledCells(5, 0), 0);
-    EXPECT_EQ(filledCells(40, 12), 30);
-    EXPECT_EQ(filledCells(std::numeric_limits<long long>::max(), 1), 30);
+    EXPECT_EQ(view().layout().header.every.string, QStringLiteral("EVERY / 45S"));
+    EXPECT_EQ(view().layout().zone.footer.string, QStringLiteral("EVERY 45S // HIGH"));
 }
 
 namespace {
@@ -247,12 +262,12 @@ qsizetype graphemes(const QString& text) {
     return count;
 }
 
-HUDView::Fits atMost(qsizetype characters) {
+HUDLayout::Fits atMost(qsizetype characters) {
     return [characters](const QString& text) { return graphemes(text) <= characters; };
 }
 
 // The rule as written: drop the last two characters and add "…", one round at a time.
-QString reference(QString text, int minimum, const HUDView::Fits& fits) {
+QString reference(QString text, int minimum, const HUDLayout::Fits& fits) {
     while (!fits(text) && graphemes(text) >= minimum) {
         QTextBoundaryFinder finder(QTextBoundaryFinder::Grapheme, text);
         finder.toEnd();
@@ -266,17 +281,18 @@ QString reference(QString text, int minimum, const HUDView::Fits& fits) {
 
 TEST(ViewText, widthLeavesOutTheLastKernAndShorteningFollowsTheRoundByRoundRule) {
     ::Test::guiApplication();
-    const QFont font = Style::body(12);
-    EXPECT_EQ(HUDView::width(QString(), font, 1.2), 0);
-    const double plain = HUDView::width(QStringLiteral("ABCD"), font, 0);
+    EXPECT_EQ(HUDView::width(QString(), smallText), 0);
+    const TextStyle plain{TextStyle::Face::body, 12, 0};
+    const TextStyle kerned{TextStyle::Face::body, 12, 0.9};
     // Qt keeps spacing in 1/64 px: 0.9 becomes 0.890625.
-    EXPECT_NEAR(HUDView::width(QStringLiteral("ABCD"), font, 0.9), plain + 3 * 0.890625, 1e-6);
+    EXPECT_NEAR(HUDView::width(QStringLiteral("ABCD"), kerned),
+                HUDView::width(QStringLiteral("ABCD"), plain) + 3 * 0.890625, 1e-6);
 
     // Shortening agrees with the round-by-round rule and stops at the minimum.
     const QString ten = QStringLiteral("ABCDEFGHIJ");
     // Never below six characters for the log, four for the tag row.
-    EXPECT_EQ(HUDView::shortened(ten, 7, atMost(0)), QStringLiteral("ABCDE\u2026"));
-    EXPECT_EQ(HUDView::shortened(ten, 5, atMost(0)), QStringLiteral("ABC\u2026"));
+    EXPECT_EQ(HUDLayout::shortened(ten, 7, atMost(0)), QStringLiteral("ABCDE\u2026"));
+    EXPECT_EQ(HUDLayout::shortened(ten, 5, atMost(0)), QStringLiteral("ABC\u2026"));
     for (const QString& text :
          {QStringLiteral("> AN EXTREMELY LONG BEAT NAME.wav"),
           QStringLiteral("e\u0301e\u0301e\u0301e\u0301e\u0301e\u0301e\u0301e\u0301"),
@@ -284,7 +300,7 @@ TEST(ViewText, widthLeavesOutTheLastKernAndShorteningFollowsTheRoundByRoundRule)
           QStringLiteral("ABCD")})
         for (const int minimum : {5, 7})
             for (qsizetype room = 0; room <= graphemes(text) + 1; ++room)
-                EXPECT_EQ(HUDView::shortened(text, minimum, atMost(room)),
+                EXPECT_EQ(HUDLayout::shortened(text, minimum, atMost(room)),
                           reference(text, minimum, atMost(room)))
                     << text.toStdString() << " " << minimum << " " << room;
 }

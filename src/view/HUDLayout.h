@@ -1,10 +1,19 @@
-// Where everything in the main view goes: pure geometry over the view's size and
-// a few measured text widths, shared by the drawing and the hit-testing.
+// Where everything in the main view goes and what its texts say: pure geometry
+// over the view's size, what it shows (the settings, the selected tag) and a
+// text measure, computed when one of them changes. The drawing and the
+// hit-testing only read it.
 #pragma once
 
+#include "style/TextStyles.h"
+
+#include <QLineF>
+#include <QPainterPath>
 #include <QPointF>
 #include <QRectF>
 #include <QSizeF>
+#include <QString>
+#include <QStringList>
+#include <functional>
 #include <optional>
 #include <vector>
 
@@ -12,12 +21,11 @@ namespace HUDLayout {
 
 constexpr double kPad = 16;
 constexpr double kControlHeight = 30;
-constexpr double kSegmentPadding = 12; // each side of a segment's label
 constexpr double kLogLineStep = 20;
-constexpr int kLogLinesShown = 4;
 constexpr int kProgressCells = 30;
-constexpr double kDotSpacing = 16;
-constexpr double kDotSize = 1.2;
+// Rules are one point wide: drawn half a point past a whole coordinate, they
+// fill one row or column of pixels.
+constexpr double kHairline = 0.5;
 
 // Whether `point` lies in `rect`: its left and top edges belong to it, its
 // right and bottom edges to what comes next.
@@ -27,69 +35,106 @@ bool contains(const QRectF& rect, QPointF point);
 QRectF tagRowRect(double width);
 QRectF zoneRect(double width);
 
-// What the layout needs from the fonts and the images.
-struct Measures {
-    std::optional<QSizeF> logo;   // the logo's own size, none without a logo
-    double titleWidth = 0;        // "ODRAVEX" in the title face
-    double addTagWidth = 0;       // the "+ ADD TAG" button, padding included
-    double levelControlWidth = 0; // the whole LEVEL control
+// A text's width in a style: its advances with the kern after every character
+// but the last.
+using Measure = std::function<double(const QString& text, const Style::TextStyle& style)>;
+
+// One text in place: it starts at x, and its capital letters' middle sits on `line`.
+struct Text {
+    QString string;
+    Style::TextStyle style = Style::smallText;
+    double x = 0;
+    double line = 0;
+    double width = 0;
+    double right() const { return x + width; }
+};
+
+// Whether x is where the text starts, ends, or has its middle.
+enum class Align { at, rightTo, centredOn };
+Text place(const QString& string, const Style::TextStyle& style, double x, double line, Align align,
+           const Measure& measure);
+
+// Drops the last two characters and appends "…" until `fits` or fewer than
+// `minimum` characters remain; characters as the reader sees them.
+using Fits = std::function<bool(const QString&)>;
+QString shortened(const QString& text, int minimum, const Fits& fits);
+
+// A row of adjoining segments in one outline, each its label's width plus
+// padding on both sides, the label centred in it.
+struct Segments {
+    std::vector<QRectF> rects;
+    std::vector<Text> labels;
+    std::optional<int> selected;
+    QRectF outline;
+};
+
+// What the view shows that moves or sizes things, besides its own size.
+struct Content {
+    std::optional<QSizeF> logo;     // the logo's own size, none without a logo
+    int intervalIndex = 1;          // into Settings::intervals
+    int levelIndex = 1;             // into Settings::levels
+    std::optional<QString> tagName; // the selected clip's name, none without one
 };
 
 struct Header {
     std::optional<QRectF> logo;
-    double titleX = 0;
-    double subtitleX = 0;
-    double titleLine = 0;
+    Text title;    // "ODRAVEX"
+    Text subtitle; // "ZELKOR"
     QRectF plate;
-    double plateLine = 0;
-    double everyRight = 0; // "EVERY / 30S" ends here
-    double levelLeft = 0;  // "LEVEL / MID" starts here
-    double ruleY = 0;
+    Text every; // "EVERY / 30S"
+    Text level; // "LEVEL / MID"
+    QLineF rule;
 };
 
 struct TagRow {
     QRectF row;
     QRectF band; // where a drag aims at the row: a little above and below it too
+    Text label;  // "TAG"
     QRectF field;
     QRectF statusSquare;
-    double textX = 0;
-    double textRoom = 0; // the widest tag name that fits without shortening
-    QPointF chevron;     // the middle of the "v"
-    QRectF button;
+    Text text;      // the selected clip's name, or the call for one, shortened to fit
+    Text hoverText; // while a clip is dragged over the row
+    QPainterPath chevron;
+    Segments addTag; // the "+ ADD TAG" button
 };
 
 struct Zone {
     QRectF rect;
     QRectF inner; // the small ticks' frame
     QPointF centre;
-    double headlineLine = 0;
-    double hintLine = 0;
-    double counterLine = 0;
-    double processingLine = 0;
-    double plusY = 0;
-    double footerLine = 0;
-    double footerLeft = 0;
-    double footerRight = 0;
-    std::vector<QRectF> dots;  // the dot grid
+    std::vector<QRectF> dots; // the dot grid
+    QPainterPath brackets;    // at the zone's corners
+    QPainterPath ticks;       // at the inner frame's corners
+    QLineF plusAcross;
+    QLineF plusDown;
+    Text headline;      // "DROP", or "ADD A TAG" without a tag
+    Text hoverHeadline; // "RELEASE", or "ADD A TAG"
+    Text hint;
+    double counterLine = 0; // the busy counter, centred on the middle
+    // Placed with the cursor in both phases, so the word stays still.
+    Text processing;
+    Text processingWithCursor;
     std::vector<QRectF> cells; // the progress bar, left to right
+    Text footer;               // "EVERY 30S // MID"
+    Text saves;                // "SAVES NEXT TO ORIGINAL"
 };
 
 struct Log {
-    double headingLine = 0;
-    double ruleY = 0;
-    double ruleLeft = 0;
+    Text heading; // "LOG"
+    QLineF rule;
+    Text waiting; // the empty log's line
+    Text waitingWithCursor;
     double firstLine = 0;
     double left = 0;
     double right = 0; // statuses end here
 };
 
 struct Controls {
-    double ruleY = 0;
-    double top = 0;
-    double labelLine = 0;
-    QPointF intervalAt;
-    QPointF levelAt;
-    double levelLabelRight = 0;
+    QLineF rule;
+    Text intervalLabel; // "INTERVAL"
+    Segments intervals;
+    Text levelLabel; // "LEVEL"
+    Segments levels;
 };
 
 struct Layout {
@@ -101,18 +146,20 @@ struct Layout {
     Controls controls;
 };
 
-Layout layout(QSizeF size, const Measures& measures);
+Layout layout(QSizeF size, const Content& content, const Measure& measure);
 
-// Adjoining segments from `at`, each its label's width plus padding on both sides.
-std::vector<QRectF> segmentRects(QPointF at, double height, const std::vector<double>& labelWidths);
-
-// The grid of dots inside the drop zone, column by column.
-std::vector<QPointF> dotGrid(const QRectF& zone);
+// One log entry: "> " and its text, shortened to leave room before its status,
+// which ends at the log's right edge. Laid out on line 0: the entry moves up
+// as later ones come, its widths stay.
+struct LogRow {
+    Text text;
+    Text status;
+};
+LogRow logRow(const Log& log, const QString& text, const QString& status, const Measure& measure);
 
 // How many of the progress bar's cells are lit: none for an empty batch, all
 // once done reaches the total.
 int filledCells(long long done, long long total);
-QRectF progressCell(QPointF centre, int index);
 
 // The first log entry shown, so that only the last few are.
 long long firstShownLogLine(long long count);

@@ -2,38 +2,27 @@
 // one filled, each registering its own click region.
 #include "view/HUDView.h"
 
-#include "style/Fonts.h"
 #include "style/Palette.h"
 #include "view/Drawing.h"
 
 using namespace Style;
 
-double HUDView::segmented(QPainter& painter, const QStringList& labels, std::optional<int> selected,
-                          QPointF at, double height, const std::function<void(int)>& action) {
-    constexpr double kKern = 1.2;
-    const QFont font = body(12);
-    std::vector<double> widths;
-    for (const QString& label : labels)
-        widths.push_back(width(label, font, kKern));
-    const std::vector<QRectF> segments = HUDLayout::segmentRects(at, height, widths);
-
-    double right = at.x();
-    for (int i = 0; i < labels.size(); ++i) {
-        const QRectF& r = segments[static_cast<std::size_t>(i)];
+void HUDView::segmented(QPainter& painter, const HUDLayout::Segments& segments,
+                        const std::function<void(int)>& action) {
+    for (std::size_t i = 0; i < segments.rects.size(); ++i) {
+        const QRectF& r = segments.rects[i];
+        const int index = static_cast<int>(i);
         QColor color = dim;
-        if (selected == i) {
+        if (segments.selected == index) {
             painter.fillRect(r, white);
             color = black;
         }
-        drawText(painter, labels[i], attrs(font, color, kKern), r.center().x(), r.center().y(),
-                 Align::centredOn);
+        drawText(painter, segments.labels[i], color);
         if (i > 0)
-            Drawing::rule(painter, {r.left() + 0.5, r.top()}, {r.left() + 0.5, r.bottom()},
-                          lineStrong);
+            Drawing::rule(painter, {r.left() + HUDLayout::kHairline, r.top()},
+                          {r.left() + HUDLayout::kHairline, r.bottom()}, lineStrong);
         if (!m_state.busy)
-            m_hits.push_back({r, [action, i] { action(i); }});
-        right = r.right();
+            m_hits.push_back({r, [action, index] { action(index); }});
     }
-    Drawing::outline(painter, QRectF(at.x(), at.y(), right - at.x(), height), lineStrong);
-    return right - at.x();
+    Drawing::outline(painter, segments.outline, lineStrong);
 }

@@ -4,7 +4,6 @@
 #include "model/Settings.h"
 #include "model/Tags.h"
 #include "platform/Files.h"
-#include "style/Fonts.h"
 #include "style/Palette.h"
 
 #include <QPaintEvent>
@@ -24,7 +23,6 @@ HUDView::HUDView(Services services, QWidget* parent)
     setAttribute(Qt::WA_OpaquePaintEvent);
     setAcceptDrops(true);
     refreshTag();
-    relayout();
     // Parented to the view, so the timer never outlives it.
     m_timer = new QTimer(this);
     m_timer->setInterval(kBlinkIntervalMs);
@@ -39,6 +37,7 @@ void HUDView::setState(State state) {
 
 void HUDView::refreshTag() {
     m_tag = m_tags.selected();
+    relayout();
     update();
 }
 
@@ -55,18 +54,18 @@ void HUDView::tick() {
         update();
 }
 
-// The fonts cannot change while the program runs, so their widths are taken
-// once here instead of on every pass.
+// Everything the drawing shows that takes measuring or reading the settings is
+// done here, so a pass only paints.
 void HUDView::relayout() {
-    HUDLayout::Measures measures;
+    HUDLayout::Content content;
     if (m_logo)
-        measures.logo = m_logo->size();
-    measures.titleWidth = width(QStringLiteral("ODRAVEX"), head(18), 0.9);
-    const double padding = 2 * HUDLayout::kSegmentPadding;
-    measures.addTagWidth = width(QStringLiteral("+ ADD TAG"), body(12), 1.2) + padding;
-    for (const Settings::Level& level : Settings::levels)
-        measures.levelControlWidth += width(QString(level.name), body(12), 1.2) + padding;
-    m_layout = HUDLayout::layout(QSizeF(QWidget::size()), measures);
+        content.logo = m_logo->size();
+    content.intervalIndex = m_settings.intervalIndex();
+    content.levelIndex = m_settings.levelIndex();
+    if (m_tag)
+        content.tagName = Tags::name(*m_tag);
+    m_layout = HUDLayout::layout(QSizeF(QWidget::size()), content, &HUDView::width);
+    m_logRows.clear();
 }
 
 void HUDView::resizeEvent(QResizeEvent*) {
@@ -87,6 +86,9 @@ void HUDView::paintEvent(QPaintEvent*) {
 }
 
 QImage HUDView::snapshot(qreal devicePixelRatio) {
+    // A hidden widget gets its resize event only when shown.
+    if (m_layout.bounds.size() != QSizeF(QWidget::size()))
+        relayout();
     QImage out(QWidget::size() * devicePixelRatio, QImage::Format_ARGB32_Premultiplied);
     out.setDevicePixelRatio(devicePixelRatio);
     {

@@ -11,7 +11,6 @@
 #include "platform/OpenPanels.h"
 #include "style/Image.h"
 
-#include <QFont>
 #include <QImage>
 #include <QStringList>
 #include <QWidget>
@@ -61,14 +60,6 @@ public:
         std::function<void()> action;
     };
 
-    struct TextAttributes {
-        QFont font; // carries the kern as its letter spacing
-        QColor color;
-        double kern = 0;
-    };
-
-    enum class Align { at, rightTo, centredOn };
-
     static constexpr QSize kSize{600, 640};
     static constexpr int kBlinkIntervalMs = 550;
 
@@ -82,6 +73,8 @@ public:
     // Rebuilt by every drawing pass: the tag field, "+ ADD TAG", the interval
     // segments, the level segments. Empty after a pass drawn while busy.
     const std::vector<Hit>& hits() const { return m_hits; }
+    // Made when the size, the settings or the selected tag change; fonts are
+    // registered before any view exists.
     const HUDLayout::Layout& layout() const { return m_layout; }
     QRectF tagRowRect() const { return m_layout.tagRow.row; }
     QRectF zoneRect() const { return m_layout.zone.rect; }
@@ -89,7 +82,8 @@ public:
     // Expands files and folders into tracks and tags them in the background,
     // one at a time, logging each; ignored while a batch runs.
     void start(const QStringList& paths);
-    // Reads the selected tag clip again; the drawing uses what was read last.
+    // Reads the selected tag clip and the settings again; the drawing uses what
+    // was read last.
     void refreshTag();
     // A write that failed outside the view's own actions (the window's frame,
     // say) gets its line in the log.
@@ -103,20 +97,11 @@ public:
     // At quit: ends the ffmpeg runs of every batch and waits for their workers.
     static void stopWorkers();
 
-    // Text helpers: every text is drawn with a font, a colour and a kern added
-    // after each character; its width leaves out the kern after the last one.
-    static TextAttributes attrs(const QFont& font, const QColor& color, double kern);
-    static double width(const QString& text, const QFont& font, double kern);
-    // x is where the text starts, ends, or has its middle; its capital letters'
-    // middle sits on `line`.
-    static void drawText(QPainter& painter, const QString& text, const TextAttributes& attributes,
-                         double x, double line, Align align = Align::at);
-    // Drops the last two characters and appends "…" until `fits` or fewer than
-    // `minimum` characters remain; characters as the reader sees them.
-    using Fits = std::function<bool(const QString&)>;
-    static QString shortened(const QString& text, int minimum, const Fits& fits);
-    // Whether a text is at most `room` wide, measured as width() does.
-    static Fits fitsWithin(const QFont& font, double kern, double room);
+    // Text helpers: every text is drawn in a style (font, size, kern added after
+    // each character) and a colour; its width leaves out the kern after the last
+    // character. width() is the layout's measure.
+    static double width(const QString& text, const Style::TextStyle& style);
+    static void drawText(QPainter& painter, const HUDLayout::Text& text, const QColor& color);
 
 protected:
     void paintEvent(QPaintEvent* event) override;
@@ -132,13 +117,14 @@ private:
     struct Batch;
 
     void draw(QPainter& painter);
-    void drawHeader(QPainter& painter, int interval, const QString& level);
+    void drawHeader(QPainter& painter);
     void drawTagRow(QPainter& painter);
-    void drawDropZone(QPainter& painter, int interval, const QString& level);
+    void drawDropZone(QPainter& painter);
     void drawLog(QPainter& painter);
-    void drawSettingsRow(QPainter& painter, int intervalIndex, int levelIndex);
-    double segmented(QPainter& painter, const QStringList& labels, std::optional<int> selected,
-                     QPointF at, double height, const std::function<void(int)>& action);
+    void drawSettingsRow(QPainter& painter);
+    void segmented(QPainter& painter, const HUDLayout::Segments& segments,
+                   const std::function<void(int)>& action);
+    const HUDLayout::LogRow& logRow(std::size_t index);
 
     void relayout();
     void tick();
@@ -174,6 +160,13 @@ private:
     std::optional<QString> m_tag;
     QImage m_grid; // the drop zone's dots, drawn once per size
     HUDLayout::Layout m_layout;
+    // The log entries as shown, by index, each measured when first drawn.
+    struct LogRowMeasured {
+        QString text;
+        QString status;
+        HUDLayout::LogRow row;
+    };
+    std::vector<LogRowMeasured> m_logRows;
     QTimer* m_timer = nullptr;
     std::shared_ptr<Batch> m_batch;
 };
