@@ -176,9 +176,11 @@ TEST_F(EngineRender, oddNamesAndAQuotedDurationWorkEndToEnd) {
     QDir().mkpath(path(u"latin"_s));
     ASSERT_EQ(::rename(QFile::encodeName(track).constData(), latin + ".wav"), 0);
     ::Test::makeAudio(path(u"latin/caf\uFFFD.wav"_s), kBeat, 3);
-    const QStringList tracks = Engine::collect({path(u"latin"_s)});
+    // Given relative, as on a command line.
+    const QStringList tracks =
+        Engine::collect({QDir::current().relativeFilePath(path(u"latin"_s))});
     ASSERT_EQ(tracks.size(), 2);
-    EXPECT_EQ(Engine::encodeName(tracks[0]), latin + ".wav");
+    EXPECT_EQ(Engine::encodeName(Engine::absoluteName(tracks[0])), latin + ".wav");
     const Engine::Result tagged = Engine::process(tracks[0], clip, 5, -5);
     EXPECT_EQ(Engine::encodeName(tagged.output), latin + " (Tagged).wav");
     EXPECT_EQ(tagged.placements, 3);

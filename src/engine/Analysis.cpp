@@ -97,7 +97,7 @@ std::optional<double> readNumber(QStringView text) {
 }
 
 QStringList analysisArguments(const QString& path) {
-    return {QStringLiteral("-nostats"), QStringLiteral("-i"), QFileInfo(path).absoluteFilePath(),
+    return {QStringLiteral("-nostats"), QStringLiteral("-i"), absoluteName(path),
             QStringLiteral("-af"),      kAnalysisFilter,      QStringLiteral("-f"),
             QStringLiteral("null"),     QStringLiteral("-")};
 }

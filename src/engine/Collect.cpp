@@ -1,6 +1,7 @@
 // Expanding dropped files and folders into the ordered list of tracks.
 #include "engine/Engine.h"
 
+#include <QDir>
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -181,6 +182,11 @@ QByteArray encodeName(const QString& path) {
         run = at + 1;
     }
     return run == 0 ? path.toUtf8() : bytes + QStringView(path).sliced(run).toUtf8();
+}
+
+QString absoluteName(const QString& path) {
+    return QDir::cleanPath(
+        path.startsWith(QLatin1Char('/')) ? path : QDir::currentPath() + QLatin1Char('/') + path);
 }
 
 bool hasTracks(const QStringList& paths) {

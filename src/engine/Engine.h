@@ -200,6 +200,9 @@ Result process(const QString& track, const QString& tag, double interval, double
 // such a byte into U+FFFD, the name of another file).
 QString decodeName(QByteArrayView bytes);
 QByteArray encodeName(const QString& path);
+// The absolute, cleaned form of a path, as QFileInfo::absoluteFilePath gives it,
+// without QFileInfo's trip through QFile::encodeName for a relative one.
+QString absoluteName(const QString& path);
 
 QStringList collect(const QStringList& paths);
 // Whether collect would find any track; stops at the first (a drag asks on every move).

@@ -44,7 +44,7 @@ QByteArray withExtension(const QByteArray& name, const QString& extension) {
 }
 
 QByteArray folderOf(const QString& folder) {
-    QByteArray bytes = encodeName(QFileInfo(folder).absoluteFilePath());
+    QByteArray bytes = encodeName(absoluteName(folder));
     if (!bytes.endsWith('/'))
         bytes += '/';
     return bytes;
@@ -149,7 +149,7 @@ int claim(const QByteArray& from, const QByteArray& to) {
 } // namespace
 
 QString outputURL(const QString& track) {
-    const QFileInfo info(track);
+    const QFileInfo info(absoluteName(track));
     const QByteArray folder = folderOf(info.absolutePath());
     const QByteArray stem = encodeName(info.completeBaseName() + kOutputSuffix);
     const QString ext = info.suffix().toLower();

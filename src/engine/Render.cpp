@@ -126,7 +126,7 @@ void nameInput(QStringList& args, const QString& path, const OpenFile& file,
                std::vector<int>& passed) {
     if (!file.passDown())
         return;
-    const QString named = QFileInfo(path).absoluteFilePath();
+    const QString named = QFileInfo(path).absoluteFilePath(); // as renderArguments names it
     for (qsizetype i = 1; i < args.size(); ++i)
         if (args[i - 1] == QLatin1String("-i") && args[i] == named) {
             args[i] = file.argument();
@@ -147,13 +147,15 @@ Result process(const QString& track, const QString& tag, double interval, double
     return process(track, tag, interval, levelDB, Destination{});
 }
 
-Result process(const QString& track, const QString& tag, double interval, double levelDB,
+Result process(const QString& given, const QString& tag, double interval, double levelDB,
                const Destination& destination) {
     if (!(interval > 0) || !std::isfinite(interval))
         throw Failure(QStringLiteral("INTERVAL MUST BE A POSITIVE NUMBER OF SECONDS"));
     if (!std::isfinite(levelDB))
         throw Failure(QStringLiteral("LEVEL MUST BE A NUMBER OF DB"));
 
+    // Absolute from here on: QFileInfo would lose the stray bytes of a relative name.
+    const QString track = absoluteName(given);
     const TagInfo clip = info(tag);
     const Analysis analysis = analyze(track);
     const double gain = clipGain(levelDB, analysis.lufs, clip.lufs);
@@ -162,15 +164,16 @@ Result process(const QString& track, const QString& tag, double interval, double
         throw Failure(QStringLiteral("TOO MANY TAGS FOR THIS TRACK"));
 
     // Opened again: the cached clip, or the track, may have become a FIFO since.
-    const OpenFile trackFile = openInput(track), tagFile = openInput(tag);
+    const QString clipFile = absoluteName(tag);
+    const OpenFile trackFile = openInput(track), tagFile = openInput(clipFile);
     const QFileInfo named(track);
     PendingOutput out(destination.folder.isEmpty() ? named.absolutePath() : destination.folder,
                       named.completeBaseName() + kOutputSuffix);
-    QStringList args = renderArguments(track, tag, filterGraph(gain, times, analysis.format),
+    QStringList args = renderArguments(track, clipFile, filterGraph(gain, times, analysis.format),
                                        out.file().argument());
     std::vector<int> passed;
     nameInput(args, track, trackFile, passed);
-    nameInput(args, tag, tagFile, passed);
+    nameInput(args, clipFile, tagFile, passed);
     if (out.file().passDown())
         passed.push_back(out.file().fd());
 

@@ -126,7 +126,7 @@ QString systemReason(int code) {
 
 OpenFile::OpenFile(int fd, const QString& path)
     : m_fd(fd)
-    , m_argument(QFileInfo(path).absoluteFilePath()) {
+    , m_argument(absoluteName(path)) {
     // QProcess would hand ffmpeg another name (U+FFFD's bytes) for a name that is not text.
     if (encodeName(m_argument) != m_argument.toUtf8()) {
         m_argument = QStringLiteral("/proc/self/fd/%1").arg(fd);
@@ -159,7 +159,7 @@ OpenFile& OpenFile::operator=(OpenFile&& other) noexcept {
 }
 
 OpenFile openInput(const QString& path) {
-    const QByteArray name = encodeName(QFileInfo(path).absoluteFilePath());
+    const QByteArray name = encodeName(absoluteName(path));
     // A FIFO or a device would hang ffmpeg, or feed it without end: looked at
     // before it is opened, and again once it is.
     struct stat info = {};
