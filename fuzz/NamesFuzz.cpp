@@ -1,4 +1,4 @@
-// Fuzzes input collection and output naming with arbitrary file names.
+// Fuzzes input collection, output naming and the byte names with arbitrary file names.
 #include "engine/Engine.h"
 
 #include <cstdint>
@@ -15,6 +15,11 @@ bool hasMarker(const QString& path) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    // Any name, UTF-8 or not, survives the trip through a QString.
+    const QByteArray bytes(reinterpret_cast<const char*>(data), static_cast<qsizetype>(size));
+    if (Engine::encodeName(Engine::decodeName(bytes)) != bytes)
+        std::abort();
+
     // Names under a folder that does not exist: nothing is read from the disk.
     const QString names =
         QString::fromUtf8(reinterpret_cast<const char*>(data), static_cast<qsizetype>(size));

@@ -153,13 +153,22 @@ TEST_F(EngineFiles, outputsAreNamedAfterTheTrackAndNeverTakeAUsedName) {
               QDir::current().absoluteFilePath(u"-x (Tagged).wav"_s));
 }
 
-TEST(EngineParse, aFailedRenderReportsItsLastLineCutAndUpperCased) {
+// Not ffmpeg's closing lines, which name no cause.
+TEST(EngineParse, aFailedRenderReportsItsLastLineThatNamesACauseCutAndUpperCased) {
     const QString long80 = QString(80, u'e') + u"\r"_s;
     EXPECT_EQ(Engine::failureText(u"frame 1\n"_s + long80 + u"\n\n"_s), QString(60, u'E'));
     EXPECT_EQ(Engine::failureText(QString(59, u'a') + u"\U0001F3A7b"_s),
               QString(59, u'A') + u"\U0001F3A7"_s);
     EXPECT_EQ(Engine::failureText(u""_s), u"ERROR"_s);
     EXPECT_EQ(Engine::failureText(u"\n\n"_s), u"ERROR"_s);
+    EXPECT_EQ(
+        Engine::failureText(u"size=  6kB time=00:00:00.02\rav_write(): No space left on device\n"
+                            "size=  256kB time=00:00:01.99 bitrate=1050.2kbits/s    \n"
+                            "video:0kB audio:516kB subtitle:0kB muxing overhead: unknown\n"
+                            "Conversion failed!\n"_s),
+        u"AV_WRITE(): NO SPACE LEFT ON DEVICE"_s);
+    EXPECT_EQ(Engine::failureText(u"size=  64kB time=00:00:00.37\n"_s),
+              u"SIZE=  64KB TIME=00:00:00.37"_s);
 }
 
 TEST_F(EngineFiles, aFolderGivesItsOwnTracksInCodePointOrder) {

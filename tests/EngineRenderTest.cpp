@@ -1,5 +1,6 @@
 // The engine end to end: the real ffmpeg tags audio generated here.
 #include "engine/Engine.h"
+#include "engine/EngineState.h"
 #include "support/TestSupport.h"
 
 #include <QCryptographicHash>
@@ -9,6 +10,7 @@
 #include <QRegularExpression>
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <gtest/gtest.h>
 #include <thread>
 
@@ -144,7 +146,11 @@ TEST_F(EngineRender, unreadableFilesGiveCantReadFileAndNoOutput) {
     };
     for (const char* name : {"corrupt.wav", "empty.mp3", "notes.mp3", "gone.wav"})
         EXPECT_EQ(failure(path(QString::fromUtf8(name)), good), u"CAN'T READ FILE"_s) << name;
-    EXPECT_TRUE(QDir(dir.path()).entryList({u"*Tagged*"_s}).isEmpty());
+    // A picture has a duration, and nothing to hear.
+    ::Test::ffmpeg({u"-f"_s, u"lavfi"_s, u"-i"_s, u"testsrc=duration=1"_s, u"-c:v"_s, u"mpeg4"_s,
+                    path(u"video.m4a"_s)});
+    EXPECT_EQ(failure(good, path(u"video.m4a"_s)), u"CAN'T READ FILE"_s);
+    EXPECT_TRUE(QDir(dir.path()).entryList({u"*Tagged*"_s}, QDir::Files | QDir::Hidden).isEmpty());
 }
 
 // A name quoting a duration would otherwise leave one placement at 0.
@@ -163,6 +169,23 @@ TEST_F(EngineRender, oddNamesAndAQuotedDurationWorkEndToEnd) {
     const QString forged = folder + u"/beat\n  Duration: 00:00:01.00.wav"_s;
     QFile::copy(track, forged);
     EXPECT_DOUBLE_EQ(Engine::analyze(forged).duration, 12);
+
+    // Names are bytes: a Latin-1 name is tagged under its own bytes, and the file
+    // named by its UTF-8 misreading (U+FFFD) is another track.
+    const QByteArray latin = QFile::encodeName(path(u"latin"_s)) + "/caf\xe9";
+    QDir().mkpath(path(u"latin"_s));
+    ASSERT_EQ(::rename(QFile::encodeName(track).constData(), latin + ".wav"), 0);
+    ::Test::makeAudio(path(u"latin/caf\uFFFD.wav"_s), kBeat, 3);
+    // Given relative, as on a command line.
+    const QStringList tracks =
+        Engine::collect({QDir::current().relativeFilePath(path(u"latin"_s))});
+    ASSERT_EQ(tracks.size(), 2);
+    EXPECT_EQ(Engine::encodeName(Engine::absoluteName(tracks[0])), latin + ".wav");
+    const Engine::Result tagged = Engine::process(tracks[0], clip, 5, -5);
+    EXPECT_EQ(Engine::encodeName(tagged.output), latin + " (Tagged).wav");
+    EXPECT_EQ(tagged.placements, 3);
+    EXPECT_EQ(Engine::process(tracks[1], clip, 5, -5).placements, 1);
+    EXPECT_EQ(QDir(path(u"latin"_s)).count(), 4u); // two tracks, two outputs
 }
 
 TEST_F(EngineRender, aClipIsMeasuredOnceWithoutItsTrailingSilence) {
@@ -174,9 +197,12 @@ TEST_F(EngineRender, aClipIsMeasuredOnceWithoutItsTrailingSilence) {
     EXPECT_GT(first.length, 0.5);
     EXPECT_LT(first.length, duration - 1.4);
 
-    // Cached by path: even a vanished file is not measured again.
+    // Cached by path: even a vanished file is not measured again, until the
+    // engine starts afresh.
     QFile::remove(padded);
     EXPECT_EQ(Engine::info(padded).length, first.length);
+    Engine::EngineState::shared().reset();
+    EXPECT_THROW(Engine::info(padded), TagError);
 
     // A blip followed by silence still counts half a second; a failure is not cached.
     const QString blip = path(u"blip.wav"_s);

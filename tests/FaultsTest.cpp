@@ -18,6 +18,7 @@
 #include <cmath>
 #include <csignal>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -71,8 +72,13 @@ bool processWriting(const QString& path) {
     return false;
 }
 
+// Outputs and the hidden files they are written to.
 QString taggedIn(const QString& folder) {
-    return QDir(folder).entryList({u"*Tagged*"_s}).join(u'|');
+    return QDir(folder).entryList({u"*Tagged*"_s}, QDir::AllEntries | QDir::Hidden).join(u'|');
+}
+
+QString hiddenIn(const QString& folder) {
+    return QDir(folder).entryList({u".*.part"_s}, QDir::Files | QDir::Hidden).join(u'|');
 }
 
 class Faults : public testing::Test {
@@ -95,8 +101,10 @@ QString failure(const QString& track, const QString& clip) {
 } // namespace
 
 // The fake runs the real ffmpeg, then changes the analysed track as its name says;
-// a render of "killed" writes a little and dies as the kernel's OOM killer would.
-TEST_F(Faults, aBatchGoesOnPastAKilledFfmpegAndTracksThatChangeUnderIt) {
+// a render of "killed" writes a little and dies as the kernel's OOM killer would,
+// and so does an analysis of "dies measuring", and the clip's first analysis, half-way
+// through their text. A FIFO and a device fail at once, and the batch goes on.
+TEST_F(Faults, aBatchGoesOnPastKilledRunsFifosDevicesAndTracksThatChangeUnderIt) {
     const QString share = resourcesWith(dir.path(), R"(in=; prev=
 for arg; do [ "$prev" = -i ] && [ -z "$in" ] && in=$arg; prev=$arg; out=$arg; done
 case " $* " in *" -filter_complex "*)
@@ -106,6 +114,11 @@ case " $* " in *" -filter_complex "*)
         kill -9 $$ ;;
     esac
     exec "$real" "$@" ;;
+esac
+dies() { "$real" "$@" 2>&1 | head -n 12; kill -9 $$; }
+case "$in" in
+*"dies measuring"*) dies "$@" ;;
+*/tag.wav) [ -e "$in.measured" ] || { touch "$in.measured"; dies "$@"; } ;;
 esac
 "$real" "$@"; status=$?
 case "$in" in
@@ -117,28 +130,37 @@ exit $status
 )");
     QDir().mkpath(path(u"gone"_s));
     ::Test::writeFile(path(u"notes.txt"_s), "a file, not a folder");
-    const QStringList tracks{path(u"a killed.wav"_s),    path(u"b vanished.wav"_s),
-                             path(u"c folder.wav"_s),    path(u"gone/d.wav"_s),
-                             path(u"notes.txt/e.wav"_s), path(u"f.wav"_s)};
+    const QStringList tracks{path(u"0 first.wav"_s),          path(u"a killed.wav"_s),
+                             path(u"b vanished.wav"_s),       path(u"c folder.wav"_s),
+                             path(u"gone/d.wav"_s),           path(u"notes.txt/e.wav"_s),
+                             path(u"f dies measuring.wav"_s), path(u"g fifo.mp3"_s),
+                             path(u"h zero.wav"_s),           path(u"i.wav"_s)};
     ::Test::makeAudio(tracks[0], u"sine=frequency=220"_s, 3);
     for (const QString& track : tracks.mid(1))
         QFile::copy(tracks[0], track);
-    const QByteArray original = digest(tracks[0]);
+    QFile::remove(tracks[7]);
+    ASSERT_EQ(::mkfifo(QFile::encodeName(tracks[7]).constData(), 0644), 0);
+    QFile::remove(tracks[8]);
+    QFile::link(u"/dev/zero"_s, tracks[8]);
+    const QByteArray original = digest(tracks[1]);
 
-    const auto run = zelkorTag(QStringList{u"--tag"_s, clip, u"--interval"_s, u"5"_s} + tracks,
-                               {u"ZELKOR_RESOURCES="_s + share});
+    const auto run =
+        ::Test::runProgram(::Test::binary(u"zelkor-tag"_s),
+                           QStringList{u"--tag"_s, clip, u"--interval"_s, u"5"_s} + tracks,
+                           {u"ZELKOR_RESOURCES="_s + share}, 60'000);
     EXPECT_EQ(run.status, 1);
     const QStringList lines = run.out.split(u'\n', Qt::SkipEmptyParts);
-    ASSERT_EQ(lines.size(), 6) << run.out.toStdString();
-    EXPECT_EQ(lines[0], u"a killed.wav  SIZE=      64KB TIME=00:00:00.37 BITRATE=1411.2KBITS/S"_s);
-    for (int i = 1; i < 5; ++i) {
+    ASSERT_EQ(lines.size(), tracks.size()) << run.out.toStdString();
+    EXPECT_EQ(lines[1], u"a killed.wav  SIZE=      64KB TIME=00:00:00.37 BITRATE=1411.2KBITS/S"_s);
+    for (int i : {2, 3, 4})
         EXPECT_TRUE(lines[i].startsWith(QFileInfo(tracks[i]).fileName() + u"  "_s));
+    for (int i : {0, 5, 6, 7, 8})
+        EXPECT_EQ(lines[i], QFileInfo(tracks[i]).fileName() + u"  CAN'T READ FILE"_s);
+    for (int i = 0; i < 9; ++i)
         EXPECT_FALSE(lines[i].contains(u"OK"_s)) << lines[i].toStdString();
-    }
-    EXPECT_EQ(lines[4], u"e.wav  CAN'T READ FILE"_s);
-    EXPECT_EQ(lines[5], u"f.wav  1 TAGS  OK  -> "_s + path(u"f (Tagged).wav"_s));
-    EXPECT_EQ(taggedIn(dir.path()), u"f (Tagged).wav"_s);
-    EXPECT_EQ(digest(tracks[0]), original);
+    EXPECT_EQ(lines[9], u"i.wav  1 TAGS  OK  -> "_s + path(u"i (Tagged).wav"_s));
+    EXPECT_EQ(taggedIn(dir.path()), u"i (Tagged).wav"_s);
+    EXPECT_EQ(digest(tracks[1]), original);
 }
 
 TEST_F(Faults, aFullDiskOrAReadOnlyFolderFailsTheTrackAndLeavesTheOriginal) {
@@ -155,12 +177,12 @@ TEST_F(Faults, aFullDiskOrAReadOnlyFolderFailsTheTrackAndLeavesTheOriginal) {
     const QString track = disk + u"/beat.wav"_s;
     ::Test::makeAudio(track, u"sine=frequency=220"_s, 10);
     const QByteArray original = digest(track);
-    EXPECT_EQ(failure(track, clip), u"CONVERSION FAILED!"_s);
+    EXPECT_EQ(failure(track, clip), u"ERROR CLOSING FILE: NO SPACE LEFT ON DEVICE"_s);
     EXPECT_EQ(taggedIn(disk), u""_s);
     EXPECT_EQ(digest(track), original);
 
     ASSERT_EQ(::Test::runProgram(u"mount"_s, {u"-o"_s, u"remount,ro"_s, disk}).status, 0);
-    EXPECT_FALSE(failure(track, clip).isEmpty());
+    EXPECT_EQ(failure(track, clip), u"READ-ONLY FILE SYSTEM"_s);
     EXPECT_EQ(taggedIn(disk), u""_s);
     EXPECT_EQ(digest(track), original);
 }
@@ -330,11 +352,12 @@ TEST_F(FaultsAtHome, aFileInPlaceOfTheTagsFolderIsLeftAloneAndANewlineInAClipNam
     EXPECT_TRUE(QFileInfo::exists(home.root() + u"/beat (Tagged).wav"_s));
 }
 
-// SIGTERM (Ctrl-C, or the desktop session ending) while the second track renders,
-// from the shell and from the window: the first output stays, the partial second
-// goes with its ffmpeg. The render reads its input in real time, so the signal
-// lands mid-way on any machine.
-TEST_F(FaultsAtHome, aSignalMidRenderRemovesThePartialOutputAndKeepsWhatWasWritten) {
+// A signal while the second track renders: SIGTERM (Ctrl-C, the desktop session
+// ending) to the shell and to the window ends the run and its ffmpeg and removes
+// the hidden file ffmpeg wrote; SIGKILL leaves that file to the next run in the
+// folder, and its ffmpeg dies with it. No partial file ever bears an output's
+// name. The render reads its input in real time, so the signal lands mid-way.
+TEST_F(FaultsAtHome, aSignalMidRenderLeavesNoPartialOutputAndNoFfmpeg) {
     home.setEnv("ZELKOR_RESOURCES", resourcesWith(home.root(), R"(case " $* " in
 *" -filter_complex "*) exec "$real" -re "$@" ;;
 esac
@@ -343,40 +366,82 @@ exec "$real" "$@"
     home.useOwnRuntime();
     const QString first = home.root() + u"/a.wav"_s, second = home.root() + u"/b long.wav"_s;
     const QString written = home.root() + u"/a (Tagged).wav"_s;
-    const QString partial = home.root() + u"/b long (Tagged).wav"_s;
     ::Test::makeAudio(first, u"sine=frequency=220"_s, 3);
     ::Test::makeAudio(second, u"sine=frequency=330"_s, 60, 22050, 1);
+    const QByteArray original = digest(second);
+    const QString firstLine = u"a.wav  1 TAGS  OK  -> "_s + written + u'\n';
 
     struct Front {
         QString program;
         QStringList args;
-        int exitCode;
+        int signal;
+        int exitCode; // -1: killed
         QString out;
     };
     // The window tags with the library's seeded clip and prints nothing.
-    const Front fronts[] = {{u"zelkor-tag"_s,
-                             {u"--tag"_s, clip, first, second},
-                             1,
-                             u"a.wav  1 TAGS  OK  -> "_s + written + u"\nb long.wav  STOPPED\n"_s},
-                            {u"zelkor"_s, {first, second}, 0, {}}};
+    const QStringList shell{u"--tag"_s, clip, first, second};
+    const Front fronts[] = {
+        {u"zelkor-tag"_s, shell, SIGTERM, 1, firstLine + u"b long.wav  STOPPED\n"_s},
+        {u"zelkor"_s, {first, second}, SIGTERM, 0, {}},
+        {u"zelkor-tag"_s, shell, SIGKILL, -1, firstLine}};
     for (const Front& front : fronts) {
-        SCOPED_TRACE(front.program.toStdString());
+        SCOPED_TRACE(front.program.toStdString() + ' ' + std::to_string(front.signal));
         QFile::remove(written);
         QProcess run;
         run.start(::Test::binary(front.program), front.args);
         QElapsedTimer waited;
         waited.start();
-        while (!QFileInfo::exists(partial) && waited.elapsed() < 60'000)
+        while (!hiddenIn(home.root()).startsWith(u".b long"_s) && waited.elapsed() < 60'000)
             QThread::msleep(10);
-        ASSERT_TRUE(QFileInfo::exists(partial)) << "the second render never started";
-        ::kill(static_cast<pid_t>(run.processId()), SIGTERM);
+        const QString partial = home.root() + u'/' + hiddenIn(home.root());
+        ASSERT_TRUE(partial.contains(u"/.b long (Tagged).zelkor-"_s)) << "the second never began";
+        ::kill(static_cast<pid_t>(run.processId()), front.signal);
 
         ASSERT_TRUE(run.waitForFinished(30'000));
-        EXPECT_EQ(run.exitStatus(), QProcess::NormalExit);
-        EXPECT_EQ(run.exitCode(), front.exitCode);
+        EXPECT_EQ(run.exitStatus() == QProcess::NormalExit ? run.exitCode() : -1, front.exitCode);
         EXPECT_EQ(QString::fromUtf8(run.readAllStandardOutput()), front.out);
-        EXPECT_EQ(taggedIn(home.root()), u"a (Tagged).wav"_s);
-        EXPECT_EQ(::Test::samples(written, 44100, 2).size(), 3u * 44100 * 2);
+        waited.restart();
+        while (processWriting(partial) && waited.elapsed() < 10'000)
+            QThread::msleep(10);
         EXPECT_FALSE(processWriting(partial));
+        EXPECT_EQ(::Test::samples(written, 44100, 2).size(), 3u * 44100 * 2);
+        EXPECT_EQ(digest(second), original);
+        if (front.signal == SIGKILL) {
+            EXPECT_TRUE(QFileInfo::exists(partial));
+            QFile::remove(written);
+            EXPECT_EQ(zelkorTag({u"--tag"_s, clip, first}).out, firstLine);
+        }
+        EXPECT_EQ(taggedIn(home.root()), u"a (Tagged).wav"_s);
+    }
+}
+
+// Two runs over one folder at once: every track is written twice, under eight names.
+TEST_F(Faults, twoRunsOverOneFolderNeverClaimOneName) {
+    const QString music = path(u"music"_s);
+    QDir().mkpath(music);
+    for (int i = 0; i < 4; ++i)
+        ::Test::makeAudio(music + u"/beat %1.wav"_s.arg(i),
+                          u"sine=frequency=%1"_s.arg(200 + 50 * i), 2 + i);
+    QProcess runs[2];
+    for (QProcess& run : runs)
+        run.start(::Test::binary(u"zelkor-tag"_s),
+                  {u"--tag"_s, clip, u"--interval"_s, u"5"_s, music});
+    QStringList outputs;
+    for (QProcess& run : runs) {
+        ASSERT_TRUE(run.waitForFinished(60'000));
+        EXPECT_EQ(run.exitCode(), 0);
+        const QStringList lines =
+            QString::fromUtf8(run.readAllStandardOutput()).split(u'\n', Qt::SkipEmptyParts);
+        ASSERT_EQ(lines.size(), 4);
+        for (const QString& line : lines)
+            outputs << line.section(u"  OK  -> "_s, 1);
+    }
+    outputs.removeDuplicates();
+    EXPECT_EQ(outputs.size(), 8) << outputs.join(u'\n').toStdString();
+    EXPECT_EQ(taggedIn(music).count(u'|'), 7) << taggedIn(music).toStdString();
+    for (const QString& output : outputs) {
+        const int i = QFileInfo(output).fileName().mid(5, 1).toInt();
+        EXPECT_EQ(::Test::samples(output, 44100, 2).size(), (2u + i) * 44100 * 2)
+            << output.toStdString();
     }
 }

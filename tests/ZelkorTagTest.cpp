@@ -5,6 +5,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QRegularExpression>
 #include <gtest/gtest.h>
 
 using namespace Qt::StringLiterals;
@@ -17,7 +18,7 @@ namespace {
 
 // A resources folder whose ffmpeg records each argument list (NUL-separated, in
 // args-0, args-1, ...) and answers an analysis with a loudness line first, over
-// 1 MB of noise and the duration last, exiting 1; a render runs `render`.
+// 1 MB of noise and the duration last; a render runs `render`.
 QString fakeResources(const QTemporaryDir& dir, const QByteArray& render, bool executable = true) {
     const QString resources = dir.path() + u"/share"_s;
     QDir().mkpath(resources);
@@ -32,8 +33,7 @@ case " $* " in
 *" -filter_complex "*) )" + render + R"( ;;
 *)  echo '    I:         -20.0 LUFS'; noise
     printf '\n  Duration: 00:00:05.00, bitrate: 1 kb/s\n' >&2
-    printf '  Stream #0:0: Audio: pcm_s16le, 44100 Hz, stereo, s16\n' >&2
-    exit 1 ;;
+    printf '  Stream #0:0: Audio: pcm_s16le, 44100 Hz, stereo, s16\n' >&2 ;;
 esac
 )",
                       executable);
@@ -108,11 +108,13 @@ TEST_F(ZelkorTag, usageErrorsExitTwoAndNameTheBadValueNothingToTagExitsOne) {
     EXPECT_EQ(noClip.out, u""_s);
 }
 
-// The analyses exit 1 with over 1 MB between their first and last lines, and the
-// render's arguments show that both lines came through.
+// The analyses print over 1 MB between their first and last lines, and the
+// render's arguments show that both lines came through. ffmpeg writes a hidden
+// file beside the output, which takes the output's name when ffmpeg is done.
 TEST_F(ZelkorTag, ffmpegGetsItsFixedPrefixThenEveryArgumentWhole) {
     const QString env = fakeResources(dir, "exit 0");
     const QString track = path(u"-my beat [1]; it's.wav"_s), clip = path(u"tag (a).wav"_s);
+    ::Test::writeFile(track, "x");
     ::Test::writeFile(clip, "x");
     const auto run = zelkorTag({u"--tag"_s, clip, u"--"_s, track}, {env});
     EXPECT_EQ(run.status, 0) << run.err.toStdString();
@@ -125,7 +127,15 @@ TEST_F(ZelkorTag, ffmpegGetsItsFixedPrefixThenEveryArgumentWhole) {
     };
     EXPECT_EQ(argumentsOfRun(dir, 0), analysis(clip));
     EXPECT_EQ(argumentsOfRun(dir, 1), analysis(track));
-    EXPECT_EQ(argumentsOfRun(dir, 2),
+    const QStringList render = argumentsOfRun(dir, 2);
+    ASSERT_FALSE(render.isEmpty());
+    EXPECT_TRUE(
+        QRegularExpression(u"^"_s + QRegularExpression::escape(dir.path()) +
+                           uR"(/\.-my beat \[1\]; it's \(Tagged\)\.zelkor-\d+-\w{6}\.part$)"_s)
+            .match(render.last())
+            .hasMatch())
+        << render.last().toStdString();
+    EXPECT_EQ(render,
               (QStringList{u"-hide_banner"_s, u"-nostdin"_s, u"-y"_s, u"-i"_s, track, u"-i"_s, clip,
                            u"-filter_complex"_s,
                            u"[1:a]aformat=sample_rates=44100:channel_layouts=stereo,"
@@ -133,21 +143,30 @@ TEST_F(ZelkorTag, ffmpegGetsItsFixedPrefixThenEveryArgumentWhole) {
                            "amix=inputs=2:normalize=0:duration=first:dropout_transition=0,"
                            "alimiter=limit=0.97:level=0:attack=2:release=40:latency=1[out]"_s,
                            u"-map"_s, u"[out]"_s, u"-map_metadata"_s, u"0"_s, u"-c:a"_s,
-                           u"pcm_s24le"_s, u"-f"_s, u"wav"_s, out}));
+                           u"pcm_s24le"_s, u"-f"_s, u"wav"_s, render.last()}));
+    EXPECT_TRUE(QFileInfo(out).isFile());
+    EXPECT_FALSE(QFileInfo::exists(render.last()));
 }
 
-TEST_F(ZelkorTag, aFailedRenderLeavesNoFileAndReportsItsLastLine) {
+// What Debian's ffmpeg prints when the disk fills: the cause, then closing lines.
+TEST_F(ZelkorTag, aFailedRenderLeavesNoFileAndReportsTheLineThatNamesTheCause) {
     const QString env = fakeResources(dir, R"(printf 'RIFF' > "$out"; noise
-    echo '[wav @ 0x55d1a0] error writing trailer of "beat (tagged).wav": no space left on device' >&2
+    printf 'size=       6kB time=00:00:00.02 bitrate=2151.9kbits/s speed= 115x    \r' >&2
+    echo 'av_interleaved_write_frame(): No space left on device' >&2
+    echo "Error writing trailer of $out: No space left on device" >&2
+    echo 'size=     256kB time=00:00:01.99 bitrate=1050.2kbits/s speed= 368x    ' >&2
+    echo 'video:0kB audio:516kB subtitle:0kB other streams:0kB global headers:0kB muxing overhead: unknown' >&2
+    echo "Error closing file $out: No space left on device" >&2
+    echo 'Conversion failed!' >&2
     exit 1)");
     const QString track = path(u"beat.wav"_s), clip = path(u"tag.wav"_s);
     ::Test::writeFile(track, "x");
     ::Test::writeFile(clip, "x");
     const auto run = zelkorTag({u"--tag"_s, clip, track}, {env});
     EXPECT_EQ(run.status, 1);
-    EXPECT_EQ(run.out,
-              u"beat.wav  [WAV @ 0X55D1A0] ERROR WRITING TRAILER OF \"BEAT (TAGGED).WAV\n"_s);
-    EXPECT_FALSE(QFileInfo::exists(path(u"beat (Tagged).wav"_s)));
+    EXPECT_EQ(run.out, u"beat.wav  ERROR CLOSING FILE: NO SPACE LEFT ON DEVICE\n"_s);
+    EXPECT_EQ(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden),
+              (QStringList{u"beat.wav"_s, u"tag.wav"_s}));
 }
 
 TEST_F(ZelkorTag, withoutAnExecutableFfmpegNothingIsStarted) {

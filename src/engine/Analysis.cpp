@@ -2,11 +2,11 @@
 // and the audio format, read from ffmpeg's own lines only (a title or a file
 // name may quote any of them).
 #include "engine/Engine.h"
+#include "engine/EngineState.h"
 
 #include <QFileInfo>
 #include <charconv>
 #include <cmath>
-#include <mutex>
 
 namespace Engine {
 
@@ -97,7 +97,7 @@ std::optional<double> readNumber(QStringView text) {
 }
 
 QStringList analysisArguments(const QString& path) {
-    return {QStringLiteral("-nostats"), QStringLiteral("-i"), QFileInfo(path).absoluteFilePath(),
+    return {QStringLiteral("-nostats"), QStringLiteral("-i"), absoluteName(path),
             QStringLiteral("-af"),      kAnalysisFilter,      QStringLiteral("-f"),
             QStringLiteral("null"),     QStringLiteral("-")};
 }
@@ -150,24 +150,30 @@ Analysis parseAnalysis(const QString& text) {
 }
 
 Analysis analyze(const QString& path) {
+    const OpenFile input = openInput(path);
+    RunResult result = run(analysisArguments(input.argument()),
+                           input.passDown() ? std::vector{input.fd()} : std::vector<int>{});
+    // A run killed half-way leaves text that parses, with figures that are wrong.
+    if (result.status != 0)
+        throw TagError::unreadable();
     // ffmpeg quotes the name as it is, so a name holding a line break could forge a line.
-    return parseAnalysis(
-        run(analysisArguments(path)).output.remove(QFileInfo(path).absoluteFilePath()));
+    const QString text = result.output.remove(input.argument());
+    // Without one, ffmpeg measures nothing and a render fails on its graph.
+    static const QRegularExpression audioStream(
+        QStringLiteral(R"(^\s*Stream #0:\d+[^:\n]*: Audio: )"),
+        QRegularExpression::MultilineOption);
+    if (!audioStream.match(text).hasMatch())
+        throw TagError::unreadable();
+    return parseAnalysis(text);
 }
 
 TagInfo info(const QString& path) {
-    static std::mutex lock;
-    static QHash<QString, TagInfo> tagInfo;
-    // Held across the analysis too, so a clip is never measured twice at once.
-    const std::lock_guard locker(lock);
-    if (auto it = tagInfo.constFind(path); it != tagInfo.constEnd())
-        return *it;
-    const Analysis analysis = analyze(path);
-    const TagInfo measured{analysis.lufs, analysis.silenceStart
-                                              ? std::max(*analysis.silenceStart, kMinimumTagLength)
-                                              : analysis.duration};
-    tagInfo.insert(path, measured);
-    return measured;
+    return EngineState::shared().clipInfo(path, [&path] {
+        const Analysis analysis = analyze(path);
+        return TagInfo{analysis.lufs, analysis.silenceStart
+                                          ? std::max(*analysis.silenceStart, kMinimumTagLength)
+                                          : analysis.duration};
+    });
 }
 
 } // namespace Engine

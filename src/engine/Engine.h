@@ -29,11 +29,47 @@ std::optional<QString> findExecutable(const QStringList& candidates);
 const std::optional<QString>& ffmpeg();
 
 // Runs ffmpeg with "-hide_banner -nostdin" and `args`; throws TagError::noFFmpeg
-// when there is none, Failure when it cannot be started.
-RunResult run(const QStringList& args);
+// when there is none, Failure when it cannot be started. The child dies with
+// this process (so a run must be started by a thread that waits for it, as this
+// call does). `passed` are descriptors the child keeps open, for the arguments
+// of OpenFile::passDown files. Of a run's text the first and the last
+// kOutputKept bytes are kept, whole lines only.
+RunResult run(const QStringList& args, const std::vector<int>& passed = {});
+constexpr qsizetype kOutputKept = 1 << 20;
 // Ends every ffmpeg run in progress and refuses new ones, for quitting: such a
 // run throws Failure "STOPPED", and a render removes its partial output first.
 void stopAll();
+
+// The system's text for an errno value, upper-cased as the program's messages are.
+QString systemReason(int code);
+
+// A file this process holds open for ffmpeg. ffmpeg is told its path, or, when
+// the name is not text (encodeName), /proc/self/fd/N with N passed down to it.
+class OpenFile {
+public:
+    OpenFile() = default;
+    OpenFile(int fd, const QString& path);
+    ~OpenFile();
+    OpenFile(OpenFile&& other) noexcept;
+    OpenFile& operator=(OpenFile&& other) noexcept;
+
+    int fd() const { return m_fd; } // -1 once closed
+    const QString& argument() const { return m_argument; }
+    bool passDown() const { return m_passDown; }
+    void close();
+
+private:
+    int m_fd = -1;
+    QString m_argument;
+    bool m_passDown = false;
+};
+
+// Opens a track or clip for ffmpeg. Only a regular file (after following links)
+// is accepted: anything else, or a file that cannot be opened, throws
+// TagError::unreadable without touching it further; running out of descriptors
+// throws Failure with the system's reason. A file ffmpeg is given by name is
+// closed again at once.
+OpenFile openInput(const QString& path);
 
 // Capture group 1 of every match, in text order; an invalid pattern gives none.
 QStringList match(const QString& pattern, const QString& text);
@@ -73,8 +109,10 @@ Analysis parseAnalysis(const QString& output);
 // minus, or "-inf". Anything else is not a number.
 std::optional<double> readNumber(QStringView text);
 
+// Throws TagError::unreadable also when the run did not end normally with
+// status 0, or the file holds no audio stream.
 Analysis analyze(const QString& path);
-// For tag clips: measured once per path for the life of the process.
+// For tag clips: measured once per path for the life of the process (EngineState).
 TagInfo info(const QString& path);
 
 // --- placement and render --------------------------------------------------
@@ -98,16 +136,73 @@ std::vector<double> positions(double duration, double interval, double tagLength
 double clipGain(double levelDB, double trackLufs, double tagLufs);
 QString filterGraph(double gainDB, const std::vector<double>& times,
                     const std::optional<AudioFormat>& trackFormat);
+// The name a render of `track` would get now; the render itself claims its name
+// only when it has finished (PendingOutput::commit).
 QString outputURL(const QString& track);
 QStringList renderArguments(const QString& track, const QString& tag, const QString& graph,
                             const QString& output);
-// The message of a failed render: ffmpeg's last line, cut and upper-cased.
+// The message of a failed render: ffmpeg's last line that names a cause (not a
+// closing line such as "Conversion failed!" or its statistics), cut and upper-cased.
 QString failureText(const QString& output);
+
+// What a finished output does when its name is taken.
+enum class Collision {
+    nextNumber, // "STEM (2).EXT", "STEM (3).EXT", ...: nothing is ever replaced
+    replace,    // the file under the name is replaced, in one step
+};
+
+// A render's output while ffmpeg writes it: a hidden file in the target folder,
+// ".STEM.zelkor-PID-RANDOM.part" (collection never takes it), locked while this
+// object lives and removed with it unless committed. Creating one first removes
+// the temporary files of runs that died in that folder (those nobody locks).
+// So an output appears whole under its name, or not at all.
+class PendingOutput {
+public:
+    // Throws Failure with the system's reason when the folder takes no file.
+    PendingOutput(const QString& folder, const QString& stem);
+    ~PendingOutput();
+    PendingOutput(const PendingOutput&) = delete;
+    PendingOutput& operator=(const PendingOutput&) = delete;
+
+    // For ffmpeg's output argument (run with -y and an explicit -f FORMAT).
+    const OpenFile& file() const { return m_file; }
+    // Once ffmpeg has succeeded: flushes the file to the disk and names it
+    // FOLDER/STEM.EXT (`extension` without the dot), by `collision`. Returns the
+    // final path; throws Failure with the system's reason, the file then removed.
+    QString commit(const QString& extension, Collision collision);
+
+private:
+    QByteArray m_folder; // encoded, ending in '/'
+    QByteArray m_stem;
+    QByteArray m_temp;
+    OpenFile m_file;
+    bool m_committed = false;
+};
+
+// Where process puts the tagged file: by default the track's own folder, with
+// the next free number.
+struct Destination {
+    QString folder; // empty: the track's folder
+    Collision collision = Collision::nextNumber;
+};
 
 // Tags one track; blocks while ffmpeg runs.
 Result process(const QString& track, const QString& tag, double interval, double levelDB);
+Result process(const QString& track, const QString& tag, double interval, double levelDB,
+               const Destination& destination);
 
 // --- input collection ------------------------------------------------------
+
+// File names are bytes, and not always UTF-8. A byte that is not part of valid
+// UTF-8 decodes to the lone surrogate U+DC00 + byte (which valid UTF-8 never
+// gives), so every name survives the trip through a QString. Every path the
+// engine touches goes through these, never QFile::encodeName (which would turn
+// such a byte into U+FFFD, the name of another file).
+QString decodeName(QByteArrayView bytes);
+QByteArray encodeName(const QString& path);
+// The absolute, cleaned form of a path, as QFileInfo::absoluteFilePath gives it,
+// without QFileInfo's trip through QFile::encodeName for a relative one.
+QString absoluteName(const QString& path);
 
 QStringList collect(const QStringList& paths);
 // Whether collect would find any track; stops at the first (a drag asks on every move).

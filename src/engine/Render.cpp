@@ -1,15 +1,10 @@
 // Placing the clip over a track and rendering the tagged file with one ffmpeg run.
 #include "engine/Engine.h"
-#include "platform/Files.h"
 
-#include <QDir>
-#include <QFile>
 #include <QFileInfo>
-#include <QSet>
 #include <QTextBoundaryFinder>
+#include <algorithm>
 #include <cmath>
-#include <functional>
-#include <mutex>
 
 namespace Engine {
 
@@ -82,54 +77,6 @@ QString filterGraph(double gainDB, const std::vector<double>& times,
     return graph;
 }
 
-namespace {
-
-// Output names chosen by renders still running, so that parallel jobs never
-// pick the same one (the existence test and ffmpeg's write are not atomic).
-std::mutex reservedLock;
-QSet<QString> reserved;
-
-QString freeOutput(const QString& track, const std::function<bool(const QString&)>& taken) {
-    const QFileInfo info(track);
-    const QString base = info.completeBaseName() + kOutputSuffix;
-    const QString ext = info.suffix().toLower();
-    const QString dir = info.absolutePath() + QLatin1Char('/');
-    const auto named = [&](const QString& name) {
-        return ext.isEmpty() ? dir + name : dir + name + QLatin1Char('.') + ext;
-    };
-    QString candidate = named(base);
-    for (int n = 2; taken(candidate); ++n)
-        candidate = named(base + QStringLiteral(" (%1)").arg(n));
-    return candidate;
-}
-
-class Reservation {
-public:
-    explicit Reservation(const QString& track) {
-        const std::lock_guard locker(reservedLock);
-        m_path = freeOutput(track, [](const QString& path) {
-            return Files::occupied(path) || reserved.contains(path);
-        });
-        reserved.insert(m_path);
-    }
-    ~Reservation() {
-        const std::lock_guard locker(reservedLock);
-        reserved.remove(m_path);
-    }
-    Reservation(const Reservation&) = delete;
-    Reservation& operator=(const Reservation&) = delete;
-    const QString& path() const { return m_path; }
-
-private:
-    QString m_path;
-};
-
-} // namespace
-
-QString outputURL(const QString& track) {
-    return freeOutput(track, Files::occupied);
-}
-
 QStringList renderArguments(const QString& track, const QString& tag, const QString& graph,
                             const QString& output) {
     QStringList args{QStringLiteral("-y"),
@@ -155,17 +102,60 @@ QStringList renderArguments(const QString& track, const QString& tag, const QStr
 }
 
 QString failureText(const QString& output) {
-    const QStringList lines = output.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    const QString last = lines.isEmpty() ? QStringLiteral("ERROR") : lines.last();
-    return firstCharacters(last, kErrorTextLength).toUpper();
+    // ffmpeg closes a failed run with lines that name no cause: its statistics
+    // and "Conversion failed!".
+    static const QRegularExpression closing(
+        QStringLiteral(R"(^\s*(\[[^\]]*\] )?(Conversion failed!|size=|frame=|video:\S* audio:))"));
+    static const QRegularExpression lineEnd(QStringLiteral("[\r\n]"));
+    QStringList lines = output.split(lineEnd, Qt::SkipEmptyParts);
+    lines.removeIf([](const QString& line) { return line.trimmed().isEmpty(); });
+    if (lines.isEmpty())
+        return QStringLiteral("ERROR");
+    const auto cause = std::find_if(lines.crbegin(), lines.crend(), [](const QString& line) {
+        return !closing.match(line).hasMatch();
+    });
+    return firstCharacters(cause != lines.crend() ? *cause : lines.last(), kErrorTextLength)
+        .toUpper();
 }
 
+namespace {
+
+// The render's arguments name an input by its path; one whose name is not text
+// is named by its descriptor instead.
+void nameInput(QStringList& args, const QString& path, const OpenFile& file,
+               std::vector<int>& passed) {
+    if (!file.passDown())
+        return;
+    const QString named = QFileInfo(path).absoluteFilePath(); // as renderArguments names it
+    for (qsizetype i = 1; i < args.size(); ++i)
+        if (args[i - 1] == QLatin1String("-i") && args[i] == named) {
+            args[i] = file.argument();
+            passed.push_back(file.fd());
+            return;
+        }
+}
+
+// ffmpeg's lines about the output quote its temporary name, which says nothing to
+// the user: "Error closing file NAME: No space left on device".
+QString withoutName(QString text, const QString& name) {
+    return text.remove(QLatin1Char(' ') + name).remove(name + QStringLiteral(": ")).remove(name);
+}
+
+} // namespace
+
 Result process(const QString& track, const QString& tag, double interval, double levelDB) {
+    return process(track, tag, interval, levelDB, Destination{});
+}
+
+Result process(const QString& given, const QString& tag, double interval, double levelDB,
+               const Destination& destination) {
     if (!(interval > 0) || !std::isfinite(interval))
         throw Failure(QStringLiteral("INTERVAL MUST BE A POSITIVE NUMBER OF SECONDS"));
     if (!std::isfinite(levelDB))
         throw Failure(QStringLiteral("LEVEL MUST BE A NUMBER OF DB"));
 
+    // Absolute from here on: QFileInfo would lose the stray bytes of a relative name.
+    const QString track = absoluteName(given);
     const TagInfo clip = info(tag);
     const Analysis analysis = analyze(track);
     const double gain = clipGain(levelDB, analysis.lufs, clip.lufs);
@@ -173,20 +163,27 @@ Result process(const QString& track, const QString& tag, double interval, double
     if (times.size() == kMaxPlacements)
         throw Failure(QStringLiteral("TOO MANY TAGS FOR THIS TRACK"));
 
-    const Reservation reservation(track);
-    const QString& out = reservation.path();
-    RunResult result;
-    try {
-        result = run(renderArguments(track, tag, filterGraph(gain, times, analysis.format), out));
-    } catch (...) {
-        QFile::remove(out); // stopped half-way
-        throw;
-    }
-    if (result.status == 0)
-        return {out, static_cast<int>(times.size())};
+    // Opened again: the cached clip, or the track, may have become a FIFO since.
+    const QString clipFile = absoluteName(tag);
+    const OpenFile trackFile = openInput(track), tagFile = openInput(clipFile);
+    const QFileInfo named(track);
+    PendingOutput out(destination.folder.isEmpty() ? named.absolutePath() : destination.folder,
+                      named.completeBaseName() + kOutputSuffix);
+    QStringList args = renderArguments(track, clipFile, filterGraph(gain, times, analysis.format),
+                                       out.file().argument());
+    std::vector<int> passed;
+    nameInput(args, track, trackFile, passed);
+    nameInput(args, clipFile, tagFile, passed);
+    if (out.file().passDown())
+        passed.push_back(out.file().fd());
 
-    QFile::remove(out);
-    throw TagError::ffmpegFailed(failureText(result.output));
+    // Stopped or failed, the temporary file goes with `out`.
+    const RunResult result = run(args, passed);
+    if (result.status != 0)
+        throw TagError::ffmpegFailed(
+            failureText(withoutName(result.output, out.file().argument())));
+    return {out.commit(named.suffix().toLower(), destination.collision),
+            static_cast<int>(times.size())};
 }
 
 } // namespace Engine

@@ -1,13 +1,21 @@
-// Finding ffmpeg, running it as a child process, and reading its text.
+// Finding ffmpeg, opening the files it reads, running it as a child process
+// that dies with this one, and reading its text.
 #include "engine/Engine.h"
+#include "engine/EngineState.h"
 #include "platform/Files.h"
 #include "platform/Resources.h"
 
 #include <QFileInfo>
 #include <QProcess>
+#include <algorithm>
+#include <cerrno>
 #include <csignal>
-#include <mutex>
-#include <set>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
 
 namespace Engine {
 
@@ -38,26 +46,16 @@ const std::optional<QString>& ffmpeg() {
 
 namespace {
 
-// The ffmpeg children running now, so that quitting can end them.
-std::mutex childrenLock;
-std::set<qint64> children;
-bool stopping = false;
-
 const QString kStopped = QStringLiteral("STOPPED");
 
+// Registered while it runs, so that stopAll can end it.
 class Child {
 public:
     explicit Child(qint64 pid)
         : m_pid(pid) {
-        const std::lock_guard lock(childrenLock);
-        if (stopping)
-            ::kill(static_cast<pid_t>(pid), SIGKILL);
-        children.insert(pid);
+        EngineState::shared().adoptChild(pid);
     }
-    ~Child() {
-        const std::lock_guard lock(childrenLock);
-        children.erase(m_pid);
-    }
+    ~Child() { EngineState::shared().releaseChild(m_pid); }
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
@@ -65,48 +63,167 @@ private:
     qint64 m_pid;
 };
 
+// The start and the end of a run's text, each up to kOutputKept bytes and cut to
+// whole lines: what the parsers read is there (the file's description first,
+// the summary or the error last), and no input can make it grow without bound.
+class KeptText {
+public:
+    void add(const QByteArray& bytes) {
+        qsizetype from = 0;
+        if (m_head.size() < kOutputKept) {
+            from = std::min(bytes.size(), kOutputKept - m_head.size());
+            m_head += bytes.left(from);
+        }
+        m_tail += QByteArrayView(bytes).sliced(from);
+        if (m_tail.size() > 2 * kOutputKept) {
+            m_tail.remove(0, m_tail.size() - kOutputKept);
+            m_cut = true;
+        }
+    }
+    QByteArray text() const {
+        if (!m_cut)
+            return m_head + m_tail;
+        const qsizetype headEnd = m_head.lastIndexOf('\n') + 1;
+        const qsizetype tailStart = m_tail.indexOf('\n') + 1;
+        return m_head.left(headEnd) + m_tail.sliced(tailStart);
+    }
+
+private:
+    QByteArray m_head, m_tail;
+    bool m_cut = false;
+};
+
+// Without free descriptors QProcess prints a warning and reports a wrong reason;
+// so a run fails here first, with the system's. It takes two pipes and one
+// descriptor for the child.
+void ensureDescriptors() {
+    int fds[5];
+    int opened = 0;
+    if (::pipe2(fds, O_CLOEXEC) == 0) {
+        opened = 2;
+        if (::pipe2(fds + 2, O_CLOEXEC) == 0) {
+            opened = 4;
+            if ((fds[4] = ::fcntl(fds[0], F_DUPFD_CLOEXEC, 0)) >= 0)
+                opened = 5;
+        }
+    }
+    const int error = errno;
+    for (int i = 0; i < opened; ++i)
+        ::close(fds[i]);
+    if (opened < 5)
+        throw Failure(systemReason(error));
+}
+
 bool isStopping() {
-    const std::lock_guard lock(childrenLock);
-    return stopping;
+    return EngineState::shared().stopping();
 }
 
 } // namespace
 
-void stopAll() {
-    const std::lock_guard lock(childrenLock);
-    stopping = true;
-    for (const qint64 pid : children)
-        ::kill(static_cast<pid_t>(pid), SIGKILL);
+QString systemReason(int code) {
+    return QString::fromLocal8Bit(std::strerror(code)).toUpper();
 }
 
-RunResult run(const QStringList& args) {
+OpenFile::OpenFile(int fd, const QString& path)
+    : m_fd(fd)
+    , m_argument(absoluteName(path)) {
+    // QProcess would hand ffmpeg another name (U+FFFD's bytes) for a name that is not text.
+    if (encodeName(m_argument) != m_argument.toUtf8()) {
+        m_argument = QStringLiteral("/proc/self/fd/%1").arg(fd);
+        m_passDown = true;
+    }
+}
+
+OpenFile::~OpenFile() {
+    close();
+}
+
+void OpenFile::close() {
+    if (m_fd >= 0)
+        ::close(std::exchange(m_fd, -1));
+}
+
+OpenFile::OpenFile(OpenFile&& other) noexcept
+    : m_fd(std::exchange(other.m_fd, -1))
+    , m_argument(std::move(other.m_argument))
+    , m_passDown(other.m_passDown) {}
+
+OpenFile& OpenFile::operator=(OpenFile&& other) noexcept {
+    if (this != &other) {
+        close();
+        m_fd = std::exchange(other.m_fd, -1);
+        m_argument = std::move(other.m_argument);
+        m_passDown = other.m_passDown;
+    }
+    return *this;
+}
+
+OpenFile openInput(const QString& path) {
+    const QByteArray name = encodeName(absoluteName(path));
+    // A FIFO or a device would hang ffmpeg, or feed it without end: looked at
+    // before it is opened, and again once it is.
+    struct stat info = {};
+    if (::stat(name.constData(), &info) != 0 || !S_ISREG(info.st_mode))
+        throw TagError::unreadable();
+    const int fd = ::open(name.constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (fd < 0) {
+        if (errno == EMFILE || errno == ENFILE || errno == ENOMEM)
+            throw Failure(systemReason(errno));
+        throw TagError::unreadable();
+    }
+    OpenFile file(fd, path);
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode))
+        throw TagError::unreadable();
+    if (!file.passDown())
+        file.close(); // ffmpeg opens it by its name
+    return file;
+}
+
+void stopAll() {
+    EngineState::shared().stopAll();
+}
+
+RunResult run(const QStringList& args, const std::vector<int>& passed) {
     const std::optional<QString>& program = ffmpeg();
     if (!program)
         throw TagError::noFFmpeg();
     if (isStopping())
         throw Failure(kStopped);
+    ensureDescriptors();
 
     QProcess process;
     process.setProcessChannelMode(QProcess::MergedChannels);
     process.setInputChannelMode(QProcess::ForwardedInputChannel);
+    const pid_t parent = ::getpid();
+    process.setChildProcessModifier([parent, &passed] {
+        // No ffmpeg writes on once Zelkor is gone. The signal comes when the
+        // thread that started the child ends: this one, which waits for it.
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (::getppid() != parent)
+            ::_exit(127);
+        for (const int fd : passed)
+            ::fcntl(fd, F_SETFD, 0);
+    });
     process.start(*program,
                   QStringList{QStringLiteral("-hide_banner"), QStringLiteral("-nostdin")} + args,
                   QIODevice::ReadOnly);
     if (!process.waitForStarted(-1))
         throw Failure(process.errorString().toUpper());
 
+    KeptText text;
     {
         const Child child(process.processId());
-        // QProcess drains the pipe while it waits, so a chatty child never blocks.
+        while (process.waitForReadyRead(-1))
+            text.add(process.readAll());
         process.waitForFinished(-1);
+        text.add(process.readAll());
     }
     if (isStopping())
         throw Failure(kStopped);
-    const QByteArray bytes = process.readAll();
 
     RunResult result;
     result.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    result.output = QString::fromUtf8(bytes);
+    result.output = QString::fromUtf8(text.text());
     return result;
 }
 

@@ -11,8 +11,8 @@ using namespace Qt::StringLiterals;
 
 namespace Test {
 
-Process runProgram(const QString& program, const QStringList& args,
-                   const QStringList& environment) {
+Process runProgram(const QString& program, const QStringList& args, const QStringList& environment,
+                   int timeoutMs) {
     QProcess process;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     for (const QString& entry : environment) {
@@ -22,9 +22,14 @@ Process runProgram(const QString& program, const QStringList& args,
     process.setProcessEnvironment(env);
     process.start(program, args);
     Process result;
-    if (!process.waitForStarted(-1) || !process.waitForFinished(-1))
+    if (!process.waitForStarted(-1))
         return result;
-    result.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    if (!process.waitForFinished(timeoutMs)) {
+        process.kill();
+        process.waitForFinished(-1);
+    } else if (process.exitStatus() == QProcess::NormalExit) {
+        result.status = process.exitCode();
+    }
     result.out = QString::fromUtf8(process.readAllStandardOutput());
     result.err = QString::fromUtf8(process.readAllStandardError());
     return result;

@@ -30,8 +30,9 @@ struct Process {
     QString err;
 };
 // Runs a program directly (no shell); `environment` entries are "NAME=VALUE" added to ours.
+// One still running after `timeoutMs` is killed, its status then -1.
 Process runProgram(const QString& program, const QStringList& args,
-                   const QStringList& environment = {});
+                   const QStringList& environment = {}, int timeoutMs = -1);
 
 // ffmpeg with "-hide_banner -nostdin -y -loglevel error" and `args`; fails the test on error.
 void ffmpeg(const QStringList& args);

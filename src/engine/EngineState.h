@@ -1,0 +1,46 @@
+// Everything the engine keeps between calls, for the life of the process, in
+// one place: the ffmpeg children running now with the one-way switch that stops
+// them, and the tag clips' analyses. (The ffmpeg path, searched once, lives in
+// Runner.cpp; it describes the machine, not the work.) Output names need no
+// state: a finished render claims its name with one atomic rename.
+#pragma once
+
+#include "engine/Engine.h"
+
+#include <QHash>
+#include <functional>
+#include <mutex>
+#include <set>
+
+namespace Engine {
+
+class EngineState {
+public:
+    static EngineState& shared();
+
+    // A started child; when stopping has begun it is killed at once, and false returned.
+    bool adoptChild(qint64 pid);
+    void releaseChild(qint64 pid);
+    // Kills every child and refuses new runs, for good.
+    void stopAll();
+    bool stopping() const;
+
+    // The clip's cached figures, or `measure`'s, stored when it returns. The lock
+    // is held across `measure`, so a clip is never measured twice at once; a
+    // throw stores nothing.
+    TagInfo clipInfo(const QString& path, const std::function<TagInfo()>& measure);
+
+    // As a new process starts: nothing cached, not stopping. For tests; no run
+    // may be in progress.
+    void reset();
+
+private:
+    mutable std::mutex m_childrenLock;
+    std::set<qint64> m_children;
+    bool m_stopping = false;
+
+    std::mutex m_clipLock;
+    QHash<QString, TagInfo> m_clips;
+};
+
+} // namespace Engine

@@ -1,0 +1,223 @@
+// Naming outputs, and making them appear whole: ffmpeg writes a hidden, locked
+// temporary file beside the final name, which the file takes in one step once
+// ffmpeg has succeeded, never replacing what another run put there meanwhile.
+#include "engine/Engine.h"
+
+#include <QFileInfo>
+#include <QRandomGenerator>
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <dirent.h>
+#include <fcntl.h>
+#include <string_view>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace Engine {
+
+namespace {
+
+constexpr std::string_view kTempMark = ".zelkor-";
+constexpr std::string_view kTempEnd = ".part";
+constexpr qsizetype kRandomLength = 6;
+// Keeps the temporary name within the 255 bytes a name may have.
+constexpr qsizetype kTempStemBytes = 200;
+constexpr int kTempAttempts = 100;
+
+[[noreturn]] void fail(int code) {
+    throw Failure(systemReason(code));
+}
+
+bool taken(const QByteArray& path) {
+    struct stat info = {};
+    return ::lstat(path.constData(), &info) == 0; // a dangling link too: a write would follow it
+}
+
+QByteArray numbered(const QByteArray& stem, int n) {
+    return n == 1 ? stem : stem + " (" + QByteArray::number(n) + ')';
+}
+
+QByteArray withExtension(const QByteArray& name, const QString& extension) {
+    return extension.isEmpty() ? name : name + '.' + encodeName(extension);
+}
+
+QByteArray folderOf(const QString& folder) {
+    QByteArray bytes = encodeName(absoluteName(folder));
+    if (!bytes.endsWith('/'))
+        bytes += '/';
+    return bytes;
+}
+
+// ".STEM.zelkor-PID-RANDOM.part"
+bool isTempName(std::string_view name) {
+    if (name.size() < 1 + kTempMark.size() + 2 + kRandomLength + kTempEnd.size() ||
+        name.front() != '.' || !name.ends_with(kTempEnd))
+        return false;
+    name.remove_suffix(kTempEnd.size());
+    for (qsizetype i = 0; i < kRandomLength; ++i, name.remove_suffix(1))
+        if (!std::isalnum(static_cast<unsigned char>(name.back())))
+            return false;
+    if (name.back() != '-')
+        return false;
+    name.remove_suffix(1);
+    std::size_t digits = 0;
+    for (; !name.empty() && name.back() >= '0' && name.back() <= '9'; name.remove_suffix(1))
+        ++digits;
+    return digits > 0 && name.ends_with(kTempMark);
+}
+
+bool sameFile(int fd, const QByteArray& path) {
+    struct stat held = {}, named = {};
+    return ::fstat(fd, &held) == 0 && ::lstat(path.constData(), &named) == 0 &&
+           held.st_dev == named.st_dev && held.st_ino == named.st_ino;
+}
+
+void lock(int fd) {
+    // Where the file system has no locks, no sweep can take this one's either.
+    while (::flock(fd, LOCK_EX) != 0 && errno == EINTR) {
+    }
+}
+
+// Removes the temporary files of runs that died: a living run holds its file's lock.
+void removeDeadTemps(const QByteArray& folder) {
+    DIR* dir = ::opendir(folder.constData());
+    if (!dir)
+        return;
+    while (const dirent* entry = ::readdir(dir)) {
+        if (!isTempName(entry->d_name))
+            continue;
+        const QByteArray path = folder + entry->d_name;
+        const int fd = ::open(path.constData(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+        if (fd < 0)
+            continue;
+        struct stat info = {};
+        // Under the lock, the name must still be this file: another sweep may have
+        // removed it, and a new run taken the name.
+        if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) &&
+            ::flock(fd, LOCK_EX | LOCK_NB) == 0 && sameFile(fd, path))
+            ::unlink(path.constData());
+        ::close(fd);
+    }
+    ::closedir(dir);
+}
+
+QByteArray randomPart() {
+    static constexpr char kAlphabet[] =
+        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+    QByteArray part(kRandomLength, '\0');
+    for (char& c : part)
+        c = kAlphabet[QRandomGenerator::global()->bounded(int(sizeof kAlphabet - 1))];
+    return part;
+}
+
+QByteArray shortened(const QByteArray& stem) {
+    if (stem.size() <= kTempStemBytes)
+        return stem;
+    qsizetype cut = kTempStemBytes;
+    while (cut > 0 && (static_cast<unsigned char>(stem[cut]) & 0xC0) == 0x80)
+        --cut; // not inside a character
+    return stem.left(cut);
+}
+
+// Gives `from` the name `to` unless `to` is taken; 0 or the error. Where the file
+// system cannot rename without replacing, a hard link claims the name; where it
+// has no hard links either (FAT), an empty file does, which the rename replaces.
+int claim(const QByteArray& from, const QByteArray& to) {
+    if (::renameat2(AT_FDCWD, from.constData(), AT_FDCWD, to.constData(), RENAME_NOREPLACE) == 0)
+        return 0;
+    if (errno != EINVAL && errno != ENOSYS && errno != EOPNOTSUPP)
+        return errno;
+    if (::link(from.constData(), to.constData()) == 0) {
+        ::unlink(from.constData());
+        return 0;
+    }
+    if (errno != EPERM && errno != EOPNOTSUPP && errno != ENOSYS)
+        return errno;
+    const int placeholder = ::open(to.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (placeholder < 0)
+        return errno;
+    ::close(placeholder);
+    if (::rename(from.constData(), to.constData()) == 0)
+        return 0;
+    const int error = errno;
+    ::unlink(to.constData());
+    return error;
+}
+
+} // namespace
+
+QString outputURL(const QString& track) {
+    const QFileInfo info(absoluteName(track));
+    const QByteArray folder = folderOf(info.absolutePath());
+    const QByteArray stem = encodeName(info.completeBaseName() + kOutputSuffix);
+    const QString ext = info.suffix().toLower();
+    int n = 1;
+    while (taken(folder + withExtension(numbered(stem, n), ext)))
+        ++n;
+    return decodeName(folder + withExtension(numbered(stem, n), ext));
+}
+
+PendingOutput::PendingOutput(const QString& folder, const QString& stem)
+    : m_folder(folderOf(folder))
+    , m_stem(encodeName(stem)) {
+    removeDeadTemps(m_folder);
+    const QByteArray prefix = m_folder + '.' + shortened(m_stem) + kTempMark.data() +
+                              QByteArray::number(::getpid()) + '-';
+    for (int attempt = 0; attempt < kTempAttempts; ++attempt) {
+        const QByteArray temp = prefix + randomPart() + kTempEnd.data();
+        const int fd = ::open(temp.constData(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (fd < 0) {
+            if (errno == EEXIST)
+                continue;
+            fail(errno);
+        }
+        lock(fd);
+        // A sweep that came between the creation and the lock has removed it.
+        if (sameFile(fd, temp)) {
+            m_temp = temp;
+            m_file = OpenFile(fd, decodeName(temp));
+            return;
+        }
+        ::close(fd);
+    }
+    fail(EEXIST);
+}
+
+PendingOutput::~PendingOutput() {
+    if (!m_committed && !m_temp.isEmpty())
+        ::unlink(m_temp.constData()); // still locked: no sweep is in the way
+}
+
+QString PendingOutput::commit(const QString& extension, Collision collision) {
+    // ffmpeg leaves its writes in the cache: after a power cut the name could
+    // otherwise hold an empty or partial file.
+    if (::fsync(m_file.fd()) != 0)
+        fail(errno);
+    QByteArray target;
+    int error = 0;
+    if (collision == Collision::replace) {
+        target = m_folder + withExtension(m_stem, extension);
+        error = ::rename(m_temp.constData(), target.constData()) == 0 ? 0 : errno;
+    } else {
+        for (int n = 1;; ++n) {
+            target = m_folder + withExtension(numbered(m_stem, n), extension);
+            error = claim(m_temp, target);
+            if (error != EEXIST)
+                break;
+        }
+    }
+    if (error != 0)
+        fail(error);
+    m_committed = true;
+    // The new name on the disk too; the file is complete and named either way.
+    if (const int dir = ::open(m_folder.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        dir >= 0) {
+        ::fsync(dir);
+        ::close(dir);
+    }
+    return decodeName(target);
+}
+
+} // namespace Engine
