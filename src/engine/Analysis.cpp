@@ -1,6 +1,7 @@
 // Measuring a file with one ffmpeg pass: duration, loudness, trailing silence
 // and the audio format, read from ffmpeg's own lines only (a title or a file
 // name may quote any of them).
+#include "engine/AnalysisCache.h"
 #include "engine/Engine.h"
 
 #include <QFileInfo>
@@ -149,10 +150,14 @@ Analysis parseAnalysis(const QString& text) {
     return analysis;
 }
 
-Analysis analyze(const QString& path) {
+static Analysis measure(const QString& path) {
     // ffmpeg quotes the name as it is, so a name holding a line break could forge a line.
     return parseAnalysis(
         run(analysisArguments(path)).output.remove(QFileInfo(path).absoluteFilePath()));
+}
+
+Analysis analyze(const QString& path) {
+    return AnalysisCache::kept(path, measure);
 }
 
 TagInfo info(const QString& path) {

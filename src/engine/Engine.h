@@ -73,6 +73,8 @@ Analysis parseAnalysis(const QString& output);
 // minus, or "-inf". Anything else is not a number.
 std::optional<double> readNumber(QStringView text);
 
+// Figures kept from an earlier run serve while the file and ffmpeg are unchanged
+// (engine/AnalysisCache.h).
 Analysis analyze(const QString& path);
 // For tag clips: measured once per path for the life of the process.
 TagInfo info(const QString& path);
