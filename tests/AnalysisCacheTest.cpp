@@ -5,7 +5,6 @@
 #include "support/FreshHome.h"
 #include "support/TestSupport.h"
 
-#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -21,12 +20,8 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// Until a change to the file would show in its times, its figures are not kept.
 void awaitSettled(const QString& path) {
-    const QFileInfo info(path);
-    const QDateTime changed = std::max(info.lastModified(), info.metadataChangeTime());
-    while (QDateTime::currentDateTime() <=
-           changed.addMSecs(Engine::AnalysisCache::kSettleTime.count() + 1))
+    while (!Engine::AnalysisCache::settled(path))
         QThread::msleep(5);
 }
 

@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <ctime>
 #include <fcntl.h>
@@ -39,6 +40,10 @@ constexpr qint64 kMaxEntryBytes = 64 * 1024;
 // Evicting a tenth at a time spares a listing and sort on every later write.
 constexpr int kEvictTo = AnalysisCache::kMaxEntries * 9 / 10;
 constexpr long kNanosecondsPerSecond = 1'000'000'000;
+// How long a change takes to be sure to show in a file's times: a tick of the
+// kernel's clock, or the step of file systems with whole-second times (FAT, ext3).
+constexpr std::chrono::milliseconds kSettleTime{100};
+constexpr std::chrono::milliseconds kCoarseSettleTime{2500};
 
 struct Time {
     long long seconds = 0;
@@ -90,12 +95,11 @@ Time now() {
     return timeOf(t);
 }
 
-// Whether any change after `at` must show in the file's times (see kSettleTime).
-bool settled(const Stamp& file, Time at) {
+// Whether any change after `at` must show in the file's times.
+bool settledAt(const Stamp& file, Time at) {
     const bool wholeSeconds = file.modified.nanoseconds == 0 || file.changed.nanoseconds == 0;
     const Time latest = std::max(file.modified, file.changed);
-    return latest <=
-           before(at, wholeSeconds ? AnalysisCache::kCoarseSettleTime : AnalysisCache::kSettleTime);
+    return latest <= before(at, wholeSeconds ? kCoarseSettleTime : kSettleTime);
 }
 
 QJsonArray identity(const QString& file, const Stamp& fileStamp, const QString& program,
@@ -320,9 +324,14 @@ Analysis kept(const QString& path, const std::function<Analysis(const QString&)>
     }
     const Analysis measured = measure(path);
     // Not kept when the file changed while ffmpeg read it, or might change unseen.
-    if (settled(*stamp, statedAt) && stampOf(file) == stamp)
+    if (settledAt(*stamp, statedAt) && stampOf(file) == stamp)
         write(entry, key, measured);
     return measured;
+}
+
+bool settled(const QString& path) {
+    const std::optional<Stamp> stamp = stampOf(path);
+    return stamp && settledAt(*stamp, now());
 }
 
 } // namespace AnalysisCache

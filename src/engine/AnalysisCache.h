@@ -4,7 +4,6 @@
 
 #include "engine/Engine.h"
 
-#include <chrono>
 #include <functional>
 
 namespace Engine {
@@ -18,11 +17,6 @@ namespace AnalysisCache {
 
 // At most this many files' figures are kept; past it the least recently used go.
 constexpr int kMaxEntries = 5000;
-// A file changed more recently than this is measured but not kept: a second
-// change within one tick of the file system's clock could leave its times as
-// they were. Files with whole-second times (FAT, ext3) wait longer.
-constexpr std::chrono::milliseconds kSettleTime{100};
-constexpr std::chrono::milliseconds kCoarseSettleTime{2500};
 
 // $XDG_CACHE_HOME/ODRAVEX Zelkor/analyses (default ~/.cache); made on the first write.
 QString folder();
@@ -31,6 +25,11 @@ QString folder();
 // since they were measured; otherwise `measure(path)`, kept when it returns. A
 // throw keeps nothing, and a cache that cannot be read or written is passed by.
 Analysis kept(const QString& path, const std::function<Analysis(const QString&)>& measure);
+
+// Whether figures measured now would be kept: a file changed moments ago is
+// measured but not kept, since a second change within one tick of the file
+// system's clock could leave its times as they were.
+bool settled(const QString& path);
 
 } // namespace AnalysisCache
 
