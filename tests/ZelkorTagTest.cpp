@@ -199,11 +199,12 @@ TEST_F(ZelkorTag, jobsWriteWhatOneAtATimeWritesInTrackOrder) {
                           ::Test::systemFFmpeg().toUtf8() + " \"$@\"\n",
                       true);
     const QString env = u"ZELKOR_RESOURCES="_s + path(u"share"_s);
+    // Each run with a cache of its own, so that both measure.
     const auto tagAll = [&](int jobs) {
         return zelkorTag(QStringList{u"--tag"_s, clip, u"--jobs"_s, QString::number(jobs),
                                      u"--interval"_s, u"5"_s} +
                              tracks,
-                         {env});
+                         {env, u"XDG_CACHE_HOME="_s + path(u"cache %1"_s.arg(jobs))});
     };
     const auto output = [&](int i) { return path(u"beat %1 (Tagged).wav"_s.arg(i)); };
 

@@ -1,6 +1,7 @@
 // Measuring a file with one ffmpeg pass: duration, loudness, trailing silence
 // and the audio format, read from ffmpeg's own lines only (a title or a file
 // name may quote any of them).
+#include "engine/AnalysisCache.h"
 #include "engine/Engine.h"
 #include "engine/EngineState.h"
 
@@ -149,7 +150,7 @@ Analysis parseAnalysis(const QString& text) {
     return analysis;
 }
 
-Analysis analyze(const QString& path) {
+static Analysis measure(const QString& path) {
     const OpenFile input = openInput(path);
     RunResult result = run(analysisArguments(input.argument()),
                            input.passDown() ? std::vector{input.fd()} : std::vector<int>{});
@@ -165,6 +166,10 @@ Analysis analyze(const QString& path) {
     if (!audioStream.match(text).hasMatch())
         throw TagError::unreadable();
     return parseAnalysis(text);
+}
+
+Analysis analyze(const QString& path) {
+    return AnalysisCache::kept(path, measure);
 }
 
 TagInfo info(const QString& path) {

@@ -111,6 +111,8 @@ std::optional<double> readNumber(QStringView text);
 
 // Throws TagError::unreadable also when the run did not end normally with
 // status 0, or the file holds no audio stream.
+// Figures kept from an earlier run serve while the file and ffmpeg are unchanged
+// (engine/AnalysisCache.h).
 Analysis analyze(const QString& path);
 // For tag clips: measured once per path for the life of the process (EngineState).
 TagInfo info(const QString& path);

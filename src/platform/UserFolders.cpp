@@ -30,4 +30,8 @@ QString appDataDir() {
     return dataHome() + QLatin1Char('/') + appName;
 }
 
+QString cacheHome() {
+    return baseFolder("XDG_CACHE_HOME", QStringLiteral(".cache"));
+}
+
 } // namespace UserFolders

@@ -12,5 +12,7 @@ QString configHome();
 QString dataHome();
 // dataHome()/ODRAVEX Zelkor. Not created here.
 QString appDataDir();
+// $XDG_CACHE_HOME, or ~/.cache when that is unset, empty or relative.
+QString cacheHome();
 
 } // namespace UserFolders

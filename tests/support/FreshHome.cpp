@@ -12,6 +12,7 @@ FreshHome::FreshHome() {
     setEnv("HOME", m_dir.path() + QStringLiteral("/home"));
     setEnv("XDG_CONFIG_HOME", configHome());
     setEnv("XDG_DATA_HOME", dataHome());
+    setEnv("XDG_CACHE_HOME", cacheHome());
 }
 
 FreshHome::~FreshHome() {
@@ -32,6 +33,9 @@ QString FreshHome::configHome() const {
 }
 QString FreshHome::dataHome() const {
     return m_dir.path() + QStringLiteral("/data");
+}
+QString FreshHome::cacheHome() const {
+    return m_dir.path() + QStringLiteral("/cache");
 }
 QString FreshHome::appData() const {
     return dataHome() + QStringLiteral("/ODRAVEX Zelkor");

@@ -1,5 +1,6 @@
-// A private home for one test: HOME, XDG_CONFIG_HOME and XDG_DATA_HOME inside
-// a new temporary folder, so nothing touches the real user's files.
+// A private home for one test: HOME, XDG_CONFIG_HOME, XDG_DATA_HOME and
+// XDG_CACHE_HOME inside a new temporary folder, so nothing touches the real
+// user's files.
 #pragma once
 
 #include <QByteArray>
@@ -24,6 +25,7 @@ public:
     QString root() const;            // a scratch folder for the test's own files
     QString configHome() const;      // $XDG_CONFIG_HOME
     QString dataHome() const;        // $XDG_DATA_HOME
+    QString cacheHome() const;       // $XDG_CACHE_HOME
     QString appData() const;         // $XDG_DATA_HOME/ODRAVEX Zelkor
     QString tagsDir() const;         // .../ODRAVEX Zelkor/Tags
     QString preferencesPath() const; // $XDG_CONFIG_HOME/ODRAVEX Zelkor/preferences.json

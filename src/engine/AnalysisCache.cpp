@@ -1,0 +1,339 @@
+// The analysis cache on disk: one small JSON file per identity of a file and
+// ffmpeg, named by a hash of that identity and holding it whole, renamed into
+// place once written, so processes sharing the folder never see half an entry.
+#include "engine/AnalysisCache.h"
+#include "platform/AppName.h"
+#include "platform/UserFolders.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <ctime>
+#include <fcntl.h>
+#include <limits>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace Engine {
+
+namespace {
+
+std::atomic<bool> enabled{true};
+
+// Raised when an entry's layout changes.
+constexpr int kCacheVersion = 1;
+// Raised when the same ffmpeg text would give other figures (a change to
+// parseAnalysis); a change to the filter chain makes other keys by itself.
+constexpr int kFiguresVersion = 1;
+// An entry is a few hundred bytes; anything far bigger is damage.
+constexpr qint64 kMaxEntryBytes = 64 * 1024;
+// Evicting a tenth at a time spares a listing and sort on every later write.
+constexpr int kEvictTo = AnalysisCache::kMaxEntries * 9 / 10;
+constexpr long kNanosecondsPerSecond = 1'000'000'000;
+// How long a change takes to be sure to show in a file's times: a tick of the
+// kernel's clock, or the step of file systems with whole-second times (FAT, ext3).
+constexpr std::chrono::milliseconds kSettleTime{100};
+constexpr std::chrono::milliseconds kCoarseSettleTime{2500};
+
+struct Time {
+    long long seconds = 0;
+    long nanoseconds = 0;
+    auto operator<=>(const Time&) const = default;
+};
+
+Time timeOf(const timespec& t) {
+    return {t.tv_sec, t.tv_nsec};
+}
+
+Time before(Time t, std::chrono::nanoseconds span) {
+    t.seconds -= span.count() / kNanosecondsPerSecond;
+    t.nanoseconds -= static_cast<long>(span.count() % kNanosecondsPerSecond);
+    if (t.nanoseconds < 0) {
+        t.nanoseconds += kNanosecondsPerSecond;
+        --t.seconds;
+    }
+    return t;
+}
+
+QString text(const Time& t) {
+    return QStringLiteral("%1.%2").arg(t.seconds).arg(t.nanoseconds, 9, 10, QLatin1Char('0'));
+}
+
+// What changes when a file does: a new file under the name changes the inode,
+// a write changes the change time even when the modification time is set back.
+struct Stamp {
+    unsigned long long device = 0;
+    unsigned long long inode = 0;
+    long long size = 0;
+    Time modified;
+    Time changed;
+    bool regular = false;
+    bool operator==(const Stamp&) const = default;
+};
+
+std::optional<Stamp> stampOf(const QString& path) {
+    struct stat info {};
+    if (::stat(encodeName(path).constData(), &info) != 0)
+        return std::nullopt;
+    return Stamp{info.st_dev,          info.st_ino,          info.st_size,
+                 timeOf(info.st_mtim), timeOf(info.st_ctim), S_ISREG(info.st_mode)};
+}
+
+Time now() {
+    timespec t{};
+    ::clock_gettime(CLOCK_REALTIME, &t);
+    return timeOf(t);
+}
+
+// Whether any change after `at` must show in the file's times.
+bool settledAt(const Stamp& file, Time at) {
+    const bool wholeSeconds = file.modified.nanoseconds == 0 || file.changed.nanoseconds == 0;
+    const Time latest = std::max(file.modified, file.changed);
+    return latest <= before(at, wholeSeconds ? kCoarseSettleTime : kSettleTime);
+}
+
+QJsonArray identity(const QString& file, const Stamp& fileStamp, const QString& program,
+                    const Stamp& programStamp) {
+    QJsonArray key{kCacheVersion, kFiguresVersion, kAnalysisFilter};
+    for (const auto& [path, stamp] : {std::pair(file, fileStamp), std::pair(program, programStamp)})
+        key << path << QString::number(stamp.size) << QString::number(stamp.device)
+            << QString::number(stamp.inode) << text(stamp.modified) << text(stamp.changed);
+    return key;
+}
+
+QString entryPath(const QJsonArray& key) {
+    const QByteArray hash = QCryptographicHash::hash(
+        QJsonDocument(key).toJson(QJsonDocument::Compact), QCryptographicHash::Sha256);
+    return AnalysisCache::folder() + QLatin1Char('/') + QString::fromLatin1(hash.toHex()) +
+           QStringLiteral(".json");
+}
+
+// --- figures ---------------------------------------------------------------
+
+// JSON has no infinities, and a figure such as a silent file's peak may be one.
+QJsonValue numberValue(double value) {
+    if (std::isfinite(value))
+        return value;
+    return std::isnan(value) ? QStringLiteral("nan")
+           : value > 0       ? QStringLiteral("inf")
+                             : QStringLiteral("-inf");
+}
+
+std::optional<double> numberFrom(const QJsonValue& value) {
+    if (value.isDouble())
+        return value.toDouble();
+    if (value == QStringLiteral("inf"))
+        return std::numeric_limits<double>::infinity();
+    if (value == QStringLiteral("-inf"))
+        return -std::numeric_limits<double>::infinity();
+    if (value == QStringLiteral("nan"))
+        return std::numeric_limits<double>::quiet_NaN();
+    return std::nullopt;
+}
+
+// Reads one entry's figures; a required one missing, or any of the wrong type,
+// makes the whole entry damaged.
+class FigureReader {
+public:
+    explicit FigureReader(QJsonObject figures)
+        : m_figures(std::move(figures)) {}
+
+    std::optional<double> optionalNumber(const QString& name) {
+        const QJsonValue value = m_figures.value(name);
+        if (value.isUndefined())
+            return std::nullopt;
+        const std::optional<double> number = numberFrom(value);
+        m_damaged |= !number;
+        return number;
+    }
+    double number(const QString& name) {
+        const std::optional<double> value = optionalNumber(name);
+        m_damaged |= !value;
+        return value.value_or(0);
+    }
+    std::optional<QString> optionalText(const QString& name) {
+        const QJsonValue value = m_figures.value(name);
+        m_damaged |= !value.isUndefined() && !value.isString();
+        return value.isString() ? std::optional(value.toString()) : std::nullopt;
+    }
+    bool damaged() const { return m_damaged; }
+
+private:
+    QJsonObject m_figures;
+    bool m_damaged = false;
+};
+
+// Both directions bind every field of Analysis by name, so a field added there
+// fails to compile here until it is written and read (raise kFiguresVersion then).
+QJsonObject figuresOf(const Analysis& analysis) {
+    const auto& [lufs, duration, silenceStart, format] = analysis;
+    QJsonObject figures{{QStringLiteral("lufs"), numberValue(lufs)},
+                        {QStringLiteral("duration"), numberValue(duration)}};
+    if (silenceStart)
+        figures.insert(QStringLiteral("silenceStart"), numberValue(*silenceStart));
+    if (format) {
+        figures.insert(QStringLiteral("sampleRate"), format->sampleRate);
+        figures.insert(QStringLiteral("channelLayout"), format->channelLayout);
+    }
+    return figures;
+}
+
+std::optional<Analysis> analysisFrom(const QJsonObject& figures) {
+    FigureReader read(figures);
+    Analysis analysis;
+    auto& [lufs, duration, silenceStart, format] = analysis;
+    lufs = read.number(QStringLiteral("lufs"));
+    duration = read.number(QStringLiteral("duration"));
+    silenceStart = read.optionalNumber(QStringLiteral("silenceStart"));
+    const std::optional<double> rate = read.optionalNumber(QStringLiteral("sampleRate"));
+    const std::optional<QString> layout = read.optionalText(QStringLiteral("channelLayout"));
+    if (rate.has_value() != layout.has_value())
+        return std::nullopt;
+    if (rate) {
+        if (!(*rate >= 1 && *rate <= std::numeric_limits<int>::max()) || *rate != std::floor(*rate))
+            return std::nullopt;
+        format = AudioFormat{static_cast<int>(*rate), *layout};
+    }
+    if (read.damaged())
+        return std::nullopt;
+    return analysis;
+}
+
+// --- entries ---------------------------------------------------------------
+
+std::optional<Analysis> read(const QString& entry, const QJsonArray& key) {
+    QFile file(entry);
+    if (!file.open(QIODevice::ReadOnly))
+        return std::nullopt;
+    const QByteArray bytes = file.read(kMaxEntryBytes + 1);
+    if (bytes.size() > kMaxEntryBytes)
+        return std::nullopt;
+    QJsonParseError error{};
+    const QJsonObject object = QJsonDocument::fromJson(bytes, &error).object();
+    // The whole identity is kept in the entry: a hash that collides reads as a miss.
+    if (error.error != QJsonParseError::NoError || object.value(QStringLiteral("key")) != key)
+        return std::nullopt;
+    return analysisFrom(object.value(QStringLiteral("figures")).toObject());
+}
+
+// The base-directory rules ask for 0700: the entries name the user's files.
+bool makeFolder(const QString& path) {
+    const QByteArray name = QFile::encodeName(path);
+    if (::mkdir(name.constData(), 0700) != 0 && errno == ENOENT) {
+        const QString parent = QFileInfo(path).path();
+        if (parent == path || !makeFolder(parent))
+            return false;
+        ::mkdir(name.constData(), 0700);
+    }
+    return QFileInfo(path).isDir();
+}
+
+bool writeAll(int fd, const QByteArray& bytes) {
+    qsizetype done = 0;
+    while (done < bytes.size()) {
+        const ssize_t written =
+            ::write(fd, bytes.constData() + done, static_cast<size_t>(bytes.size() - done));
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written <= 0)
+            return false;
+        done += written;
+    }
+    return true;
+}
+
+// A hit touches its entry, so the oldest times are the least recently used.
+void evictIfFull(const QString& folder) {
+    const QDir::Filters files = QDir::Files | QDir::Hidden;
+    if (QDir(folder).entryList(files, QDir::Unsorted).size() <= AnalysisCache::kMaxEntries)
+        return;
+    // One stat per entry: QDir's own sort by time asks again at every comparison.
+    std::vector<std::pair<qint64, QString>> used;
+    for (const QFileInfo& entry : QDir(folder).entryInfoList(files, QDir::Unsorted))
+        used.emplace_back(entry.lastModified().toMSecsSinceEpoch(), entry.filePath());
+    std::sort(used.begin(), used.end(), std::greater<>());
+    for (std::size_t i = kEvictTo; i < used.size(); ++i)
+        QFile::remove(used[i].second);
+}
+
+// Written beside its name and renamed over it. No sync: a crash can only leave
+// an entry that reads as damaged, and that is measured again.
+void write(const QString& entry, const QJsonArray& key, const Analysis& analysis) {
+    const QString folder = AnalysisCache::folder();
+    if (!makeFolder(folder))
+        return;
+    const QByteArray bytes =
+        QJsonDocument(QJsonObject{{QStringLiteral("key"), key},
+                                  {QStringLiteral("figures"), figuresOf(analysis)}})
+            .toJson(QJsonDocument::Compact);
+    QByteArray temporary = QFile::encodeName(folder + QStringLiteral("/.entry-XXXXXX"));
+    const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
+    if (fd < 0)
+        return;
+    const bool written = writeAll(fd, bytes);
+    if (::close(fd) != 0 || !written ||
+        ::rename(temporary.constData(), QFile::encodeName(entry).constData()) != 0) {
+        ::unlink(temporary.constData());
+        return;
+    }
+    evictIfFull(folder);
+}
+
+} // namespace
+
+void setAnalysisCache(bool on) {
+    enabled = on;
+}
+
+bool analysisCache() {
+    return enabled;
+}
+
+namespace AnalysisCache {
+
+QString folder() {
+    return UserFolders::cacheHome() + QLatin1Char('/') + appName + QStringLiteral("/analyses");
+}
+
+Analysis kept(const QString& path, const std::function<Analysis(const QString&)>& measure) {
+    const std::optional<QString>& program = ffmpeg();
+    if (!enabled || !program)
+        return measure(path);
+    const QString file = absoluteName(path);
+    const std::optional<Stamp> stamp = stampOf(file);
+    const Time statedAt = now();
+    const std::optional<Stamp> programStamp = stampOf(*program);
+    if (!stamp || !stamp->regular || !programStamp)
+        return measure(path);
+
+    const QJsonArray key = identity(file, *stamp, *program, *programStamp);
+    const QString entry = entryPath(key);
+    if (std::optional<Analysis> found = read(entry, key)) {
+        ::utimensat(AT_FDCWD, QFile::encodeName(entry).constData(), nullptr, 0);
+        return *found;
+    }
+    const Analysis measured = measure(path);
+    // Not kept when the file changed while ffmpeg read it, or might change unseen.
+    if (settledAt(*stamp, statedAt) && stampOf(file) == stamp)
+        write(entry, key, measured);
+    return measured;
+}
+
+bool settled(const QString& path) {
+    const std::optional<Stamp> stamp = stampOf(path);
+    return stamp && settledAt(*stamp, now());
+}
+
+} // namespace AnalysisCache
+
+} // namespace Engine

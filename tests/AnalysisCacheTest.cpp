@@ -1,0 +1,169 @@
+// Analyses kept between runs: a hit spares ffmpeg, and a changed track, another
+// ffmpeg, a damaged entry or a failed measurement never serves figures.
+#include "engine/AnalysisCache.h"
+#include "platform/Resources.h"
+#include "support/FreshHome.h"
+#include "support/TestSupport.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QThread>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+void awaitSettled(const QString& path) {
+    while (!Engine::AnalysisCache::settled(path))
+        QThread::msleep(5);
+}
+
+QStringList entries() {
+    QDir folder(Engine::AnalysisCache::folder());
+    return folder.entryList(QDir::Files | QDir::Hidden);
+}
+
+QString onlyEntry() {
+    const QStringList names = entries();
+    return names.size() == 1 ? Engine::AnalysisCache::folder() + u'/' + names[0] : QString();
+}
+
+// New bytes in the same file (same inode, same size), as an editor saving in place would.
+void overwrite(const QString& path, const QByteArray& bytes) {
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+    ASSERT_EQ(file.write(bytes), bytes.size());
+}
+
+struct Counting {
+    int runs = 0;
+    Engine::Analysis operator()(const QString&) {
+        ++runs;
+        Engine::Analysis measured;
+        measured.duration = 1;
+        return measured;
+    }
+};
+
+} // namespace
+
+TEST(AnalysisCache, keptFiguresServeOnlyTheSameFileAndADamagedEntryIsReplaced) {
+    ::Test::FreshHome home;
+    const QString track = home.root() + u"/beat.wav"_s, quiet = home.root() + u"/quiet.wav"_s;
+    ::Test::makeAudio(track, u"sine=frequency=220"_s, 3);
+    ::Test::makeAudio(quiet, u"aevalsrc=0.01*sin(2*PI*220*t)"_s, 3);
+    const QByteArray loudBytes = ::Test::readAll(track);
+    awaitSettled(track);
+    const Engine::Analysis first = Engine::analyze(track);
+    const QString entry = onlyEntry();
+    ASSERT_FALSE(entry.isEmpty()) << entries().join(u' ').toStdString();
+
+    // A damaged entry is measured again and replaced.
+    ::Test::writeFile(entry, "{\"key\":[1,1,\"silence");
+    EXPECT_EQ(Engine::analyze(track).lufs, first.lufs);
+    QJsonObject kept = QJsonDocument::fromJson(::Test::readAll(entry)).object();
+    const QJsonObject figures = kept[u"figures"_s].toObject();
+    EXPECT_EQ(figures[u"lufs"_s].toDouble(), first.lufs);
+    EXPECT_EQ(figures[u"duration"_s].toDouble(), first.duration);
+    EXPECT_EQ(figures[u"sampleRate"_s].toInt(), 44100);
+    EXPECT_EQ(figures[u"channelLayout"_s].toString(), u"stereo"_s);
+
+    // A forged loudness shows which calls read the entry.
+    kept[u"figures"_s] = QJsonObject{{u"lufs"_s, -1.5}, {u"duration"_s, 3}};
+    ::Test::writeFile(entry, QJsonDocument(kept).toJson());
+    EXPECT_EQ(Engine::analyze(track).lufs, -1.5);
+    Engine::setAnalysisCache(false);
+    EXPECT_EQ(Engine::analyze(track).lufs, first.lufs);
+    Engine::setAnalysisCache(true);
+
+    // Same size, new content: measured again, even with the old modification time put back.
+    struct stat before {};
+    ASSERT_EQ(::stat(QFile::encodeName(track).constData(), &before), 0);
+    overwrite(track, ::Test::readAll(quiet));
+    EXPECT_LT(Engine::analyze(track).lufs, first.lufs - 20);
+    overwrite(track, loudBytes);
+    const timespec times[2] = {before.st_atim, before.st_mtim};
+    ASSERT_EQ(::utimensat(AT_FDCWD, QFile::encodeName(track).constData(), times, 0), 0);
+    EXPECT_EQ(Engine::analyze(track).lufs, first.lufs);
+
+    // A cache folder that cannot be made is passed by.
+    home.setEnv("XDG_CACHE_HOME", track + u"/cache"_s);
+    EXPECT_EQ(Engine::analyze(quiet).duration, 3);
+}
+
+TEST(AnalysisCache, aFailedMeasurementKeepsNothingAndTheLeastRecentlyUsedGoPastTheBound) {
+    const ::Test::FreshHome home;
+    const QString track = home.root() + u"/beat.wav"_s;
+    ::Test::writeFile(track, "any bytes");
+    awaitSettled(track);
+    EXPECT_THROW(
+        Engine::AnalysisCache::kept(
+            track, [](const QString&) -> Engine::Analysis { throw TagError::unreadable(); }),
+        TagError);
+    EXPECT_EQ(entries(), QStringList());
+
+    // A full folder of older entries: the new one stays (the second call finds it),
+    // the oldest goes. Links, since creating 5,000 files is slow on some disks.
+    const QString folder = Engine::AnalysisCache::folder(), oldest = folder + u"/oldest"_s;
+    QDir().mkpath(folder);
+    const auto writeAt = [](const QString& name, time_t seconds) {
+        ::Test::writeFile(name, "{}");
+        const timespec times[2] = {{seconds, 0}, {seconds, 0}};
+        ::utimensat(AT_FDCWD, QFile::encodeName(name).constData(), times, 0);
+    };
+    writeAt(oldest, 1'000'000'000);
+    writeAt(folder + u"/old-0"_s, 1'100'000'000);
+    const QByteArray filler = QFile::encodeName(folder + u"/old-0"_s);
+    for (int i = 1; i < Engine::AnalysisCache::kMaxEntries - 1; ++i)
+        ::link(filler.constData(), filler.constData() + QByteArray::number(i));
+    Counting counting;
+    Engine::AnalysisCache::kept(track, std::ref(counting));
+    Engine::AnalysisCache::kept(track, std::ref(counting));
+    EXPECT_EQ(counting.runs, 1);
+    EXPECT_LT(entries().size(), Engine::AnalysisCache::kMaxEntries);
+    EXPECT_FALSE(QFileInfo::exists(oldest));
+}
+
+// zelkor-tag through ffmpeg wrappers that log their runs.
+TEST(AnalysisCache, aSecondRunMeasuresNothingUnlessFfmpegIsAnother) {
+    ::Test::FreshHome home;
+    const QString track = home.root() + u"/beat.wav"_s, clip = home.root() + u"/tag.wav"_s;
+    ::Test::makeAudio(track, u"sine=frequency=220"_s, 6);
+    ::Test::makeAudio(clip, u"sine=frequency=880"_s, 0.5, 8000, 1);
+    const auto wrapper = [&](const QString& name) {
+        const QString share = home.root() + u'/' + name;
+        QDir().mkpath(share);
+        for (const QString& entry :
+             QDir(Resources::dir()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot))
+            if (entry != u"ffmpeg"_s)
+                QFile::link(Resources::dir() + u'/' + entry, share + u'/' + entry);
+        ::Test::writeFile(share + u"/ffmpeg"_s,
+                          "#!/bin/sh\necho \"$*\" >> \"$0.log\"\nexec " +
+                              ::Test::systemFFmpeg().toUtf8() + " \"$@\"\n",
+                          true);
+        return share;
+    };
+    const auto tag = [&](const QString& share) {
+        const auto run =
+            ::Test::runProgram(::Test::binary(u"zelkor-tag"_s), {u"--tag"_s, clip, track},
+                               {u"ZELKOR_RESOURCES="_s + share});
+        EXPECT_EQ(run.status, 0) << run.out.toStdString();
+        const QStringList runs = QString::fromUtf8(::Test::readAll(share + u"/ffmpeg.log"_s))
+                                     .split(u'\n', Qt::SkipEmptyParts);
+        return runs.filter(u" -f null -"_s).size();
+    };
+    const QString first = wrapper(u"first"_s), other = wrapper(u"other"_s);
+    awaitSettled(track);
+    awaitSettled(clip);
+    EXPECT_EQ(tag(first), 2);
+    EXPECT_EQ(tag(first), 2);
+    EXPECT_EQ(tag(other), 2);
+    EXPECT_EQ(QDir(home.root()).entryList({u"beat (Tagged)*"_s}).size(), 3);
+}
