@@ -2,6 +2,7 @@
 // programs, their entry, icons, AppStream entry, man pages and completions; an
 // install that writes exactly its manifest and an uninstall that takes it all
 // back; the package checked by lintian and run from the folder it lies in.
+#include "platform/Resources.h"
 #include "support/FreshHome.h"
 #include "support/TestSupport.h"
 
@@ -99,6 +100,7 @@ TEST(Install, writesExactlyItsManifestWhereTheDesktopLooksAndUninstallTakesItBac
 
     EXPECT_TRUE(
         QFileInfo::exists(share + QStringLiteral("/icons/hicolor/scalable/apps/zelkor.svg")));
+    EXPECT_TRUE(QFileInfo::exists(Resources::icon())); // the window's, in the build tree
     for (const int size : {16, 24, 32, 48, 64, 128, 256})
         EXPECT_EQ(
             QImage(share + QStringLiteral("/icons/hicolor/%1x%1/apps/zelkor.png").arg(size)).size(),
