@@ -5,7 +5,10 @@
 # make bench: the published speed figures, each against its target.
 # make bench-long: peak memory tagging a 2-hour track.
 # make fuzz: each fuzz target for FUZZ_SECONDS.
-# make install: the program, its resources, desktop entry and icon under PREFIX.
+# make install: the programs, resources, desktop entry, icons, man pages and
+#   completions under PREFIX (DESTDIR=... stages them elsewhere).
+# make uninstall: removes exactly what the last make install wrote.
+# make deb: the Debian package in build/package/, checked by lintian.
 
 BUILD ?= build
 JOBS ?= $(shell nproc)
@@ -21,7 +24,7 @@ SANITIZER_ENV := ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:die_after_fork=0:suppressions=$(CURDIR)/tests/sanitizers/tsan.supp
 
-.PHONY: all deps configure build run demo test test-asan test-tsan fuzz fuzz-smoke bench bench-long install format clean
+.PHONY: all deps configure build run demo test test-asan test-tsan fuzz fuzz-smoke bench bench-long install uninstall deb format clean
 
 all: build
 
@@ -78,6 +81,14 @@ bench-long: build
 
 install: build
 	@cmake --install $(BUILD) --prefix $(PREFIX)
+
+uninstall:
+	@cmake -DMANIFEST=$(BUILD)/install_manifest.txt -P packaging/Uninstall.cmake
+
+deb: build
+	@rm -f $(BUILD)/package/*.deb
+	@cd $(BUILD) && cpack
+	@lintian --fail-on error $(BUILD)/package/*.deb
 
 format:
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i

@@ -23,8 +23,7 @@ QAction* addEntry(QMenu& menu, const QString& title, const QKeySequence& keys) {
 } // namespace
 
 QIcon applicationIcon() {
-    // Resources live in share/zelkor; the icon in the theme folder beside it.
-    return QIcon(Resources::path(QStringLiteral("../icons/hicolor/scalable/apps/zelkor.svg")));
+    return QIcon(Resources::icon());
 }
 
 void installMenuBar(QMainWindow& window) {
