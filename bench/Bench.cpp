@@ -1,5 +1,6 @@
 // zelkor-bench: measures the figures the README publishes, each against its
 // target. Nothing here fails a build; it only prints.
+#include "engine/Batch.h"
 #include "engine/Engine.h"
 #include "platform/FileViewer.h"
 #include "platform/Preferences.h"
@@ -162,7 +163,8 @@ void paint() {
     Silent services;
     PreferencesFile preferences(PreferencesFile::userPath());
     HomeTrash trash(HomeTrash::userFolder());
-    HUDView view({services, services, preferences, trash});
+    std::unique_ptr<Batch> batch;
+    HUDView view({services, services, preferences, trash, batch});
     view.resize(HUDView::kSize);
     view.snapshot(1); // fonts, images and the dot grid are made once, as on screen
     const double ms = medianMs(101, [&] { view.snapshot(1); });

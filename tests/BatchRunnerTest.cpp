@@ -1,10 +1,14 @@
 // Batches through the real engine and the real ffmpeg on generated audio: the
-// log lines in track order, the progress, the files shown and the end sound.
+// window's log lines, progress, files shown and end sound, and the runner under
+// it on its own: track order with several jobs, and stopping.
+#include "engine/Batch.h"
 #include "model/Settings.h"
 #include "style/Palette.h"
 #include "support/GuiSupport.h"
 
 #include <gtest/gtest.h>
+#include <mutex>
+#include <unistd.h>
 
 using namespace Style;
 
@@ -100,8 +104,100 @@ TEST_F(BatchRunner, aViewClosedDuringABatchIsLeftAlone) {
     addTag();
     view().start({track(QStringLiteral("gone.wav"))});
     m_view.reset();
-    EXPECT_TRUE(::Test::waitUntil([] { return !HUDView::workersRunning(); }, 120'000));
+    batch->wait();
     QCoreApplication::processEvents();
     EXPECT_TRUE(sounds.played.isEmpty());
     EXPECT_TRUE(viewer.shown.empty());
+}
+
+namespace {
+
+// The runner itself, without a window.
+class BatchCore : public ::Test::TempFolder {
+protected:
+    QString track(const QString& name, double seconds, int channels = 2) {
+        ::Test::makeAudio(path(name), QStringLiteral("sine=frequency=220"), seconds, 44100,
+                          channels);
+        return path(name);
+    }
+    Batch::Work work(const QStringList& tracks, int jobs) {
+        ::Test::makeAudio(path(QStringLiteral("tag.wav")), QStringLiteral("sine=frequency=880"),
+                          0.5);
+        return {tracks, path(QStringLiteral("tag.wav")), 20, -5, jobs};
+    }
+    // Every outcome in the order handed over, and how often the end came.
+    std::vector<Batch::Outcome> outcomes;
+    int ends = 0;
+    Batch::OnTrack record() {
+        return [this](const Batch::Outcome& outcome) { outcomes.push_back(outcome); };
+    }
+};
+
+// This process's children still running.
+int children() {
+    int count = 0;
+    const QByteArray parent = QByteArray::number(::getpid());
+    for (const QString& pid : QDir(QStringLiteral("/proc")).entryList({QStringLiteral("[0-9]*")}))
+        // "pid (name) state ppid ...": the name may hold blanks, so read after its ')'.
+        if (const QByteArray stat = ::Test::readAll(QStringLiteral("/proc/%1/stat").arg(pid));
+            stat.mid(stat.lastIndexOf(')') + 2).split(' ').value(1) == parent)
+            ++count;
+    return count;
+}
+
+} // namespace
+
+// The first track takes longest, yet the outcomes come in track order, one each,
+// and the end comes once after them.
+TEST_F(BatchCore, outcomesComeInTrackOrderWhateverFinishesFirst) {
+    ::Test::writeFile(path(QStringLiteral("b.wav")), "not audio");
+    const QStringList tracks{track(QStringLiteral("a.wav"), 120), path(QStringLiteral("b.wav")),
+                             track(QStringLiteral("c.wav"), 1), track(QStringLiteral("d.wav"), 1)};
+    {
+        Batch batch(work(tracks, 3), record(), [this] { ++ends; });
+        batch.wait();
+        EXPECT_EQ(ends, 1);
+    }
+    ASSERT_EQ(outcomes.size(), 4u);
+    for (qsizetype i = 0; i < 4; ++i) {
+        EXPECT_EQ(outcomes[i].index, i);
+        EXPECT_EQ(outcomes[i].track, tracks[i]);
+        EXPECT_EQ(outcomes[i].result.has_value(), i != 1) << outcomes[i].error.toStdString();
+    }
+    EXPECT_EQ(outcomes[0].result->placements, 6);
+    EXPECT_EQ(outcomes[0].result->output, path(QStringLiteral("a (Tagged).wav")));
+    EXPECT_EQ(outcomes[1].error, QStringLiteral("CAN'T READ FILE"));
+}
+
+// Stopping, here from the first outcome as zelkor-tag does when its output is
+// gone: the running ffmpeg ends, what it wrote goes, no further track begins, the
+// end still comes. The engine refuses every later run of this process, so this
+// case comes last.
+TEST_F(BatchCore, stoppingEndsTheRunningFfmpegAndBeginsNoFurtherTrack) {
+    const QStringList tracks{track(QStringLiteral("short.wav"), 1),
+                             track(QStringLiteral("long.wav"), 300, 1),
+                             track(QStringLiteral("later.wav"), 1)};
+    std::unique_ptr<Batch> batch;
+    std::mutex made; // the callback may come before make_unique has returned
+    {
+        const std::lock_guard lock(made);
+        batch = std::make_unique<Batch>(
+            work(tracks, 2),
+            [&](const Batch::Outcome& outcome) {
+                outcomes.push_back(outcome);
+                const std::lock_guard ready(made);
+                batch->stop();
+            },
+            [this] { ++ends; });
+    }
+    batch->wait();
+    EXPECT_EQ(children(), 0);
+    batch.reset();
+
+    EXPECT_EQ(ends, 1);
+    ASSERT_EQ(outcomes.size(), 2u);
+    EXPECT_TRUE(outcomes[0].result);
+    EXPECT_EQ(outcomes[1].error, QStringLiteral("STOPPED"));
+    EXPECT_EQ(QDir(dir.path()).entryList({QStringLiteral("*Tagged*")}),
+              QStringList{QStringLiteral("short (Tagged).wav")});
 }

@@ -5,6 +5,7 @@
 #include "app/FrameAutosave.h"
 #include "app/MenuBar.h"
 
+#include "engine/Batch.h"
 #include "model/Tags.h"
 #include "platform/AppName.h"
 #include "platform/FileViewer.h"
@@ -105,7 +106,7 @@ void AppDelegate::buildWindow() {
                              Qt::WindowSystemMenuHint | Qt::WindowMinimizeButtonHint |
                              Qt::WindowCloseButtonHint);
     m_hud = new HUDView({*m_services.sounds, *m_services.fileViewer, *m_services.preferences,
-                         *m_services.trash, *m_services.menus, *m_services.panels});
+                         *m_services.trash, m_batch, *m_services.menus, *m_services.panels});
     m_hud->setFixedSize(HUDView::kSize);
     m_window->setWindowTitle(appName);
     QPalette palette = m_window->palette();

@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 
+class Batch;
 class FileViewer;
 class HUDView;
 class Menus;
@@ -58,6 +59,9 @@ private:
     std::unique_ptr<QMainWindow> m_window;
     HUDView* m_hud = nullptr; // owned by the window
     QStringList m_pending;
+    // The view's batch; declared last so that at quit it is stopped (its ffmpeg
+    // ended, the partial output gone) and joined before the window goes.
+    std::unique_ptr<Batch> m_batch;
 };
 
 // The whole application in the dark: title bars, menus and dialogs included.

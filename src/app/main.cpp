@@ -12,7 +12,6 @@
 #include "platform/QuitSignals.h"
 #include "platform/Sounds.h"
 #include "platform/Trash.h"
-#include "view/HUDView.h"
 
 #include <QApplication>
 #include <QTimer>
@@ -51,9 +50,7 @@ int main(int argc, char** argv) {
     if (!options.files.isEmpty())
         delegate.open(options.files);
     QTimer::singleShot(0, &delegate, &AppDelegate::didFinishLaunching);
-    const int status = app.exec();
-    // Quit in the middle of a batch: the current track's partial output goes,
-    // the tracks already written stay.
-    HUDView::stopWorkers();
-    return status;
+    // Quit in the middle of a batch: the delegate stops it on the way out; the
+    // current track's partial output goes, the tracks already written stay.
+    return app.exec();
 }

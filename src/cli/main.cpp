@@ -1,22 +1,20 @@
 // zelkor-tag: tags tracks from the shell, one at a time unless told otherwise,
 // with the window's log lines on standard output.
 #include "cli/Options.h"
+#include "engine/Batch.h"
 #include "engine/Engine.h"
 #include "model/Settings.h"
 #include "model/Tags.h"
 #include "platform/Files.h"
 #include "platform/Preferences.h"
 #include "platform/Trash.h"
+#include "platform/QuitSignals.h"
 
 #include <QCoreApplication>
 #include <QFileInfo>
-#include <condition_variable>
 #include <csignal>
 #include <cstdio>
-#include <mutex>
-#include <thread>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
@@ -24,23 +22,6 @@ constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 constexpr int kBarCells = 30;
-constexpr std::chrono::milliseconds kSignalPoll{100};
-
-volatile std::sig_atomic_t interrupted = 0;
-
-void onInterrupt(int) {
-    interrupted = 1;
-}
-
-// On Ctrl-C or a kill, the running ffmpeg children are ended and their partial
-// outputs removed; tracks already written stay.
-void catchInterrupts() {
-    struct sigaction action = {};
-    action.sa_handler = onInterrupt;
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
-}
 
 void write(std::FILE* stream, const QString& text) {
     std::fputs(text.toLocal8Bit().constData(), stream);
@@ -75,17 +56,14 @@ private:
     bool m_shown;
 };
 
-QString tagOne(const QString& track, const QString& tag, double interval, double levelDB,
-               bool& failed) {
-    QString line = QFileInfo(track).fileName() + QStringLiteral("  ");
-    try {
-        const Engine::Result result = Engine::process(track, tag, interval, levelDB);
-        line += QStringLiteral("%1 TAGS  OK  -> %2").arg(result.placements).arg(result.output);
-    } catch (const std::exception& error) {
-        line += describeError(error);
-        failed = true;
-    }
-    return line;
+QString lineFor(const Batch::Outcome& outcome) {
+    const QString name = QFileInfo(outcome.track).fileName();
+    if (!outcome.result)
+        return name + QStringLiteral("  ") + outcome.error;
+    return QStringLiteral("%1  %2 TAGS  OK  -> %3")
+        .arg(name)
+        .arg(outcome.result->placements)
+        .arg(outcome.result->output);
 }
 
 // The library commands: add, select, list, in that order, as the window would.
@@ -167,58 +145,29 @@ int tagAll(const Cli::Options& options) {
     const double interval = options.interval.value_or(settings.interval());
     const double levelDB = options.levelDB.value_or(settings.levelDB());
 
-    // Workers take the next track as they free up; lines are printed in track order.
-    const std::size_t total = static_cast<std::size_t>(tracks.size());
-    std::vector<std::optional<QString>> lines(total);
-    std::size_t next = 0, done = 0, running = 0;
-    bool anyFailed = false;
-    std::mutex mutex;
-    std::condition_variable changed;
-    const auto work = [&] {
-        std::unique_lock lock(mutex);
-        while (next < total && !interrupted) {
-            const std::size_t i = next++;
-            lock.unlock();
-            bool failed = false;
-            QString line =
-                tagOne(tracks[static_cast<qsizetype>(i)], tag, interval, levelDB, failed);
-            lock.lock();
-            lines[i] = std::move(line);
-            anyFailed = anyFailed || failed;
-            ++done;
-            changed.notify_all();
-        }
-        --running;
-        changed.notify_all();
-    };
-
     Progress progress(tracks.size());
-    std::vector<std::thread> workers;
-    std::size_t printed = 0;
-    {
-        std::unique_lock lock(mutex);
-        running = std::min<std::size_t>(static_cast<std::size_t>(options.jobs), total);
-        for (std::size_t j = 0; j < running; ++j)
-            workers.emplace_back(work);
-        progress.show(0);
-        while (printed < total) {
-            // Woken by each finished track, and often enough to notice a signal.
-            while (!changed.wait_for(lock, kSignalPoll,
-                                     [&] { return lines[printed] || running == 0; }))
-                if (interrupted)
-                    Engine::stopAll();
-            if (!lines[printed])
-                break; // interrupted: the rest will never come
+    progress.show(0);
+    bool anyFailed = false; // the callbacks never run two at a time
+    Batch batch(
+        {tracks, tag, interval, levelDB, options.jobs},
+        [&](const Batch::Outcome& outcome) {
             progress.clear();
-            while (printed < total && lines[printed])
-                write(stdout, *lines[printed++] + QLatin1Char('\n'));
-            progress.show(static_cast<qsizetype>(done));
-        }
-    }
-    for (std::thread& worker : workers)
-        worker.join();
+            write(stdout, lineFor(outcome) + QLatin1Char('\n'));
+            anyFailed = anyFailed || !outcome.result;
+            progress.show(outcome.index + 1);
+        },
+        [] { QMetaObject::invokeMethod(qApp, &QCoreApplication::quit, Qt::QueuedConnection); });
+    bool interrupted = false;
+    // On Ctrl-C or a kill, the running ffmpeg children are ended and their partial
+    // outputs removed; tracks already written stay.
+    onSignals(qApp, {SIGINT, SIGTERM}, [&](int) {
+        interrupted = true;
+        batch.stop();
+    });
+    QCoreApplication::exec();
+    batch.wait();
     progress.clear();
-    if (printed < total) {
+    if (interrupted) {
         write(stderr, QStringLiteral("INTERRUPTED\n"));
         return kExitFailed;
     }
@@ -257,6 +206,5 @@ int main(int argc, char** argv) {
         write(stderr, QStringLiteral("zelkor-tag: no PATH given (see --help)\n"));
         return kExitUsage;
     }
-    catchInterrupts();
     return tagAll(options);
 }

@@ -1,93 +1,29 @@
-// The batch runner: guards on the main thread, one worker thread per batch
-// taking the tracks one at a time, each result and then the finish step posted
-// back to the main thread in order.
+// The batch runner: guards and log lines on the main thread; the tracks tagged
+// one at a time by a Batch that the view's owner keeps, each result and then
+// the finish step posted back to the main thread in order.
 #include "view/HUDView.h"
 
-#include "engine/Engine.h"
+#include "engine/Batch.h"
 #include "model/Settings.h"
 #include "model/Tags.h"
 #include "platform/FileViewer.h"
 #include "platform/Sounds.h"
 #include "style/Palette.h"
 
+#include <QCoreApplication>
 #include <QFileInfo>
-#include <QMetaObject>
-#include <algorithm>
-#include <atomic>
-#include <mutex>
-#include <thread>
-#include <vector>
+#include <QPointer>
 
 using namespace Style;
 
 namespace {
 
-// Every batch's worker, joinable: at quit the program ends their ffmpeg runs and
-// waits for them, so no thread outlives the objects it uses.
-struct Worker {
-    std::thread thread;
-    std::shared_ptr<std::atomic<bool>> done;
-};
-struct Workers {
-    std::mutex mutex;
-    std::vector<Worker> list;
-    // Reached only when the process ends without stopWorkers (a test, say): the
-    // workers still running are left to the exit, as a detached thread would be.
-    ~Workers() {
-        for (Worker& worker : list)
-            worker.done->load() ? worker.thread.join() : worker.thread.detach();
-    }
-} g_workers;
-
-void reapFinishedWorkers() {
-    const std::lock_guard lock(g_workers.mutex);
-    std::erase_if(g_workers.list, [](Worker& worker) {
-        if (!worker.done->load())
-            return false;
-        worker.thread.join();
-        return true;
-    });
-}
-
-} // namespace
-
-// The worker's way back to the view. A QWidget cannot be kept alive from another
-// thread, so the view detaches itself here when it goes; posting under the lock
-// means nothing is posted to a view that is being destroyed, and Qt drops the
-// steps already posted to it.
-struct HUDView::Batch {
-    std::mutex mutex;
-    HUDView* view = nullptr;
-
-    void post(std::function<void(HUDView&)> step) {
-        const std::lock_guard lock(mutex);
-        if (view)
-            QMetaObject::invokeMethod(
-                view, [target = view, step = std::move(step)] { step(*target); },
-                Qt::QueuedConnection);
-    }
-};
-
-namespace {
-
-struct Work {
-    QStringList tracks;
-    QString tag;
-    double interval = 0;
-    double levelDB = 0;
-};
-
-LogLine tagTrack(const QString& track, const Work& work, QStringList& written) {
-    const QString name = QFileInfo(track).fileName();
-    try {
-        const Engine::Result result = Engine::process(track, work.tag, work.interval, work.levelDB);
-        written << result.output;
-        return {name, QString::number(result.placements) + QStringLiteral(" TAGS  OK"), purple};
-    } catch (const std::exception& error) {
-        return {name, describeError(error), errColor};
-    } catch (...) {
-        return {name, QStringLiteral("FAILED"), errColor};
-    }
+LogLine logLine(const Batch::Outcome& outcome) {
+    const QString name = QFileInfo(outcome.track).fileName();
+    if (!outcome.result)
+        return {name, outcome.error, errColor};
+    return {name, QString::number(outcome.result->placements) + QStringLiteral(" TAGS  OK"),
+            purple};
 }
 
 } // namespace
@@ -110,25 +46,34 @@ void HUDView::start(const QStringList& paths) {
     m_state.progress = {0, tracks.size()};
     update();
 
-    Work work{tracks, *m_tag, m_settings.interval(), m_settings.levelDB()};
-    if (!m_batch) {
-        m_batch = std::make_shared<Batch>();
-        m_batch->view = this;
-    }
-    reapFinishedWorkers();
-    auto done = std::make_shared<std::atomic<bool>>(false);
-    std::thread thread([batch = m_batch, work = std::move(work), done] {
-        QStringList written;
-        const auto total = static_cast<long long>(work.tracks.size());
-        for (long long i = 0; i < total; ++i) {
-            const LogLine line = tagTrack(work.tracks[i], work, written);
-            batch->post([line, i, total](HUDView& view) { view.trackDone(line, i + 1, total); });
-        }
-        batch->post([written](HUDView& view) { view.finishBatch(written); });
-        *done = true;
-    });
-    const std::lock_guard lock(g_workers.mutex);
-    g_workers.list.push_back({std::move(thread), std::move(done)});
+    // The steps run on the main thread, where the view may meanwhile have gone;
+    // the application object outlives every batch its owner keeps.
+    const QPointer<HUDView> view(this);
+    const auto post = [view](std::function<void(HUDView&)> step) {
+        QMetaObject::invokeMethod(
+            QCoreApplication::instance(),
+            [view, step = std::move(step)] {
+                if (view)
+                    step(*view);
+            },
+            Qt::QueuedConnection);
+    };
+    // Written by the batch's callbacks only, which never run two at a time.
+    auto written = std::make_shared<QStringList>();
+    const auto total = static_cast<long long>(tracks.size());
+    m_services.batch.reset(); // the last batch has ended: its thread is joined here
+    m_services.batch = std::make_unique<Batch>(
+        Batch::Work{tracks, *m_tag, m_settings.interval(), m_settings.levelDB(), 1},
+        [post, written, total](const Batch::Outcome& outcome) {
+            if (outcome.result)
+                *written << outcome.result->output;
+            post([line = logLine(outcome), done = outcome.index + 1, total](HUDView& view) {
+                view.trackDone(line, done, total);
+            });
+        },
+        [post, written] {
+            post([written = *written](HUDView& view) { view.finishBatch(written); });
+        });
 }
 
 void HUDView::trackDone(const LogLine& line, long long done, long long total) {
@@ -146,31 +91,4 @@ void HUDView::finishBatch(const QStringList& written) {
     }
     m_services.fileViewer.show(written);
     m_services.sounds.play(QStringLiteral("Glass"));
-}
-
-HUDView::~HUDView() {
-    if (m_batch) {
-        const std::lock_guard lock(m_batch->mutex);
-        m_batch->view = nullptr;
-    }
-}
-
-bool HUDView::workersRunning() {
-    const std::lock_guard lock(g_workers.mutex);
-    return std::any_of(g_workers.list.begin(), g_workers.list.end(),
-                       [](const Worker& worker) { return !worker.done->load(); });
-}
-
-void HUDView::stopWorkers() {
-    std::vector<Worker> workers;
-    {
-        const std::lock_guard lock(g_workers.mutex);
-        workers.swap(g_workers.list);
-    }
-    if (workers.empty())
-        return;
-    // Ends the running ffmpeg (its partial output goes) and fails the tracks not yet begun.
-    Engine::stopAll();
-    for (Worker& worker : workers)
-        worker.thread.join();
 }

@@ -19,6 +19,7 @@
 #include <optional>
 #include <vector>
 
+class Batch;
 class FileError;
 class FileViewer;
 class Preferences;
@@ -36,6 +37,9 @@ public:
         FileViewer& fileViewer;
         Preferences& preferences;
         Trash& trash;
+        // Where the caller keeps the view's batch, so that the caller decides when
+        // a running batch is stopped and its thread joined.
+        std::unique_ptr<Batch>& batch;
         Menus& menus = noMenus();
         OpenPanels& panels = noPanels();
     };
@@ -64,7 +68,6 @@ public:
     static constexpr int kBlinkIntervalMs = 550;
 
     explicit HUDView(Services services, QWidget* parent = nullptr);
-    ~HUDView() override;
 
     const State& state() const { return m_state; }
     // Shows a given state as it is (hover flags, a log, a batch's progress).
@@ -92,11 +95,6 @@ public:
     // The whole view drawn into an image, as on screen.
     QImage snapshot(qreal devicePixelRatio);
 
-    // Whether a batch's worker thread, of any view, has not ended yet.
-    static bool workersRunning();
-    // At quit: ends the ffmpeg runs of every batch and waits for their workers.
-    static void stopWorkers();
-
     // Text helpers: every text is drawn in a style (font, size, kern added after
     // each character) and a colour; its width leaves out the kern after the last
     // character. width() is the layout's measure.
@@ -114,8 +112,6 @@ protected:
     void dropEvent(QDropEvent* event) override;
 
 private:
-    struct Batch;
-
     void draw(QPainter& painter);
     void drawHeader(QPainter& painter);
     void drawTagRow(QPainter& painter);
@@ -168,5 +164,4 @@ private:
     };
     std::vector<LogRowMeasured> m_logRows;
     QTimer* m_timer = nullptr;
-    std::shared_ptr<Batch> m_batch;
 };

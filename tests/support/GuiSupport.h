@@ -2,6 +2,7 @@
 // private folders, recording stand-ins for the desktop services, and pixels.
 #pragma once
 
+#include "engine/Batch.h"
 #include "model/Settings.h"
 #include "model/Tags.h"
 #include "platform/FileViewer.h"
@@ -147,7 +148,9 @@ inline bool near(const QColor& seen, const QColor& expected, int tolerance = 3) 
 class ViewFixture : public testing::Test {
 protected:
     static void SetUpTestSuite() { guiApplication(); }
-    HUDView::Services services() { return {sounds, viewer, preferences, trash, menus, panels}; }
+    HUDView::Services services() {
+        return {sounds, viewer, preferences, trash, batch, menus, panels};
+    }
     HUDView& view() {
         if (!m_view)
             m_view = std::make_unique<HUDView>(services());
@@ -170,6 +173,7 @@ protected:
     RecordingFileViewer viewer;
     ScriptedMenus menus;
     ScriptedPanels panels;
+    std::unique_ptr<Batch> batch; // stopped and joined after the view has gone
     std::unique_ptr<HUDView> m_view;
 };
 
