@@ -3,10 +3,18 @@
 #include "support/TestSupport.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QProcess>
 #include <QRegularExpression>
+#include <QThread>
+#include <csignal>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <optional>
+#include <sys/stat.h>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
@@ -226,4 +234,87 @@ TEST_F(ZelkorTag, jobsWriteWhatOneAtATimeWritesInTrackOrder) {
         QString::fromUtf8(::Test::readAll(runs)).split(u'\n', Qt::SkipEmptyParts);
     EXPECT_EQ(ran.filter(u"-i "_s + clip + u" -af"_s).size(), 1);
     EXPECT_EQ(ran.size(), 1 + 2 * tracks.size());
+}
+
+namespace {
+
+// The process whose arguments hold `a` and `b`, if one runs.
+std::optional<pid_t> running(const QString& a, const QString& b) {
+    for (const QString& pid : QDir(u"/proc"_s).entryList({u"[0-9]*"_s}, QDir::Dirs)) {
+        const QList<QByteArray> args =
+            ::Test::readAll(u"/proc/"_s + pid + u"/cmdline"_s).split('\0');
+        if (args.contains(a.toUtf8()) && args.contains(b.toUtf8()))
+            return pid.toInt();
+    }
+    return std::nullopt;
+}
+
+pid_t parentOf(pid_t pid) {
+    const QByteArray stat = ::Test::readAll(u"/proc/%1/stat"_s.arg(pid));
+    return stat.mid(stat.lastIndexOf(')') + 2).split(' ').value(1).toInt();
+}
+
+} // namespace
+
+// The terminal closes, or the reader of the output goes, while the second track
+// renders: that render ends and leaves nothing, the first output stays, and the
+// program ends by that signal (a shell reports 128 + its number, and stops a
+// loop). The render reads its input in real time, so it surely runs when the
+// test acts.
+TEST_F(ZelkorTag, aHangupOrAClosedPipeMidRenderStopsAndLeavesNothingHalfWritten) {
+    QDir().mkpath(path(u"share"_s));
+    ::Test::writeFile(path(u"share/ffmpeg"_s),
+                      "#!/bin/sh\ncase \" $* \" in *\" -filter_complex \"*) exec " +
+                          ::Test::systemFFmpeg().toUtf8() + " -re \"$@\" ;; esac\nexec " +
+                          ::Test::systemFFmpeg().toUtf8() + " \"$@\"\n",
+                      true);
+    const QString first = path(u"a.wav"_s), second = path(u"b.wav"_s), clip = path(u"tag.wav"_s);
+    ::Test::makeAudio(first, u"sine=frequency=220"_s, 1);
+    ::Test::makeAudio(second, u"sine=frequency=330"_s, 60, 22050, 1);
+    ::Test::makeAudio(clip, u"sine=frequency=880"_s, 0.5);
+    const QString fifo = path(u"out.fifo"_s);
+    ASSERT_EQ(::mkfifo(QFile::encodeName(fifo).constData(), 0600), 0);
+    const QString written = u"a.wav  1 TAGS  OK  -> "_s + path(u"a (Tagged).wav"_s) + u'\n';
+
+    for (const int signal : {SIGHUP, SIGPIPE}) {
+        SCOPED_TRACE(signal);
+        QFile::remove(path(u"a (Tagged).wav"_s));
+        QProcess run;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(u"ZELKOR_RESOURCES"_s, path(u"share"_s));
+        run.setProcessEnvironment(env);
+        int reader = -1;
+        if (signal == SIGPIPE) {
+            reader = ::open(QFile::encodeName(fifo).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+            run.setStandardOutputFile(fifo);
+        }
+        run.start(::Test::binary(u"zelkor-tag"_s), {u"--tag"_s, clip, first, second});
+        std::optional<pid_t> render;
+        QElapsedTimer waited;
+        waited.start();
+        while (!(render = running(u"-filter_complex"_s, second)) && waited.elapsed() < 60'000)
+            QThread::msleep(10);
+        ASSERT_TRUE(render) << "the second render never started";
+        ASSERT_EQ(parentOf(*render), run.processId());
+        if (signal == SIGHUP) {
+            ::kill(static_cast<pid_t>(run.processId()), SIGHUP);
+        } else {
+            char line[256] = {};
+            EXPECT_EQ(::read(reader, line, sizeof line - 1), written.size());
+            ::close(reader);
+        }
+
+        ASSERT_TRUE(run.waitForFinished(30'000));
+        EXPECT_EQ(run.exitStatus(), QProcess::CrashExit);
+        EXPECT_EQ(run.exitCode(), signal);
+        // Through the pipe, the first line was read above.
+        EXPECT_EQ(QString::fromUtf8(run.readAllStandardOutput()),
+                  signal == SIGHUP ? written + u"b.wav  STOPPED\n"_s : u""_s);
+        EXPECT_EQ(
+            QDir(dir.path())
+                .entryList(QDir::AllEntries | QDir::System | QDir::Hidden | QDir::NoDotAndDotDot),
+            (QStringList{u"a (Tagged).wav"_s, u"a.wav"_s, u"b.wav"_s, u"out.fifo"_s, u"share"_s,
+                         u"tag.wav"_s}));
+        EXPECT_FALSE(running(u"-i"_s, second));
+    }
 }

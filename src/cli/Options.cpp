@@ -121,7 +121,8 @@ QString usage() {
         "  --version           show the version\n"
         "\n"
         "Exit status: 0 when every track was written, 1 when any failed or there was\n"
-        "nothing to do, 2 for a usage error.\n");
+        "nothing to do, 2 for a usage error. A signal (Ctrl-C, SIGTERM, SIGHUP, SIGQUIT)\n"
+        "or a closed output pipe stops the run and ends it by that signal: 128 + N.\n");
 }
 
 } // namespace Cli

@@ -12,8 +12,14 @@
 
 #include <QCoreApplication>
 #include <QFileInfo>
+#include <QSocketNotifier>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <pthread.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -21,11 +27,34 @@ namespace {
 constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
+// A run ended by a signal exits with this plus the signal's number, as a shell reports it.
+constexpr int kExitSignalled = 128;
 constexpr int kBarCells = 30;
 
-void write(std::FILE* stream, const QString& text) {
-    std::fputs(text.toLocal8Bit().constData(), stream);
-    std::fflush(stream);
+// False when the text could not be written whole.
+bool write(std::FILE* stream, const QString& text) {
+    const bool written = std::fputs(text.toLocal8Bit().constData(), stream) >= 0;
+    return std::fflush(stream) == 0 && written;
+}
+
+// A handler rather than SIG_IGN, which ffmpeg would inherit: a write to a closed
+// pipe then fails with EPIPE instead of ending the program half-way.
+void onBrokenPipe(int) {}
+
+// Ends the program by the signal that stopped it, now that its ffmpeg runs are
+// over: a shell sees 128 + its number, and a loop in a script stops as well.
+[[noreturn]] void endBy(int signal) {
+    if (signal == SIGQUIT) {
+        const struct rlimit noCore = {0, 0};
+        setrlimit(RLIMIT_CORE, &noCore);
+    }
+    std::signal(signal, SIG_DFL);
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, signal);
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    std::raise(signal);
+    std::_Exit(kExitSignalled + signal);
 }
 
 // The "03/12 [####......]" line on a terminal, redrawn in place.
@@ -145,32 +174,54 @@ int tagAll(const Cli::Options& options) {
     const double interval = options.interval.value_or(settings.interval());
     const double levelDB = options.levelDB.value_or(settings.levelDB());
 
+    // SIGINT, SIGTERM (a kill), SIGHUP (the terminal closed), SIGQUIT and a reader
+    // of standard output that went away all stop the batch: its ffmpeg runs end,
+    // their partial outputs go, the tracks already written stay.
+    std::optional<Batch> batch;
+    int stoppedBy = 0;
+    const auto stop = [&](int signal) {
+        if (stoppedBy == 0)
+            stoppedBy = signal;
+        batch->stop();
+    };
+    QObject listening; // the signal and pipe watchers go with it
+    onSignals(&listening, {SIGINT, SIGTERM, SIGHUP, SIGQUIT}, stop);
+    struct sigaction pipeAction = {};
+    pipeAction.sa_handler = onBrokenPipe;
+    sigaction(SIGPIPE, &pipeAction, nullptr);
+    // A pipe's reader may go while a long render runs; poll reports it at once.
+    struct stat out = {};
+    if (fstat(STDOUT_FILENO, &out) == 0 && (S_ISFIFO(out.st_mode) || S_ISSOCK(out.st_mode))) {
+        auto* closed = new QSocketNotifier(STDOUT_FILENO, QSocketNotifier::Exception, &listening);
+        QObject::connect(closed, &QSocketNotifier::activated, closed, [closed, &stop] {
+            closed->setEnabled(false);
+            stop(SIGPIPE);
+        });
+    }
+
     Progress progress(tracks.size());
     progress.show(0);
     bool anyFailed = false; // the callbacks never run two at a time
-    Batch batch(
-        {tracks, tag, interval, levelDB, options.jobs},
+    int outputError = 0;    // likewise
+    batch.emplace(
+        Batch::Work{tracks, tag, interval, levelDB, options.jobs},
         [&](const Batch::Outcome& outcome) {
             progress.clear();
-            write(stdout, lineFor(outcome) + QLatin1Char('\n'));
             anyFailed = anyFailed || !outcome.result;
+            if (outputError == 0 && !write(stdout, lineFor(outcome) + QLatin1Char('\n'))) {
+                outputError = errno != 0 ? errno : EIO;
+                batch->stop();
+            }
             progress.show(outcome.index + 1);
         },
         [] { QMetaObject::invokeMethod(qApp, &QCoreApplication::quit, Qt::QueuedConnection); });
-    bool interrupted = false;
-    // On Ctrl-C or a kill, the running ffmpeg children are ended and their partial
-    // outputs removed; tracks already written stay.
-    onSignals(qApp, {SIGINT, SIGTERM}, [&](int) {
-        interrupted = true;
-        batch.stop();
-    });
     QCoreApplication::exec();
-    batch.wait();
+    batch->wait();
     progress.clear();
-    if (interrupted) {
-        write(stderr, QStringLiteral("INTERRUPTED\n"));
-        return kExitFailed;
-    }
+    if (stoppedBy != 0)
+        return kExitSignalled + stoppedBy;
+    if (outputError != 0)
+        return outputError == EPIPE ? kExitSignalled + SIGPIPE : kExitFailed;
     return anyFailed ? kExitFailed : kExitOk;
 }
 
@@ -206,5 +257,8 @@ int main(int argc, char** argv) {
         write(stderr, QStringLiteral("zelkor-tag: no PATH given (see --help)\n"));
         return kExitUsage;
     }
-    return tagAll(options);
+    const int status = tagAll(options);
+    if (status > kExitSignalled)
+        endBy(status - kExitSignalled);
+    return status;
 }
