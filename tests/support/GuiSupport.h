@@ -16,7 +16,6 @@
 
 #include <QApplication>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFileInfo>
 #include <QMouseEvent>
 #include <QTimer>
@@ -88,15 +87,6 @@ public:
     int tagPanels = 0;
     int trackPanels = 0;
 };
-
-// Runs the event loop until `done` holds or `ms` have passed; returns `done()`.
-inline bool waitUntil(const std::function<bool()>& done, int ms) {
-    QElapsedTimer clock;
-    clock.start();
-    while (!done() && clock.elapsed() < ms)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-    return done();
-}
 
 // A press of the primary button at `at`, delivered like a real one.
 inline void click(QWidget& widget, QPointF at) {
