@@ -14,7 +14,6 @@
 #include <gtest/gtest.h>
 
 using namespace Qt::StringLiterals;
-
 using namespace Style;
 using ::Test::click;
 using ::Test::repaints;
