@@ -59,12 +59,14 @@ QString hiddenIn(const QString& folder) {
     return QDir(folder).entryList({u".*.part"_s}, QDir::Files | QDir::Hidden).join(u'|');
 }
 
+// A home of the test's own (preferences, library, kept analyses) and a clip in it.
 class Faults : public testing::Test {
 protected:
     void SetUp() override { ::Test::makeAudio(clip, u"sine=frequency=1000"_s, 0.5, 8000, 1); }
-    QString path(const QString& name) const { return dir.filePath(name); }
-    QTemporaryDir dir;
-    const QString clip = path(u"tag.wav"_s);
+    QString path(const QString& name) const { return home.root() + u'/' + name; }
+    ::Test::FreshHome home;
+    const QString clip = path(u"voice.wav"_s);
+    const QString prefs = home.preferencesPath();
 };
 
 QString failure(const QString& track, const QString& clip) {
@@ -83,7 +85,7 @@ QString failure(const QString& track, const QString& clip) {
 // and so does an analysis of "dies measuring", and the clip's first analysis, half-way
 // through their text. A FIFO and a device fail at once, and the batch goes on.
 TEST_F(Faults, aBatchGoesOnPastKilledRunsFifosDevicesAndTracksThatChangeUnderIt) {
-    const QString share = ::Test::resourcesWith(dir.path(), R"(in=; prev=
+    const QString share = ::Test::resourcesWith(home.root(), R"(in=; prev=
 for arg; do [ "$prev" = -i ] && [ -z "$in" ] && in=$arg; prev=$arg; out=$arg; done
 case " $* " in *" -filter_complex "*)
     case "$in" in *killed*)
@@ -96,7 +98,7 @@ esac
 dies() { "$real" "$@" 2>&1 | head -n 12; kill -9 $$; }
 case "$in" in
 *"dies measuring"*) dies "$@" ;;
-*/tag.wav) [ -e "$in.measured" ] || { touch "$in.measured"; dies "$@"; } ;;
+*/voice.wav) [ -e "$in.measured" ] || { touch "$in.measured"; dies "$@"; } ;;
 esac
 "$real" "$@"; status=$?
 case "$in" in
@@ -135,7 +137,7 @@ exit $status
     for (int i = 0; i < 9; ++i)
         EXPECT_FALSE(lines[i].contains(u"OK"_s)) << lines[i].toStdString();
     EXPECT_EQ(lines[9], u"i.wav  1 TAGS  OK  -> "_s + path(u"i (Tagged).wav"_s));
-    EXPECT_EQ(taggedIn(dir.path()), u"i (Tagged).wav"_s);
+    EXPECT_EQ(taggedIn(home.root()), u"i (Tagged).wav"_s);
     EXPECT_EQ(digest(tracks[1]), original);
 }
 
@@ -192,21 +194,9 @@ TEST_F(Faults, oddAudioKeepsItsFormatAndForgedLinesAreIgnoredOrRefused) {
     EXPECT_EQ(failure(forged, clip), u"CAN'T READ FILE"_s);
 }
 
-namespace {
-
-class FaultsAtHome : public testing::Test {
-protected:
-    void SetUp() override { ::Test::makeAudio(clip, u"sine=frequency=1000"_s, 0.5, 8000, 1); }
-    ::Test::FreshHome home;
-    const QString clip = home.root() + u"/voice.wav"_s;
-    const QString prefs = home.preferencesPath();
-};
-
-} // namespace
-
 // Each run adds a clip, which writes the selection: nothing the user had is
 // replaced without a copy kept, and a copy that cannot be selected is not kept.
-TEST_F(FaultsAtHome, preferencesThatCannotBeKeptAsideOrReadAreNeverReplacedWithoutACopy) {
+TEST_F(Faults, preferencesThatCannotBeKeptAsideOrReadAreNeverReplacedWithoutACopy) {
     const QString folder = QFileInfo(prefs).path(), corrupt = prefs + u".corrupt"_s;
     const QStringList add{u"--add-tag"_s, clip};
     // With no way to keep it aside, the garbage stays where it is.
@@ -252,8 +242,8 @@ TEST_F(FaultsAtHome, preferencesThatCannotBeKeptAsideOrReadAreNeverReplacedWitho
     EXPECT_EQ(onDisk(prefs).value(u"tag"_s), u"voice.wav"_s); // the first copy kept
 }
 
-TEST_F(FaultsAtHome, aFileInPlaceOfTheTagsFolderIsLeftAloneAndANewlineInAClipNameWorks) {
-    const QString beat = home.root() + u"/beat.wav"_s;
+TEST_F(Faults, aFileInPlaceOfTheTagsFolderIsLeftAloneAndANewlineInAClipNameWorks) {
+    const QString beat = path(u"beat.wav"_s);
     ::Test::makeAudio(beat, u"sine=frequency=220"_s, 3);
     QDir().mkpath(home.appData());
     ::Test::writeFile(home.tagsDir(), "mine");
@@ -265,13 +255,13 @@ TEST_F(FaultsAtHome, aFileInPlaceOfTheTagsFolderIsLeftAloneAndANewlineInAClipNam
     EXPECT_EQ(text(home.tagsDir()), u"mine"_s);
 
     QFile::remove(home.tagsDir());
-    const QString split = home.root() + u"/my\ntag.wav"_s;
+    const QString split = path(u"my\ntag.wav"_s);
     QFile::copy(clip, split);
     EXPECT_EQ(zelkorTag({u"--add-tag"_s, split}).status, 0);
     EXPECT_EQ(zelkorTag({u"--list-tags"_s}).out, u"* my\ntag.wav\n"_s);
     const auto tagged = zelkorTag({u"--interval"_s, u"5"_s, beat});
     EXPECT_EQ(tagged.status, 0) << tagged.out.toStdString();
-    EXPECT_TRUE(QFileInfo::exists(home.root() + u"/beat (Tagged).wav"_s));
+    EXPECT_TRUE(QFileInfo::exists(path(u"beat (Tagged).wav"_s)));
 }
 
 // A signal while the second track renders: SIGTERM (Ctrl-C, the desktop session
@@ -280,15 +270,15 @@ TEST_F(FaultsAtHome, aFileInPlaceOfTheTagsFolderIsLeftAloneAndANewlineInAClipNam
 // folder, and its ffmpeg dies with it. No partial file ever bears an output's
 // name. The long track's render reads its input in real time, so the signal
 // lands mid-way.
-TEST_F(FaultsAtHome, aSignalMidRenderLeavesNoPartialOutputAndNoFfmpeg) {
+TEST_F(Faults, aSignalMidRenderLeavesNoPartialOutputAndNoFfmpeg) {
     home.setEnv("ZELKOR_RESOURCES", ::Test::resourcesWith(home.root(), R"(case " $* " in
 *"long.wav -i "*" -filter_complex "*) exec "$real" -re "$@" ;;
 esac
 exec "$real" "$@"
 )"));
     home.useOwnRuntime();
-    const QString first = home.root() + u"/a.wav"_s, second = home.root() + u"/b long.wav"_s;
-    const QString written = home.root() + u"/a (Tagged).wav"_s;
+    const QString first = path(u"a.wav"_s), second = path(u"b long.wav"_s);
+    const QString written = path(u"a (Tagged).wav"_s);
     ::Test::makeAudio(first, u"sine=frequency=220"_s, 3);
     ::Test::makeAudio(second, u"sine=frequency=330"_s, 60, 22050, 1);
     const QByteArray original = digest(second);
