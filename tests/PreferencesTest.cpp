@@ -11,7 +11,6 @@
 #include <QJsonDocument>
 #include <QRegularExpression>
 #include <cerrno>
-#include <cstdio>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -22,16 +21,6 @@ namespace {
 
 QJsonObject onDisk(const QString& path) {
     return QJsonDocument::fromJson(::Test::readAll(path)).object();
-}
-
-// A hand edit, saved the way editors save: a new file renamed over the old one.
-void storeRaw(const ::Test::FreshHome& home, const QByteArray& json) {
-    QDir().mkpath(QFileInfo(home.preferencesPath()).path());
-    const QString edited = home.preferencesPath() + QStringLiteral(".edited");
-    ::Test::writeFile(edited, json);
-    ASSERT_EQ(std::rename(QFile::encodeName(edited).constData(),
-                          QFile::encodeName(home.preferencesPath()).constData()),
-              0);
 }
 
 // Fills a file system to its last byte.
@@ -145,9 +134,11 @@ TEST(Settings, choicesAreKeptInTheFileAndReadAsTheDefaultWhenFreshOrOutOfTheTabl
     EXPECT_EQ(settings.interval(), 30);
     EXPECT_EQ(settings.levelDB(), -5);
     for (const char* stored : {"\"abc\"", "-1", "4", "2.5", "true", "null", "[0]", "9e99"}) {
-        storeRaw(home, QByteArray(R"({"interval": )") + stored + R"(, "level": )" + stored + "}");
-        EXPECT_EQ(settings.intervalIndex(), 1) << stored;
-        EXPECT_EQ(settings.levelIndex(), 1) << stored;
+        ::Test::writeFile(home.preferencesPath(), QByteArray(R"({"interval": )") + stored +
+                                                      R"(, "level": )" + stored + "}");
+        PreferencesFile edited(home.preferencesPath());
+        EXPECT_EQ(Settings(edited).intervalIndex(), 1) << stored;
+        EXPECT_EQ(Settings(edited).levelIndex(), 1) << stored;
     }
 }
 
