@@ -8,12 +8,10 @@
 
 #include <QCryptographicHash>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
-#include <QThread>
 #include <algorithm>
 #include <cmath>
 #include <csignal>
@@ -25,9 +23,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-::Test::Process zelkorTag(const QStringList& args, const QStringList& environment = {}) {
-    return ::Test::runProgram(::Test::binary(u"zelkor-tag"_s), args, environment);
-}
+using ::Test::zelkorTag;
 
 QByteArray digest(const QString& path) {
     return QCryptographicHash::hash(::Test::readAll(path), QCryptographicHash::Sha256);
@@ -36,24 +32,6 @@ QByteArray digest(const QString& path) {
 QString describe(const QString& path) {
     return ::Test::runProgram(::Test::systemFFmpeg(), {u"-hide_banner"_s, u"-i"_s, path}).err;
 }
-
-// A resources folder whose ffmpeg is `script`, with $real naming the real one;
-// the other resources are the build's own.
-QString resourcesWith(const QString& folder, const QByteArray& script) {
-    const QString share = folder + u"/share"_s, real = Resources::dir();
-    QDir().mkpath(share);
-    for (const QString& entry : QDir(real).entryList(QDir::AllEntries | QDir::NoDotAndDotDot))
-        if (entry != u"ffmpeg"_s)
-            QFile::link(real + u'/' + entry, share + u'/' + entry);
-    ::Test::writeFile(share + u"/ffmpeg"_s,
-                      "#!/bin/sh\nreal=" + ::Test::systemFFmpeg().toUtf8() + '\n' + script, true);
-    return share;
-}
-
-struct Unmount {
-    QString at;
-    ~Unmount() { ::Test::runProgram(u"umount"_s, {at}); }
-};
 
 QString text(const QString& path) {
     return QString::fromUtf8(::Test::readAll(path));
@@ -81,12 +59,14 @@ QString hiddenIn(const QString& folder) {
     return QDir(folder).entryList({u".*.part"_s}, QDir::Files | QDir::Hidden).join(u'|');
 }
 
+// A home of the test's own (preferences, library, kept analyses) and a clip in it.
 class Faults : public testing::Test {
 protected:
     void SetUp() override { ::Test::makeAudio(clip, u"sine=frequency=1000"_s, 0.5, 8000, 1); }
-    QString path(const QString& name) const { return dir.filePath(name); }
-    QTemporaryDir dir;
-    const QString clip = path(u"tag.wav"_s);
+    QString path(const QString& name) const { return home.root() + u'/' + name; }
+    ::Test::FreshHome home;
+    const QString clip = path(u"voice.wav"_s);
+    const QString prefs = home.preferencesPath();
 };
 
 QString failure(const QString& track, const QString& clip) {
@@ -105,7 +85,7 @@ QString failure(const QString& track, const QString& clip) {
 // and so does an analysis of "dies measuring", and the clip's first analysis, half-way
 // through their text. A FIFO and a device fail at once, and the batch goes on.
 TEST_F(Faults, aBatchGoesOnPastKilledRunsFifosDevicesAndTracksThatChangeUnderIt) {
-    const QString share = resourcesWith(dir.path(), R"(in=; prev=
+    const QString share = ::Test::resourcesWith(home.root(), R"(in=; prev=
 for arg; do [ "$prev" = -i ] && [ -z "$in" ] && in=$arg; prev=$arg; out=$arg; done
 case " $* " in *" -filter_complex "*)
     case "$in" in *killed*)
@@ -118,7 +98,7 @@ esac
 dies() { "$real" "$@" 2>&1 | head -n 12; kill -9 $$; }
 case "$in" in
 *"dies measuring"*) dies "$@" ;;
-*/tag.wav) [ -e "$in.measured" ] || { touch "$in.measured"; dies "$@"; } ;;
+*/voice.wav) [ -e "$in.measured" ] || { touch "$in.measured"; dies "$@"; } ;;
 esac
 "$real" "$@"; status=$?
 case "$in" in
@@ -144,10 +124,8 @@ exit $status
     QFile::link(u"/dev/zero"_s, tracks[8]);
     const QByteArray original = digest(tracks[1]);
 
-    const auto run =
-        ::Test::runProgram(::Test::binary(u"zelkor-tag"_s),
-                           QStringList{u"--tag"_s, clip, u"--interval"_s, u"5"_s} + tracks,
-                           {u"ZELKOR_RESOURCES="_s + share}, 60'000);
+    const auto run = zelkorTag(QStringList{u"--tag"_s, clip, u"--interval"_s, u"5"_s} + tracks,
+                               {u"ZELKOR_RESOURCES="_s + share}, 60'000);
     EXPECT_EQ(run.status, 1);
     const QStringList lines = run.out.split(u'\n', Qt::SkipEmptyParts);
     ASSERT_EQ(lines.size(), tracks.size()) << run.out.toStdString();
@@ -159,19 +137,15 @@ exit $status
     for (int i = 0; i < 9; ++i)
         EXPECT_FALSE(lines[i].contains(u"OK"_s)) << lines[i].toStdString();
     EXPECT_EQ(lines[9], u"i.wav  1 TAGS  OK  -> "_s + path(u"i (Tagged).wav"_s));
-    EXPECT_EQ(taggedIn(dir.path()), u"i (Tagged).wav"_s);
+    EXPECT_EQ(taggedIn(home.root()), u"i (Tagged).wav"_s);
     EXPECT_EQ(digest(tracks[1]), original);
 }
 
 TEST_F(Faults, aFullDiskOrAReadOnlyFolderFailsTheTrackAndLeavesTheOriginal) {
     const QString disk = path(u"disk"_s);
-    QDir().mkpath(disk);
-    const auto mount = ::Test::runProgram(
-        u"mount"_s, {u"-t"_s, u"tmpfs"_s, u"-o"_s, u"size=2m"_s, u"tmpfs"_s, disk});
-    if (mount.status != 0)
-        GTEST_SKIP() << "cannot mount a small tmpfs here (needs root and mount rights): "
-                     << mount.err.toStdString();
-    const Unmount unmount{disk};
+    const ::Test::Tmpfs tmpfs(disk, u"2m"_s);
+    if (!tmpfs.mounted())
+        GTEST_SKIP() << tmpfs.why();
 
     // 1.7 MB of 16-bit audio leaves no room for its 24-bit copy.
     const QString track = disk + u"/beat.wav"_s;
@@ -187,39 +161,11 @@ TEST_F(Faults, aFullDiskOrAReadOnlyFolderFailsTheTrackAndLeavesTheOriginal) {
     EXPECT_EQ(digest(track), original);
 }
 
-TEST_F(Faults, emptyClipsAreUnreadableAndSilenceClampsTheGainEitherWay) {
-    const QString beat = path(u"beat.wav"_s), hush = path(u"hush.wav"_s);
-    ::Test::makeAudio(beat, u"sine=frequency=220"_s, 6);
-    ::Test::makeAudio(hush, u"aevalsrc=0"_s, 6);
-    ::Test::writeFile(path(u"zero.wav"_s), {});
-    ::Test::ffmpeg({u"-i"_s, clip, u"-af"_s, u"atrim=end_sample=0"_s, path(u"no samples.wav"_s)});
-    for (const QString& empty : {path(u"zero.wav"_s), path(u"no samples.wav"_s)})
-        EXPECT_EQ(failure(beat, empty), u"CAN'T READ FILE"_s);
-    EXPECT_EQ(taggedIn(dir.path()), u""_s);
-
-    // A silent clip at +12 dB adds nothing to the beat.
-    const auto quiet = Engine::process(beat, hush, 5, -5);
-    EXPECT_EQ(quiet.placements, 2);
-    const auto a = ::Test::samples(quiet.output, 44100, 2), b = ::Test::samples(beat, 44100, 2);
-    ASSERT_EQ(a.size(), b.size());
-    for (std::size_t i = 0; i < a.size(); ++i)
-        ASSERT_NEAR(a[i], b[i], 1e-4) << i;
-
-    // On a silent track the clip sits at the -40 dB floor, not below it.
-    const QString loud = path(u"loud.wav"_s);
-    ::Test::makeAudio(loud, u"sine=frequency=1000"_s, 0.5);
-    const auto onSilence = Engine::process(hush, loud, 5, -5);
-    EXPECT_EQ(onSilence.placements, 2);
-    const auto peak = [](const QString& file) {
-        double highest = 0;
-        for (double sample : ::Test::samples(file, 44100, 2))
-            highest = std::max(highest, std::abs(sample));
-        return highest;
-    };
-    EXPECT_NEAR(peak(onSilence.output) / peak(loud), 0.01, 0.001);
-}
-
-TEST_F(Faults, a96kHz51TrackKeepsItsFormatAndQuotedFiguresInMetadataChangeNothing) {
+// A 96 kHz 5.1 track keeps its format; a clip with no samples is unreadable. A
+// tag's name is printed as it is, before the input's stream line and again
+// before the output's: lines it forges there change nothing, and a second
+// Duration line makes the file unreadable, not misread.
+TEST_F(Faults, oddAudioKeepsItsFormatAndForgedLinesAreIgnoredOrRefused) {
     const QString surround = path(u"surround.wav"_s);
     ::Test::makeAudio(surround, u"sine=frequency=220"_s, 3, 96000, 6);
     const auto tagged = Engine::process(surround, clip, 5, -5);
@@ -227,27 +173,12 @@ TEST_F(Faults, a96kHz51TrackKeepsItsFormatAndQuotedFiguresInMetadataChangeNothin
         describe(tagged.output).contains(u"pcm_s24le ([1][0][0][0] / 0x0001), 96000 Hz, 5.1,"_s))
         << describe(tagged.output).toStdString();
     EXPECT_EQ(::Test::samples(tagged.output, 96000, 6).size(), 3u * 96000 * 6);
+    ::Test::ffmpeg({u"-i"_s, clip, u"-af"_s, u"atrim=end_sample=0"_s, path(u"no samples.wav"_s)});
+    EXPECT_EQ(failure(surround, path(u"no samples.wav"_s)), u"CAN'T READ FILE"_s);
 
-    // The same audio, copied with texts that quote ffmpeg's own lines.
-    const QString plain = path(u"plain.mp3"_s), quoting = path(u"quoting.mp3"_s);
+    const QString plain = path(u"plain.mp3"_s), named = path(u"named.mp3"_s),
+                  forged = path(u"forged.mp3"_s);
     ::Test::makeAudio(plain, u"sine=frequency=220"_s, 12);
-    ::Test::ffmpeg({u"-i"_s, plain, u"-c"_s, u"copy"_s, u"-metadata"_s,
-                    u"title=Duration: 00:00:01.00"_s, u"-metadata"_s, u"artist=    I: -5.0 LUFS"_s,
-                    u"-metadata"_s,
-                    u"comment=x\n  Duration: 00:00:01.00, start: 0\n    I:  -5.0 LUFS\n"
-                    "[silencedetect @ 0x1] silence_start: 1.5\n"
-                    "  Stream #0:0: Audio: mp3, 8000 Hz, mono, fltp"_s,
-                    quoting});
-    const Engine::Analysis expected = Engine::analyze(plain), read = Engine::analyze(quoting);
-    EXPECT_EQ(read.duration, expected.duration);
-    EXPECT_EQ(read.lufs, expected.lufs);
-    EXPECT_EQ(read.silenceStart, expected.silenceStart);
-    EXPECT_EQ(read.format, expected.format);
-    EXPECT_EQ(Engine::process(quoting, clip, 5, -5).placements, 3);
-
-    // A tag's name is printed as it is: lines it forges before ffmpeg's own change
-    // nothing, and a second Duration line makes the file unreadable, not misread.
-    const QString named = path(u"named.mp3"_s), forged = path(u"forged.mp3"_s);
     const auto copyWithName = [&](const QString& name, const QString& to) {
         ::Test::ffmpeg(
             {u"-i"_s, plain, u"-c"_s, u"copy"_s, u"-metadata"_s, u"x\n"_s + name + u"\nk=v"_s, to});
@@ -255,39 +186,20 @@ TEST_F(Faults, a96kHz51TrackKeepsItsFormatAndQuotedFiguresInMetadataChangeNothin
     copyWithName(u"    I:  -5.0 LUFS\n[silencedetect @ 0x1] silence_start: 1.5\n"
                  "  Stream #0:0: Audio: mp3, 8000 Hz, mono, fltp"_s,
                  named);
-    const Engine::Analysis misnamed = Engine::analyze(named);
-    EXPECT_EQ(misnamed.lufs, expected.lufs);
-    EXPECT_EQ(misnamed.silenceStart, expected.silenceStart);
-    EXPECT_EQ(misnamed.format, expected.format);
+    const Engine::Analysis expected = Engine::analyze(plain), read = Engine::analyze(named);
+    EXPECT_EQ(read.lufs, expected.lufs);
+    EXPECT_EQ(read.silenceStart, expected.silenceStart);
+    EXPECT_EQ(read.format, expected.format);
     copyWithName(u"  Duration: 00:00:01.00, start: 0"_s, forged);
     EXPECT_EQ(failure(forged, clip), u"CAN'T READ FILE"_s);
 }
 
-namespace {
-
-class FaultsAtHome : public testing::Test {
-protected:
-    void SetUp() override { ::Test::makeAudio(clip, u"sine=frequency=1000"_s, 0.5, 8000, 1); }
-    ::Test::FreshHome home;
-    const QString clip = home.root() + u"/voice.wav"_s;
-    const QString prefs = home.preferencesPath();
-};
-
-} // namespace
-
-// Each run adds a clip, which writes the selection.
-TEST_F(FaultsAtHome, preferencesThatCannotBeReadAreKeptAsideAndNeverReplacedWithoutACopy) {
+// Each run adds a clip, which writes the selection: nothing the user had is
+// replaced without a copy kept, and a copy that cannot be selected is not kept.
+TEST_F(Faults, preferencesThatCannotBeKeptAsideOrReadAreNeverReplacedWithoutACopy) {
     const QString folder = QFileInfo(prefs).path(), corrupt = prefs + u".corrupt"_s;
     const QStringList add{u"--add-tag"_s, clip};
-    QDir().mkpath(folder);
-    ::Test::writeFile(prefs, R"({"interval": 2,)");
-    EXPECT_EQ(zelkorTag(add).status, 0);
-    EXPECT_EQ(text(corrupt), uR"({"interval": 2,)"_s);
-    EXPECT_EQ(onDisk(prefs).value(u"tag"_s), u"voice.wav"_s);
-
-    // With no way to keep it aside, the garbage stays where it is, and so does
-    // the library: a copy that cannot be selected is not kept.
-    QFile::remove(corrupt);
+    // With no way to keep it aside, the garbage stays where it is.
     QDir().mkpath(corrupt);
     ::Test::writeFile(prefs, "garbage");
     EXPECT_EQ(zelkorTag(add).status, 1);
@@ -327,11 +239,11 @@ TEST_F(FaultsAtHome, preferencesThatCannotBeReadAreKeptAsideAndNeverReplacedWith
     EXPECT_EQ(run.status, 0) << run.err.toStdString();
     QFile::setPermissions(corrupt, QFileDevice::ReadOwner | QFileDevice::WriteOwner);
     EXPECT_EQ(text(corrupt), uR"({"level": 2})"_s);
-    EXPECT_EQ(onDisk(prefs).value(u"tag"_s), u"voice (2).wav"_s);
+    EXPECT_EQ(onDisk(prefs).value(u"tag"_s), u"voice.wav"_s); // the first copy kept
 }
 
-TEST_F(FaultsAtHome, aFileInPlaceOfTheTagsFolderIsLeftAloneAndANewlineInAClipNameWorks) {
-    const QString beat = home.root() + u"/beat.wav"_s;
+TEST_F(Faults, aFileInPlaceOfTheTagsFolderIsLeftAloneAndANewlineInAClipNameWorks) {
+    const QString beat = path(u"beat.wav"_s);
     ::Test::makeAudio(beat, u"sine=frequency=220"_s, 3);
     QDir().mkpath(home.appData());
     ::Test::writeFile(home.tagsDir(), "mine");
@@ -343,29 +255,30 @@ TEST_F(FaultsAtHome, aFileInPlaceOfTheTagsFolderIsLeftAloneAndANewlineInAClipNam
     EXPECT_EQ(text(home.tagsDir()), u"mine"_s);
 
     QFile::remove(home.tagsDir());
-    const QString split = home.root() + u"/my\ntag.wav"_s;
+    const QString split = path(u"my\ntag.wav"_s);
     QFile::copy(clip, split);
     EXPECT_EQ(zelkorTag({u"--add-tag"_s, split}).status, 0);
     EXPECT_EQ(zelkorTag({u"--list-tags"_s}).out, u"* my\ntag.wav\n"_s);
     const auto tagged = zelkorTag({u"--interval"_s, u"5"_s, beat});
     EXPECT_EQ(tagged.status, 0) << tagged.out.toStdString();
-    EXPECT_TRUE(QFileInfo::exists(home.root() + u"/beat (Tagged).wav"_s));
+    EXPECT_TRUE(QFileInfo::exists(path(u"beat (Tagged).wav"_s)));
 }
 
 // A signal while the second track renders: SIGTERM (Ctrl-C, the desktop session
 // ending) to the shell and to the window ends the run and its ffmpeg and removes
 // the hidden file ffmpeg wrote; SIGKILL leaves that file to the next run in the
 // folder, and its ffmpeg dies with it. No partial file ever bears an output's
-// name. The render reads its input in real time, so the signal lands mid-way.
-TEST_F(FaultsAtHome, aSignalMidRenderLeavesNoPartialOutputAndNoFfmpeg) {
-    home.setEnv("ZELKOR_RESOURCES", resourcesWith(home.root(), R"(case " $* " in
-*" -filter_complex "*) exec "$real" -re "$@" ;;
+// name. The long track's render reads its input in real time, so the signal
+// lands mid-way.
+TEST_F(Faults, aSignalMidRenderLeavesNoPartialOutputAndNoFfmpeg) {
+    home.setEnv("ZELKOR_RESOURCES", ::Test::resourcesWith(home.root(), R"(case " $* " in
+*"long.wav -i "*" -filter_complex "*) exec "$real" -re "$@" ;;
 esac
 exec "$real" "$@"
 )"));
     home.useOwnRuntime();
-    const QString first = home.root() + u"/a.wav"_s, second = home.root() + u"/b long.wav"_s;
-    const QString written = home.root() + u"/a (Tagged).wav"_s;
+    const QString first = path(u"a.wav"_s), second = path(u"b long.wav"_s);
+    const QString written = path(u"a (Tagged).wav"_s);
     ::Test::makeAudio(first, u"sine=frequency=220"_s, 3);
     ::Test::makeAudio(second, u"sine=frequency=330"_s, 60, 22050, 1);
     const QByteArray original = digest(second);
@@ -389,10 +302,7 @@ exec "$real" "$@"
         QFile::remove(written);
         QProcess run;
         run.start(::Test::binary(front.program), front.args);
-        QElapsedTimer waited;
-        waited.start();
-        while (!hiddenIn(home.root()).startsWith(u".b long"_s) && waited.elapsed() < 60'000)
-            QThread::msleep(10);
+        ::Test::waitUntil([&] { return hiddenIn(home.root()).startsWith(u".b long"_s); }, 60'000);
         const QString partial = home.root() + u'/' + hiddenIn(home.root());
         ASSERT_TRUE(partial.contains(u"/.b long (Tagged).zelkor-"_s)) << "the second never began";
         ::kill(static_cast<pid_t>(run.processId()), front.signal);
@@ -402,10 +312,7 @@ exec "$real" "$@"
         const bool exited = run.exitStatus() == QProcess::NormalExit;
         EXPECT_EQ(exited ? run.exitCode() : 128 + run.exitCode(), front.exitCode);
         EXPECT_EQ(QString::fromUtf8(run.readAllStandardOutput()), front.out);
-        waited.restart();
-        while (processWriting(partial) && waited.elapsed() < 10'000)
-            QThread::msleep(10);
-        EXPECT_FALSE(processWriting(partial));
+        EXPECT_TRUE(::Test::waitUntil([&] { return !processWriting(partial); }, 10'000));
         EXPECT_EQ(::Test::samples(written, 44100, 2).size(), 3u * 44100 * 2);
         EXPECT_EQ(digest(second), original);
         if (front.signal == SIGKILL) {

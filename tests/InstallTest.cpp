@@ -13,6 +13,8 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 const QString kBuild = QStringLiteral(ZELKOR_BUILD_DIR);
@@ -42,8 +44,8 @@ QString linkText(const QString& link) {
 QStringList manifestUnder(const QString& root) {
     QStringList files;
     const QString text =
-        QString::fromUtf8(::Test::readAll(kBuild + QStringLiteral("/install_manifest_zelkor.txt")));
-    for (const QString& line : text.split(QLatin1Char('\n'), Qt::SkipEmptyParts))
+        QString::fromUtf8(::Test::readAll(kBuild + u"/install_manifest_zelkor.txt"_s));
+    for (const QString& line : text.split(u'\n', Qt::SkipEmptyParts))
         files << root + line;
     files.sort();
     return files;
@@ -55,18 +57,14 @@ QStringList manifestUnder(const QString& root) {
 void expectProgramsRunFrom(const QString& prefix, ::Test::FreshHome& home) {
     home.useOwnRuntime();
     home.setEnv("ZELKOR_RESOURCES", std::nullopt);
-    const QString beat = home.root() + QStringLiteral("/beat.wav");
-    ::Test::makeAudio(beat, QStringLiteral("sine=frequency=220"), 3);
-    const ::Test::Process tag =
-        ::Test::runProgram(prefix + QStringLiteral("/bin/zelkor-tag"), {beat});
+    const QString beat = home.root() + u"/beat.wav"_s;
+    ::Test::makeAudio(beat, u"sine=frequency=220"_s, 3);
+    const ::Test::Process tag = ::Test::runProgram(prefix + u"/bin/zelkor-tag"_s, {beat});
     EXPECT_EQ(tag.status, 0) << tag.out.toStdString() << tag.err.toStdString();
-    EXPECT_TRUE(QFileInfo::exists(home.root() + QStringLiteral("/beat (Tagged).wav")));
+    EXPECT_TRUE(QFileInfo::exists(home.root() + u"/beat (Tagged).wav"_s));
 
-    const QString out = home.root() + QStringLiteral("/installed.png");
-    EXPECT_EQ(::Test::runProgram(prefix + QStringLiteral("/bin/zelkor"),
-                                 {QStringLiteral("--snapshot"), out})
-                  .status,
-              0);
+    const QString out = home.root() + u"/installed.png"_s;
+    EXPECT_EQ(::Test::runProgram(prefix + u"/bin/zelkor"_s, {u"--snapshot"_s, out}).status, 0);
     EXPECT_EQ(QImage(out).pixelColor(115, 108), QColor(0xA2, 0x60, 0xFF));
 }
 
@@ -74,13 +72,12 @@ void expectProgramsRunFrom(const QString& prefix, ::Test::FreshHome& home) {
 
 TEST(Install, writesExactlyItsManifestWhereTheDesktopLooksAndUninstallTakesItBack) {
     ::Test::FreshHome home;
-    const QString stage = home.root() + QStringLiteral("/stage");
-    const QString prefix = stage + QStringLiteral("/opt/zelkor");
+    const QString stage = home.root() + u"/stage"_s;
+    const QString prefix = stage + u"/opt/zelkor"_s;
     const ::Test::Process install = runTool(
-        QStringLiteral("cmake"),
-        {QStringLiteral("--install"), kBuild, QStringLiteral("--component"),
-         QStringLiteral("zelkor"), QStringLiteral("--prefix"), QStringLiteral("/opt/zelkor")},
-        {QStringLiteral("DESTDIR=") + stage});
+        u"cmake"_s,
+        {u"--install"_s, kBuild, u"--component"_s, u"zelkor"_s, u"--prefix"_s, u"/opt/zelkor"_s},
+        {u"DESTDIR="_s + stage});
     ASSERT_EQ(install.status, 0) << install.err.toStdString();
     const QStringList manifest = manifestUnder(stage);
     EXPECT_EQ(filesUnder(stage), manifest);
@@ -90,41 +87,34 @@ TEST(Install, writesExactlyItsManifestWhereTheDesktopLooksAndUninstallTakesItBac
               ::Test::systemFFmpeg());
     EXPECT_TRUE(manifest.contains(prefix + QStringLiteral("/" ZELKOR_SHARE_REL "/ffmpeg")));
 
-    const QString entry = share + QStringLiteral("/applications/zelkor.desktop");
-    const ::Test::Process valid = ::Test::runProgram(
-        QStandardPaths::findExecutable(QStringLiteral("desktop-file-validate")), {entry});
+    const QString entry = share + u"/applications/zelkor.desktop"_s;
+    const ::Test::Process valid =
+        ::Test::runProgram(QStandardPaths::findExecutable(u"desktop-file-validate"_s), {entry});
     EXPECT_EQ(valid.status, 0);
     EXPECT_EQ(valid.out + valid.err, QString());
-    const QStringList lines = QString::fromUtf8(::Test::readAll(entry)).split(QLatin1Char('\n'));
-    EXPECT_TRUE(lines.contains(QStringLiteral("Exec=zelkor %F")));
-    EXPECT_TRUE(lines.contains(
-        QStringLiteral("MimeType=audio/mpeg;audio/x-wav;audio/wav;inode/directory;")));
+    const QStringList lines = QString::fromUtf8(::Test::readAll(entry)).split(u'\n');
+    EXPECT_TRUE(lines.contains(u"Exec=zelkor %F"_s));
+    EXPECT_TRUE(lines.contains(u"MimeType=audio/mpeg;audio/x-wav;audio/wav;inode/directory;"_s));
 
-    EXPECT_TRUE(
-        QFileInfo::exists(share + QStringLiteral("/icons/hicolor/scalable/apps/zelkor.svg")));
+    EXPECT_TRUE(QFileInfo::exists(share + u"/icons/hicolor/scalable/apps/zelkor.svg"_s));
     EXPECT_TRUE(QFileInfo::exists(Resources::icon())); // the window's, in the build tree
     for (const int size : {16, 24, 32, 48, 64, 128, 256})
-        EXPECT_EQ(
-            QImage(share + QStringLiteral("/icons/hicolor/%1x%1/apps/zelkor.png").arg(size)).size(),
-            QSize(size, size));
+        EXPECT_EQ(QImage(share + u"/icons/hicolor/%1x%1/apps/zelkor.png"_s.arg(size)).size(),
+                  QSize(size, size));
     const ::Test::Process metainfo =
-        runTool(QStringLiteral("appstreamcli"),
-                {QStringLiteral("validate"), QStringLiteral("--no-net"),
-                 share + QStringLiteral("/metainfo/com.odravex.Zelkor.metainfo.xml")});
+        runTool(u"appstreamcli"_s, {u"validate"_s, u"--no-net"_s,
+                                    share + u"/metainfo/com.odravex.Zelkor.metainfo.xml"_s});
     EXPECT_EQ(metainfo.status, 0) << metainfo.out.toStdString();
-    for (const QString& page : {QStringLiteral("zelkor.1"), QStringLiteral("zelkor-tag.1")}) {
+    for (const QString& page : {u"zelkor.1"_s, u"zelkor-tag.1"_s}) {
         const QString roff = kBuild + QStringLiteral("/" ZELKOR_MAN_REL "/man1/") + page;
-        const ::Test::Process mandoc =
-            runTool(QStringLiteral("mandoc"), {QStringLiteral("-Tlint"), roff});
+        const ::Test::Process mandoc = runTool(u"mandoc"_s, {u"-Tlint"_s, roff});
         EXPECT_EQ(mandoc.status, 0);
         EXPECT_EQ(mandoc.out + mandoc.err, QString());
-        const ::Test::Process groff =
-            runTool(QStringLiteral("groff"),
-                    {QStringLiteral("-man"), QStringLiteral("-ww"), QStringLiteral("-z"), roff});
+        const ::Test::Process groff = runTool(u"groff"_s, {u"-man"_s, u"-ww"_s, u"-z"_s, roff});
         EXPECT_EQ(groff.status, 0);
         EXPECT_EQ(groff.err, QString());
         EXPECT_TRUE(manifest.contains(prefix + QStringLiteral("/" ZELKOR_MAN_REL "/man1/") + page +
-                                      QStringLiteral(".gz")));
+                                      u".gz"_s));
     }
 
     // Completion from the installed file: options, levels, and clip names with
@@ -134,22 +124,22 @@ TEST(Install, writesExactlyItsManifestWhereTheDesktopLooksAndUninstallTakesItBac
         "read -ra COMP_WORDS <<< \"zelkor-tag $words\"; COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); "
         "_zelkor_tag \"$2\" 2>/dev/null; printf '%s|' \"${COMPREPLY[@]}\"; done");
     home.setEnv("ZELKOR_RESOURCES", std::nullopt);
-    const ::Test::Process bash = runTool(
-        QStringLiteral("bash"), {QStringLiteral("-c"), complete, QStringLiteral("bash"),
-                                 share + QStringLiteral("/bash-completion/completions/zelkor-tag"),
-                                 prefix + QStringLiteral("/bin/zelkor-tag")});
-    EXPECT_EQ(bash.out, QStringLiteral("--select-tag|HIGH|Produced by Zelkor.wav|"));
-    for (const QString& file : {QStringLiteral("/fish/vendor_completions.d/zelkor-tag.fish"),
-                                QStringLiteral("/zsh/site-functions/_zelkor-tag")})
+    const ::Test::Process bash =
+        runTool(u"bash"_s,
+                {u"-c"_s, complete, u"bash"_s, share + u"/bash-completion/completions/zelkor-tag"_s,
+                 prefix + u"/bin/zelkor-tag"_s});
+    EXPECT_EQ(bash.out, u"--select-tag|HIGH|Produced by Zelkor.wav|"_s);
+    for (const QString& file :
+         {u"/fish/vendor_completions.d/zelkor-tag.fish"_s, u"/zsh/site-functions/_zelkor-tag"_s})
         EXPECT_TRUE(manifest.contains(share + file)) << file.toStdString();
 
     expectProgramsRunFrom(prefix, home);
 
-    const ::Test::Process uninstall = runTool(
-        QStringLiteral("cmake"),
-        {QStringLiteral("-DMANIFEST=") + kBuild + QStringLiteral("/install_manifest_zelkor.txt"),
-         QStringLiteral("-P"), QStringLiteral(ZELKOR_SOURCE_DIR "/packaging/Uninstall.cmake")},
-        {QStringLiteral("DESTDIR=") + stage});
+    const ::Test::Process uninstall =
+        runTool(u"cmake"_s,
+                {u"-DMANIFEST="_s + kBuild + u"/install_manifest_zelkor.txt"_s, u"-P"_s,
+                 QStringLiteral(ZELKOR_SOURCE_DIR "/packaging/Uninstall.cmake")},
+                {u"DESTDIR="_s + stage});
     EXPECT_EQ(uninstall.status, 0) << uninstall.err.toStdString();
     EXPECT_EQ(QDir(prefix).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden |
                                      QDir::System),
@@ -160,26 +150,23 @@ TEST(Install, debianPackageHoldsEverythingPassesLintianAndRunsFromWhereItIsUnpac
     if (!ZELKOR_PACKAGE_TEST)
         GTEST_SKIP() << "a sanitized build: the package is built and checked by the plain build";
     ::Test::FreshHome home;
-    const QString out = home.root() + QStringLiteral("/package");
+    const QString out = home.root() + u"/package"_s;
     const ::Test::Process cpack =
-        runTool(QStringLiteral("cpack"),
-                {QStringLiteral("--config"), kBuild + QStringLiteral("/CPackConfig.cmake"),
-                 QStringLiteral("-B"), out});
+        runTool(u"cpack"_s, {u"--config"_s, kBuild + u"/CPackConfig.cmake"_s, u"-B"_s, out});
     ASSERT_EQ(cpack.status, 0) << cpack.out.toStdString() << cpack.err.toStdString();
-    const QStringList debs = QDir(out).entryList({QStringLiteral("zelkor_*.deb")});
+    const QStringList debs = QDir(out).entryList({u"zelkor_*.deb"_s});
     ASSERT_EQ(debs.size(), 1);
-    const QString deb = out + QLatin1Char('/') + debs.first();
+    const QString deb = out + u'/' + debs.first();
 
-    const ::Test::Process lintian = runTool(
-        QStringLiteral("lintian"), {QStringLiteral("--fail-on"), QStringLiteral("error"), deb});
+    const ::Test::Process lintian = runTool(u"lintian"_s, {u"--fail-on"_s, u"error"_s, deb});
     EXPECT_EQ(lintian.status, 0) << lintian.out.toStdString();
 
-    const QString root = home.root() + QStringLiteral("/root");
-    ASSERT_EQ(runTool(QStringLiteral("dpkg-deb"), {QStringLiteral("-x"), deb, root}).status, 0);
+    const QString root = home.root() + u"/root"_s;
+    ASSERT_EQ(runTool(u"dpkg-deb"_s, {u"-x"_s, deb, root}).status, 0);
     EXPECT_EQ(filesUnder(root), manifestUnder(root));
-    const QString usr = root + QStringLiteral("/usr");
+    const QString usr = root + u"/usr"_s;
     for (const QString& file :
-         {QStringLiteral("/bin/zelkor"), QStringLiteral("/bin/zelkor-tag"),
+         {u"/bin/zelkor"_s, u"/bin/zelkor-tag"_s,
           QStringLiteral("/" ZELKOR_SHARE_REL "/DefaultTags/Produced by Zelkor.wav"),
           QStringLiteral("/" ZELKOR_SHARE_REL "/logo.svg"),
           QStringLiteral("/" ZELKOR_MAN_REL "/man1/zelkor.1.gz"),
@@ -195,10 +182,10 @@ TEST(Install, debianPackageHoldsEverythingPassesLintianAndRunsFromWhereItIsUnpac
     // ffmpeg under the same prefix: a relative link, naming the ffmpeg of the
     // root it is unpacked in (none yet), not the system's.
     const QString link = usr + QStringLiteral("/" ZELKOR_SHARE_REL "/ffmpeg");
-    EXPECT_FALSE(linkText(link).startsWith(QLatin1Char('/'))) << linkText(link).toStdString();
+    EXPECT_FALSE(linkText(link).startsWith(u'/')) << linkText(link).toStdString();
     EXPECT_EQ(QFileInfo(link).canonicalFilePath(), QString());
 
     // As the ffmpeg dependency would install it.
-    ASSERT_TRUE(QFile::link(::Test::systemFFmpeg(), usr + QStringLiteral("/bin/ffmpeg")));
+    ASSERT_TRUE(QFile::link(::Test::systemFFmpeg(), usr + u"/bin/ffmpeg"_s));
     expectProgramsRunFrom(usr, home);
 }

@@ -11,8 +11,6 @@
 #include <QJsonDocument>
 #include <QRegularExpression>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -23,40 +21,6 @@ namespace {
 
 QJsonObject onDisk(const QString& path) {
     return QJsonDocument::fromJson(::Test::readAll(path)).object();
-}
-
-constexpr const char* kChildVariable = "ZELKOR_SETTINGS_CHILD";
-
-// Started again with ZELKOR_SETTINGS_CHILD=INDEX, this binary is "another
-// process": it stores INDEX as the interval, prints the two indices it then
-// reads, and exits before any test runs.
-[[maybe_unused]] const bool kChildRun = [] {
-    if (!qEnvironmentVariableIsSet(kChildVariable))
-        return false;
-    PreferencesFile preferences(PreferencesFile::userPath());
-    Settings settings(preferences);
-    settings.setIntervalIndex(qEnvironmentVariableIntValue(kChildVariable));
-    std::printf("%d %d\n", settings.intervalIndex(), settings.levelIndex());
-    std::fflush(stdout);
-    std::_Exit(0);
-}();
-
-QString inAnotherProcessSetInterval(int index) {
-    const QString self = QFileInfo(QStringLiteral("/proc/self/exe")).canonicalFilePath();
-    const ::Test::Process child = ::Test::runProgram(
-        self, {}, {QStringLiteral("%1=%2").arg(QLatin1String(kChildVariable)).arg(index)});
-    EXPECT_EQ(child.status, 0) << child.err.toStdString();
-    return child.out.trimmed();
-}
-
-// A hand edit, saved the way editors save: a new file renamed over the old one.
-void storeRaw(const ::Test::FreshHome& home, const QByteArray& json) {
-    QDir().mkpath(QFileInfo(home.preferencesPath()).path());
-    const QString edited = home.preferencesPath() + QStringLiteral(".edited");
-    ::Test::writeFile(edited, json);
-    ASSERT_EQ(std::rename(QFile::encodeName(edited).constData(),
-                          QFile::encodeName(home.preferencesPath()).constData()),
-              0);
 }
 
 // Fills a file system to its last byte.
@@ -155,28 +119,26 @@ TEST(Trash, eachEntryDecodesToTheExactPathAndOnlyAFileThatIsThereGoes) {
     EXPECT_EQ(QDir(folder + u"/info"_s).entryList(QDir::Files).size(), 4);
 }
 
-TEST(Settings, choicesOutliveTheProcessAndReadAsTheDefaultWhenFreshOrOutOfTheTable) {
+TEST(Settings, choicesAreKeptInTheFileAndReadAsTheDefaultWhenFreshOrOutOfTheTable) {
     ::Test::FreshHome home;
     PreferencesFile preferences(home.preferencesPath());
     Settings settings(preferences);
     settings.setLevelIndex(2);
-    ASSERT_EQ(settings.levelIndex(), 2);
-
-    // The child reads the level written here, then writes its own interval.
-    EXPECT_EQ(inAnotherProcessSetInterval(3), QStringLiteral("3 2"));
-    EXPECT_EQ(settings.interval(), 60);
-    EXPECT_EQ(settings.levelDB(), -1);
-    settings.setLevelIndex(0);
-    EXPECT_EQ(inAnotherProcessSetInterval(0), QStringLiteral("0 0"));
+    settings.setIntervalIndex(3);
+    PreferencesFile another(home.preferencesPath()); // as another process reads them
+    EXPECT_EQ(Settings(another).interval(), 60);
+    EXPECT_EQ(Settings(another).levelDB(), -1);
 
     // Thirty seconds at MID, also for a stored value that is not an index of its table.
     QFile::remove(home.preferencesPath());
     EXPECT_EQ(settings.interval(), 30);
     EXPECT_EQ(settings.levelDB(), -5);
     for (const char* stored : {"\"abc\"", "-1", "4", "2.5", "true", "null", "[0]", "9e99"}) {
-        storeRaw(home, QByteArray(R"({"interval": )") + stored + R"(, "level": )" + stored + "}");
-        EXPECT_EQ(settings.intervalIndex(), 1) << stored;
-        EXPECT_EQ(settings.levelIndex(), 1) << stored;
+        ::Test::writeFile(home.preferencesPath(), QByteArray(R"({"interval": )") + stored +
+                                                      R"(, "level": )" + stored + "}");
+        PreferencesFile edited(home.preferencesPath());
+        EXPECT_EQ(Settings(edited).intervalIndex(), 1) << stored;
+        EXPECT_EQ(Settings(edited).levelIndex(), 1) << stored;
     }
 }
 
@@ -185,22 +147,13 @@ TEST(Settings, choicesOutliveTheProcessAndReadAsTheDefaultWhenFreshOrOutOfTheTab
 TEST(Preferences, onAFullDiskTheLibraryCommandsFailWithTheReasonAndLeaveWhatWasThere) {
     ::Test::FreshHome home;
     const QString disk = home.root() + u"/disk"_s;
-    QDir().mkpath(disk);
-    const auto mount =
-        ::Test::runProgram(u"mount"_s, u"-t tmpfs -o size=1m tmpfs"_s.split(u' ') << disk);
-    if (mount.status != 0)
-        GTEST_SKIP() << "cannot mount a small tmpfs here (needs root and mount rights): "
-                     << mount.err.toStdString();
-    struct Unmount {
-        QString at;
-        ~Unmount() { ::Test::runProgram(u"umount"_s, {at}); }
-    } unmount{disk};
+    const ::Test::Tmpfs tmpfs(disk, u"1m"_s);
+    if (!tmpfs.mounted())
+        GTEST_SKIP() << tmpfs.why();
     home.setEnv("XDG_CONFIG_HOME", disk + u"/config"_s);
     home.setEnv("XDG_DATA_HOME", disk + u"/data"_s);
     PreferencesFile(PreferencesFile::userPath()).setBoolean(u"seeded"_s, true);
-    const auto zelkorTag = [](const QStringList& args) {
-        return ::Test::runProgram(::Test::binary(u"zelkor-tag"_s), args);
-    };
+    using ::Test::zelkorTag;
     const QString clip = home.root() + u"/a.wav"_s;
     ::Test::writeFile(clip, QByteArray(8898, 'a'));
     ASSERT_EQ(zelkorTag({u"--add-tag"_s, clip}).status, 0);

@@ -17,7 +17,6 @@
 
 #include <QApplication>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFileInfo>
 #include <QMouseEvent>
 #include <QTimer>
@@ -90,15 +89,6 @@ public:
     int trackPanels = 0;
 };
 
-// Runs the event loop until `done` holds or `ms` have passed; returns `done()`.
-inline bool waitUntil(const std::function<bool()>& done, int ms) {
-    QElapsedTimer clock;
-    clock.start();
-    while (!done() && clock.elapsed() < ms)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-    return done();
-}
-
 // A press of the primary button at `at`, delivered like a real one.
 inline void click(QWidget& widget, QPointF at) {
     QMouseEvent press(QEvent::MouseButtonPress, at, widget.mapToGlobal(at), Qt::LeftButton,
@@ -108,6 +98,7 @@ inline void click(QWidget& widget, QPointF at) {
 
 // How many drawing passes a shown widget makes for `work`, counting the ones it
 // asks for afterwards. Its own timers are stopped, so nothing else asks for one.
+// A widget's pending update is a posted event: delivering them all paints it.
 inline int repaints(QWidget& widget, const std::function<void()>& work) {
     struct Counter : QObject {
         int passes = 0;
@@ -115,15 +106,18 @@ inline int repaints(QWidget& widget, const std::function<void()>& work) {
             passes += event->type() == QEvent::Paint;
             return false;
         }
-    };
+    } counter;
     for (QTimer* timer : widget.findChildren<QTimer*>())
         timer->stop();
-    widget.show();
-    waitUntil([] { return false; }, 60);
-    Counter counter;
     widget.installEventFilter(&counter);
+    if (!widget.isVisible()) {
+        widget.show();
+        EXPECT_TRUE(waitUntil([&] { return counter.passes > 0; }, 5000)) << "never drawn";
+    }
+    QCoreApplication::sendPostedEvents();
+    counter.passes = 0;
     work();
-    waitUntil([] { return false; }, 60);
+    QCoreApplication::sendPostedEvents();
     widget.removeEventFilter(&counter);
     return counter.passes;
 }

@@ -1,9 +1,15 @@
 // Shared test helpers over the real ffmpeg and real files.
 #include "support/TestSupport.h"
 
+#include "platform/Resources.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
 #include <QProcessEnvironment>
+#include <QThread>
 #include <cstring>
 #include <gtest/gtest.h>
 
@@ -33,6 +39,46 @@ Process runProgram(const QString& program, const QStringList& args, const QStrin
     result.out = QString::fromUtf8(process.readAllStandardOutput());
     result.err = QString::fromUtf8(process.readAllStandardError());
     return result;
+}
+
+Process zelkorTag(const QStringList& args, const QStringList& environment, int timeoutMs) {
+    return runProgram(binary(u"zelkor-tag"_s), args, environment, timeoutMs);
+}
+
+QString resourcesWith(const QString& folder, const QByteArray& script) {
+    const QString share = folder + u"/share"_s, real = Resources::dir();
+    QDir().mkpath(share);
+    for (const QString& entry : QDir(real).entryList(QDir::AllEntries | QDir::NoDotAndDotDot))
+        if (entry != u"ffmpeg"_s)
+            QFile::link(real + u'/' + entry, share + u'/' + entry);
+    writeFile(share + u"/ffmpeg"_s, "#!/bin/sh\nreal=" + systemFFmpeg().toUtf8() + '\n' + script,
+              true);
+    return share;
+}
+
+bool waitUntil(const std::function<bool()>& done, int ms) {
+    QElapsedTimer clock;
+    clock.start();
+    while (!done() && clock.elapsed() < ms) {
+        QCoreApplication::processEvents(); // nothing to do without an application
+        QThread::msleep(5);
+    }
+    return done();
+}
+
+Tmpfs::Tmpfs(const QString& at, const QString& size)
+    : m_at(at) {
+    QDir().mkpath(at);
+    const Process mount =
+        runProgram(u"mount"_s, {u"-t"_s, u"tmpfs"_s, u"-o"_s, u"size="_s + size, u"tmpfs"_s, at});
+    if (mount.status != 0)
+        m_why = "cannot mount a small tmpfs here (needs root and mount rights): " +
+                mount.err.toStdString();
+}
+
+Tmpfs::~Tmpfs() {
+    if (mounted())
+        runProgram(u"umount"_s, {m_at});
 }
 
 void ffmpeg(const QStringList& args) {

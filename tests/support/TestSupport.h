@@ -5,8 +5,10 @@
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
+#include <functional>
 #include <gtest/gtest.h>
 #include <ostream>
+#include <string>
 #include <vector>
 
 // Readable QStrings in test failures.
@@ -33,6 +35,34 @@ struct Process {
 // One still running after `timeoutMs` is killed, its status then -1.
 Process runProgram(const QString& program, const QStringList& args,
                    const QStringList& environment = {}, int timeoutMs = -1);
+
+// zelkor-tag, as the shell would run it.
+Process zelkorTag(const QStringList& args, const QStringList& environment = {}, int timeoutMs = -1);
+
+// A resources folder in `folder` holding the build's own resources, but whose
+// ffmpeg is `script`, a shell script in which $real names the real ffmpeg.
+// Returns the folder, for ZELKOR_RESOURCES.
+QString resourcesWith(const QString& folder, const QByteArray& script);
+
+// Waits until `done` holds or `ms` have passed, running the event loop where
+// there is one; returns `done()`.
+bool waitUntil(const std::function<bool()>& done, int ms);
+
+// A small tmpfs mounted at `at` (made if missing) while this lives. Mounting
+// needs root and mount rights: a test without them skips with why().
+class Tmpfs {
+public:
+    Tmpfs(const QString& at, const QString& size);
+    ~Tmpfs();
+    Tmpfs(const Tmpfs&) = delete;
+    Tmpfs& operator=(const Tmpfs&) = delete;
+    bool mounted() const { return m_why.empty(); }
+    const std::string& why() const { return m_why; }
+
+private:
+    QString m_at;
+    std::string m_why;
+};
 
 // ffmpeg with "-hide_banner -nostdin -y -loglevel error" and `args`; fails the test on error.
 void ffmpeg(const QStringList& args);
