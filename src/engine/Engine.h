@@ -53,6 +53,9 @@ struct Analysis {
     double duration = 0;
     std::optional<double> silenceStart; // a silence still running at the end
     std::optional<AudioFormat> format;
+    std::optional<double> peak;  // sample peak in dBFS, as the meter prints it (to 0.1 dB)
+    bool pictures = false;       // attached pictures, every one of a kind an MP3 can carry
+    bool broadcastChunk = false; // a broadcast WAV's bext chunk (its time_reference)
 };
 
 struct TagInfo {
@@ -63,7 +66,7 @@ struct TagInfo {
 constexpr double kLoudnessFloor = -70;
 constexpr double kMinimumTagLength = 0.5;
 inline const QString kAnalysisFilter =
-    QStringLiteral("silencedetect=n=-50dB:d=0.3,ebur128=framelog=verbose");
+    QStringLiteral("silencedetect=n=-50dB:d=0.3,ebur128=framelog=verbose:peak=sample");
 
 QStringList analysisArguments(const QString& path);
 // Reads the figures from an analysis run's text; throws TagError::unreadable
@@ -94,13 +97,28 @@ struct Result {
     int placements = 0;
 };
 
+constexpr double kDefaultCeiling = 0.97;
+constexpr double kFadeSeconds = 0.005;
+
 std::vector<double> positions(double duration, double interval, double tagLength);
 double clipGain(double levelDB, double trackLufs, double tagLufs);
-QString filterGraph(double gainDB, const std::vector<double>& times,
-                    const std::optional<AudioFormat>& trackFormat);
+// The limiter's ceiling: never below the track's own peak, so that it acts only under a tag.
+double ceiling(std::optional<double> peakDB);
+
+// Everything the render's filter graph depends on.
+struct Mix {
+    double gainDB = 0;
+    std::vector<double> times;
+    double tagLength = 0; // the clip's audible length: each copy fades out and ends there
+    double ceiling = kDefaultCeiling;
+    std::optional<AudioFormat> format;
+};
+QString filterGraph(const Mix& mix);
+
 QString outputURL(const QString& track);
+// The track's analysis says which of its extras (pictures, bext chunk) the output keeps.
 QStringList renderArguments(const QString& track, const QString& tag, const QString& graph,
-                            const QString& output);
+                            const Analysis& analysis, const QString& output);
 // The message of a failed render: ffmpeg's last line, cut and upper-cased.
 QString failureText(const QString& output);
 

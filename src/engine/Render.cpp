@@ -7,6 +7,7 @@
 #include <QFileInfo>
 #include <QSet>
 #include <QTextBoundaryFinder>
+#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <mutex>
@@ -20,6 +21,14 @@ long long milliseconds(double seconds) {
     const double ms = std::trunc(seconds * 1000);
     constexpr double kLimit = 9.2e18;
     return ms >= kLimit ? static_cast<long long>(kLimit) : static_cast<long long>(ms);
+}
+
+// Written to six decimals: the ceiling is rounded up to the last of them.
+constexpr double kLimitDigits = 1e6;
+
+// The samples each copy keeps: the clip up to its audible end.
+long long audibleSamples(double seconds, int rate) {
+    return std::max(1LL, std::llround(std::min(seconds, 1e9) * rate));
 }
 
 QString firstCharacters(const QString& text, int count) {
@@ -58,28 +67,54 @@ double clipGain(double levelDB, double trackLufs, double tagLufs) {
     return gain;
 }
 
-QString filterGraph(double gainDB, const std::vector<double>& times,
-                    const std::optional<AudioFormat>& trackFormat) {
-    const std::size_t n = times.size();
+double ceiling(std::optional<double> peakDB) {
+    if (!peakDB || !std::isfinite(*peakDB))
+        return kDefaultCeiling;
+    // The meter prints 0.1 dB steps, so the true peak may lie half a step above; the
+    // ceiling is rounded up in the last written digit, never below the peak.
+    constexpr double kHalfStep = 0.05;
+    const double linear = std::pow(10.0, (*peakDB + kHalfStep) / 20);
+    return std::clamp(std::ceil(linear * kLimitDigits + 1e-6) / kLimitDigits, kDefaultCeiling, 1.0);
+}
+
+QString filterGraph(const Mix& mix) {
+    const std::size_t n = mix.times.size();
+    const int rate = mix.format ? mix.format->sampleRate : 0;
     QString graph = QStringLiteral("[1:a]");
     // Mix in the track's own format: otherwise ffmpeg mixes at the clip's rate and layout.
-    if (trackFormat)
+    if (mix.format)
         graph += QStringLiteral("aformat=sample_rates=%1:channel_layouts=%2,")
-                     .arg(trackFormat->sampleRate)
-                     .arg(trackFormat->channelLayout);
-    graph += QString::asprintf("volume=%.2fdB,asplit=%zu", gainDB, n);
+                     .arg(mix.format->sampleRate)
+                     .arg(mix.format->channelLayout);
+    graph += QString::asprintf("volume=%.2fdB,", mix.gainDB);
+    // Each copy ends at the clip's audible end and fades at both edges, so a clip cut
+    // mid-word never clicks. The fade-out runs on the reversed clip, so it ends on the
+    // clip's last sample whatever its container claimed; timestamps are counted afresh
+    // because afade reads them.
+    const QString restamp = QStringLiteral("asetpts=N/SR/TB,");
+    const QString fadeIn = QStringLiteral("afade=t=in:d=%1:curve=hsin,").arg(kFadeSeconds);
+    graph += restamp;
+    if (rate)
+        graph += QStringLiteral("atrim=end_sample=%1,").arg(audibleSamples(mix.tagLength, rate));
+    graph += fadeIn + QStringLiteral("areverse,") + restamp + fadeIn + QStringLiteral("areverse,") +
+             restamp.chopped(1);
+
+    const QString mixed = QStringLiteral("amix=inputs=%1:normalize=0:duration=first:"
+                                         "dropout_transition=0,");
+    const QString limiter =
+        QStringLiteral("alimiter=limit=%1:level=0:attack=2:release=40:latency=1[out]")
+            .arg(QString::number(mix.ceiling, 'g', 7));
+    graph += QStringLiteral(",asplit=%1").arg(n);
     for (std::size_t i = 0; i < n; ++i)
         graph += QStringLiteral("[s%1]").arg(i);
     graph += QLatin1Char(';');
     for (std::size_t i = 0; i < n; ++i)
-        graph += QStringLiteral("[s%1]adelay=%2:all=1[d%1];").arg(i).arg(milliseconds(times[i]));
+        graph +=
+            QStringLiteral("[s%1]adelay=%2:all=1[d%1];").arg(i).arg(milliseconds(mix.times[i]));
     graph += QStringLiteral("[0:a]");
     for (std::size_t i = 0; i < n; ++i)
         graph += QStringLiteral("[d%1]").arg(i);
-    graph += QStringLiteral("amix=inputs=%1:normalize=0:duration=first:dropout_transition=0,")
-                 .arg(n + 1);
-    graph += QStringLiteral("alimiter=limit=0.97:level=0:attack=2:release=40:latency=1[out]");
-    return graph;
+    return graph + mixed.arg(n + 1) + limiter;
 }
 
 namespace {
@@ -131,22 +166,32 @@ QString outputURL(const QString& track) {
 }
 
 QStringList renderArguments(const QString& track, const QString& tag, const QString& graph,
-                            const QString& output) {
-    QStringList args{QStringLiteral("-y"),
-                     QStringLiteral("-i"),
-                     QFileInfo(track).absoluteFilePath(),
-                     QStringLiteral("-i"),
-                     QFileInfo(tag).absoluteFilePath(),
-                     QStringLiteral("-filter_complex"),
-                     graph,
-                     QStringLiteral("-map"),
-                     QStringLiteral("[out]"),
-                     QStringLiteral("-map_metadata"),
-                     QStringLiteral("0")};
-    if (QFileInfo(track).suffix().toLower() == QLatin1String("mp3"))
+                            const Analysis& analysis, const QString& output) {
+    const QString trackPath = QFileInfo(track).absoluteFilePath();
+    const bool mp3 = QFileInfo(track).suffix().toLower() == QLatin1String("mp3");
+    // The analysis admits pictures only when every one is of a kind the MP3 muxer can
+    // write, so a picture never fails the render. They are copied as they are, from the
+    // track opened a second time: taken from the mixed input, ffmpeg 5.1 ends the audio
+    // after a fraction of a second.
+    const bool pictures = mp3 && analysis.pictures;
+    QStringList args{QStringLiteral("-y"), QStringLiteral("-i"), trackPath, QStringLiteral("-i"),
+                     QFileInfo(tag).absoluteFilePath()};
+    if (pictures)
+        args << QStringLiteral("-i") << trackPath;
+    args << QStringLiteral("-filter_complex") << graph << QStringLiteral("-map")
+         << QStringLiteral("[out]");
+    if (pictures)
+        args << QStringLiteral("-map") << QStringLiteral("2:v?") << QStringLiteral("-c:v")
+             << QStringLiteral("copy");
+    args << QStringLiteral("-map_metadata") << QStringLiteral("0");
+    if (mp3)
         args << QStringLiteral("-c:a") << QStringLiteral("libmp3lame") << QStringLiteral("-b:a")
              << QStringLiteral("320k") << QStringLiteral("-id3v2_version") << QStringLiteral("3")
              << QStringLiteral("-f") << QStringLiteral("mp3");
+    else if (analysis.broadcastChunk)
+        args << QStringLiteral("-c:a") << QStringLiteral("pcm_s24le")
+             << QStringLiteral("-write_bext") << QStringLiteral("1") << QStringLiteral("-f")
+             << QStringLiteral("wav");
     else
         args << QStringLiteral("-c:a") << QStringLiteral("pcm_s24le") << QStringLiteral("-f")
              << QStringLiteral("wav");
@@ -177,7 +222,8 @@ Result process(const QString& track, const QString& tag, double interval, double
     const QString& out = reservation.path();
     RunResult result;
     try {
-        result = run(renderArguments(track, tag, filterGraph(gain, times, analysis.format), out));
+        const Mix mix{gain, times, clip.length, ceiling(analysis.peak), analysis.format};
+        result = run(renderArguments(track, tag, filterGraph(mix), analysis, out));
     } catch (...) {
         QFile::remove(out); // stopped half-way
         throw;
