@@ -185,9 +185,52 @@ TEST(EnginePlacement, theGraphFadesEachCopyAndMixesThemUnderTheTrack) {
         u"[1:a]aformat=sample_rates=8000:channel_layouts=5.1(side),volume=1.00dB,"
         "asetpts=N/SR/TB,atrim=end_sample=96000,"_s +
             clip.mid(16) +
-            u"asplit=1[s0];[s0]adelay=0:all=1[d0];[0:a][d0]"
+            u"asplit=1[s0];[s0]adelay=0S:all=1[d0];[0:a][d0]"
             "amix=inputs=2:normalize=0:duration=first:dropout_transition=0,"
             "alimiter=limit=0.994261:level=0:attack=2:release=40:latency=1[out]"_s);
+}
+
+// Copies that cannot overlap and lie a whole number of samples apart share one looped
+// branch: the clip padded to the interval, repeated, delayed to the first placement.
+// The delays are in samples, so the copies of both shapes land on the same ones.
+TEST(EnginePlacement, copiesThatCannotOverlapShareOneLoopedBranch) {
+    const Engine::AudioFormat stereo{44100, u"stereo"_s};
+    const Engine::Mix mix{-3.25, {0.5, 30.5, 60.5}, 2, 0.994261, stereo};
+    EXPECT_EQ(Engine::graphShape(mix), Engine::GraphShape::loopedBed);
+    EXPECT_EQ(Engine::filterGraph(mix),
+              u"[1:a]aformat=sample_rates=44100:channel_layouts=stereo,volume=-3.25dB,"
+              "asetpts=N/SR/TB,atrim=end_sample=88200,afade=t=in:d=0.005:curve=hsin,areverse,"
+              "asetpts=N/SR/TB,afade=t=in:d=0.005:curve=hsin,areverse,asetpts=N/SR/TB,"
+              "apad=whole_len=1323000,atrim=end_sample=1323000,aloop=loop=2:size=1323000,"
+              "adelay=22050S:all=1[bed];[0:a][bed]"
+              "amix=inputs=2:normalize=0:duration=first:dropout_transition=0,"
+              "alimiter=limit=0.994261:level=0:attack=2:release=40:latency=1[out]"_s);
+    EXPECT_TRUE(Engine::filterGraph(mix, Engine::GraphShape::branchPerCopy)
+                    .contains(u"[s0]adelay=22050S:all=1[d0];[s1]adelay=1345050S:all=1[d1];"
+                              "[s2]adelay=2668050S:all=1[d2];[0:a][d0][d1][d2]amix=inputs=4:"_s));
+
+    const auto shape = [&](std::vector<double> times, double length,
+                           std::optional<Engine::AudioFormat> format) {
+        return Engine::graphShape({0, std::move(times), length, 0.97, std::move(format)});
+    };
+    using enum Engine::GraphShape;
+    EXPECT_EQ(shape({0.5, 30.5, 60.5}, 30, stereo), loopedBed); // back to back
+    EXPECT_EQ(shape({0.5, 30.5, 60.5}, 30.001, stereo), branchPerCopy);
+    EXPECT_EQ(shape({0.5, 30.5, 60.6}, 2, stereo), branchPerCopy);
+    EXPECT_EQ(shape({0.5}, 2, stereo), branchPerCopy);
+    EXPECT_EQ(shape({0.5, 30.5}, 2, std::nullopt), branchPerCopy);
+    // The loop holds one interval of audio: at most 2^24 samples over all channels.
+    EXPECT_EQ(shape({0.5, 30.5}, 2, Engine::AudioFormat{96000, u"stereo"_s}), loopedBed);
+    EXPECT_EQ(shape({0.5, 30.5}, 2, Engine::AudioFormat{96000, u"7.1"_s}), branchPerCopy);
+    EXPECT_EQ(shape({0.5, 30.5}, 2, Engine::AudioFormat{44100, u"odd"_s}), branchPerCopy);
+    for (const auto& [layout, channels] : {std::pair{u"mono"_s, 1},
+                                           {u"5.1(side)"_s, 6},
+                                           {u"7.1(wide-side)"_s, 8},
+                                           {u"3c"_s, 3},
+                                           {u"22.2"_s, 24},
+                                           {u"hexadecagonal"_s, 16},
+                                           {u"odd"_s, 0}})
+        EXPECT_EQ(Engine::channelCount(layout), channels) << layout.toStdString();
 }
 
 // The output keeps what the track carries besides its audio: an MP3's pictures,

@@ -212,6 +212,102 @@ TEST_F(EngineRender, theMasterChangesOnlyUnderItsTagsAndCopiesNeverClick) {
     }
 }
 
+namespace {
+
+struct SamenessCase {
+    int rate;
+    QString layout;
+    double interval;
+    int placements;
+    double clip;  // audible seconds
+    bool silence; // followed by trailing silence
+};
+
+// Every rate, layout and interval, 2 to 90 placements on tracks up to 20 minutes, clips
+// short, long and as long as the interval, and 720 placements on two one-hour tracks.
+std::vector<SamenessCase> fullSamenessTable() {
+    std::vector<SamenessCase> cases;
+    const int counts[] = {2, 3, 12, 40, 90};
+    int row = 0;
+    for (int rate : {22050, 44100, 48000, 96000})
+        for (const QString& layout : {u"mono"_s, u"stereo"_s, u"5.1"_s})
+            for (double interval : {5.0, 20.0, 30.5, 45.0}) {
+                const double clip = row % 3 == 0 ? 1.2 : row % 3 == 1 ? 4.0 : interval;
+                const int most = int((1200 - clip) / interval) + 1;
+                cases.push_back(
+                    {rate, layout, interval, std::min(counts[row % 5], most), clip, row % 2 == 0});
+                ++row;
+            }
+    cases.push_back({22050, u"mono"_s, 5, 720, 1.2, true});
+    cases.push_back({44100, u"stereo"_s, 5, 720, 1.7, false});
+    return cases;
+}
+
+// The MD5 of the rendered 24-bit samples of a generated track and clip.
+QString renderedDigest(const SamenessCase& c, const Engine::Mix& mix, Engine::GraphShape shape) {
+    const int channels = Engine::channelCount(c.layout);
+    QStringList waves;
+    for (int k = 0; k < channels; ++k)
+        waves << u"0.8*sin(2*PI*%1*t)*(0.6+0.4*sin(2*PI*0.7*t))"_s.arg(110 + 37 * k);
+    const double seconds = mix.times.back() + c.clip + 0.25;
+    const QString track = u"aevalsrc=%1:c=%2:s=%3:d=%4,aformat=sample_fmts=s16"_s.arg(
+        waves.join(u'|'), c.layout, QString::number(c.rate), QString::number(seconds));
+    const QString clip = u"sine=frequency=900:sample_rate=22050:duration=%1%2"_s.arg(
+        QString::number(c.clip), c.silence ? u",apad=pad_dur=0.7"_s : QString());
+    const auto run = ::Test::runProgram(::Test::systemFFmpeg(), {u"-hide_banner"_s,
+                                                                 u"-nostdin"_s,
+                                                                 u"-v"_s,
+                                                                 u"error"_s,
+                                                                 u"-f"_s,
+                                                                 u"lavfi"_s,
+                                                                 u"-i"_s,
+                                                                 track,
+                                                                 u"-f"_s,
+                                                                 u"lavfi"_s,
+                                                                 u"-i"_s,
+                                                                 clip,
+                                                                 u"-filter_complex"_s,
+                                                                 Engine::filterGraph(mix, shape),
+                                                                 u"-map"_s,
+                                                                 u"[out]"_s,
+                                                                 u"-c:a"_s,
+                                                                 u"pcm_s24le"_s,
+                                                                 u"-f"_s,
+                                                                 u"md5"_s,
+                                                                 u"-"_s});
+    EXPECT_EQ(run.status, 0) << run.err.toStdString();
+    return run.out;
+}
+
+} // namespace
+
+// The looped bed writes the very samples of one branch per copy, the limiter acting
+// under every tag. A short table here; ZELKOR_FULL_SAMENESS=1 runs the full one (about
+// an hour on two cores).
+TEST(EngineSameness, theLoopedBedWritesTheSameSamplesAsOneBranchPerCopy) {
+    std::vector<SamenessCase> cases{{22050, u"mono"_s, 5, 4, 1.2, true},
+                                    {44100, u"stereo"_s, 5, 3, 5, false},
+                                    {48000, u"5.1"_s, 20, 3, 4, true},
+                                    {96000, u"stereo"_s, 30.5, 2, 1.2, false}};
+    if (qEnvironmentVariableIsSet("ZELKOR_FULL_SAMENESS"))
+        cases = fullSamenessTable();
+    for (const SamenessCase& c : cases) {
+        const double duration = 0.5 + (c.placements - 1) * c.interval + c.clip + 0.25;
+        const Engine::Mix mix{6, Engine::positions(duration, c.interval, c.clip), c.clip, 0.97,
+                              Engine::AudioFormat{c.rate, c.layout}};
+        ASSERT_EQ(mix.times.size(), std::size_t(c.placements));
+        const std::string name = u"%1 Hz %2, every %3 s x %4, clip %5 s"_s.arg(c.rate)
+                                     .arg(c.layout)
+                                     .arg(c.interval)
+                                     .arg(c.placements)
+                                     .arg(c.clip)
+                                     .toStdString();
+        const QString looped = renderedDigest(c, mix, Engine::GraphShape::loopedBed);
+        EXPECT_TRUE(looped.startsWith(u"MD5="_s)) << name;
+        EXPECT_EQ(looped, renderedDigest(c, mix, Engine::GraphShape::branchPerCopy)) << name;
+    }
+}
+
 TEST_F(EngineRender, unreadableFilesGiveCantReadFileAndNoOutput) {
     const QString good = path(u"good.wav"_s);
     ::Test::makeAudio(good, kBeat, 2);

@@ -133,7 +133,7 @@ TEST_F(ZelkorTag, ffmpegGetsItsFixedPrefixThenEveryArgumentWhole) {
                            "volume=-5.00dB,asetpts=N/SR/TB,atrim=end_sample=220500,"
                            "afade=t=in:d=0.005:curve=hsin,areverse,asetpts=N/SR/TB,"
                            "afade=t=in:d=0.005:curve=hsin,areverse,asetpts=N/SR/TB,"
-                           "asplit=1[s0];[s0]adelay=500:all=1[d0];[0:a][d0]"
+                           "asplit=1[s0];[s0]adelay=22050S:all=1[d0];[0:a][d0]"
                            "amix=inputs=2:normalize=0:duration=first:dropout_transition=0,"
                            "alimiter=limit=0.97:level=0:attack=2:release=40:latency=1[out]"_s,
                            u"-map"_s, u"[out]"_s, u"-map_metadata"_s, u"0"_s, u"-c:a"_s,

@@ -99,6 +99,8 @@ struct Result {
 
 constexpr double kDefaultCeiling = 0.97;
 constexpr double kFadeSeconds = 0.005;
+// The loop of the one-branch graph holds an interval of the track's audio (about 64 MB).
+constexpr long long kMaxLoopSamples = 1LL << 24;
 
 std::vector<double> positions(double duration, double interval, double tagLength);
 double clipGain(double levelDB, double trackLufs, double tagLufs);
@@ -113,7 +115,18 @@ struct Mix {
     double ceiling = kDefaultCeiling;
     std::optional<AudioFormat> format;
 };
-QString filterGraph(const Mix& mix);
+enum class GraphShape {
+    branchPerCopy, // one delayed branch per placement, all mixed under the track
+    loopedBed,     // the clip looped once per interval: one branch, a two-input mix
+};
+// The looped bed when copies cannot overlap and lie a whole number of samples apart.
+GraphShape graphShape(const Mix& mix);
+QString filterGraph(const Mix& mix, GraphShape shape);
+inline QString filterGraph(const Mix& mix) {
+    return filterGraph(mix, graphShape(mix));
+}
+// Channels of a layout as ffmpeg names it ("stereo", "5.1(side)", "3c"); 0 when unknown.
+int channelCount(const QString& layout);
 
 QString outputURL(const QString& track);
 // The track's analysis says which of its extras (pictures, bext chunk) the output keeps.

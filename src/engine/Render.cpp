@@ -5,11 +5,14 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QHash>
+#include <QRegularExpression>
 #include <QSet>
 #include <QTextBoundaryFinder>
 #include <algorithm>
 #include <cmath>
 #include <functional>
+#include <limits>
 #include <mutex>
 
 namespace Engine {
@@ -25,6 +28,20 @@ long long milliseconds(double seconds) {
 
 // Written to six decimals: the ceiling is rounded up to the last of them.
 constexpr double kLimitDigits = 1e6;
+
+// A placement's first sample: its whole milliseconds at the track's rate.
+long long sampleDelay(double seconds, int rate) {
+    const long long ms = milliseconds(seconds);
+    constexpr long long kLimit = std::numeric_limits<long long>::max() / 2;
+    if (rate <= 0 || ms / 1000 > kLimit / rate)
+        return kLimit;
+    return ms / 1000 * rate + ms % 1000 * rate / 1000;
+}
+
+// Samples from the first copy to the second.
+long long spacing(const std::vector<double>& times, int rate) {
+    return sampleDelay(times[1], rate) - sampleDelay(times[0], rate);
+}
 
 // The samples each copy keeps: the clip up to its audible end.
 long long audibleSamples(double seconds, int rate) {
@@ -77,9 +94,46 @@ double ceiling(std::optional<double> peakDB) {
     return std::clamp(std::ceil(linear * kLimitDigits + 1e-6) / kLimitDigits, kDefaultCeiling, 1.0);
 }
 
-QString filterGraph(const Mix& mix) {
+int channelCount(const QString& layout) {
+    static const QHash<QString, int> named{
+        {QStringLiteral("mono"), 1},      {QStringLiteral("stereo"), 2},
+        {QStringLiteral("downmix"), 2},   {QStringLiteral("quad"), 4},
+        {QStringLiteral("hexagonal"), 6}, {QStringLiteral("octagonal"), 8},
+        {QStringLiteral("cube"), 8},      {QStringLiteral("hexadecagonal"), 16}};
+    static const QRegularExpression counted(QStringLiteral(R"(^(\d+)c$)"));
+    static const QRegularExpression dotted(QStringLiteral(R"(^(\d+)\.(\d+)$)"));
+    const QString name = layout.section(QLatin1Char('('), 0, 0);
+    if (auto m = counted.match(name); m.hasMatch())
+        return m.captured(1).toInt();
+    if (auto m = dotted.match(name); m.hasMatch())
+        return m.captured(1).toInt() + m.captured(2).toInt();
+    return named.value(name, 0);
+}
+
+GraphShape graphShape(const Mix& mix) {
+    const std::size_t n = mix.times.size();
+    if (n < 2 || !mix.format)
+        return GraphShape::branchPerCopy;
+    const int rate = mix.format->sampleRate;
+    const long long interval = spacing(mix.times, rate);
+    for (std::size_t i = 2; i < n; ++i)
+        if (sampleDelay(mix.times[i], rate) - sampleDelay(mix.times[i - 1], rate) != interval)
+            return GraphShape::branchPerCopy;
+    const int channels = channelCount(mix.format->channelLayout);
+    const bool fits = audibleSamples(mix.tagLength, rate) <= interval;
+    const bool small = channels > 0 && interval <= kMaxLoopSamples / channels;
+    return fits && small ? GraphShape::loopedBed : GraphShape::branchPerCopy;
+}
+
+QString filterGraph(const Mix& mix, GraphShape shape) {
     const std::size_t n = mix.times.size();
     const int rate = mix.format ? mix.format->sampleRate : 0;
+    // Delays in samples where the rate is known: adelay turns milliseconds into samples in
+    // single precision, which puts most copies a sample or two away from their millisecond.
+    const auto delay = [&](double t) {
+        return rate ? QStringLiteral("%1S").arg(sampleDelay(t, rate))
+                    : QString::number(milliseconds(t));
+    };
     QString graph = QStringLiteral("[1:a]");
     // Mix in the track's own format: otherwise ffmpeg mixes at the clip's rate and layout.
     if (mix.format)
@@ -104,13 +158,22 @@ QString filterGraph(const Mix& mix) {
     const QString limiter =
         QStringLiteral("alimiter=limit=%1:level=0:attack=2:release=40:latency=1[out]")
             .arg(QString::number(mix.ceiling, 'g', 7));
+    if (shape == GraphShape::loopedBed && rate && n >= 2) {
+        // The clip padded to one interval and repeated: the same samples at the same
+        // places as one branch per copy, at the cost of a single two-input mix.
+        graph += QStringLiteral(",apad=whole_len=%1,atrim=end_sample=%1,aloop=loop=%2:size=%1,"
+                                "adelay=%3:all=1[bed];[0:a][bed]")
+                     .arg(spacing(mix.times, rate))
+                     .arg(n - 1)
+                     .arg(delay(mix.times[0]));
+        return graph + mixed.arg(2) + limiter;
+    }
     graph += QStringLiteral(",asplit=%1").arg(n);
     for (std::size_t i = 0; i < n; ++i)
         graph += QStringLiteral("[s%1]").arg(i);
     graph += QLatin1Char(';');
     for (std::size_t i = 0; i < n; ++i)
-        graph +=
-            QStringLiteral("[s%1]adelay=%2:all=1[d%1];").arg(i).arg(milliseconds(mix.times[i]));
+        graph += QStringLiteral("[s%1]adelay=%2:all=1[d%1];").arg(i).arg(delay(mix.times[i]));
     graph += QStringLiteral("[0:a]");
     for (std::size_t i = 0; i < n; ++i)
         graph += QStringLiteral("[d%1]").arg(i);
