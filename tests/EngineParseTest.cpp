@@ -52,6 +52,7 @@ TEST(EngineParse, realTranscriptsAndWhichSilenceIsTrailing) {
     EXPECT_EQ(track.format, (Engine::AudioFormat{44100, u"stereo"_s}));
     EXPECT_TRUE(track.broadcastChunk);
     EXPECT_FALSE(track.pictures);
+    EXPECT_TRUE(track.integerSamples);
     const Engine::Analysis clip = Engine::parseAnalysis(::Test::fixture(u"speech-clip.txt"_s));
     EXPECT_EQ(clip.silenceStart, 0.438625);
     EXPECT_EQ(clip.format, (Engine::AudioFormat{8000, u"mono"_s}));
@@ -65,6 +66,7 @@ TEST(EngineParse, realTranscriptsAndWhichSilenceIsTrailing) {
 
     const Engine::Analysis covered = Engine::parseAnalysis(::Test::fixture(u"covered-track.txt"_s));
     EXPECT_TRUE(covered.pictures);
+    EXPECT_FALSE(covered.integerSamples);
     EXPECT_EQ(covered.peak, -6.5);
 
     EXPECT_EQ(parsed("[silencedetect @ 0x1] silence_start: 0\n"
@@ -231,6 +233,32 @@ TEST(EnginePlacement, copiesThatCannotOverlapShareOneLoopedBranch) {
                                            {u"hexadecagonal"_s, 16},
                                            {u"odd"_s, 0}})
         EXPECT_EQ(Engine::channelCount(layout), channels) << layout.toStdString();
+}
+
+// With nothing of the track at the ceiling, only the stretches around the copies pass a
+// limiter (10 ms before each to 100 ms after, joined when they meet), in double precision.
+TEST(EnginePlacement, theLimiterRunsOnlyAroundTheTagsOfAMasterUnderItsCeiling) {
+    const QString limiter = u"alimiter=limit=0.97:level=0:attack=2:release=40:latency=1"_s;
+    Engine::Mix mix{0, {0.0, 0.5, 30.5}, 1, 0.97, Engine::AudioFormat{1000, u"mono"_s}, true};
+    EXPECT_TRUE(Engine::filterGraph(mix).endsWith(
+        u"dropout_transition=0,aformat=sample_fmts=dbl,asegment=samples=1600|30490|31600"
+        "[g0][g1][g2][g3];[g0]"_s +
+        limiter + u"[h0];[g2]"_s + limiter + u"[h2];[h0][g1][h2][g3]concat=n=4:v=0:a=1[out]"_s));
+    mix.times = Engine::positions(1000, 20, 1);
+    ASSERT_EQ(mix.times.size(), 50u); // beyond 40 stretches the whole track is cheaper
+    EXPECT_TRUE(Engine::filterGraph(mix).endsWith(u"0,"_s + limiter + u"[out]"_s));
+
+    const auto clear = [](std::optional<double> peak, bool integer) {
+        Engine::Analysis track;
+        track.peak = peak;
+        track.integerSamples = integer;
+        return Engine::clearOfCeiling(track);
+    };
+    EXPECT_TRUE(clear(-0.1, false));
+    EXPECT_TRUE(clear(-kInf, false));
+    EXPECT_TRUE(clear(0.0, true)); // integers never pass full scale
+    EXPECT_FALSE(clear(0.0, false));
+    EXPECT_FALSE(clear(std::nullopt, true));
 }
 
 // The output keeps what the track carries besides its audio: an MP3's pictures,

@@ -72,6 +72,20 @@ std::optional<AudioFormat> readFormat(const QString& streamLine) {
     return std::nullopt;
 }
 
+// The field after the layout: "s16", "s32 (24 bit)", "fltp", ... Integer samples never
+// pass full scale.
+bool integerSamples(const QString& streamLine) {
+    static const QStringList kinds{QStringLiteral("u8"),  QStringLiteral("u8p"),
+                                   QStringLiteral("s16"), QStringLiteral("s16p"),
+                                   QStringLiteral("s32"), QStringLiteral("s32p"),
+                                   QStringLiteral("s64"), QStringLiteral("s64p")};
+    const QStringList fields = streamLine.split(QStringLiteral(", "));
+    for (qsizetype i = 0; i + 2 < fields.size(); ++i)
+        if (fields[i].endsWith(QStringLiteral(" Hz")))
+            return kinds.contains(fields[i + 2].section(QLatin1Char(' '), 0, 0));
+    return false;
+}
+
 // Pictures the MP3 muxer can write back (those with a MIME type in ID3v2); any
 // other, or a real video stream, would fail the render.
 bool keepablePicture(const QString& description) {
@@ -147,8 +161,10 @@ Analysis parseAnalysis(const QString& text) {
             format = stream.captured(1);
         measuredFrom = stream.capturedEnd();
     }
-    if (!format.isNull())
+    if (!format.isNull()) {
         analysis.format = readFormat(format);
+        analysis.integerSamples = integerSamples(format);
+    }
     const QStringList pictures = match(patterns().picture, described);
     analysis.pictures =
         !pictures.isEmpty() && std::all_of(pictures.begin(), pictures.end(), keepablePicture);

@@ -54,6 +54,7 @@ struct Analysis {
     std::optional<double> silenceStart; // a silence still running at the end
     std::optional<AudioFormat> format;
     std::optional<double> peak;  // sample peak in dBFS, as the meter prints it (to 0.1 dB)
+    bool integerSamples = false; // decoded as integers, so never past full scale
     bool pictures = false;       // attached pictures, every one of a kind an MP3 can carry
     bool broadcastChunk = false; // a broadcast WAV's bext chunk (its time_reference)
 };
@@ -101,11 +102,16 @@ constexpr double kDefaultCeiling = 0.97;
 constexpr double kFadeSeconds = 0.005;
 // The loop of the one-branch graph holds an interval of the track's audio (about 64 MB).
 constexpr long long kMaxLoopSamples = 1LL << 24;
+// Up to this many tags the limiter runs only on the stretches around them: each stretch
+// costs ffmpeg a little on every frame of the track, so more would cost more than it saves.
+constexpr std::size_t kMaxLimitedStretches = 40;
 
 std::vector<double> positions(double duration, double interval, double tagLength);
 double clipGain(double levelDB, double trackLufs, double tagLufs);
 // The limiter's ceiling: never below the track's own peak, so that it acts only under a tag.
 double ceiling(std::optional<double> peakDB);
+// Whether every sample of the track is known to lie at or under its ceiling.
+bool clearOfCeiling(const Analysis& track);
 
 // Everything the render's filter graph depends on.
 struct Mix {
@@ -114,6 +120,9 @@ struct Mix {
     double tagLength = 0; // the clip's audible length: each copy fades out and ends there
     double ceiling = kDefaultCeiling;
     std::optional<AudioFormat> format;
+    // Nothing of the track reaches the ceiling, so the limiter can pass what lies between
+    // the tags untouched.
+    bool clearOfCeiling = false;
 };
 enum class GraphShape {
     branchPerCopy, // one delayed branch per placement, all mixed under the track

@@ -28,6 +28,8 @@ long long milliseconds(double seconds) {
 
 // Written to six decimals: the ceiling is rounded up to the last of them.
 constexpr double kLimitDigits = 1e6;
+// Half the meter's step: the true peak lies at most this far above the printed one.
+constexpr double kHalfStep = 0.05;
 
 // A placement's first sample: its whole milliseconds at the track's rate.
 long long sampleDelay(double seconds, int rate) {
@@ -46,6 +48,55 @@ long long spacing(const std::vector<double>& times, int rate) {
 // The samples each copy keeps: the clip up to its audible end.
 long long audibleSamples(double seconds, int rate) {
     return std::max(1LL, std::llround(std::min(seconds, 1e9) * rate));
+}
+
+// The limiter, writing [out]. When nothing of the track reaches the ceiling it can only
+// act near a copy: from its 2 ms look-ahead before the copy to its 40 ms release after
+// it. Then only those stretches (with room to spare) pass through a limiter of their
+// own and the rest is passed on untouched: the same samples at a fraction of the cost.
+QString limiterStage(const Mix& mix, int rate) {
+    const QString limiter =
+        QStringLiteral("alimiter=limit=%1:level=0:attack=2:release=40:latency=1")
+            .arg(QString::number(mix.ceiling, 'g', 7));
+    if (!mix.clearOfCeiling || rate <= 0 || mix.times.size() > kMaxLimitedStretches)
+        return limiter + QStringLiteral("[out]");
+    const long long lead = rate / 100, tail = rate / 10,
+                    length = audibleSamples(mix.tagLength, rate);
+    std::vector<std::pair<long long, long long>> stretches;
+    for (double t : mix.times) {
+        const long long from = std::max(0LL, sampleDelay(t, rate) - lead);
+        const long long to = sampleDelay(t, rate) + length + tail;
+        if (!stretches.empty() && from <= stretches.back().second)
+            stretches.back().second = std::max(stretches.back().second, to);
+        else
+            stretches.emplace_back(from, to);
+    }
+    QStringList bounds;
+    for (const auto& [from, to] : stretches) {
+        if (from > 0)
+            bounds << QString::number(from);
+        bounds << QString::number(to);
+    }
+    const qsizetype pieces = bounds.size() + 1;
+    // Piece 0 is limited when the first stretch starts with the track; then they alternate.
+    const int firstLimited = stretches.front().first == 0 ? 0 : 1;
+    // In the limiter's own double precision throughout, or the pieces would be joined in
+    // single precision and round differently.
+    QString stage =
+        QStringLiteral("aformat=sample_fmts=dbl,asegment=samples=") + bounds.join(QLatin1Char('|'));
+    QString joined;
+    for (qsizetype i = 0; i < pieces; ++i)
+        stage += QStringLiteral("[g%1]").arg(i);
+    stage += QLatin1Char(';');
+    for (qsizetype i = 0; i < pieces; ++i) {
+        if (i % 2 == firstLimited) {
+            stage += QStringLiteral("[g%1]%2[h%1];").arg(i).arg(limiter);
+            joined += QStringLiteral("[h%1]").arg(i);
+        } else {
+            joined += QStringLiteral("[g%1]").arg(i);
+        }
+    }
+    return stage + joined + QStringLiteral("concat=n=%1:v=0:a=1[out]").arg(pieces);
 }
 
 QString firstCharacters(const QString& text, int count) {
@@ -89,9 +140,15 @@ double ceiling(std::optional<double> peakDB) {
         return kDefaultCeiling;
     // The meter prints 0.1 dB steps, so the true peak may lie half a step above; the
     // ceiling is rounded up in the last written digit, never below the peak.
-    constexpr double kHalfStep = 0.05;
     const double linear = std::pow(10.0, (*peakDB + kHalfStep) / 20);
     return std::clamp(std::ceil(linear * kLimitDigits + 1e-6) / kLimitDigits, kDefaultCeiling, 1.0);
+}
+
+bool clearOfCeiling(const Analysis& track) {
+    if (!track.peak)
+        return false;
+    // Above 1 the ceiling is clamped: only integer samples are then sure to stay under it.
+    return *track.peak + kHalfStep <= 0 || track.integerSamples;
 }
 
 int channelCount(const QString& layout) {
@@ -155,9 +212,7 @@ QString filterGraph(const Mix& mix, GraphShape shape) {
 
     const QString mixed = QStringLiteral("amix=inputs=%1:normalize=0:duration=first:"
                                          "dropout_transition=0,");
-    const QString limiter =
-        QStringLiteral("alimiter=limit=%1:level=0:attack=2:release=40:latency=1[out]")
-            .arg(QString::number(mix.ceiling, 'g', 7));
+    const QString limiter = limiterStage(mix, rate);
     if (shape == GraphShape::loopedBed && rate && n >= 2) {
         // The clip padded to one interval and repeated: the same samples at the same
         // places as one branch per copy, at the cost of a single two-input mix.
@@ -285,7 +340,12 @@ Result process(const QString& track, const QString& tag, double interval, double
     const QString& out = reservation.path();
     RunResult result;
     try {
-        const Mix mix{gain, times, clip.length, ceiling(analysis.peak), analysis.format};
+        const Mix mix{gain,
+                      times,
+                      clip.length,
+                      ceiling(analysis.peak),
+                      analysis.format,
+                      clearOfCeiling(analysis)};
         result = run(renderArguments(track, tag, filterGraph(mix), analysis, out));
     } catch (...) {
         QFile::remove(out); // stopped half-way
