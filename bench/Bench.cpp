@@ -107,11 +107,12 @@ void overheadPerTrack(const Material& m) {
     for (const QString& track : {m.mp3, m.wav}) {
         const Engine::Analysis analysis = Engine::analyze(track);
         const QString graph = Engine::filterGraph(
-            Engine::clipGain(-5, analysis.lufs, clip.lufs),
-            Engine::positions(analysis.duration, 30, clip.length), analysis.format);
+            {Engine::clipGain(-5, analysis.lufs, clip.lufs),
+             Engine::positions(analysis.duration, 30, clip.length), clip.length,
+             Engine::ceiling(analysis.peak), analysis.format});
         direct.push_back(prefix + Engine::analysisArguments(track));
-        direct.push_back(prefix +
-                         Engine::renderArguments(track, m.clip, graph, Engine::outputURL(track)));
+        direct.push_back(prefix + Engine::renderArguments(track, m.clip, graph, analysis,
+                                                          Engine::outputURL(track)));
     }
     const auto clean = [&] { removeOutputs(m.folder); };
     constexpr int kRounds = 5;

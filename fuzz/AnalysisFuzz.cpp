@@ -17,6 +17,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             std::abort();
         if (analysis.format && analysis.format->sampleRate <= 0)
             std::abort();
+        const double ceiling = Engine::ceiling(analysis.peak);
+        if (!(ceiling >= Engine::kDefaultCeiling && ceiling <= 1))
+            std::abort();
     } catch (const TagError& error) {
         if (error.kind() != TagError::Kind::unreadable)
             std::abort();

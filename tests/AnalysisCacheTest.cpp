@@ -69,7 +69,9 @@ TEST(AnalysisCache, keptFiguresServeOnlyTheSameFileAndADamagedEntryIsReplaced) {
 
     // A forged loudness in the new entry shows which calls read it.
     QJsonObject kept = QJsonDocument::fromJson(::Test::readAll(entry)).object();
-    kept[u"figures"_s] = QJsonObject{{u"lufs"_s, -1.5}, {u"duration"_s, 3}};
+    QJsonObject figures = kept[u"figures"_s].toObject();
+    figures[u"lufs"_s] = -1.5;
+    kept[u"figures"_s] = figures;
     ::Test::writeFile(entry, QJsonDocument(kept).toJson());
     EXPECT_EQ(Engine::analyze(track).lufs, -1.5);
     Engine::setAnalysisCache(false);

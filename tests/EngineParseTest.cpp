@@ -40,23 +40,34 @@ TEST(EngineParse, numbersAreWholeDecimalTextsAndMatchesGiveEveryPresentGroup) {
 }
 
 // Real transcripts of Debian's ffmpeg. The track's title, comment and file name
-// quote a duration, a silence and a loudness: figures come only from lines
-// ffmpeg starts. Debian's ffmpeg also prints the end of a silence that runs to
-// the end of the input, and that silence is still trailing.
+// quote a duration, a silence, a loudness, a peak and a picture: figures come only
+// from lines ffmpeg starts. Debian's ffmpeg also prints the end of a silence that
+// runs to the end of the input, and that silence is still trailing.
 TEST(EngineParse, realTranscriptsAndWhichSilenceIsTrailing) {
     const Engine::Analysis track = Engine::parseAnalysis(::Test::fixture(u"titled-track.txt"_s));
     EXPECT_DOUBLE_EQ(track.duration, 12.5);
-    EXPECT_DOUBLE_EQ(track.lufs, -15.7);
+    EXPECT_DOUBLE_EQ(track.lufs, -12.0);
+    EXPECT_EQ(track.peak, -10.5);
     EXPECT_FALSE(track.silenceStart);
     EXPECT_EQ(track.format, (Engine::AudioFormat{44100, u"stereo"_s}));
+    EXPECT_TRUE(track.broadcastChunk);
+    EXPECT_FALSE(track.pictures);
+    EXPECT_TRUE(track.integerSamples);
     const Engine::Analysis clip = Engine::parseAnalysis(::Test::fixture(u"speech-clip.txt"_s));
-    EXPECT_EQ(clip.silenceStart, 0.927625);
+    EXPECT_EQ(clip.silenceStart, 0.438625);
     EXPECT_EQ(clip.format, (Engine::AudioFormat{8000, u"mono"_s}));
+    EXPECT_FALSE(clip.broadcastChunk);
 
     const Engine::Analysis silent = Engine::parseAnalysis(::Test::fixture(u"silent-track.txt"_s));
     EXPECT_DOUBLE_EQ(silent.lufs, -70);
+    EXPECT_EQ(silent.peak, -kInf);
     EXPECT_EQ(silent.silenceStart, 0.0);
     EXPECT_EQ(silent.format, (Engine::AudioFormat{48000, u"stereo"_s}));
+
+    const Engine::Analysis covered = Engine::parseAnalysis(::Test::fixture(u"covered-track.txt"_s));
+    EXPECT_TRUE(covered.pictures);
+    EXPECT_FALSE(covered.integerSamples);
+    EXPECT_EQ(covered.peak, -6.5);
 
     EXPECT_EQ(parsed("[silencedetect @ 0x1] silence_start: 0\n"
                      "[silencedetect @ 0x1] silence_end: 0.8 | silence_duration: 0.8\n"
@@ -79,9 +90,11 @@ TEST(EngineParse, theOneDurationAndTheLastLoudnessCount) {
     const Engine::Analysis forged =
         parsed("[silencedetect @ 0x1] silence_start: 1.5\n"
                "    I:   -5.0 LUFS\n"
+               "    Peak:   -1.0 dBFS\n"
                "  Stream #0:0: Audio: pcm_s16le, 44100 Hz, mono, s16\n");
     EXPECT_FALSE(forged.silenceStart);
     EXPECT_DOUBLE_EQ(forged.lufs, -70.0);
+    EXPECT_FALSE(forged.peak);
     EXPECT_DOUBLE_EQ(Engine::parseAnalysis(u"  Duration: 01:00:00.00,"_s).duration, 3600);
     EXPECT_THROW(Engine::parseAnalysis(u"    I:         -14.2 LUFS\n"_s), TagError);
     EXPECT_THROW(Engine::parseAnalysis(u"  Duration: N/A, bitrate: N/A\n"_s), TagError);
@@ -97,7 +110,10 @@ TEST(EngineParse, theOneDurationAndTheLastLoudnessCount) {
         EXPECT_DOUBLE_EQ(parsed(lines).lufs, lufs) << lines;
 }
 
-TEST(EngineParse, theTracksFormatComesFromItsFirstAudioStream) {
+// The format comes from the first audio stream; pictures are kept only when every
+// video stream is a picture an MP3 can carry, and the bext chunk shows in the
+// input's own tags as its time_reference.
+TEST(EngineParse, theTracksFormatPicturesAndBroadcastChunk) {
     EXPECT_EQ(parsed("  Stream #0:0: Video: mjpeg, yuvj420p, 500x500\n"
                      "  Stream #0:1(eng): Audio: pcm_s24le, 96000 Hz, 5.1(side), s32 (24 bit)\n"
                      "  Stream #0:0: Audio: pcm_s16le, 44100 Hz, stereo, s16\n")
@@ -106,6 +122,19 @@ TEST(EngineParse, theTracksFormatComesFromItsFirstAudioStream) {
     EXPECT_EQ(parsed("  Stream #0:0: Audio: pcm_s16le, 48000 Hz, 3 channels, s16\n").format,
               (Engine::AudioFormat{48000, u"3c"_s}));
     EXPECT_FALSE(parsed("").format);
+
+    const char* cover = "  Stream #0:1: Video: mjpeg (Baseline), yuvj420p(pc), 500x500, 90k tbn "
+                        "(attached pic)\n"
+                        "  Stream #0:2: Video: png, rgba(pc), 300x300, 90k tbn (attached pic)\n";
+    EXPECT_TRUE(parsed(cover).pictures);
+    for (const char* other :
+         {"  Stream #0:3: Video: jpeg2000, rgb24, 9x9, 90k tbn (attached pic)\n",
+          "  Stream #0:3: Video: h264 (High), yuv420p, 1920x1080, 25 fps\n"})
+        EXPECT_FALSE(parsed((QByteArray(cover) + other).constData()).pictures) << other;
+    EXPECT_FALSE(parsed("").pictures);
+    EXPECT_TRUE(Engine::parseAnalysis(u"    time_reference  : 441000\n  Duration: 00:00:01.00\n"_s)
+                    .broadcastChunk);
+    EXPECT_FALSE(parsed("    time_reference  : 441000\n").broadcastChunk);
 }
 
 TEST(EnginePlacement, copiesRepeatWhileTheyEndByHalfASecondAfterTheTrackAndNeverRunAway) {
@@ -121,22 +150,141 @@ TEST(EnginePlacement, copiesRepeatWhileTheyEndByHalfASecondAfterTheTrackAndNever
     }
 }
 
-TEST(EnginePlacement, theGraphDelaysOneCopyPerPlacementAndMixesThemUnderTheTrack) {
+// The ceiling follows the master's peak, read to 0.1 dB and so raised by half a step
+// and rounded up in its last written digit; never below 0.97 nor above 1.
+TEST(EnginePlacement, theLimitersCeilingNeverFallsBelowTheMastersPeak) {
+    EXPECT_DOUBLE_EQ(Engine::ceiling(std::nullopt), 0.97);
+    EXPECT_DOUBLE_EQ(Engine::ceiling(-kInf), 0.97);
+    EXPECT_DOUBLE_EQ(Engine::ceiling(-3.0), 0.97);
+    EXPECT_DOUBLE_EQ(Engine::ceiling(-0.4), 0.97);
+    EXPECT_DOUBLE_EQ(Engine::ceiling(-0.3), 0.971628);
+    EXPECT_DOUBLE_EQ(Engine::ceiling(-0.1), 0.994261);
+    EXPECT_GE(Engine::ceiling(-0.1), std::pow(10, -0.05 / 20));
+    EXPECT_DOUBLE_EQ(Engine::ceiling(0.0), 1);
+    EXPECT_DOUBLE_EQ(Engine::ceiling(2.5), 1);
+}
+
+TEST(EnginePlacement, theGraphFadesEachCopyAndMixesThemUnderTheTrack) {
     // The clip's gain is clamped between -40 and 12 dB.
     EXPECT_DOUBLE_EQ(Engine::clipGain(-5, -14, -20), 1);
     EXPECT_DOUBLE_EQ(Engine::clipGain(-9, -70, -10), -40);
     EXPECT_DOUBLE_EQ(Engine::clipGain(-1, -8, -30), 12);
-    EXPECT_EQ(Engine::filterGraph(-3.25, {0.5, 30.5, 60.5}, std::nullopt),
-              u"[1:a]volume=-3.25dB,asplit=3[s0][s1][s2];[s0]adelay=500:all=1[d0];"
-              "[s1]adelay=30500:all=1[d1];[s2]adelay=60500:all=1[d2];[0:a][d0][d1][d2]"
-              "amix=inputs=4:normalize=0:duration=first:dropout_transition=0,"
-              "alimiter=limit=0.97:level=0:attack=2:release=40:latency=1[out]"_s);
-    EXPECT_EQ(Engine::filterGraph(1, {0.0}, Engine::AudioFormat{8000, u"5.1(side)"_s}),
-              u"[1:a]aformat=sample_rates=8000:channel_layouts=5.1(side),volume=1.00dB,"
-              "asplit=1[s0];[s0]adelay=0:all=1[d0];[0:a][d0]"
+    const QString clip = u"asetpts=N/SR/TB,afade=t=in:d=0.005:curve=hsin,areverse,asetpts=N/SR/TB,"
+                         "afade=t=in:d=0.005:curve=hsin,areverse,asetpts=N/SR/TB,"_s;
+    const QString limiter = u"alimiter=limit=0.97:level=0:attack=2:release=40:latency=1[out]"_s;
+    // Without the track's format: the delays in milliseconds, the clip's end as it is.
+    EXPECT_EQ(Engine::filterGraph({-3.25, {0.5, 30.5, 60.5}, 3, 0.97, std::nullopt}),
+              u"[1:a]volume=-3.25dB,"_s + clip +
+                  u"asplit=3[s0][s1][s2];[s0]adelay=500:all=1[d0];[s1]adelay=30500:all=1[d1];"
+                  "[s2]adelay=60500:all=1[d2];[0:a][d0][d1][d2]"
+                  "amix=inputs=4:normalize=0:duration=first:dropout_transition=0,"_s +
+                  limiter);
+    EXPECT_TRUE(
+        Engine::filterGraph({0, {2.9999}, 1, 0.97, std::nullopt}).contains(u"adelay=2999:"_s));
+    // With it: converted first, each copy ends at the clip's audible end.
+    EXPECT_EQ(
+        Engine::filterGraph({1, {0.0}, 12, 0.994261, Engine::AudioFormat{8000, u"5.1(side)"_s}}),
+        u"[1:a]aformat=sample_rates=8000:channel_layouts=5.1(side),volume=1.00dB,"
+        "asetpts=N/SR/TB,atrim=end_sample=96000,"_s +
+            clip.mid(16) +
+            u"asplit=1[s0];[s0]adelay=0S:all=1[d0];[0:a][d0]"
+            "amix=inputs=2:normalize=0:duration=first:dropout_transition=0,"
+            "alimiter=limit=0.994261:level=0:attack=2:release=40:latency=1[out]"_s);
+}
+
+// Copies that cannot overlap and lie a whole number of samples apart share one looped
+// branch: the clip padded to the interval, repeated, delayed to the first placement.
+// The delays are in samples, so the copies of both shapes land on the same ones.
+TEST(EnginePlacement, copiesThatCannotOverlapShareOneLoopedBranch) {
+    const Engine::AudioFormat stereo{44100, u"stereo"_s};
+    const Engine::Mix mix{-3.25, {0.5, 30.5, 60.5}, 2, 0.994261, stereo};
+    EXPECT_EQ(Engine::graphShape(mix), Engine::GraphShape::loopedBed);
+    EXPECT_EQ(Engine::filterGraph(mix),
+              u"[1:a]aformat=sample_rates=44100:channel_layouts=stereo,volume=-3.25dB,"
+              "asetpts=N/SR/TB,atrim=end_sample=88200,afade=t=in:d=0.005:curve=hsin,areverse,"
+              "asetpts=N/SR/TB,afade=t=in:d=0.005:curve=hsin,areverse,asetpts=N/SR/TB,"
+              "apad=whole_len=1323000,atrim=end_sample=1323000,aloop=loop=2:size=1323000,"
+              "adelay=22050S:all=1[bed];[0:a][bed]"
               "amix=inputs=2:normalize=0:duration=first:dropout_transition=0,"
-              "alimiter=limit=0.97:level=0:attack=2:release=40:latency=1[out]"_s);
-    EXPECT_TRUE(Engine::filterGraph(0, {2.9999}, std::nullopt).contains(u"adelay=2999:"_s));
+              "alimiter=limit=0.994261:level=0:attack=2:release=40:latency=1[out]"_s);
+    EXPECT_TRUE(Engine::filterGraph(mix, Engine::GraphShape::branchPerCopy)
+                    .contains(u"[s0]adelay=22050S:all=1[d0];[s1]adelay=1345050S:all=1[d1];"
+                              "[s2]adelay=2668050S:all=1[d2];[0:a][d0][d1][d2]amix=inputs=4:"_s));
+
+    const auto shape = [&](std::vector<double> times, double length,
+                           std::optional<Engine::AudioFormat> format) {
+        return Engine::graphShape({0, std::move(times), length, 0.97, std::move(format)});
+    };
+    using enum Engine::GraphShape;
+    EXPECT_EQ(shape({0.5, 30.5, 60.5}, 30, stereo), loopedBed); // back to back
+    EXPECT_EQ(shape({0.5, 30.5, 60.5}, 30.001, stereo), branchPerCopy);
+    EXPECT_EQ(shape({0.5, 30.5, 60.6}, 2, stereo), branchPerCopy);
+    EXPECT_EQ(shape({0.5}, 2, stereo), branchPerCopy);
+    EXPECT_EQ(shape({0.5, 30.5}, 2, std::nullopt), branchPerCopy);
+    // The loop holds one interval of audio: at most 2^24 samples over all channels.
+    EXPECT_EQ(shape({0.5, 30.5}, 2, Engine::AudioFormat{96000, u"stereo"_s}), loopedBed);
+    EXPECT_EQ(shape({0.5, 30.5}, 2, Engine::AudioFormat{96000, u"7.1"_s}), branchPerCopy);
+    EXPECT_EQ(shape({0.5, 30.5}, 2, Engine::AudioFormat{44100, u"odd"_s}), branchPerCopy);
+    for (const auto& [layout, channels] : {std::pair{u"mono"_s, 1},
+                                           {u"5.1(side)"_s, 6},
+                                           {u"7.1(wide-side)"_s, 8},
+                                           {u"3c"_s, 3},
+                                           {u"22.2"_s, 24},
+                                           {u"hexadecagonal"_s, 16},
+                                           {u"odd"_s, 0}})
+        EXPECT_EQ(Engine::channelCount(layout), channels) << layout.toStdString();
+}
+
+// With nothing of the track at the ceiling, only the stretches around the copies pass a
+// limiter (10 ms before each to 100 ms after, joined when they meet), in double precision.
+TEST(EnginePlacement, theLimiterRunsOnlyAroundTheTagsOfAMasterUnderItsCeiling) {
+    const QString limiter = u"alimiter=limit=0.97:level=0:attack=2:release=40:latency=1"_s;
+    Engine::Mix mix{0, {0.0, 0.5, 30.5}, 1, 0.97, Engine::AudioFormat{1000, u"mono"_s}, true};
+    EXPECT_TRUE(Engine::filterGraph(mix).endsWith(
+        u"dropout_transition=0,aformat=sample_fmts=dbl,asegment=samples=1600|30490|31600"
+        "[g0][g1][g2][g3];[g0]"_s +
+        limiter + u"[h0];[g2]"_s + limiter + u"[h2];[h0][g1][h2][g3]concat=n=4:v=0:a=1[out]"_s));
+    mix.times = Engine::positions(1000, 20, 1);
+    ASSERT_EQ(mix.times.size(), 50u); // beyond 40 stretches the whole track is cheaper
+    EXPECT_TRUE(Engine::filterGraph(mix).endsWith(u"0,"_s + limiter + u"[out]"_s));
+
+    const auto clear = [](std::optional<double> peak, bool integer) {
+        Engine::Analysis track;
+        track.peak = peak;
+        track.integerSamples = integer;
+        return Engine::clearOfCeiling(track);
+    };
+    EXPECT_TRUE(clear(-0.1, false));
+    EXPECT_TRUE(clear(-kInf, false));
+    EXPECT_TRUE(clear(0.0, true)); // integers never pass full scale
+    EXPECT_FALSE(clear(0.0, false));
+    EXPECT_FALSE(clear(std::nullopt, true));
+}
+
+// The output keeps what the track carries besides its audio: an MP3's pictures,
+// copied from the track opened a second time, and a WAV's bext chunk.
+TEST(EnginePlacement, theOutputKeepsTheTracksPicturesAndBroadcastChunk) {
+    const auto args = [](const char* track, bool pictures, bool bext) {
+        Engine::Analysis analysis;
+        analysis.pictures = pictures;
+        analysis.broadcastChunk = bext;
+        return Engine::renderArguments(QString::fromUtf8(track), u"/t.wav"_s, u"G"_s, analysis,
+                                       u"/out"_s)
+            .join(u' ');
+    };
+    const QString mix = u"-y -i /b.mp3 -i /t.wav "_s;
+    EXPECT_EQ(args("/b.mp3", true, true),
+              mix + u"-i /b.mp3 -filter_complex G -map [out] -map 2:v? -c:v copy -map_metadata 0 "
+                    "-c:a libmp3lame -b:a 320k -id3v2_version 3 -f mp3 /out"_s);
+    EXPECT_EQ(args("/b.mp3", false, false),
+              mix + u"-filter_complex G -map [out] -map_metadata 0 -c:a libmp3lame -b:a 320k "
+                    "-id3v2_version 3 -f mp3 /out"_s);
+    EXPECT_EQ(args("/b.WAV", true, true),
+              u"-y -i /b.WAV -i /t.wav -filter_complex G -map [out] -map_metadata 0 "
+              "-c:a pcm_s24le -write_bext 1 -f wav /out"_s);
+    EXPECT_EQ(args("/b.wav", false, false),
+              u"-y -i /b.wav -i /t.wav -filter_complex G -map [out] -map_metadata 0 "
+              "-c:a pcm_s24le -f wav /out"_s);
 }
 
 TEST_F(EngineFiles, outputsAreNamedAfterTheTrackAndNeverTakeAUsedName) {

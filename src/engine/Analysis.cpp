@@ -1,11 +1,12 @@
-// Measuring a file with one ffmpeg pass: duration, loudness, trailing silence
-// and the audio format, read from ffmpeg's own lines only (a title or a file
-// name may quote any of them).
+// Measuring a file with one ffmpeg pass: duration, loudness, sample peak,
+// trailing silence, the audio format and the extras an output keeps, read from
+// ffmpeg's own lines only (a title or a file name may quote any of them).
 #include "engine/AnalysisCache.h"
 #include "engine/Engine.h"
 #include "engine/EngineState.h"
 
 #include <QFileInfo>
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 
@@ -30,6 +31,9 @@ struct Patterns {
     QRegularExpression silenceEnd =
         lineStart(R"(^\[[^\]]*silencedetect[^\]]*\] silence_end: ([\d.]+))");
     QRegularExpression stream = lineStart(R"(^\s*(Stream #0:[^\n]*: Audio: [^\n]*))");
+    QRegularExpression peak = lineStart(R"(^\s*Peak:\s+(-?[\d.]+|-inf) dBFS)");
+    QRegularExpression picture = lineStart(R"(^\s*Stream #0:[^\n]*: Video: ([^\n]*))");
+    QRegularExpression timeReference = lineStart(R"(^\s+time_reference\s*: \d+$)");
 };
 
 const Patterns& patterns() {
@@ -69,6 +73,31 @@ std::optional<AudioFormat> readFormat(const QString& streamLine) {
     return std::nullopt;
 }
 
+// The field after the layout: "s16", "s32 (24 bit)", "fltp", ... Integer samples never
+// pass full scale.
+bool integerSamples(const QString& streamLine) {
+    static const QStringList kinds{QStringLiteral("u8"),  QStringLiteral("u8p"),
+                                   QStringLiteral("s16"), QStringLiteral("s16p"),
+                                   QStringLiteral("s32"), QStringLiteral("s32p"),
+                                   QStringLiteral("s64"), QStringLiteral("s64p")};
+    const QStringList fields = streamLine.split(QStringLiteral(", "));
+    for (qsizetype i = 0; i + 2 < fields.size(); ++i)
+        if (fields[i].endsWith(QStringLiteral(" Hz")))
+            return kinds.contains(fields[i + 2].section(QLatin1Char(' '), 0, 0));
+    return false;
+}
+
+// Pictures the MP3 muxer can write back (those with a MIME type in ID3v2); any
+// other, or a real video stream, would fail the render.
+bool keepablePicture(const QString& description) {
+    static const QStringList kinds{QStringLiteral("mjpeg"), QStringLiteral("png"),
+                                   QStringLiteral("gif"),   QStringLiteral("bmp"),
+                                   QStringLiteral("tiff"),  QStringLiteral("webp")};
+    const QString codec =
+        description.section(QLatin1Char(','), 0, 0).section(QLatin1Char(' '), 0, 0);
+    return kinds.contains(codec) && description.contains(QStringLiteral("(attached pic)"));
+}
+
 } // namespace
 
 std::optional<double> readNumber(QStringView text) {
@@ -98,9 +127,10 @@ std::optional<double> readNumber(QStringView text) {
 }
 
 QStringList analysisArguments(const QString& path) {
-    return {QStringLiteral("-nostats"), QStringLiteral("-i"), absoluteName(path),
-            QStringLiteral("-af"),      kAnalysisFilter,      QStringLiteral("-f"),
-            QStringLiteral("null"),     QStringLiteral("-")};
+    // No pictures decoded: the audio is all that is measured.
+    return {QStringLiteral("-nostats"), QStringLiteral("-i"),   absoluteName(path),
+            QStringLiteral("-vn"),      QStringLiteral("-af"),  kAnalysisFilter,
+            QStringLiteral("-f"),       QStringLiteral("null"), QStringLiteral("-")};
 }
 
 // ffmpeg indents every line of a tag's value, but prints a tag's name as it is, so
@@ -108,7 +138,8 @@ QStringList analysisArguments(const QString& path) {
 // input's tags, before its one Duration line, and in the same tags copied to the
 // output, before the output's stream line. So: a second Duration line refuses the
 // file (the two cannot be told apart), the format is the first stream line after
-// Duration, and the measurements are read after the last stream line.
+// Duration, and the measurements are read after the last stream line. A forged
+// picture line can only make the pictures be dropped: every one must be keepable.
 Analysis parseAnalysis(const QString& text) {
     auto durations = patterns().duration.globalMatch(text);
     if (!durations.hasNext())
@@ -116,9 +147,11 @@ Analysis parseAnalysis(const QString& text) {
     const QRegularExpressionMatch found = durations.next();
     if (durations.hasNext())
         throw TagError::unreadable();
-    const QString described = text.mid(found.capturedEnd());
-    const QStringList hms = found.captured(1).split(QLatin1Char(':'));
     Analysis analysis;
+    const QString described = text.mid(found.capturedEnd());
+    analysis.broadcastChunk =
+        patterns().timeReference.match(QStringView(text).left(found.capturedStart())).hasMatch();
+    const QStringList hms = found.captured(1).split(QLatin1Char(':'));
     analysis.duration = (hms[0].toDouble() * 3600 + hms[1].toDouble() * 60) + hms[2].toDouble();
 
     QString format;
@@ -129,14 +162,22 @@ Analysis parseAnalysis(const QString& text) {
             format = stream.captured(1);
         measuredFrom = stream.capturedEnd();
     }
-    if (!format.isNull())
+    if (!format.isNull()) {
         analysis.format = readFormat(format);
+        analysis.integerSamples = integerSamples(format);
+    }
+    const QStringList pictures = match(patterns().picture, described);
+    analysis.pictures =
+        !pictures.isEmpty() && std::all_of(pictures.begin(), pictures.end(), keepablePicture);
     const QString output = described.mid(measuredFrom);
 
     const QStringList loudness = match(patterns().loudness, output);
     const std::optional<double> lufs =
         loudness.isEmpty() ? std::nullopt : readNumber(loudness.last());
     analysis.lufs = std::max(lufs.value_or(kLoudnessFloor), kLoudnessFloor);
+    const QStringList peaks = match(patterns().peak, output);
+    if (!peaks.isEmpty())
+        analysis.peak = readNumber(peaks.last());
 
     // A silence that runs to the end has a start without an end; Debian's ffmpeg
     // closes it anyway with an end at the end of the input.

@@ -34,7 +34,7 @@ std::atomic<bool> enabled{true};
 constexpr int kCacheVersion = 1;
 // Raised when the same ffmpeg text would give other figures (a change to
 // parseAnalysis); a change to the filter chain makes other keys by itself.
-constexpr int kFiguresVersion = 1;
+constexpr int kFiguresVersion = 2;
 // An entry is a few hundred bytes; anything far bigger is damage.
 constexpr qint64 kMaxEntryBytes = 64 * 1024;
 // Evicting a tenth at a time spares a listing and sort on every later write.
@@ -166,6 +166,11 @@ public:
         m_damaged |= !value.isUndefined() && !value.isString();
         return value.isString() ? std::optional(value.toString()) : std::nullopt;
     }
+    bool flag(const QString& name) {
+        const QJsonValue value = m_figures.value(name);
+        m_damaged |= !value.isBool();
+        return value.toBool();
+    }
     bool damaged() const { return m_damaged; }
 
 private:
@@ -176,9 +181,15 @@ private:
 // Both directions bind every field of Analysis by name, so a field added there
 // fails to compile here until it is written and read (raise kFiguresVersion then).
 QJsonObject figuresOf(const Analysis& analysis) {
-    const auto& [lufs, duration, silenceStart, format] = analysis;
+    const auto& [lufs, duration, silenceStart, format, peak, integerSamples, pictures,
+                 broadcastChunk] = analysis;
     QJsonObject figures{{QStringLiteral("lufs"), numberValue(lufs)},
-                        {QStringLiteral("duration"), numberValue(duration)}};
+                        {QStringLiteral("duration"), numberValue(duration)},
+                        {QStringLiteral("integerSamples"), integerSamples},
+                        {QStringLiteral("pictures"), pictures},
+                        {QStringLiteral("broadcastChunk"), broadcastChunk}};
+    if (peak)
+        figures.insert(QStringLiteral("peak"), numberValue(*peak));
     if (silenceStart)
         figures.insert(QStringLiteral("silenceStart"), numberValue(*silenceStart));
     if (format) {
@@ -191,10 +202,15 @@ QJsonObject figuresOf(const Analysis& analysis) {
 std::optional<Analysis> analysisFrom(const QJsonObject& figures) {
     FigureReader read(figures);
     Analysis analysis;
-    auto& [lufs, duration, silenceStart, format] = analysis;
+    auto& [lufs, duration, silenceStart, format, peak, integerSamples, pictures, broadcastChunk] =
+        analysis;
     lufs = read.number(QStringLiteral("lufs"));
     duration = read.number(QStringLiteral("duration"));
     silenceStart = read.optionalNumber(QStringLiteral("silenceStart"));
+    peak = read.optionalNumber(QStringLiteral("peak"));
+    integerSamples = read.flag(QStringLiteral("integerSamples"));
+    pictures = read.flag(QStringLiteral("pictures"));
+    broadcastChunk = read.flag(QStringLiteral("broadcastChunk"));
     const std::optional<double> rate = read.optionalNumber(QStringLiteral("sampleRate"));
     const std::optional<QString> layout = read.optionalText(QStringLiteral("channelLayout"));
     if (rate.has_value() != layout.has_value())

@@ -89,6 +89,10 @@ struct Analysis {
     double duration = 0;
     std::optional<double> silenceStart; // a silence still running at the end
     std::optional<AudioFormat> format;
+    std::optional<double> peak;  // sample peak in dBFS, as the meter prints it (to 0.1 dB)
+    bool integerSamples = false; // decoded as integers, so never past full scale
+    bool pictures = false;       // attached pictures, every one of a kind an MP3 can carry
+    bool broadcastChunk = false; // a broadcast WAV's bext chunk (its time_reference)
 };
 
 struct TagInfo {
@@ -99,7 +103,7 @@ struct TagInfo {
 constexpr double kLoudnessFloor = -70;
 constexpr double kMinimumTagLength = 0.5;
 inline const QString kAnalysisFilter =
-    QStringLiteral("silencedetect=n=-50dB:d=0.3,ebur128=framelog=verbose");
+    QStringLiteral("silencedetect=n=-50dB:d=0.3,ebur128=framelog=verbose:peak=sample");
 
 QStringList analysisArguments(const QString& path);
 // Reads the figures from an analysis run's text; throws TagError::unreadable
@@ -134,15 +138,51 @@ struct Result {
     int placements = 0;
 };
 
+constexpr double kDefaultCeiling = 0.97;
+constexpr double kFadeSeconds = 0.005;
+// The loop of the one-branch graph holds an interval of the track's audio (about 64 MB).
+constexpr long long kMaxLoopSamples = 1LL << 24;
+// Up to this many tags the limiter runs only on the stretches around them: each stretch
+// costs ffmpeg a little on every frame of the track, so more would cost more than it saves.
+constexpr std::size_t kMaxLimitedStretches = 40;
+
 std::vector<double> positions(double duration, double interval, double tagLength);
 double clipGain(double levelDB, double trackLufs, double tagLufs);
-QString filterGraph(double gainDB, const std::vector<double>& times,
-                    const std::optional<AudioFormat>& trackFormat);
+// The limiter's ceiling: never below the track's own peak, so that it acts only under a tag.
+double ceiling(std::optional<double> peakDB);
+// Whether every sample of the track is known to lie at or under its ceiling.
+bool clearOfCeiling(const Analysis& track);
+
+// Everything the render's filter graph depends on.
+struct Mix {
+    double gainDB = 0;
+    std::vector<double> times;
+    double tagLength = 0; // the clip's audible length: each copy fades out and ends there
+    double ceiling = kDefaultCeiling;
+    std::optional<AudioFormat> format;
+    // Nothing of the track reaches the ceiling, so the limiter can pass what lies between
+    // the tags untouched.
+    bool clearOfCeiling = false;
+};
+enum class GraphShape {
+    branchPerCopy, // one delayed branch per placement, all mixed under the track
+    loopedBed,     // the clip looped once per interval: one branch, a two-input mix
+};
+// The looped bed when copies cannot overlap and lie a whole number of samples apart.
+GraphShape graphShape(const Mix& mix);
+QString filterGraph(const Mix& mix, GraphShape shape);
+inline QString filterGraph(const Mix& mix) {
+    return filterGraph(mix, graphShape(mix));
+}
+// Channels of a layout as ffmpeg names it ("stereo", "5.1(side)", "3c"); 0 when unknown.
+int channelCount(const QString& layout);
+
 // The name a render of `track` would get now; the render itself claims its name
 // only when it has finished (PendingOutput::commit).
 QString outputURL(const QString& track);
+// The track's analysis says which of its extras (pictures, bext chunk) the output keeps.
 QStringList renderArguments(const QString& track, const QString& tag, const QString& graph,
-                            const QString& output);
+                            const Analysis& analysis, const QString& output);
 // The message of a failed render: ffmpeg's last line that names a cause (not a
 // closing line such as "Conversion failed!" or its statistics), cut and upper-cased.
 QString failureText(const QString& output);

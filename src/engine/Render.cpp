@@ -2,9 +2,15 @@
 #include "engine/Engine.h"
 
 #include <QFileInfo>
+#include <QHash>
+#include <QRegularExpression>
+#include <QSet>
 #include <QTextBoundaryFinder>
 #include <algorithm>
 #include <cmath>
+#include <functional>
+#include <limits>
+#include <mutex>
 
 namespace Engine {
 
@@ -15,6 +21,79 @@ long long milliseconds(double seconds) {
     const double ms = std::trunc(seconds * 1000);
     constexpr double kLimit = 9.2e18;
     return ms >= kLimit ? static_cast<long long>(kLimit) : static_cast<long long>(ms);
+}
+
+// Written to six decimals: the ceiling is rounded up to the last of them.
+constexpr double kLimitDigits = 1e6;
+// Half the meter's step: the true peak lies at most this far above the printed one.
+constexpr double kHalfStep = 0.05;
+
+// A placement's first sample: its whole milliseconds at the track's rate.
+long long sampleDelay(double seconds, int rate) {
+    const long long ms = milliseconds(seconds);
+    constexpr long long kLimit = std::numeric_limits<long long>::max() / 2;
+    if (rate <= 0 || ms / 1000 > kLimit / rate)
+        return kLimit;
+    return ms / 1000 * rate + ms % 1000 * rate / 1000;
+}
+
+// Samples from the first copy to the second.
+long long spacing(const std::vector<double>& times, int rate) {
+    return sampleDelay(times[1], rate) - sampleDelay(times[0], rate);
+}
+
+// The samples each copy keeps: the clip up to its audible end.
+long long audibleSamples(double seconds, int rate) {
+    return std::max(1LL, std::llround(std::min(seconds, 1e9) * rate));
+}
+
+// The limiter, writing [out]. When nothing of the track reaches the ceiling it can only
+// act near a copy: from its 2 ms look-ahead before the copy to its 40 ms release after
+// it. Then only those stretches (with room to spare) pass through a limiter of their
+// own and the rest is passed on untouched: the same samples at a fraction of the cost.
+QString limiterStage(const Mix& mix, int rate) {
+    const QString limiter =
+        QStringLiteral("alimiter=limit=%1:level=0:attack=2:release=40:latency=1")
+            .arg(QString::number(mix.ceiling, 'g', 7));
+    if (!mix.clearOfCeiling || rate <= 0 || mix.times.size() > kMaxLimitedStretches)
+        return limiter + QStringLiteral("[out]");
+    const long long lead = rate / 100, tail = rate / 10,
+                    length = audibleSamples(mix.tagLength, rate);
+    std::vector<std::pair<long long, long long>> stretches;
+    for (double t : mix.times) {
+        const long long from = std::max(0LL, sampleDelay(t, rate) - lead);
+        const long long to = sampleDelay(t, rate) + length + tail;
+        if (!stretches.empty() && from <= stretches.back().second)
+            stretches.back().second = std::max(stretches.back().second, to);
+        else
+            stretches.emplace_back(from, to);
+    }
+    QStringList bounds;
+    for (const auto& [from, to] : stretches) {
+        if (from > 0)
+            bounds << QString::number(from);
+        bounds << QString::number(to);
+    }
+    const qsizetype pieces = bounds.size() + 1;
+    // Piece 0 is limited when the first stretch starts with the track; then they alternate.
+    const int firstLimited = stretches.front().first == 0 ? 0 : 1;
+    // In the limiter's own double precision throughout, or the pieces would be joined in
+    // single precision and round differently.
+    QString stage =
+        QStringLiteral("aformat=sample_fmts=dbl,asegment=samples=") + bounds.join(QLatin1Char('|'));
+    QString joined;
+    for (qsizetype i = 0; i < pieces; ++i)
+        stage += QStringLiteral("[g%1]").arg(i);
+    stage += QLatin1Char(';');
+    for (qsizetype i = 0; i < pieces; ++i) {
+        if (i % 2 == firstLimited) {
+            stage += QStringLiteral("[g%1]%2[h%1];").arg(i).arg(limiter);
+            joined += QStringLiteral("[h%1]").arg(i);
+        } else {
+            joined += QStringLiteral("[g%1]").arg(i);
+        }
+    }
+    return stage + joined + QStringLiteral("concat=n=%1:v=0:a=1[out]").arg(pieces);
 }
 
 QString firstCharacters(const QString& text, int count) {
@@ -53,47 +132,133 @@ double clipGain(double levelDB, double trackLufs, double tagLufs) {
     return gain;
 }
 
-QString filterGraph(double gainDB, const std::vector<double>& times,
-                    const std::optional<AudioFormat>& trackFormat) {
-    const std::size_t n = times.size();
+double ceiling(std::optional<double> peakDB) {
+    if (!peakDB || !std::isfinite(*peakDB))
+        return kDefaultCeiling;
+    // The meter prints 0.1 dB steps, so the true peak may lie half a step above; the
+    // ceiling is rounded up in the last written digit, never below the peak.
+    const double linear = std::pow(10.0, (*peakDB + kHalfStep) / 20);
+    return std::clamp(std::ceil(linear * kLimitDigits + 1e-6) / kLimitDigits, kDefaultCeiling, 1.0);
+}
+
+bool clearOfCeiling(const Analysis& track) {
+    if (!track.peak)
+        return false;
+    // Above 1 the ceiling is clamped: only integer samples are then sure to stay under it.
+    return *track.peak + kHalfStep <= 0 || track.integerSamples;
+}
+
+int channelCount(const QString& layout) {
+    static const QHash<QString, int> named{
+        {QStringLiteral("mono"), 1},      {QStringLiteral("stereo"), 2},
+        {QStringLiteral("downmix"), 2},   {QStringLiteral("quad"), 4},
+        {QStringLiteral("hexagonal"), 6}, {QStringLiteral("octagonal"), 8},
+        {QStringLiteral("cube"), 8},      {QStringLiteral("hexadecagonal"), 16}};
+    static const QRegularExpression counted(QStringLiteral(R"(^(\d+)c$)"));
+    static const QRegularExpression dotted(QStringLiteral(R"(^(\d+)\.(\d+)$)"));
+    const QString name = layout.section(QLatin1Char('('), 0, 0);
+    if (auto m = counted.match(name); m.hasMatch())
+        return m.captured(1).toInt();
+    if (auto m = dotted.match(name); m.hasMatch())
+        return m.captured(1).toInt() + m.captured(2).toInt();
+    return named.value(name, 0);
+}
+
+GraphShape graphShape(const Mix& mix) {
+    const std::size_t n = mix.times.size();
+    if (n < 2 || !mix.format)
+        return GraphShape::branchPerCopy;
+    const int rate = mix.format->sampleRate;
+    const long long interval = spacing(mix.times, rate);
+    for (std::size_t i = 2; i < n; ++i)
+        if (sampleDelay(mix.times[i], rate) - sampleDelay(mix.times[i - 1], rate) != interval)
+            return GraphShape::branchPerCopy;
+    const int channels = channelCount(mix.format->channelLayout);
+    const bool fits = audibleSamples(mix.tagLength, rate) <= interval;
+    const bool small = channels > 0 && interval <= kMaxLoopSamples / channels;
+    return fits && small ? GraphShape::loopedBed : GraphShape::branchPerCopy;
+}
+
+QString filterGraph(const Mix& mix, GraphShape shape) {
+    const std::size_t n = mix.times.size();
+    const int rate = mix.format ? mix.format->sampleRate : 0;
+    // Delays in samples where the rate is known: adelay turns milliseconds into samples in
+    // single precision, which puts most copies a sample or two away from their millisecond.
+    const auto delay = [&](double t) {
+        return rate ? QStringLiteral("%1S").arg(sampleDelay(t, rate))
+                    : QString::number(milliseconds(t));
+    };
     QString graph = QStringLiteral("[1:a]");
     // Mix in the track's own format: otherwise ffmpeg mixes at the clip's rate and layout.
-    if (trackFormat)
+    if (mix.format)
         graph += QStringLiteral("aformat=sample_rates=%1:channel_layouts=%2,")
-                     .arg(trackFormat->sampleRate)
-                     .arg(trackFormat->channelLayout);
-    graph += QString::asprintf("volume=%.2fdB,asplit=%zu", gainDB, n);
+                     .arg(mix.format->sampleRate)
+                     .arg(mix.format->channelLayout);
+    graph += QString::asprintf("volume=%.2fdB,", mix.gainDB);
+    // Each copy ends at the clip's audible end and fades at both edges, so a clip cut
+    // mid-word never clicks. The fade-out runs on the reversed clip, so it ends on the
+    // clip's last sample whatever its container claimed; timestamps are counted afresh
+    // because afade reads them.
+    const QString restamp = QStringLiteral("asetpts=N/SR/TB,");
+    const QString fadeIn = QStringLiteral("afade=t=in:d=%1:curve=hsin,").arg(kFadeSeconds);
+    graph += restamp;
+    if (rate)
+        graph += QStringLiteral("atrim=end_sample=%1,").arg(audibleSamples(mix.tagLength, rate));
+    graph += fadeIn + QStringLiteral("areverse,") + restamp + fadeIn + QStringLiteral("areverse,") +
+             restamp.chopped(1);
+
+    const QString mixed = QStringLiteral("amix=inputs=%1:normalize=0:duration=first:"
+                                         "dropout_transition=0,");
+    const QString limiter = limiterStage(mix, rate);
+    if (shape == GraphShape::loopedBed && rate && n >= 2) {
+        // The clip padded to one interval and repeated: the same samples at the same
+        // places as one branch per copy, at the cost of a single two-input mix.
+        graph += QStringLiteral(",apad=whole_len=%1,atrim=end_sample=%1,aloop=loop=%2:size=%1,"
+                                "adelay=%3:all=1[bed];[0:a][bed]")
+                     .arg(spacing(mix.times, rate))
+                     .arg(n - 1)
+                     .arg(delay(mix.times[0]));
+        return graph + mixed.arg(2) + limiter;
+    }
+    graph += QStringLiteral(",asplit=%1").arg(n);
     for (std::size_t i = 0; i < n; ++i)
         graph += QStringLiteral("[s%1]").arg(i);
     graph += QLatin1Char(';');
     for (std::size_t i = 0; i < n; ++i)
-        graph += QStringLiteral("[s%1]adelay=%2:all=1[d%1];").arg(i).arg(milliseconds(times[i]));
+        graph += QStringLiteral("[s%1]adelay=%2:all=1[d%1];").arg(i).arg(delay(mix.times[i]));
     graph += QStringLiteral("[0:a]");
     for (std::size_t i = 0; i < n; ++i)
         graph += QStringLiteral("[d%1]").arg(i);
-    graph += QStringLiteral("amix=inputs=%1:normalize=0:duration=first:dropout_transition=0,")
-                 .arg(n + 1);
-    graph += QStringLiteral("alimiter=limit=0.97:level=0:attack=2:release=40:latency=1[out]");
-    return graph;
+    return graph + mixed.arg(n + 1) + limiter;
 }
 
 QStringList renderArguments(const QString& track, const QString& tag, const QString& graph,
-                            const QString& output) {
-    QStringList args{QStringLiteral("-y"),
-                     QStringLiteral("-i"),
-                     QFileInfo(track).absoluteFilePath(),
-                     QStringLiteral("-i"),
-                     QFileInfo(tag).absoluteFilePath(),
-                     QStringLiteral("-filter_complex"),
-                     graph,
-                     QStringLiteral("-map"),
-                     QStringLiteral("[out]"),
-                     QStringLiteral("-map_metadata"),
-                     QStringLiteral("0")};
-    if (QFileInfo(track).suffix().toLower() == QLatin1String("mp3"))
+                            const Analysis& analysis, const QString& output) {
+    const QString trackPath = QFileInfo(track).absoluteFilePath();
+    const bool mp3 = QFileInfo(track).suffix().toLower() == QLatin1String("mp3");
+    // The analysis admits pictures only when every one is of a kind the MP3 muxer can
+    // write, so a picture never fails the render. They are copied as they are, from the
+    // track opened a second time: taken from the mixed input, ffmpeg 5.1 ends the audio
+    // after a fraction of a second.
+    const bool pictures = mp3 && analysis.pictures;
+    QStringList args{QStringLiteral("-y"), QStringLiteral("-i"), trackPath, QStringLiteral("-i"),
+                     QFileInfo(tag).absoluteFilePath()};
+    if (pictures)
+        args << QStringLiteral("-i") << trackPath;
+    args << QStringLiteral("-filter_complex") << graph << QStringLiteral("-map")
+         << QStringLiteral("[out]");
+    if (pictures)
+        args << QStringLiteral("-map") << QStringLiteral("2:v?") << QStringLiteral("-c:v")
+             << QStringLiteral("copy");
+    args << QStringLiteral("-map_metadata") << QStringLiteral("0");
+    if (mp3)
         args << QStringLiteral("-c:a") << QStringLiteral("libmp3lame") << QStringLiteral("-b:a")
              << QStringLiteral("320k") << QStringLiteral("-id3v2_version") << QStringLiteral("3")
              << QStringLiteral("-f") << QStringLiteral("mp3");
+    else if (analysis.broadcastChunk)
+        args << QStringLiteral("-c:a") << QStringLiteral("pcm_s24le")
+             << QStringLiteral("-write_bext") << QStringLiteral("1") << QStringLiteral("-f")
+             << QStringLiteral("wav");
     else
         args << QStringLiteral("-c:a") << QStringLiteral("pcm_s24le") << QStringLiteral("-f")
              << QStringLiteral("wav");
@@ -127,12 +292,15 @@ void nameInput(QStringList& args, const QString& path, const OpenFile& file,
     if (!file.passDown())
         return;
     const QString named = QFileInfo(path).absoluteFilePath(); // as renderArguments names it
+    bool found = false;
+    // The track is read twice when its pictures are kept: both readings take the passed file.
     for (qsizetype i = 1; i < args.size(); ++i)
         if (args[i - 1] == QLatin1String("-i") && args[i] == named) {
             args[i] = file.argument();
-            passed.push_back(file.fd());
-            return;
+            found = true;
         }
+    if (found)
+        passed.push_back(file.fd());
 }
 
 // ffmpeg's lines about the output quote its temporary name, which says nothing to
@@ -169,8 +337,14 @@ Result process(const QString& given, const QString& tag, double interval, double
     const QFileInfo named(track);
     PendingOutput out(destination.folder.isEmpty() ? named.absolutePath() : destination.folder,
                       named.completeBaseName() + kOutputSuffix);
-    QStringList args = renderArguments(track, clipFile, filterGraph(gain, times, analysis.format),
-                                       out.file().argument());
+    const Mix mix{gain,
+                  times,
+                  clip.length,
+                  ceiling(analysis.peak),
+                  analysis.format,
+                  clearOfCeiling(analysis)};
+    QStringList args =
+        renderArguments(track, clipFile, filterGraph(mix), analysis, out.file().argument());
     std::vector<int> passed;
     nameInput(args, track, trackFile, passed);
     nameInput(args, clipFile, tagFile, passed);
