@@ -4,7 +4,6 @@
 #include "engine/Engine.h"
 #include "model/Settings.h"
 #include "model/Tags.h"
-#include "platform/Files.h"
 #include "platform/Preferences.h"
 #include "platform/Trash.h"
 
@@ -97,17 +96,18 @@ int manageLibrary(const Cli::Options& options) {
     int status = kExitOk;
     if (options.addTag) {
         const QString& file = *options.addTag;
-        const QString fileName = QFileInfo(file).fileName();
-        try {
-            if (!Tags::exts().contains(QFileInfo(file).suffix().toLower()) ||
-                !QFileInfo(file).isFile())
-                throw Failure(QStringLiteral("CAN'T ADD TAG"));
-            const QString added = tags.add(file);
-            write(stdout, QStringLiteral("TAG ADDED: %1  ARMED\n").arg(Tags::name(added)));
-        } catch (const std::exception& error) {
-            if (const auto* failed = dynamic_cast<const FileError*>(&error))
-                write(stderr, QStringLiteral("zelkor-tag: %1\n").arg(failed->errorDescription()));
-            write(stdout, QStringLiteral("%1  CAN'T ADD TAG\n").arg(fileName));
+        bool added = false;
+        if (Tags::exts().contains(QFileInfo(file).suffix().toLower()) && QFileInfo(file).isFile()) {
+            try {
+                const QString stored = tags.add(file);
+                write(stdout, QStringLiteral("TAG ADDED: %1  ARMED\n").arg(Tags::name(stored)));
+                added = true;
+            } catch (const std::exception& error) {
+                write(stderr, QStringLiteral("zelkor-tag: %1\n").arg(describeError(error)));
+            }
+        }
+        if (!added) {
+            write(stdout, QStringLiteral("%1  CAN'T ADD TAG\n").arg(QFileInfo(file).fileName()));
             status = kExitFailed;
         }
     }
@@ -124,7 +124,7 @@ int manageLibrary(const Cli::Options& options) {
             try {
                 tags.setSelected(*found);
                 write(stdout, QStringLiteral("TAG SELECTED: %1\n").arg(Tags::name(*found)));
-            } catch (const FileError& error) {
+            } catch (const TagError& error) {
                 write(stderr, QStringLiteral("zelkor-tag: %1\n").arg(error.errorDescription()));
                 status = kExitFailed;
             }
