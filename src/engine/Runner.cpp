@@ -201,7 +201,7 @@ RunResult run(const QStringList& args, const std::vector<int>& passed) {
                   QStringList{QStringLiteral("-hide_banner"), QStringLiteral("-nostdin")} + args,
                   QIODevice::ReadOnly);
     if (!process.waitForStarted(-1))
-        throw TagError::systemFailed({}, process.errorString().toUpper());
+        throw TagError::systemFailed(0, {}, process.errorString().toUpper());
 
     KeptText text;
     {

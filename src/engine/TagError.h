@@ -33,8 +33,8 @@ public:
     // The system's text for the errno value `code` as the reason: "NO SPACE LEFT ON
     // DEVICE", or with `action`, "CAN'T COPY VOICE.WAV: NO SPACE LEFT ON DEVICE".
     static TagError systemFailed(int code, QString action = {});
-    // A reason in other words than errno's, already upper-cased.
-    static TagError systemFailed(QString action, QString reason, int code = 0) {
+    // With a reason in other words than errno's, already upper-cased; `code` may be 0.
+    static TagError systemFailed(int code, QString action, QString reason) {
         return {Kind::systemFailed, std::move(action), std::move(reason), code};
     }
 

@@ -163,7 +163,7 @@ void copy(const QString& from, const QString& to) {
     if (S_ISDIR(info.st_mode))
         fail(action, EISDIR);
     if (!S_ISREG(info.st_mode))
-        throw TagError::systemFailed(action, QStringLiteral("NOT A REGULAR FILE"), EINVAL);
+        throw TagError::systemFailed(EINVAL, action, QStringLiteral("NOT A REGULAR FILE"));
 
     Staged copy(to, action);
     std::array<char, kChunk> buffer;
