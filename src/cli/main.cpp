@@ -3,6 +3,7 @@
 #include "cli/Options.h"
 #include "engine/Engine.h"
 #include "model/Settings.h"
+#include "model/StatusTexts.h"
 #include "model/Tags.h"
 #include "platform/Preferences.h"
 #include "platform/Trash.h"
@@ -79,7 +80,7 @@ QString tagOne(const QString& track, const QString& tag, double interval, double
     QString line = QFileInfo(track).fileName() + QStringLiteral("  ");
     try {
         const Engine::Result result = Engine::process(track, tag, interval, levelDB);
-        line += QStringLiteral("%1 TAGS  OK  -> %2").arg(result.placements).arg(result.output);
+        line += StatusTexts::tagged(result.placements) + QStringLiteral("  -> ") + result.output;
     } catch (const std::exception& error) {
         line += describeError(error);
         failed = true;
@@ -100,14 +101,17 @@ int manageLibrary(const Cli::Options& options) {
         if (Tags::exts().contains(QFileInfo(file).suffix().toLower()) && QFileInfo(file).isFile()) {
             try {
                 const QString stored = tags.add(file);
-                write(stdout, QStringLiteral("TAG ADDED: %1  ARMED\n").arg(Tags::name(stored)));
+                write(stdout,
+                      QStringLiteral("%1  %2\n")
+                          .arg(StatusTexts::tagAdded(Tags::name(stored)), StatusTexts::kArmed));
                 added = true;
             } catch (const std::exception& error) {
                 write(stderr, QStringLiteral("zelkor-tag: %1\n").arg(describeError(error)));
             }
         }
         if (!added) {
-            write(stdout, QStringLiteral("%1  CAN'T ADD TAG\n").arg(QFileInfo(file).fileName()));
+            write(stdout, QStringLiteral("%1  %2\n")
+                              .arg(QFileInfo(file).fileName(), StatusTexts::kCantAddTag));
             status = kExitFailed;
         }
     }
@@ -123,7 +127,7 @@ int manageLibrary(const Cli::Options& options) {
         } else {
             try {
                 tags.setSelected(*found);
-                write(stdout, QStringLiteral("TAG SELECTED: %1\n").arg(Tags::name(*found)));
+                write(stdout, StatusTexts::tagSelected(Tags::name(*found)) + QLatin1Char('\n'));
             } catch (const TagError& error) {
                 write(stderr, QStringLiteral("zelkor-tag: %1\n").arg(error.errorDescription()));
                 status = kExitFailed;
@@ -155,7 +159,8 @@ int tagAll(const Cli::Options& options) {
         chosen = tags.selected();
     }
     if (!chosen) {
-        write(stdout, QStringLiteral("ADD YOUR TAG FILE FIRST  NO TAG\n"));
+        write(stdout,
+              QStringLiteral("%1  %2\n").arg(StatusTexts::kAddTagFirst, StatusTexts::kNoTag));
         return kExitFailed;
     }
     const QString tag = *chosen;

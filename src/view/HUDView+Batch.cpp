@@ -5,6 +5,7 @@
 
 #include "engine/Engine.h"
 #include "model/Settings.h"
+#include "model/StatusTexts.h"
 #include "model/Tags.h"
 #include "platform/FileViewer.h"
 #include "platform/Sounds.h"
@@ -82,7 +83,7 @@ LogLine tagTrack(const QString& track, const Work& work, QStringList& written) {
     try {
         const Engine::Result result = Engine::process(track, work.tag, work.interval, work.levelDB);
         written << result.output;
-        return {name, QString::number(result.placements) + QStringLiteral(" TAGS  OK"), purple};
+        return {name, StatusTexts::tagged(result.placements), purple};
     } catch (const std::exception& error) {
         return {name, describeError(error), errColor};
     } catch (...) {
@@ -100,8 +101,7 @@ void HUDView::start(const QStringList& paths) {
     }
     refreshTag();
     if (!m_tag) {
-        m_state.log.push_back(
-            {QStringLiteral("ADD YOUR TAG FILE FIRST"), QStringLiteral("NO TAG"), errColor});
+        m_state.log.push_back({StatusTexts::kAddTagFirst, StatusTexts::kNoTag, errColor});
         update();
         m_services.sounds.play(QStringLiteral("Basso"));
         return;
