@@ -2,7 +2,7 @@
 // child process that draws its window offscreen, writes the PNG and quits.
 #include "app/AppDelegate.h"
 #include "app/FrameAutosave.h"
-#include "platform/Files.h"
+#include "engine/TagError.h"
 #include "platform/Preferences.h"
 #include "style/Palette.h"
 #include "support/FreshHome.h"
@@ -118,7 +118,7 @@ TEST(FrameAutosave, aMovedWindowReopensWhereItWasLeftAndAFailedSaveIsReported) {
     QStringList failures;
     QWidget moved;
     new FrameAutosave(moved, name, preferences,
-                      [&](const FileError& error) { failures << error.errorDescription(); });
+                      [&](const TagError& error) { failures << error.errorDescription(); });
     moved.show();
     moved.move(40, 30);
     EXPECT_TRUE(::Test::waitUntil([&] { return !failures.isEmpty(); }, 3000));

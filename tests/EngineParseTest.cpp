@@ -146,7 +146,7 @@ TEST(EnginePlacement, copiesRepeatWhileTheyEndByHalfASecondAfterTheTrackAndNever
     EXPECT_LE(Engine::positions(1e15, 1, 3).size(), Engine::kMaxPlacements);
     for (double interval : {0.0, -3.0, kInf, std::nan("")}) {
         EXPECT_EQ(Engine::positions(95, interval, 3), std::vector<double>{0.0});
-        EXPECT_THROW(Engine::process(u"/a.wav"_s, u"/t.wav"_s, interval, -5), Failure);
+        EXPECT_THROW(Engine::process(u"/a.wav"_s, u"/t.wav"_s, interval, -5), TagError);
     }
 }
 

@@ -193,6 +193,11 @@ TEST_F(ZelkorTag, withoutAnExecutableFfmpegNothingIsStarted) {
     EXPECT_EQ(run.status, 1);
     EXPECT_EQ(run.out, u"beat.wav  FFMPEG NOT FOUND\nbeat.wav  FFMPEG NOT FOUND\n"_s);
     EXPECT_FALSE(QFileInfo::exists(dir.path() + u"/share/ran"_s));
+
+    // Found, but the system cannot start it: its reason, and nothing more.
+    ::Test::writeFile(path(u"share/ffmpeg"_s), "#!/nonexistent/sh\n", true);
+    EXPECT_EQ(zelkorTag({u"--tag"_s, clip, track}, {env}).out,
+              u"beat.wav  EXECVP: NO SUCH FILE OR DIRECTORY\n"_s);
 }
 
 // Several jobs at once write what one at a time writes, in track order, with one

@@ -6,10 +6,10 @@
 #include "app/MenuBar.h"
 
 #include "engine/Batch.h"
+#include "engine/TagError.h"
 #include "model/Tags.h"
 #include "platform/AppName.h"
 #include "platform/FileViewer.h"
-#include "platform/Files.h"
 #include "platform/Menus.h"
 #include "platform/OpenPanels.h"
 #include "platform/Preferences.h"
@@ -119,7 +119,7 @@ void AppDelegate::buildWindow() {
     if (const QScreen* screen = m_window->screen())
         m_window->move(screen->availableGeometry().center() - m_window->rect().center());
     (new FrameAutosave(*m_window, QStringLiteral("ZelkorMain"), *m_services.preferences,
-                       [hud = QPointer<HUDView>(m_hud)](const FileError& error) {
+                       [hud = QPointer<HUDView>(m_hud)](const TagError& error) {
                            if (hud)
                                hud->logFailure(error);
                        }))

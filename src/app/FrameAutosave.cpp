@@ -1,7 +1,7 @@
 // The window frame in the preferences, as {x, y, width, height}.
 #include "app/FrameAutosave.h"
 
-#include "platform/Files.h"
+#include "engine/TagError.h"
 #include "platform/Preferences.h"
 
 #include <QEvent>
@@ -60,7 +60,7 @@ void FrameAutosave::save() {
                                                     {QStringLiteral("y"), frame.y()},
                                                     {QStringLiteral("width"), frame.width()},
                                                     {QStringLiteral("height"), frame.height()}});
-    } catch (const FileError& error) {
+    } catch (const TagError& error) {
         if (m_failed)
             m_failed(error);
     }

@@ -8,14 +8,14 @@
 #include <QTimer>
 #include <functional>
 
-class FileError;
 class Preferences;
 class QWidget;
+class TagError;
 
 class FrameAutosave : public QObject {
 public:
     // Told of every save that fails; `preferences` must outlive this.
-    using Failed = std::function<void(const FileError&)>;
+    using Failed = std::function<void(const TagError&)>;
 
     FrameAutosave(QWidget& window, QString name, Preferences& preferences, Failed failed = {});
 

@@ -4,8 +4,8 @@
 #include "engine/Batch.h"
 #include "engine/Engine.h"
 #include "model/Settings.h"
+#include "model/StatusTexts.h"
 #include "model/Tags.h"
-#include "platform/Files.h"
 #include "platform/Preferences.h"
 #include "platform/Trash.h"
 #include "platform/QuitSignals.h"
@@ -89,10 +89,8 @@ QString lineFor(const Batch::Outcome& outcome) {
     const QString name = QFileInfo(outcome.track).fileName();
     if (!outcome.result)
         return name + QStringLiteral("  ") + outcome.error;
-    return QStringLiteral("%1  %2 TAGS  OK  -> %3")
-        .arg(name)
-        .arg(outcome.result->placements)
-        .arg(outcome.result->output);
+    return name + QStringLiteral("  ") + StatusTexts::tagged(outcome.result->placements) +
+           QStringLiteral("  -> ") + outcome.result->output;
 }
 
 // The library commands: add, select, list, in that order, as the window would.
@@ -104,17 +102,21 @@ int manageLibrary(const Cli::Options& options) {
     int status = kExitOk;
     if (options.addTag) {
         const QString& file = *options.addTag;
-        const QString fileName = QFileInfo(file).fileName();
-        try {
-            if (!Tags::exts().contains(QFileInfo(file).suffix().toLower()) ||
-                !QFileInfo(file).isFile())
-                throw Failure(QStringLiteral("CAN'T ADD TAG"));
-            const QString added = tags.add(file);
-            write(stdout, QStringLiteral("TAG ADDED: %1  ARMED\n").arg(Tags::name(added)));
-        } catch (const std::exception& error) {
-            if (const auto* failed = dynamic_cast<const FileError*>(&error))
-                write(stderr, QStringLiteral("zelkor-tag: %1\n").arg(failed->errorDescription()));
-            write(stdout, QStringLiteral("%1  CAN'T ADD TAG\n").arg(fileName));
+        bool added = false;
+        if (Tags::exts().contains(QFileInfo(file).suffix().toLower()) && QFileInfo(file).isFile()) {
+            try {
+                const QString stored = tags.add(file);
+                write(stdout,
+                      QStringLiteral("%1  %2\n")
+                          .arg(StatusTexts::tagAdded(Tags::name(stored)), StatusTexts::kArmed));
+                added = true;
+            } catch (const std::exception& error) {
+                write(stderr, QStringLiteral("zelkor-tag: %1\n").arg(describeError(error)));
+            }
+        }
+        if (!added) {
+            write(stdout, QStringLiteral("%1  %2\n")
+                              .arg(QFileInfo(file).fileName(), StatusTexts::kCantAddTag));
             status = kExitFailed;
         }
     }
@@ -130,8 +132,8 @@ int manageLibrary(const Cli::Options& options) {
         } else {
             try {
                 tags.setSelected(*found);
-                write(stdout, QStringLiteral("TAG SELECTED: %1\n").arg(Tags::name(*found)));
-            } catch (const FileError& error) {
+                write(stdout, StatusTexts::tagSelected(Tags::name(*found)) + QLatin1Char('\n'));
+            } catch (const TagError& error) {
                 write(stderr, QStringLiteral("zelkor-tag: %1\n").arg(error.errorDescription()));
                 status = kExitFailed;
             }
@@ -162,7 +164,8 @@ int tagAll(const Cli::Options& options) {
         chosen = tags.selected();
     }
     if (!chosen) {
-        write(stdout, QStringLiteral("ADD YOUR TAG FILE FIRST  NO TAG\n"));
+        write(stdout,
+              QStringLiteral("%1  %2\n").arg(StatusTexts::kAddTagFirst, StatusTexts::kNoTag));
         return kExitFailed;
     }
     const QString tag = *chosen;

@@ -29,7 +29,7 @@ std::optional<QString> findExecutable(const QStringList& candidates);
 const std::optional<QString>& ffmpeg();
 
 // Runs ffmpeg with "-hide_banner -nostdin" and `args`; throws TagError::noFFmpeg
-// when there is none, Failure when it cannot be started. The child dies with
+// when there is none, TagError::systemFailed when it cannot be started. The child dies with
 // this process (so a run must be started by a thread that waits for it, as this
 // call does). `passed` are descriptors the child keeps open, for the arguments
 // of OpenFile::passDown files. Of a run's text the first and the last
@@ -37,11 +37,8 @@ const std::optional<QString>& ffmpeg();
 RunResult run(const QStringList& args, const std::vector<int>& passed = {});
 constexpr qsizetype kOutputKept = 1 << 20;
 // Ends every ffmpeg run in progress and refuses new ones, for quitting: such a
-// run throws Failure "STOPPED", and a render removes its partial output first.
+// run throws TagError::stopped, and a render removes its partial output first.
 void stopAll();
-
-// The system's text for an errno value, upper-cased as the program's messages are.
-QString systemReason(int code);
 
 // A file this process holds open for ffmpeg. ffmpeg is told its path, or, when
 // the name is not text (encodeName), /proc/self/fd/N with N passed down to it.
@@ -67,7 +64,7 @@ private:
 // Opens a track or clip for ffmpeg. Only a regular file (after following links)
 // is accepted: anything else, or a file that cannot be opened, throws
 // TagError::unreadable without touching it further; running out of descriptors
-// throws Failure with the system's reason. A file ffmpeg is given by name is
+// throws TagError::systemFailed. A file ffmpeg is given by name is
 // closed again at once.
 OpenFile openInput(const QString& path);
 
@@ -200,7 +197,7 @@ enum class Collision {
 // So an output appears whole under its name, or not at all.
 class PendingOutput {
 public:
-    // Throws Failure with the system's reason when the folder takes no file.
+    // Throws TagError::systemFailed when the folder takes no file.
     PendingOutput(const QString& folder, const QString& stem);
     ~PendingOutput();
     PendingOutput(const PendingOutput&) = delete;
@@ -210,7 +207,7 @@ public:
     const OpenFile& file() const { return m_file; }
     // Once ffmpeg has succeeded: flushes the file to the disk and names it
     // FOLDER/STEM.EXT (`extension` without the dot), by `collision`. Returns the
-    // final path; throws Failure with the system's reason, the file then removed.
+    // final path; throws TagError::systemFailed, the file then removed.
     QString commit(const QString& extension, Collision collision);
 
 private:

@@ -27,7 +27,7 @@ constexpr qsizetype kTempStemBytes = 200;
 constexpr int kTempAttempts = 100;
 
 [[noreturn]] void fail(int code) {
-    throw Failure(systemReason(code));
+    throw TagError::systemFailed(code);
 }
 
 bool taken(const QByteArray& path) {

@@ -318,9 +318,9 @@ Result process(const QString& track, const QString& tag, double interval, double
 Result process(const QString& given, const QString& tag, double interval, double levelDB,
                const Destination& destination) {
     if (!(interval > 0) || !std::isfinite(interval))
-        throw Failure(QStringLiteral("INTERVAL MUST BE A POSITIVE NUMBER OF SECONDS"));
+        throw TagError::badInterval();
     if (!std::isfinite(levelDB))
-        throw Failure(QStringLiteral("LEVEL MUST BE A NUMBER OF DB"));
+        throw TagError::badLevel();
 
     // Absolute from here on: QFileInfo would lose the stray bytes of a relative name.
     const QString track = absoluteName(given);
@@ -329,7 +329,7 @@ Result process(const QString& given, const QString& tag, double interval, double
     const double gain = clipGain(levelDB, analysis.lufs, clip.lufs);
     const std::vector<double> times = positions(analysis.duration, interval, clip.length);
     if (times.size() == kMaxPlacements)
-        throw Failure(QStringLiteral("TOO MANY TAGS FOR THIS TRACK"));
+        throw TagError::tooManyTags();
 
     // Opened again: the cached clip, or the track, may have become a FIFO since.
     const QString clipFile = absoluteName(tag);

@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -45,8 +44,6 @@ const std::optional<QString>& ffmpeg() {
 }
 
 namespace {
-
-const QString kStopped = QStringLiteral("STOPPED");
 
 // Registered while it runs, so that stopAll can end it.
 class Child {
@@ -111,7 +108,7 @@ void ensureDescriptors() {
     for (int i = 0; i < opened; ++i)
         ::close(fds[i]);
     if (opened < 5)
-        throw Failure(systemReason(error));
+        throw TagError::systemFailed(error);
 }
 
 bool isStopping() {
@@ -119,10 +116,6 @@ bool isStopping() {
 }
 
 } // namespace
-
-QString systemReason(int code) {
-    return QString::fromLocal8Bit(std::strerror(code)).toUpper();
-}
 
 OpenFile::OpenFile(int fd, const QString& path)
     : m_fd(fd)
@@ -168,7 +161,7 @@ OpenFile openInput(const QString& path) {
     const int fd = ::open(name.constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (fd < 0) {
         if (errno == EMFILE || errno == ENFILE || errno == ENOMEM)
-            throw Failure(systemReason(errno));
+            throw TagError::systemFailed(errno);
         throw TagError::unreadable();
     }
     OpenFile file(fd, path);
@@ -188,7 +181,7 @@ RunResult run(const QStringList& args, const std::vector<int>& passed) {
     if (!program)
         throw TagError::noFFmpeg();
     if (isStopping())
-        throw Failure(kStopped);
+        throw TagError::stopped();
     ensureDescriptors();
 
     QProcess process;
@@ -208,7 +201,7 @@ RunResult run(const QStringList& args, const std::vector<int>& passed) {
                   QStringList{QStringLiteral("-hide_banner"), QStringLiteral("-nostdin")} + args,
                   QIODevice::ReadOnly);
     if (!process.waitForStarted(-1))
-        throw Failure(process.errorString().toUpper());
+        throw TagError::systemFailed(0, {}, process.errorString().toUpper());
 
     KeptText text;
     {
@@ -219,7 +212,7 @@ RunResult run(const QStringList& args, const std::vector<int>& passed) {
         text.add(process.readAll());
     }
     if (isStopping())
-        throw Failure(kStopped);
+        throw TagError::stopped();
 
     RunResult result;
     result.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;

@@ -1,30 +1,58 @@
-// Messages of the engine's errors.
+// The messages of the program's errors.
 #include "engine/TagError.h"
 
-TagError::TagError(Kind kind, QString payload)
-    : m_kind(kind)
-    , m_payload(std::move(payload)) {
-    m_what = errorDescription().toUtf8();
-}
+#include <cstring>
 
-QString TagError::errorDescription() const {
-    switch (m_kind) {
-    case Kind::ffmpegFailed:
-        return m_payload;
+namespace {
+
+QString messageOf(TagError::Kind kind) {
+    using Kind = TagError::Kind;
+    switch (kind) {
     case Kind::noFFmpeg:
         return QStringLiteral("FFMPEG NOT FOUND");
     case Kind::noTag:
         return QStringLiteral("NO TAG SELECTED");
     case Kind::unreadable:
         return QStringLiteral("CAN'T READ FILE");
+    case Kind::stopped:
+        return QStringLiteral("STOPPED");
+    case Kind::badInterval:
+        return QStringLiteral("INTERVAL MUST BE A POSITIVE NUMBER OF SECONDS");
+    case Kind::badLevel:
+        return QStringLiteral("LEVEL MUST BE A NUMBER OF DB");
+    case Kind::tooManyTags:
+        return QStringLiteral("TOO MANY TAGS FOR THIS TRACK");
+    case Kind::ffmpegFailed:
+    case Kind::systemFailed:
+        break; // their reason is given
     }
     return {};
 }
 
+} // namespace
+
+TagError::TagError(Kind kind)
+    : TagError(kind, {}, messageOf(kind), 0) {}
+
+TagError::TagError(Kind kind, QString action, QString reason, int code)
+    : m_kind(kind)
+    , m_action(std::move(action))
+    , m_reason(std::move(reason))
+    , m_code(code)
+    , m_what(errorDescription().toUtf8()) {}
+
+TagError TagError::systemFailed(int code, QString action) {
+    return {Kind::systemFailed, std::move(action),
+            QString::fromLocal8Bit(std::strerror(code)).toUpper(), code};
+}
+
+QString TagError::errorDescription() const {
+    return m_action.isEmpty() ? m_reason : m_action + QStringLiteral(": ") + m_reason;
+}
+
 QString describeError(const std::exception& error) {
-    if (auto* tag = dynamic_cast<const TagError*>(&error))
-        return tag->errorDescription();
-    if (auto* failure = dynamic_cast<const Failure*>(&error))
-        return failure->errorDescription();
+    if (const auto* known = dynamic_cast<const TagError*>(&error))
+        return known->errorDescription();
+    // Anything else (out of memory, say) in the program's voice all the same.
     return QString::fromUtf8(error.what()).toUpper();
 }

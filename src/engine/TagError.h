@@ -1,31 +1,62 @@
-// The engine's one error type and the messages the user sees for it.
+// The program's one error type, thrown by the engine, the model and the
+// platform code alike, and the messages the user sees for it.
 #pragma once
 
-#include "platform/Failure.h"
-
+#include <QByteArray>
 #include <QString>
 #include <exception>
 
 class TagError : public std::exception {
 public:
-    enum class Kind { ffmpegFailed, noFFmpeg, noTag, unreadable };
+    enum class Kind {
+        ffmpegFailed, // the render failed; carries ffmpeg's own cause
+        noFFmpeg,
+        noTag,
+        unreadable,
+        stopped, // the program is quitting: runs are ended and refused
+        badInterval,
+        badLevel,
+        tooManyTags,
+        systemFailed, // the system refused, in its own words, maybe naming what was tried
+    };
 
     static TagError ffmpegFailed(QString message) {
-        return {Kind::ffmpegFailed, std::move(message)};
+        return {Kind::ffmpegFailed, {}, std::move(message), 0};
     }
-    static TagError noFFmpeg() { return {Kind::noFFmpeg, {}}; }
-    static TagError noTag() { return {Kind::noTag, {}}; }
-    static TagError unreadable() { return {Kind::unreadable, {}}; }
+    static TagError noFFmpeg() { return TagError(Kind::noFFmpeg); }
+    static TagError noTag() { return TagError(Kind::noTag); }
+    static TagError unreadable() { return TagError(Kind::unreadable); }
+    static TagError stopped() { return TagError(Kind::stopped); }
+    static TagError badInterval() { return TagError(Kind::badInterval); }
+    static TagError badLevel() { return TagError(Kind::badLevel); }
+    static TagError tooManyTags() { return TagError(Kind::tooManyTags); }
+    // The system's text for the errno value `code` as the reason: "NO SPACE LEFT ON
+    // DEVICE", or with `action`, "CAN'T COPY VOICE.WAV: NO SPACE LEFT ON DEVICE".
+    static TagError systemFailed(int code, QString action = {});
+    // With a reason in other words than errno's, already upper-cased; `code` may be 0.
+    static TagError systemFailed(int code, QString action, QString reason) {
+        return {Kind::systemFailed, std::move(action), std::move(reason), code};
+    }
 
     Kind kind() const { return m_kind; }
+    // What could not be done ("CAN'T SAVE PREFERENCES.JSON"); empty for most kinds.
+    const QString& action() const { return m_action; }
+    // Why: the whole message when there is no action.
+    const QString& reason() const { return m_reason; }
+    // The errno value behind a system failure, 0 when there is none.
+    int code() const { return m_code; }
+    // "ACTION: REASON", or the reason alone.
     QString errorDescription() const;
     const char* what() const noexcept override { return m_what.constData(); }
 
 private:
-    TagError(Kind kind, QString payload);
+    explicit TagError(Kind kind);
+    TagError(Kind kind, QString action, QString reason, int code);
 
     Kind m_kind;
-    QString m_payload;
+    QString m_action;
+    QString m_reason;
+    int m_code;
     QByteArray m_what;
 };
 

@@ -23,7 +23,7 @@ public:
 
     // The user's choices, read from and written to the preferences at every access.
     // A stored index that is not an integer, or lies outside its table, reads as 1.
-    // A write throws FileError when the preferences cannot be written.
+    // A write throws TagError when the preferences cannot be written.
     int intervalIndex() const;
     void setIntervalIndex(int index);
     int levelIndex() const;

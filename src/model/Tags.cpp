@@ -135,7 +135,7 @@ QString Tags::add(const QString& path) {
             continue;
         try {
             Files::copy(path, destination);
-        } catch (const FileError& error) {
+        } catch (const TagError& error) {
             // Another program took the name since it was found free.
             if (error.code() == EEXIST)
                 continue;
@@ -143,7 +143,7 @@ QString Tags::add(const QString& path) {
         }
         try {
             setSelected(destination);
-        } catch (const FileError&) {
+        } catch (const TagError&) {
             // A copy nobody selected would claim an addition that did not happen.
             QFile::remove(destination);
             throw;
@@ -159,7 +159,7 @@ void Tags::seedDefaults() {
     // even when this attempt fails half-way. Unflagged, nothing is copied.
     try {
         m_preferences.setBoolean(kSeededKey, true);
-    } catch (const FileError&) {
+    } catch (const TagError&) {
         return;
     }
 
@@ -175,7 +175,7 @@ void Tags::seedDefaults() {
             continue;
         try {
             Files::copy(defaults.filePath(resourceName), folder + QLatin1Char('/') + resourceName);
-        } catch (const FileError&) {
+        } catch (const TagError&) {
             // A default that cannot be copied is simply missing from the library.
         }
     }

@@ -26,14 +26,14 @@ public:
     static QStringList all();
 
     std::optional<QString> selected() const;
-    // Throws FileError when the preferences cannot be written.
+    // Throws TagError when the preferences cannot be written.
     void setSelected(const std::optional<QString>& path);
 
     // "my tag.wav" -> "MY TAG"
     static QString name(const QString& path);
 
     // Copies the file into the library under a free name and selects the copy;
-    // throws FileError, with the library and the selection as they were, when
+    // throws TagError, with the library and the selection as they were, when
     // either cannot be written.
     QString add(const QString& path);
     void seedDefaults();

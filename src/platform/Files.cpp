@@ -8,15 +8,10 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
-
-FileError FileError::fromCode(QString action, int code) {
-    return {std::move(action), QString::fromLocal8Bit(std::strerror(code)).toUpper(), code};
-}
 
 namespace Files {
 
@@ -26,7 +21,7 @@ constexpr std::size_t kChunk = 64 * 1024;
 constexpr int kNameAttempts = 64;
 
 [[noreturn]] void fail(const QString& action, int code) {
-    throw FileError::fromCode(action, code);
+    throw TagError::systemFailed(code, action);
 }
 
 QByteArray native(const QString& path) {
@@ -168,7 +163,7 @@ void copy(const QString& from, const QString& to) {
     if (S_ISDIR(info.st_mode))
         fail(action, EISDIR);
     if (!S_ISREG(info.st_mode))
-        throw FileError(action, QStringLiteral("NOT A REGULAR FILE"), EINVAL);
+        throw TagError::systemFailed(EINVAL, action, QStringLiteral("NOT A REGULAR FILE"));
 
     Staged copy(to, action);
     std::array<char, kChunk> buffer;

@@ -2,6 +2,7 @@
 // file: cached reads keyed on the file's identity, and read-modify-write
 // updates under a lock file, replaced atomically.
 #include "platform/Preferences.h"
+#include "engine/TagError.h"
 #include "platform/AppName.h"
 #include "platform/Files.h"
 #include "platform/UserFolders.h"
@@ -173,8 +174,8 @@ void PreferencesFile::update(const std::function<void(QJsonObject&)>& change) {
                     QFile::encodeName(corruptPath()).constData()) != 0 &&
         errno != ENOENT) {
         const int code = errno;
-        throw FileError::fromCode(
-            QStringLiteral("CAN'T SAVE ") + QFileInfo(corruptPath()).fileName().toUpper(), code);
+        throw TagError::systemFailed(code, QStringLiteral("CAN'T SAVE ") +
+                                               QFileInfo(corruptPath()).fileName().toUpper());
     }
     change(current.object);
     // Forgotten before the write: whatever is on disk after it, failed or not,

@@ -16,7 +16,7 @@ public:
     // A store that cannot be read reads as an empty object.
     virtual QJsonObject values() const = 0;
     // Applies `change` to the stored object as it is now and stores the result;
-    // throws FileError, with the store left as it was, when that fails.
+    // throws TagError, with the store left as it was, when that fails.
     virtual void update(const std::function<void(QJsonObject&)>& change) = 0;
 
     QJsonValue value(const QString& key) const { return values().value(key); }
@@ -27,7 +27,7 @@ public:
     std::optional<QJsonObject> object(const QString& key) const;
 
     // Each write changes only its own key, so a key written meanwhile by another
-    // process survives. Throws FileError when the store cannot be written.
+    // process survives. Throws TagError when the store cannot be written.
     void setValue(const QString& key, const QJsonValue& value);
     void setInteger(const QString& key, qint64 value) { setValue(key, value); }
     void setString(const QString& key, const QString& value) { setValue(key, value); }

@@ -64,7 +64,7 @@ std::optional<QString> HomeTrash::moveToTrash(const QString& path) {
         // the name against every other program trashing a file of the same name.
         try {
             Files::create(entry, trashInfo(original));
-        } catch (const FileError& error) {
+        } catch (const TagError& error) {
             if (error.code() == EEXIST)
                 continue;
             return std::nullopt;

@@ -5,6 +5,7 @@
 
 #include "engine/Batch.h"
 #include "model/Settings.h"
+#include "model/StatusTexts.h"
 #include "model/Tags.h"
 #include "platform/FileViewer.h"
 #include "platform/Sounds.h"
@@ -22,7 +23,7 @@ LogLine logLine(const Batch::Outcome& outcome) {
     const QString name = QFileInfo(outcome.track).fileName();
     if (!outcome.result)
         return {name, outcome.error, errColor};
-    return {name, QString::number(outcome.result->placements) + QStringLiteral(" TAGS  OK"),
+    return {name, StatusTexts::tagged(outcome.result->placements),
             purple};
 }
 
@@ -36,8 +37,7 @@ void HUDView::start(const QStringList& paths) {
     }
     refreshTag();
     if (!m_tag) {
-        m_state.log.push_back(
-            {QStringLiteral("ADD YOUR TAG FILE FIRST"), QStringLiteral("NO TAG"), errColor});
+        m_state.log.push_back({StatusTexts::kAddTagFirst, StatusTexts::kNoTag, errColor});
         update();
         m_services.sounds.play(QStringLiteral("Basso"));
         return;

@@ -2,7 +2,7 @@
 // which asks for a tag clip first and for tracks once there is one.
 #include "view/HUDView.h"
 
-#include "platform/Files.h"
+#include "engine/TagError.h"
 #include "platform/OpenPanels.h"
 
 #include <QMouseEvent>
@@ -23,7 +23,7 @@ void HUDView::click(QPointF at) {
         // What a click writes (a setting, the selection) may fail to be saved.
         try {
             action();
-        } catch (const FileError& error) {
+        } catch (const TagError& error) {
             logFailure(error);
         }
         update();

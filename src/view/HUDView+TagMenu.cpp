@@ -2,6 +2,7 @@
 // and show the library's clips, each leaving its line in the log.
 #include "view/HUDView.h"
 
+#include "model/StatusTexts.h"
 #include "model/Tags.h"
 #include "platform/FileViewer.h"
 #include "platform/Menus.h"
@@ -63,8 +64,7 @@ void HUDView::pickTag(const std::optional<QString>& clip) {
 
 void HUDView::removeTag(const QString& clip) {
     m_tags.remove(clip);
-    m_state.log.push_back(
-        {QStringLiteral("TAG REMOVED: ") + Tags::name(clip), QStringLiteral("TRASH"), dim});
+    m_state.log.push_back({StatusTexts::tagRemoved(Tags::name(clip)), StatusTexts::kTrash, dim});
     refreshTag();
 }
 
@@ -77,11 +77,10 @@ void HUDView::addTag(const QString& path) {
     try {
         const QString stored = m_tags.add(path);
         m_state.log.push_back(
-            {QStringLiteral("TAG ADDED: ") + Tags::name(stored), QStringLiteral("ARMED"), purple});
+            {StatusTexts::tagAdded(Tags::name(stored)), StatusTexts::kArmed, purple});
     } catch (...) {
         // The line names the file; the system's reason is not shown.
-        m_state.log.push_back(
-            {QFileInfo(path).fileName(), QStringLiteral("CAN'T ADD TAG"), errColor});
+        m_state.log.push_back({QFileInfo(path).fileName(), StatusTexts::kCantAddTag, errColor});
     }
     refreshTag();
 }

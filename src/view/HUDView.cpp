@@ -1,9 +1,9 @@
 // The view's state, its construction, the blink timer and the paint entry.
 #include "view/HUDView.h"
 
+#include "engine/TagError.h"
 #include "model/Settings.h"
 #include "model/Tags.h"
-#include "platform/Files.h"
 #include "style/Palette.h"
 
 #include <QPaintEvent>
@@ -41,7 +41,7 @@ void HUDView::refreshTag() {
     update();
 }
 
-void HUDView::logFailure(const FileError& error) {
+void HUDView::logFailure(const TagError& error) {
     m_state.log.push_back({error.action(), error.reason(), errColor});
     update();
 }

@@ -20,12 +20,12 @@
 #include <vector>
 
 class Batch;
-class FileError;
 class FileViewer;
 class Preferences;
 class QMimeData;
 class QTimer;
 class Sounds;
+class TagError;
 class Trash;
 
 class HUDView : public QWidget {
@@ -90,7 +90,7 @@ public:
     void refreshTag();
     // A write that failed outside the view's own actions (the window's frame,
     // say) gets its line in the log.
-    void logFailure(const FileError& error);
+    void logFailure(const TagError& error);
 
     // The whole view drawn into an image, as on screen.
     QImage snapshot(qreal devicePixelRatio);

@@ -1,0 +1,35 @@
+// The texts of the lines written about tracks and tag clips, shared by the
+// window's log and zelkor-tag's output so that both say the same in the same words.
+#pragma once
+
+#include <QLatin1String>
+#include <QString>
+
+namespace StatusTexts {
+
+// A tagged track: "4 TAGS  OK", "1 TAGS  OK" as well.
+inline QString tagged(int placements) {
+    return QString::number(placements) + QStringLiteral(" TAGS  OK");
+}
+
+// A batch asked for with no tag clip selected.
+constexpr QLatin1String kAddTagFirst("ADD YOUR TAG FILE FIRST");
+constexpr QLatin1String kNoTag("NO TAG");
+
+// A clip copied into the library and selected, by its upper-cased name.
+inline QString tagAdded(const QString& name) {
+    return QStringLiteral("TAG ADDED: ") + name;
+}
+constexpr QLatin1String kArmed("ARMED");
+constexpr QLatin1String kCantAddTag("CAN'T ADD TAG");
+
+inline QString tagRemoved(const QString& name) {
+    return QStringLiteral("TAG REMOVED: ") + name;
+}
+constexpr QLatin1String kTrash("TRASH");
+
+inline QString tagSelected(const QString& name) {
+    return QStringLiteral("TAG SELECTED: ") + name;
+}
+
+} // namespace StatusTexts
