@@ -2,7 +2,6 @@
 // disk, files that change under a batch, odd audio, a broken preferences file or
 // library folder, and a signal in the middle of a render.
 #include "engine/Engine.h"
-#include "platform/Resources.h"
 #include "support/FreshHome.h"
 #include "support/TestSupport.h"
 
@@ -12,8 +11,6 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
-#include <algorithm>
-#include <cmath>
 #include <csignal>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -239,7 +236,7 @@ TEST_F(Faults, preferencesThatCannotBeKeptAsideOrReadAreNeverReplacedWithoutACop
     EXPECT_EQ(run.status, 0) << run.err.toStdString();
     QFile::setPermissions(corrupt, QFileDevice::ReadOwner | QFileDevice::WriteOwner);
     EXPECT_EQ(text(corrupt), uR"({"level": 2})"_s);
-    EXPECT_EQ(onDisk(prefs).value(u"tag"_s), u"voice.wav"_s); // the first copy kept
+    EXPECT_EQ(onDisk(prefs).value(u"tag"_s), u"voice.wav"_s); // no failed run kept its copy
 }
 
 TEST_F(Faults, aFileInPlaceOfTheTagsFolderIsLeftAloneAndANewlineInAClipNameWorks) {
