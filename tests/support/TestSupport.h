@@ -39,9 +39,9 @@ Process runProgram(const QString& program, const QStringList& args,
 // zelkor-tag, as the shell would run it.
 Process zelkorTag(const QStringList& args, const QStringList& environment = {}, int timeoutMs = -1);
 
-// A resources folder in `folder` holding the build's own resources, but whose
-// ffmpeg is `script`, a shell script in which $real names the real ffmpeg.
-// Returns the folder, for ZELKOR_RESOURCES.
+// Makes `folder`/share, a resources folder holding the build's own resources
+// but whose ffmpeg is `script`, a shell script in which $real names the real
+// ffmpeg; returns its path, for ZELKOR_RESOURCES.
 QString resourcesWith(const QString& folder, const QByteArray& script);
 
 // Waits until `done` holds or `ms` have passed, running the event loop where
