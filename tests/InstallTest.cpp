@@ -29,8 +29,8 @@ TEST(Install, putsTheProgramItsEntryAndIconWhereTheDesktopFindsThem) {
     EXPECT_EQ(valid.out + valid.err, QString());
     const QStringList lines = QString::fromUtf8(::Test::readAll(entry)).split(QLatin1Char('\n'));
     EXPECT_TRUE(lines.contains(QStringLiteral("Exec=zelkor %F")));
-    EXPECT_TRUE(lines.contains(
-        QStringLiteral("MimeType=audio/mpeg;audio/x-wav;audio/wav;inode/directory;")));
+    EXPECT_TRUE(lines.contains(QStringLiteral("StartupNotify=true")));
+    EXPECT_TRUE(lines.contains(QStringLiteral("MimeType=audio/mpeg;audio/x-wav;audio/wav;")));
 
     // On its own, the installed program seeds its default tag and shows it armed.
     home.useOwnRuntime();
