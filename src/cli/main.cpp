@@ -93,8 +93,7 @@ int manageLibrary(const Cli::Options& options) {
         const QString& file = *options.addTag;
         const QString fileName = QFileInfo(file).fileName();
         try {
-            if (!Tags::exts().contains(QFileInfo(file).suffix().toLower()) ||
-                !QFileInfo(file).isFile())
+            if (!Tags::isClip(file) || !QFileInfo(file).isFile())
                 throw Failure(QStringLiteral("CAN'T ADD TAG"));
             const QString added = Tags::add(file);
             write(stdout, QStringLiteral("TAG ADDED: %1  ARMED\n").arg(Tags::name(added)));

@@ -42,10 +42,6 @@ QString baseNameOf(const QString& fileName) {
     return dot < 0 ? fileName : fileName.left(dot);
 }
 
-bool isClip(const QString& fileName) {
-    return exts().contains(extensionOf(fileName).toLower());
-}
-
 // "Voice.WAV", 2 -> "Voice (2).WAV": the extension keeps its letter case.
 QString numberedName(const QString& fileName, int number) {
     const QString extension = extensionOf(fileName);
@@ -74,6 +70,10 @@ const QSet<QString>& exts() {
                                           QStringLiteral("aif"), QStringLiteral("aiff"),
                                           QStringLiteral("m4a"), QStringLiteral("flac")};
     return extensions;
+}
+
+bool isClip(const QString& path) {
+    return exts().contains(extensionOf(fileNameOf(path)).toLower());
 }
 
 QString dir() {
@@ -127,8 +127,11 @@ QString name(const QString& path) {
 }
 
 QString add(const QString& path) {
-    const QString folder = dir();
     const QString fileName = fileNameOf(path);
+    // A file the listing would leave out would be copied in and never seen again.
+    if (!isClip(fileName))
+        throw FileError(QStringLiteral("CAN'T ADD %1: NOT A TAG CLIP").arg(fileName.toUpper()));
+    const QString folder = dir();
     QString destination = folder + QLatin1Char('/') + fileName;
     for (int number = 2; Files::occupied(destination); ++number)
         destination = folder + QLatin1Char('/') + numberedName(fileName, number);

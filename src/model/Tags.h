@@ -10,6 +10,9 @@
 namespace Tags {
 
 const QSet<QString>& exts();
+// The one test of what counts as a clip, by name: the listing, drops, choosers
+// and zelkor-tag all ask it. "VOICE.WAV" is one; ".wav" is a hidden name, not one.
+bool isClip(const QString& path);
 
 // $XDG_DATA_HOME/ODRAVEX Zelkor/Tags, created on every read (failure ignored).
 QString dir();
@@ -23,7 +26,8 @@ void setSelected(const std::optional<QString>& path);
 QString name(const QString& path);
 
 // Copies the file into the library under a free name and selects the copy;
-// throws the file system's error when the copy fails.
+// throws FileError for a file that is no clip, or the file system's error when
+// the copy fails.
 QString add(const QString& path);
 void seedDefaults();
 // Moves the clip to the desktop's trash; failures are ignored.

@@ -66,6 +66,7 @@ void HUDView::removeTag(const QString& clip) {
     m_state.log.push_back(
         {QStringLiteral("TAG REMOVED: ") + Tags::name(clip), QStringLiteral("TRASH"), dim});
     refreshTag();
+    update();
 }
 
 void HUDView::showTags() {
@@ -84,4 +85,5 @@ void HUDView::addTag(const QString& path) {
             {QFileInfo(path).fileName(), QStringLiteral("CAN'T ADD TAG"), errColor});
     }
     refreshTag();
+    update();
 }

@@ -19,6 +19,7 @@
 #include <vector>
 
 class FileViewer;
+class QFileSystemWatcher;
 class QMimeData;
 class QTimer;
 class Sounds;
@@ -82,8 +83,10 @@ public:
     // Expands files and folders into tracks and tags them in the background,
     // one at a time, logging each; ignored while a batch runs.
     void start(const QStringList& paths);
-    // Reads the selected tag clip again; the drawing uses what was read last.
-    void refreshTag();
+    // Reads the selected tag clip again and redraws when it changed; the drawing
+    // uses what was read last. The view calls it itself whenever the library or
+    // the preferences change on disk, and when its window is activated.
+    bool refreshTag();
 
     // The whole view drawn into an image, as on screen.
     QImage snapshot(qreal devicePixelRatio);
@@ -111,7 +114,6 @@ public:
 protected:
     void paintEvent(QPaintEvent* event) override;
     void resizeEvent(QResizeEvent* event) override;
-    void changeEvent(QEvent* event) override;
     void mousePressEvent(QMouseEvent* event) override;
     void dragEnterEvent(QDragEnterEvent* event) override;
     void dragMoveEvent(QDragMoveEvent* event) override;
@@ -132,6 +134,7 @@ private:
 
     void relayout();
     void tick();
+    void watchTag();
 
     void click(QPointF at);
 
@@ -160,6 +163,7 @@ private:
     std::optional<Style::Image> m_logo;
     std::optional<Style::Image> m_plate;
     std::optional<QString> m_tag;
+    QFileSystemWatcher* m_tagWatch = nullptr;
     QImage m_grid; // the drop zone's dots, drawn once per size
     HUDLayout::Layout m_layout;
     QTimer* m_timer = nullptr;
