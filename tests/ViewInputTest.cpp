@@ -8,6 +8,7 @@
 
 #include <QDragEnterEvent>
 #include <QFileSystemModel>
+#include <QLineEdit>
 #include <QListView>
 #include <QMimeData>
 #include <QUrl>
@@ -269,6 +270,13 @@ TEST(TrackDialog, takesFilesAndFoldersSelectedTogetherAndListsOnlyTracks) {
     listed.sort();
     EXPECT_EQ(listed, (QStringList{QStringLiteral("a.wav"), QStringLiteral("b.MP3"),
                                    QStringLiteral("sub")}));
+
+    // A folder typed into the name field (which selects its row) is opened, not taken.
+    dialog.findChild<QLineEdit*>(QStringLiteral("fileNameEdit"))->insert(QStringLiteral("sub"));
+    dialog.accept();
+    EXPECT_NE(dialog.result(), QDialog::Accepted);
+    EXPECT_EQ(QDir(dialog.directory()), QDir(root + QStringLiteral("sub")));
+    dialog.setDirectory(root);
 
     const QStringList chosen{root + QStringLiteral("sub"), root + QStringLiteral("a.wav"),
                              root + QStringLiteral("b.MP3")};
