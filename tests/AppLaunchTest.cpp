@@ -20,27 +20,65 @@ using namespace Style;
 using ::Test::near;
 using ::Test::over;
 
-TEST(LaunchArguments, snapshotPathAndFilesComeApart) {
+TEST(LaunchArguments, snapshotPathAndFilesComeApartAndAnythingElseIsAUsageError) {
     const QString cwd = QDir::currentPath();
     LaunchOptions plain = parseArguments({QStringLiteral("zelkor")});
     EXPECT_FALSE(plain.snapshot);
     EXPECT_TRUE(plain.files.isEmpty());
+    EXPECT_TRUE(plain.error.isEmpty());
 
     LaunchOptions both = parseArguments({QStringLiteral("zelkor"), QStringLiteral("beat.wav"),
                                          QStringLiteral("--snapshot"), QStringLiteral("out.png"),
-                                         QStringLiteral("/music")});
+                                         QStringLiteral("/music"), QStringLiteral("--"),
+                                         QStringLiteral("--odd.wav")});
     EXPECT_EQ(both.snapshot, QStringLiteral("out.png"));
-    EXPECT_EQ(both.files,
-              (QStringList{cwd + QStringLiteral("/beat.wav"), QStringLiteral("/music")}));
+    EXPECT_EQ(both.files, (QStringList{cwd + QStringLiteral("/beat.wav"), QStringLiteral("/music"),
+                                       cwd + QStringLiteral("/--odd.wav")}));
 
-    LaunchOptions last = parseArguments({QStringLiteral("zelkor"), QStringLiteral("--snapshot")});
-    EXPECT_FALSE(last.snapshot);
-    EXPECT_TRUE(last.files.isEmpty());
-
-    LaunchOptions twice = parseArguments({QStringLiteral("zelkor"), QStringLiteral("--snapshot"),
-                                          QStringLiteral("a.png"), QStringLiteral("--snapshot"),
-                                          QStringLiteral("b.png")});
+    LaunchOptions twice =
+        parseArguments({QStringLiteral("zelkor"), QStringLiteral("--snapshot"),
+                        QStringLiteral("a.png"), QStringLiteral("--snapshot=b.png")});
     EXPECT_EQ(twice.snapshot, QStringLiteral("a.png"));
+    EXPECT_TRUE(twice.files.isEmpty());
+
+    EXPECT_FALSE(
+        parseArguments({QStringLiteral("zelkor"), QStringLiteral("--snapshot")}).error.isEmpty());
+    EXPECT_FALSE(parseArguments({QStringLiteral("zelkor"), QStringLiteral("-x")}).error.isEmpty());
+}
+
+// Without a display the window cannot open: what needs none still works, and
+// what does says why it did not.
+TEST(LaunchCommandLine, helpVersionAndUsageErrorsNeedNoDisplayAndNoDisplayIsReported) {
+    ::Test::FreshHome home;
+    home.useOwnRuntime();
+    home.setEnv("QT_QPA_PLATFORM", QStringLiteral("xcb"));
+    home.setEnv("DISPLAY", std::nullopt);
+    home.setEnv("WAYLAND_DISPLAY", std::nullopt);
+    auto zelkor = [](const QStringList& args) {
+        return ::Test::runProgram(::Test::binary(QStringLiteral("zelkor")), args);
+    };
+    const ::Test::Process help = zelkor({QStringLiteral("--help")});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_TRUE(help.out.startsWith(QStringLiteral("Usage: zelkor "))) << help.out.toStdString();
+    EXPECT_TRUE(help.err.isEmpty()) << help.err.toStdString();
+    const ::Test::Process version = zelkor({QStringLiteral("--version")});
+    EXPECT_EQ(version.status, 0);
+    EXPECT_EQ(version.out, QStringLiteral("zelkor " ZELKOR_VERSION "\n"));
+
+    for (const QStringList& wrong :
+         {QStringList{QStringLiteral("--bogus")},
+          QStringList{QStringLiteral("beat.wav"), QStringLiteral("--snapshot")}}) {
+        const ::Test::Process run = zelkor(wrong);
+        EXPECT_EQ(run.status, 2) << wrong.join(u' ').toStdString();
+        EXPECT_TRUE(run.out.isEmpty());
+        EXPECT_EQ(run.err.count(u'\n'), 1) << run.err.toStdString();
+        EXPECT_TRUE(run.err.startsWith(QStringLiteral("zelkor: "))) << run.err.toStdString();
+    }
+
+    const ::Test::Process noDisplay = zelkor({});
+    EXPECT_EQ(noDisplay.status, 1);
+    EXPECT_TRUE(noDisplay.err.contains(QStringLiteral("could not connect to display")))
+        << noDisplay.err.toStdString();
 }
 
 class Snapshot : public ::testing::Test {
@@ -66,6 +104,23 @@ TEST_F(Snapshot, writesTheIdleWindowWithTheSeededTagAndPrintsNothing) {
     EXPECT_TRUE(near(image.pixelColor(115, 108), purple)); // a tag is selected
     EXPECT_TRUE(near(image.pixelColor(25, 140), over(Drawing::withAlpha(white, 0.85), black)));
     EXPECT_FALSE(QDir(home.tagsDir()).entryList(QDir::Files).isEmpty());
+}
+
+TEST_F(Snapshot, thatCannotBeWrittenEndsWithTheReasonAndLeavesNothing) {
+    // A folder that is not there, and a path whose parent is a regular file.
+    const QString file = home.root() + QStringLiteral("/file");
+    ::Test::writeFile(file, "x");
+    for (const QString& out :
+         {home.root() + QStringLiteral("/missing/x.png"), file + QStringLiteral("/x.png")}) {
+        const ::Test::Process run = zelkor({QStringLiteral("--snapshot"), out});
+        EXPECT_EQ(run.status, 1);
+        EXPECT_TRUE(run.err.startsWith(QStringLiteral("zelkor: can't write the snapshot ") + out))
+            << run.err.toStdString();
+        EXPECT_EQ(run.err.count(u'\n'), 1) << run.err.toStdString();
+    }
+    EXPECT_EQ(::Test::readAll(file), QByteArray("x"));
+    EXPECT_EQ(QDir(home.root()).entryList(QDir::NoDotAndDotDot | QDir::AllEntries),
+              (QStringList{QStringLiteral("file"), QStringLiteral("runtime")}));
 }
 
 TEST_F(Snapshot, filesNamedAtLaunchAreAlreadyABatchInTheSnapshot) {

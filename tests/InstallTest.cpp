@@ -94,7 +94,8 @@ TEST(Install, writesExactlyItsManifestWhereTheDesktopLooksAndUninstallTakesItBac
     EXPECT_EQ(valid.out + valid.err, QString());
     const QStringList lines = QString::fromUtf8(::Test::readAll(entry)).split(u'\n');
     EXPECT_TRUE(lines.contains(u"Exec=zelkor %F"_s));
-    EXPECT_TRUE(lines.contains(u"MimeType=audio/mpeg;audio/x-wav;audio/wav;inode/directory;"_s));
+    EXPECT_TRUE(lines.contains(u"StartupNotify=true"_s));
+    EXPECT_TRUE(lines.contains(u"MimeType=audio/mpeg;audio/x-wav;audio/wav;"_s));
 
     EXPECT_TRUE(QFileInfo::exists(share + u"/icons/hicolor/scalable/apps/zelkor.svg"_s));
     EXPECT_TRUE(QFileInfo::exists(Resources::icon())); // the window's, in the build tree

@@ -1,15 +1,29 @@
 // One Zelkor per user, with the real program in child processes drawing
 // offscreen in private folders: a second launch hands its files over and ends,
-// and the socket left by a crashed instance does not stop the next launch.
+// the socket left by a crashed instance does not stop the next launch, and
+// files pass only between processes of the same user.
+#include "app/SingleInstance.h"
 #include "support/GuiSupport.h"
 
+#include <QDataStream>
 #include <QProcess>
+#include <QScopeGuard>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <pwd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
-class SingleInstance : public ::testing::Test {
+class SingleInstanceLaunch : public ::testing::Test {
 protected:
-    ~SingleInstance() override {
+    ~SingleInstanceLaunch() override {
         for (auto& process : running)
             process->kill(), process->waitForFinished();
     }
@@ -35,7 +49,7 @@ protected:
     std::vector<std::unique_ptr<QProcess>> running;
 };
 
-TEST_F(SingleInstance, aSecondLaunchHandsItsFilesToTheFirstAndEndsAtOnce) {
+TEST_F(SingleInstanceLaunch, aSecondLaunchHandsItsFilesToTheFirstAndEndsAtOnce) {
     // Elsewhere, so that only an absolute path handed over finds the beat.
     QProcess& first = launch({}, runtime);
     ASSERT_TRUE(appears(socket, 10'000));
@@ -47,7 +61,7 @@ TEST_F(SingleInstance, aSecondLaunchHandsItsFilesToTheFirstAndEndsAtOnce) {
     EXPECT_EQ(first.state(), QProcess::Running);
 }
 
-TEST_F(SingleInstance, theSocketOfACrashedInstanceIsTakenOverByTheNextLaunch) {
+TEST_F(SingleInstanceLaunch, theSocketOfACrashedInstanceIsTakenOverByTheNextLaunch) {
     QProcess& crashed = launch({}, runtime);
     ASSERT_TRUE(appears(socket, 10'000));
     crashed.kill();
@@ -57,4 +71,125 @@ TEST_F(SingleInstance, theSocketOfACrashedInstanceIsTakenOverByTheNextLaunch) {
     QProcess& next = launch({QStringLiteral("next.wav")}, home.root());
     EXPECT_TRUE(appears(home.root() + QStringLiteral("/next (Tagged).wav")));
     EXPECT_EQ(next.state(), QProcess::Running);
+}
+
+namespace {
+
+// A child process running as `uid` with a local socket at `path`: it serves
+// (accepting and reporting every byte it receives on `report`) or sends `bytes`.
+// Only async-signal-safe calls run in the child.
+pid_t asUser(uid_t uid, gid_t gid, const QString& path, int report, const QByteArray& bytes,
+             bool serve) {
+    const QByteArray name = QFile::encodeName(path);
+    const pid_t pid = fork();
+    if (pid != 0)
+        return pid;
+    if (setgroups(0, nullptr) != 0 || setgid(gid) != 0 || setuid(uid) != 0)
+        _exit(3);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, name.constData(), name.size());
+    const int s = socket(AF_UNIX, SOCK_STREAM, 0);
+    const auto* at = reinterpret_cast<const sockaddr*>(&address);
+    if (!serve) {
+        // A server that hangs up on it at once may make the write fail: only
+        // getting through counts.
+        signal(SIGPIPE, SIG_IGN);
+        if (connect(s, at, sizeof address) != 0)
+            _exit(4);
+        (void)!write(s, bytes.constData(), bytes.size());
+        _exit(0);
+    }
+    if (bind(s, at, sizeof address) != 0 || listen(s, 8) != 0)
+        _exit(5);
+    (void)!write(report, "L", 1); // listening
+    for (;;) {
+        const int peer = accept(s, nullptr, nullptr);
+        char buffer[4096];
+        while (peer >= 0 && read(peer, buffer, sizeof buffer) > 0)
+            (void)!write(report, "B", 1);
+        close(peer);
+    }
+}
+
+} // namespace
+
+// The tests run as root; "nobody" stands for another user of the machine.
+TEST_F(SingleInstanceLaunch, filesGoOnlyToAndComeOnlyFromTheSameUser) {
+    const passwd* nobody = getpwnam("nobody");
+    if (getuid() != 0 || !nobody)
+        GTEST_SKIP() << "a process of another user needs root and the user nobody";
+    QTemporaryDir shared; // a folder anyone may write to, as /tmp is
+    ASSERT_EQ(chmod(QFile::encodeName(shared.path()).constData(), 01777), 0);
+    home.setEnv("XDG_RUNTIME_DIR", shared.path());
+    const QString path = shared.path() + QStringLiteral("/zelkor-0");
+    int report[2];
+    ASSERT_EQ(pipe2(report, O_CLOEXEC), 0);
+    const pid_t stranger = asUser(nobody->pw_uid, nobody->pw_gid, path, report[1], {}, true);
+    const auto end = qScopeGuard([&] {
+        kill(stranger, SIGKILL);
+        waitpid(stranger, nullptr, 0);
+        close(report[0]);
+        close(report[1]);
+    });
+    char ready = 0;
+    ASSERT_EQ(read(report[0], &ready, 1), 1);
+    auto strangerReceived = [&] {
+        pollfd wait{report[0], POLLIN, 0};
+        return poll(&wait, 1, 0) > 0;
+    };
+
+    // Another user's server at the path: this launch opens its own window.
+    QProcess& own = launch({QStringLiteral("beat.wav")}, home.root());
+    const QString tagged = home.root() + QStringLiteral("/beat (Tagged).wav");
+    ::Test::waitUntil([&] { return QFileInfo::exists(tagged) || own.waitForFinished(20); }, 60'000);
+    EXPECT_FALSE(strangerReceived());
+    ASSERT_EQ(own.state(), QProcess::Running);
+    EXPECT_TRUE(QFileInfo::exists(tagged));
+    kill(stranger, SIGKILL);
+
+    // Its own server now; even reachable, it takes nothing from another user.
+    ASSERT_EQ(chmod(QFile::encodeName(path).constData(), 0777), 0);
+    const QString theirs = home.root() + QStringLiteral("/theirs.wav");
+    ::Test::makeAudio(theirs, QStringLiteral("sine=frequency=220"), 3);
+    QByteArray bytes;
+    QDataStream out(&bytes, QIODevice::WriteOnly);
+    out.setVersion(QDataStream::Qt_6_4);
+    out << QStringList{theirs};
+    int status = -1;
+    waitpid(asUser(nobody->pw_uid, nobody->pw_gid, path, report[1], bytes, false), &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the stranger could not connect";
+    QProcess& next = launch({QStringLiteral("next.wav")}, home.root());
+    EXPECT_TRUE(next.waitForFinished(10'000));
+    EXPECT_TRUE(appears(home.root() + QStringLiteral("/next (Tagged).wav")));
+    EXPECT_FALSE(QFileInfo::exists(home.root() + QStringLiteral("/theirs (Tagged).wav")));
+}
+
+TEST(SingleInstancePath, withoutARuntimeFolderTheSocketSitsInAFolderOnlyTheUserCanReach) {
+    ::Test::FreshHome home;
+    QTemporaryDir temporary;
+    ASSERT_EQ(chmod(QFile::encodeName(temporary.path()).constData(), 01777), 0);
+    home.setEnv("TMPDIR", temporary.path());
+    home.setEnv("XDG_RUNTIME_DIR", std::nullopt);
+    const QString folder =
+        temporary.path() + QStringLiteral("/zelkor-") + QString::number(getuid());
+    const QByteArray name = QFile::encodeName(folder);
+    auto mode = [&] {
+        struct stat info {};
+        return lstat(name.constData(), &info) == 0 ? info.st_mode & 07777 : 0u;
+    };
+    EXPECT_EQ(SingleInstance::defaultPath(), folder + QStringLiteral("/socket"));
+    EXPECT_EQ(mode(), 0700u);
+    chmod(name.constData(), 0777);
+    EXPECT_EQ(SingleInstance::defaultPath(), folder + QStringLiteral("/socket"));
+    EXPECT_EQ(mode(), 0700u);
+
+    // Someone else's folder, or a link, is no place for it: the launch runs alone.
+    if (const passwd* nobody = getpwnam("nobody"); nobody && getuid() == 0) {
+        ASSERT_EQ(chown(name.constData(), nobody->pw_uid, nobody->pw_gid), 0);
+        EXPECT_EQ(SingleInstance::defaultPath(), QString());
+    }
+    ASSERT_EQ(rmdir(name.constData()), 0);
+    ASSERT_EQ(symlink(QFile::encodeName(home.root()).constData(), name.constData()), 0);
+    EXPECT_EQ(SingleInstance::defaultPath(), QString());
 }

@@ -5,7 +5,7 @@
 #include "style/Palette.h"
 #include "support/GuiSupport.h"
 
-#include <QFontInfo>
+#include <QFontMetricsF>
 #include <QPainter>
 #include <gtest/gtest.h>
 
@@ -34,8 +34,17 @@ TEST_F(StyleResources, withoutShippedFontsOrImagesTheSystemFacesStandInAndTintsN
     registerFonts(); // no Fonts folder at all
     const QFont heading = head(20);
     const QFont text = body(11);
-    EXPECT_FALSE(QFontInfo(heading).fixedPitch());
-    EXPECT_TRUE(QFontInfo(text).fixedPitch());
+    // What the faces draw, not what fontconfig says of them (it gives some
+    // monospaced faces, Noto Sans Mono among them, no spacing at all).
+    auto advances = [](const QFont& font) {
+        const QFontMetricsF metrics(font);
+        return std::pair(metrics.horizontalAdvance(QStringLiteral("iiii")),
+                         metrics.horizontalAdvance(QStringLiteral("MMMM")));
+    };
+    const auto [narrowHead, wideHead] = advances(heading);
+    EXPECT_LT(narrowHead, wideHead);
+    const auto [narrowBody, wideBody] = advances(text);
+    EXPECT_DOUBLE_EQ(narrowBody, wideBody);
     EXPECT_EQ(text.weight(), QFont::Normal);
 
     // Tint lands only where the image has ink; missing or broken images are none.

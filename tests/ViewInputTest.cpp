@@ -8,6 +8,7 @@
 
 #include <QDragEnterEvent>
 #include <QFileSystemModel>
+#include <QLineEdit>
 #include <QListView>
 #include <QMimeData>
 #include <QUrl>
@@ -253,6 +254,13 @@ TEST(TrackDialog, takesFilesAndFoldersSelectedTogetherAndListsOnlyTracks) {
         listed << model->index(row, 0, model->index(root)).data().toString();
     listed.sort();
     EXPECT_EQ(listed, (QStringList{u"a.wav"_s, u"b.MP3"_s, u"sub"_s}));
+
+    // A folder typed into the name field (which selects its row) is opened, not taken.
+    dialog.findChild<QLineEdit*>(u"fileNameEdit"_s)->insert(u"sub"_s);
+    dialog.accept();
+    EXPECT_NE(dialog.result(), QDialog::Accepted);
+    EXPECT_EQ(QDir(dialog.directory()), QDir(root + u"sub"_s));
+    dialog.setDirectory(root);
 
     const QStringList chosen{root + u"sub"_s, root + u"a.wav"_s, root + u"b.MP3"_s};
     for (const QString& path : chosen)

@@ -21,37 +21,126 @@
 
 #include <QApplication>
 #include <QBuffer>
-#include <QFile>
 #include <QFileInfo>
 #include <QLayout>
 #include <QMainWindow>
+#include <QPainter>
 #include <QPalette>
 #include <QPointer>
+#include <QProxyStyle>
+#include <QSaveFile>
 #include <QScreen>
 #include <QStyleFactory>
+#include <QStyleOptionMenuItem>
+#include <QWindow>
+#include <cmath>
+#include <cstdio>
 
 LaunchOptions parseArguments(const QStringList& arguments) {
     LaunchOptions options;
-    const QString flag = QStringLiteral("--snapshot");
-    const qsizetype at = arguments.indexOf(flag);
-    if (at >= 0 && at + 1 < arguments.size())
-        options.snapshot = arguments[at + 1];
+    const QString snapshotFlag = QStringLiteral("--snapshot");
+    bool onlyFiles = false;
     for (qsizetype i = 1; i < arguments.size(); ++i) {
-        if (i == at) {
-            ++i; // the snapshot's path is not a file to process
-            continue;
+        const QString& argument = arguments[i];
+        if (onlyFiles || !argument.startsWith(QLatin1Char('-')) || argument == QLatin1String("-")) {
+            options.files << QFileInfo(argument).absoluteFilePath();
+        } else if (argument == QLatin1String("--")) {
+            onlyFiles = true;
+        } else if (argument == QLatin1String("--help") || argument == QLatin1String("-h")) {
+            options.help = true;
+        } else if (argument == QLatin1String("--version")) {
+            options.version = true;
+        } else if (argument == snapshotFlag || argument.startsWith(snapshotFlag + u'=')) {
+            std::optional<QString> path;
+            if (argument != snapshotFlag)
+                path = argument.mid(snapshotFlag.size() + 1);
+            else if (i + 1 < arguments.size())
+                path = arguments[++i];
+            if (!path || path->isEmpty()) {
+                options.error = QStringLiteral("--snapshot needs the PATH of a PNG file");
+                return options;
+            }
+            if (!options.snapshot)
+                options.snapshot = path;
+        } else {
+            options.error = QStringLiteral("unknown option '%1'").arg(argument);
+            return options;
         }
-        options.files << QFileInfo(arguments[i]).absoluteFilePath();
     }
     return options;
 }
+
+QString launchUsage() {
+    return QStringLiteral(
+        "Usage: zelkor [--snapshot PATH] [--] [FILE|FOLDER]...\n"
+        "\n"
+        "Opens the window, which lays the selected voice tag over every MP3 and WAV\n"
+        "track given (files and folders) and writes \"NAME (Tagged).EXT\" next to each.\n"
+        "When the window is already open, the files go to it.\n"
+        "\n"
+        "  --snapshot PATH  draw the window into a PNG file at PATH and quit\n"
+        "  --help           show this help\n"
+        "  --version        show the version\n"
+        "\n"
+        "Exit status: 0 when the window closed normally, 1 when it could not open or\n"
+        "the snapshot could not be written, 2 for a usage error.\n");
+}
+
+namespace {
+
+// Fusion with menus that read on a dark desktop: Fusion draws a menu's
+// separators and border darker than the menu, which on near-black is no line
+// at all, and its background barely lighter than the window.
+class DarkStyle final : public QProxyStyle {
+public:
+    DarkStyle()
+        : QProxyStyle(QStyleFactory::create(QStringLiteral("Fusion"))) {}
+
+    void drawPrimitive(PrimitiveElement element, const QStyleOption* option, QPainter* painter,
+                       const QWidget* widget) const override {
+        if (element != PE_PanelMenu) {
+            QProxyStyle::drawPrimitive(element, option, painter, widget);
+            return;
+        }
+        painter->save();
+        painter->setPen(kMenuBorder);
+        painter->setBrush(kMenuBackground);
+        painter->drawRect(option->rect.adjusted(0, 0, -1, -1));
+        painter->restore();
+    }
+
+    void drawControl(ControlElement element, const QStyleOption* option, QPainter* painter,
+                     const QWidget* widget) const override {
+        const auto* item = qstyleoption_cast<const QStyleOptionMenuItem*>(option);
+        if (element != CE_MenuItem || !item ||
+            item->menuItemType != QStyleOptionMenuItem::Separator) {
+            QProxyStyle::drawControl(element, option, painter, widget);
+            return;
+        }
+        const QRectF r = item->rect;
+        const double y = std::floor(r.center().y()) + 0.5;
+        painter->save();
+        painter->setPen(kMenuSeparator);
+        painter->drawLine(QPointF(r.left() + kSeparatorMargin, y),
+                          QPointF(r.right() - kSeparatorMargin, y));
+        painter->restore();
+    }
+
+private:
+    static constexpr int kSeparatorMargin = 5;
+    inline static const QColor kMenuBackground = Style::rgb(0x1E1E1E);
+    inline static const QColor kMenuBorder = Style::rgb(0x505050);
+    inline static const QColor kMenuSeparator = Style::rgb(0x3C3C3C);
+};
+
+} // namespace
 
 void applyDarkAppearance() {
     using Style::black;
     using Style::dim;
     using Style::purple;
     using Style::white;
-    QApplication::setStyle(QStyleFactory::create(QStringLiteral("Fusion")));
+    QApplication::setStyle(new DarkStyle);
     const QColor raised = Style::rgb(0x1A1A1A);
     const QColor base = Style::rgb(0x101010);
     QPalette palette;
@@ -91,7 +180,6 @@ void AppDelegate::didFinishLaunching() {
     Style::registerFonts();
     Tags(*m_services.preferences, *m_services.trash).seedDefaults();
     buildWindow();
-    installMenuBar(*m_window);
     activate();
     if (!m_pending.isEmpty())
         m_hud->start(std::exchange(m_pending, {}));
@@ -114,10 +202,16 @@ void AppDelegate::buildWindow() {
     m_window->setPalette(palette);
     m_window->setAutoFillBackground(true);
     m_window->setCentralWidget(m_hud);
+    // Before the size is fixed and the window centred: the bar adds to its height.
+    installMenuBar(*m_window);
     m_window->layout()->setSizeConstraint(QLayout::SetFixedSize);
     m_window->adjustSize();
+    // The frame is centred, where the platform can tell its margins before showing.
+    m_window->winId();
+    const QMargins margins = m_window->windowHandle()->frameMargins();
     if (const QScreen* screen = m_window->screen())
-        m_window->move(screen->availableGeometry().center() - m_window->rect().center());
+        m_window->move(screen->availableGeometry().center() -
+                       QRect(QPoint(), m_window->size().grownBy(margins)).center());
     (new FrameAutosave(*m_window, QStringLiteral("ZelkorMain"), *m_services.preferences,
                        [hud = QPointer<HUDView>(m_hud)](const TagError& error) {
                            if (hud)
@@ -137,13 +231,28 @@ void AppDelegate::activate() {
 }
 
 void AppDelegate::writeSnapshot(const QString& path) {
+    const QString target = QFileInfo(path).absoluteFilePath();
     const QImage image = m_hud->snapshot(m_hud->devicePixelRatioF());
     QByteArray png;
     QBuffer buffer(&png);
-    if (buffer.open(QIODevice::WriteOnly) && image.save(&buffer, "PNG")) {
-        QFile file(QFileInfo(path).absoluteFilePath());
-        if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-            file.write(png);
+    QString failure;
+    if (!buffer.open(QIODevice::WriteOnly) || !image.save(&buffer, "PNG")) {
+        failure = QStringLiteral("the image could not be encoded");
+    } else {
+        // Whole or not at all, and unbuffered so that a failed write is seen here
+        // rather than lost in a flush: a failure leaves what was there before.
+        QSaveFile file(target);
+        if (!file.open(QIODevice::WriteOnly | QIODevice::Unbuffered) ||
+            file.write(png) != png.size() || !file.commit())
+            failure = file.errorString();
     }
-    QCoreApplication::quit();
+    if (failure.isEmpty()) {
+        QCoreApplication::quit();
+        return;
+    }
+    std::fputs(
+        qUtf8Printable(
+            QStringLiteral("zelkor: can't write the snapshot %1: %2\n").arg(target, failure)),
+        stderr);
+    QCoreApplication::exit(1);
 }

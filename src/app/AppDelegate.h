@@ -17,15 +17,20 @@ class QMainWindow;
 class Sounds;
 class Trash;
 
-// What the command line asks for: files to process and an optional snapshot.
+// What the command line asks for: files to process and an optional snapshot,
+// or only the help or the version, or nothing at all when it is wrong.
 struct LaunchOptions {
     QStringList files; // absolute paths, in the order given
     std::optional<QString> snapshot;
+    bool help = false;
+    bool version = false;
+    QString error; // one line naming what is wrong; empty for a good command line
 };
 
-// `arguments` starts with the program path. The first "--snapshot" followed by
-// a path asks for a snapshot; everything else is a file or folder.
+// `arguments` starts with the program path. The first "--snapshot PATH" asks
+// for a snapshot (later ones are ignored); "--" makes every later argument a file.
 LaunchOptions parseArguments(const QStringList& arguments);
+QString launchUsage();
 
 class AppDelegate : public QObject {
 public:
@@ -52,6 +57,7 @@ public:
 
 private:
     void buildWindow();
+    // Quits with status 0 once written, or with 1 and the reason on standard error.
     void writeSnapshot(const QString& path);
 
     Services m_services;

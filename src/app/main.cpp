@@ -1,9 +1,10 @@
-// The program's entry: the application object, the hand-over to an instance
-// already running, the delegate and the event loop.
+// The program's entry: the command line, the application object, the
+// hand-over to an instance already running, the delegate and the event loop.
 #include "app/AppDelegate.h"
 #include "app/MenuBar.h"
 #include "app/SingleInstance.h"
 
+#include "engine/Engine.h"
 #include "platform/AppName.h"
 #include "platform/FileViewer.h"
 #include "platform/Menus.h"
@@ -14,18 +15,75 @@
 #include "platform/Trash.h"
 
 #include <QApplication>
+#include <QFile>
 #include <QTimer>
+#include <cstdio>
+#include <cstdlib>
 
 namespace {
 
-// The program prints nothing; the window's log is the only record.
-void quiet(QtMsgType, const QMessageLogContext&, const QString&) {}
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+
+void print(std::FILE* stream, const QString& text) {
+    std::fputs(text.toLocal8Bit().constData(), stream);
+}
+
+// What Qt says while the application object is being made; shown only when
+// Qt then gives up (no display, say), as the reason the window did not open.
+QStringList& startupMessages() {
+    static QStringList messages;
+    return messages;
+}
+
+[[noreturn]] void failToStart(const QString& reason) {
+    for (const QString& message : startupMessages())
+        print(stderr, message + QLatin1Char('\n'));
+    print(stderr, reason + QLatin1Char('\n'));
+    std::_Exit(kExitFailed);
+}
+
+void starting(QtMsgType type, const QMessageLogContext& context, const QString& message) {
+    const QString line = qFormatLogMessage(type, context, message);
+    if (type == QtFatalMsg)
+        failToStart(line);
+    startupMessages() << line;
+}
+
+// Once running, the program prints nothing: the window's log is the only
+// record. Only a fatal error, which ends the program, says why.
+void quiet(QtMsgType type, const QMessageLogContext& context, const QString& message) {
+    if (type == QtFatalMsg)
+        print(stderr, qFormatLogMessage(type, context, message) + QLatin1Char('\n'));
+}
 
 } // namespace
 
 int main(int argc, char** argv) {
+    // Read before Qt is asked for a display, which --help and --version need not have.
+    QStringList arguments;
+    for (int i = 0; i < argc; ++i)
+        arguments << Engine::decodeName(argv[i]); // a name need not be UTF-8
+    const LaunchOptions options = parseArguments(arguments);
+    if (!options.error.isEmpty()) {
+        print(stderr, QStringLiteral("zelkor: %1 (see --help)\n").arg(options.error));
+        return kExitUsage;
+    }
+    if (options.help) {
+        print(stdout, launchUsage());
+        return 0;
+    }
+    if (options.version) {
+        print(stdout, QStringLiteral("zelkor %1\n").arg(QStringLiteral(ZELKOR_VERSION)));
+        return 0;
+    }
+
+    qInstallMessageHandler(starting);
+    // Qt sees only the program's name: every other argument is Zelkor's.
+    int qtArgc = 1;
+    QApplication app(qtArgc, argv);
     qInstallMessageHandler(quiet);
-    QApplication app(argc, argv);
+    startupMessages().clear();
     quitOnTerminationSignals(&app);
     QApplication::setApplicationName(appName);
     QApplication::setApplicationVersion(QStringLiteral(ZELKOR_VERSION));
@@ -33,7 +91,6 @@ int main(int argc, char** argv) {
     QApplication::setWindowIcon(applicationIcon());
     applyDarkAppearance();
 
-    LaunchOptions options = parseArguments(QApplication::arguments());
     AppDelegate delegate({makeThemeSounds(), makeDesktopFileViewer(),
                           std::make_unique<PreferencesFile>(PreferencesFile::userPath()),
                           std::make_unique<HomeTrash>(HomeTrash::userFolder()), makeQtMenus(),

@@ -7,8 +7,8 @@
 #include "model/StatusTexts.h"
 #include "model/Tags.h"
 #include "platform/Preferences.h"
-#include "platform/Trash.h"
 #include "platform/QuitSignals.h"
+#include "platform/Trash.h"
 
 #include <QCoreApplication>
 #include <QFileInfo>
@@ -103,7 +103,7 @@ int manageLibrary(const Cli::Options& options) {
     if (options.addTag) {
         const QString& file = *options.addTag;
         bool added = false;
-        if (Tags::exts().contains(QFileInfo(file).suffix().toLower()) && QFileInfo(file).isFile()) {
+        if (Tags::isClip(file) && QFileInfo(file).isFile()) {
             try {
                 const QString stored = tags.add(file);
                 write(stdout,

@@ -42,10 +42,6 @@ QString baseNameOf(const QString& fileName) {
     return dot < 0 ? fileName : fileName.left(dot);
 }
 
-bool isClip(const QString& fileName) {
-    return Tags::exts().contains(extensionOf(fileName).toLower());
-}
-
 // "Voice.WAV", 2 -> "Voice (2).WAV": the extension keeps its letter case.
 QString numberedName(const QString& fileName, int number) {
     const QString extension = extensionOf(fileName);
@@ -74,6 +70,10 @@ const QSet<QString>& Tags::exts() {
                                           QStringLiteral("aif"), QStringLiteral("aiff"),
                                           QStringLiteral("m4a"), QStringLiteral("flac")};
     return extensions;
+}
+
+bool Tags::isClip(const QString& path) {
+    return exts().contains(extensionOf(fileNameOf(path)).toLower());
 }
 
 QString Tags::dir() {
@@ -126,8 +126,12 @@ QString Tags::name(const QString& path) {
 }
 
 QString Tags::add(const QString& path) {
-    const QString folder = dir();
     const QString fileName = fileNameOf(path);
+    // A file the listing would leave out would be copied in and never seen again.
+    if (!isClip(fileName))
+        throw TagError::systemFailed(EINVAL, QStringLiteral("CAN'T ADD %1").arg(fileName.toUpper()),
+                                     QStringLiteral("NOT A TAG CLIP"));
+    const QString folder = dir();
     for (int number = 1;; ++number) {
         const QString destination =
             folder + QLatin1Char('/') + (number == 1 ? fileName : numberedName(fileName, number));

@@ -18,6 +18,10 @@ public:
         : m_preferences(preferences)
         , m_trash(trash) {}
 
+    // The one test of what counts as a clip, by name: the listing, drops, choosers
+    // and zelkor-tag all ask it. "VOICE.WAV" is one; ".wav" is a hidden name, not one.
+    static bool isClip(const QString& path);
+
     static const QSet<QString>& exts();
 
     // $XDG_DATA_HOME/ODRAVEX Zelkor/Tags, created on every read (failure ignored).

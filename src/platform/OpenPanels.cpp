@@ -2,16 +2,14 @@
 #include "platform/OpenPanels.h"
 #include "platform/TrackDialog.h"
 
-#include <QMimeDatabase>
+#include "model/Tags.h"
 
-QString audioNameFilter() {
+QString tagNameFilter() {
     QStringList patterns;
-    for (const QMimeType& type : QMimeDatabase().allMimeTypes())
-        if (type.name().startsWith(QLatin1String("audio/")))
-            patterns << type.globPatterns();
-    patterns.removeDuplicates();
+    for (const QString& extension : Tags::exts())
+        patterns << QStringLiteral("*.") + extension;
     patterns.sort();
-    return QStringLiteral("Audio (") + patterns.join(QLatin1Char(' ')) + QLatin1Char(')');
+    return QStringLiteral("Tag clips (") + patterns.join(QLatin1Char(' ')) + QLatin1Char(')');
 }
 
 namespace {
@@ -22,7 +20,7 @@ public:
         QFileDialog dialog(&parent, QStringLiteral("Choose your voice tag"));
         dialog.setOption(QFileDialog::DontUseNativeDialog);
         dialog.setFileMode(QFileDialog::ExistingFile);
-        dialog.setNameFilter(audioNameFilter());
+        dialog.setNameFilter(tagNameFilter());
         if (dialog.exec() != QDialog::Accepted || dialog.selectedFiles().isEmpty())
             return std::nullopt;
         return dialog.selectedFiles().first();

@@ -11,7 +11,7 @@ class QWidget;
 class OpenPanels {
 public:
     virtual ~OpenPanels() = default;
-    // One audio file of any type; none when cancelled.
+    // One tag clip file; none when cancelled.
     virtual std::optional<QString> chooseTag(QWidget& parent) = 0;
     // MP3 and WAV files and folders, several at once; none when cancelled.
     virtual std::optional<QStringList> chooseTracks(QWidget& parent) = 0;
@@ -22,5 +22,5 @@ OpenPanels& noPanels();
 // Qt's own (non-native) file dialogs, so they follow the application's palette.
 std::unique_ptr<OpenPanels> makeFileDialogPanels();
 
-// Name filters that admit every audio type the system knows, as one filter.
-QString audioNameFilter();
+// The tag chooser's one filter: the clip types the library lists.
+QString tagNameFilter();

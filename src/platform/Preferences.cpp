@@ -183,3 +183,7 @@ void PreferencesFile::update(const std::function<void(QJsonObject&)>& change) {
     remember(m_path, std::nullopt, {});
     Files::replace(m_path, QJsonDocument(current.object).toJson(QJsonDocument::Indented));
 }
+
+QString PreferencesFile::watchedFolder() const {
+    return QFileInfo(m_path).absolutePath();
+}

@@ -18,6 +18,9 @@ public:
     // Applies `change` to the stored object as it is now and stores the result;
     // throws TagError, with the store left as it was, when that fails.
     virtual void update(const std::function<void(QJsonObject&)>& change) = 0;
+    // Where a change made by another program shows (the store is replaced by a
+    // rename, which only its folder sees); empty when there is nothing to watch.
+    virtual QString watchedFolder() const { return {}; }
 
     QJsonValue value(const QString& key) const { return values().value(key); }
     // Each typed read gives nothing when the key is missing or holds another type.
@@ -43,6 +46,7 @@ public:
     static QString userPath();
 
     const QString& path() const { return m_path; }
+    QString watchedFolder() const override;
     // Where an unparsable file is kept when the next write replaces it.
     QString corruptPath() const;
 

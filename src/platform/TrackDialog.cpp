@@ -3,7 +3,10 @@
 #include "platform/TrackDialog.h"
 
 #include <QAbstractProxyModel>
+#include <QDir>
+#include <QFileInfo>
 #include <QFileSystemModel>
+#include <QLineEdit>
 #include <QListView>
 
 TrackDialog::TrackDialog(QWidget* parent)
@@ -13,9 +16,22 @@ TrackDialog::TrackDialog(QWidget* parent)
     setNameFilter(QStringLiteral("MP3 / WAV (*.mp3 *.wav)"));
 }
 
-// The selected rows, folders included, rather than the name field, which Qt
-// fills with files only; the field still counts when nothing is selected.
+// A folder typed into the name field is opened, as Return does in any file
+// dialog: typing selects the matching row, which would otherwise be taken.
+// Otherwise the selected rows, folders included, rather than the name field,
+// which Qt fills with files only; the field still counts when nothing is selected.
 void TrackDialog::accept() {
+    if (auto* name = findChild<QLineEdit*>(QStringLiteral("fileNameEdit"));
+        name && name->isModified()) {
+        QString typed = name->text().trimmed();
+        if (typed == QLatin1String("~") || typed.startsWith(QLatin1String("~/")))
+            typed.replace(0, 1, QDir::homePath());
+        if (const QFileInfo folder(directory(), typed); !typed.isEmpty() && folder.isDir()) {
+            setDirectory(folder.absoluteFilePath());
+            name->clear();
+            return;
+        }
+    }
     const auto* view = findChild<QListView*>(QStringLiteral("listView"));
     const QModelIndexList rows =
         view && view->selectionModel() ? view->selectionModel()->selectedRows() : QModelIndexList();

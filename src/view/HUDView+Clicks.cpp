@@ -31,7 +31,10 @@ void HUDView::click(QPointF at) {
     }
     if (!HUDLayout::contains(zoneRect(), at))
         return;
-    refreshTag();
+    // The zone asks for what it showed; had that changed unseen, the click
+    // only shows the change, rather than opening a chooser the zone never offered.
+    if (refreshTag())
+        return;
     if (!m_tag) {
         chooseTag();
         return;

@@ -10,7 +10,6 @@
 #include <QDragLeaveEvent>
 #include <QDragMoveEvent>
 #include <QDropEvent>
-#include <QFileInfo>
 #include <QMimeData>
 #include <QUrl>
 
@@ -29,9 +28,7 @@ QStringList HUDView::urls(const QMimeData* data) {
 HUDView::DragTarget HUDView::dragTarget(const QMimeData* data, QPointF at) const {
     const QStringList paths = urls(data);
     if (HUDLayout::contains(m_layout.tagRow.band, at)) {
-        const bool clip =
-            paths.size() == 1 && Tags::exts().contains(QFileInfo(paths.first()).suffix().toLower());
-        return {.zone = false, .tag = clip};
+        return {.zone = false, .tag = paths.size() == 1 && Tags::isClip(paths.first())};
     }
     return {.zone = Engine::hasTracks(paths), .tag = false};
 }

@@ -66,6 +66,7 @@ void HUDView::removeTag(const QString& clip) {
     m_tags.remove(clip);
     m_state.log.push_back({StatusTexts::tagRemoved(Tags::name(clip)), StatusTexts::kTrash, dim});
     refreshTag();
+    update();
 }
 
 void HUDView::showTags() {
@@ -83,4 +84,5 @@ void HUDView::addTag(const QString& path) {
         m_state.log.push_back({QFileInfo(path).fileName(), StatusTexts::kCantAddTag, errColor});
     }
     refreshTag();
+    update();
 }

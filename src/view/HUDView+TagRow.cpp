@@ -1,9 +1,18 @@
 // The tag row (the selected clip, its menu and "+ ADD TAG") and the drop zone
-// in each of its states: idle, hovered, without a tag, and busy.
+// in each of its states: idle, hovered, without a tag, and busy; and keeping
+// the selection they show in step with the library on disk.
 #include "view/HUDView.h"
 
+#include "model/Tags.h"
+#include "platform/Preferences.h"
 #include "style/Palette.h"
 #include "view/Drawing.h"
+
+#include <QFileInfo>
+#include <QFileSystemWatcher>
+#include <QGuiApplication>
+#include <QPainterPath>
+#include <QWindow>
 
 using namespace Style;
 
@@ -35,6 +44,36 @@ void strokePath(QPainter& painter, const QPainterPath& path, const QColor& color
 }
 
 } // namespace
+
+// The drawing shows the clip read last rather than listing the library on
+// every pass. zelkor-tag, a file manager or another window may change the
+// library or the selection: the folders are watched (the preferences file is
+// replaced by a rename, which only its folder sees), and coming back to the
+// window reads again in case a change went unseen.
+void HUDView::watchTag() {
+    m_tagWatch = new QFileSystemWatcher(this);
+    connect(m_tagWatch, &QFileSystemWatcher::directoryChanged, this, &HUDView::refreshTag);
+    connect(qApp, &QGuiApplication::focusWindowChanged, this, [this](QWindow* focused) {
+        if (focused && focused == window()->windowHandle())
+            refreshTag();
+    });
+    refreshTag();
+}
+
+bool HUDView::refreshTag() {
+    // A folder made or replaced since the last look is watched from now on.
+    for (const QString& folder : {Tags::dir(), m_services.preferences.watchedFolder()})
+        if (!folder.isEmpty() && !m_tagWatch->directories().contains(folder) &&
+            QFileInfo(folder).isDir())
+            m_tagWatch->addPath(folder);
+    std::optional<QString> tag = m_tags.selected();
+    if (tag == m_tag)
+        return false;
+    m_tag = std::move(tag);
+    relayout();
+    update();
+    return true;
+}
 
 void HUDView::drawTagRow(QPainter& painter) {
     const HUDLayout::TagRow& t = m_layout.tagRow;

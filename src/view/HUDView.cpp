@@ -4,6 +4,7 @@
 #include "engine/TagError.h"
 #include "model/Settings.h"
 #include "model/Tags.h"
+#include "style/Fonts.h"
 #include "style/Palette.h"
 
 #include <QPaintEvent>
@@ -22,7 +23,8 @@ HUDView::HUDView(Services services, QWidget* parent)
     resize(kSize);
     setAttribute(Qt::WA_OpaquePaintEvent);
     setAcceptDrops(true);
-    refreshTag();
+    watchTag();
+    relayout();
     // Parented to the view, so the timer never outlives it.
     m_timer = new QTimer(this);
     m_timer->setInterval(kBlinkIntervalMs);
@@ -32,12 +34,6 @@ HUDView::HUDView(Services services, QWidget* parent)
 
 void HUDView::setState(State state) {
     m_state = std::move(state);
-    update();
-}
-
-void HUDView::refreshTag() {
-    m_tag = m_tags.selected();
-    relayout();
     update();
 }
 
@@ -70,14 +66,6 @@ void HUDView::relayout() {
 
 void HUDView::resizeEvent(QResizeEvent*) {
     relayout();
-}
-
-// The drawing shows the tag read last rather than listing the library on every
-// pass; coming back to the window is when the folder may have changed outside.
-void HUDView::changeEvent(QEvent* event) {
-    if (event->type() == QEvent::ActivationChange && isActiveWindow())
-        refreshTag();
-    QWidget::changeEvent(event);
 }
 
 void HUDView::paintEvent(QPaintEvent*) {

@@ -22,6 +22,7 @@
 class Batch;
 class FileViewer;
 class Preferences;
+class QFileSystemWatcher;
 class QMimeData;
 class QTimer;
 class Sounds;
@@ -85,9 +86,10 @@ public:
     // Expands files and folders into tracks and tags them in the background,
     // one at a time, logging each; ignored while a batch runs.
     void start(const QStringList& paths);
-    // Reads the selected tag clip and the settings again; the drawing uses what
-    // was read last.
-    void refreshTag();
+    // Reads the selected tag clip again and redraws when it changed; the drawing
+    // uses what was read last. The view calls it itself whenever the library or
+    // the preferences change on disk, and when its window is activated.
+    bool refreshTag();
     // A write that failed outside the view's own actions (the window's frame,
     // say) gets its line in the log.
     void logFailure(const TagError& error);
@@ -104,7 +106,6 @@ public:
 protected:
     void paintEvent(QPaintEvent* event) override;
     void resizeEvent(QResizeEvent* event) override;
-    void changeEvent(QEvent* event) override;
     void mousePressEvent(QMouseEvent* event) override;
     void dragEnterEvent(QDragEnterEvent* event) override;
     void dragMoveEvent(QDragMoveEvent* event) override;
@@ -124,6 +125,7 @@ private:
 
     void relayout();
     void tick();
+    void watchTag();
 
     void click(QPointF at);
 
@@ -154,6 +156,7 @@ private:
     std::optional<Style::Image> m_logo;
     std::optional<Style::Image> m_plate;
     std::optional<QString> m_tag;
+    QFileSystemWatcher* m_tagWatch = nullptr;
     QImage m_grid; // the drop zone's dots, drawn once per size
     HUDLayout::Layout m_layout;
     // The log entries as shown, by index, each measured when first drawn.
