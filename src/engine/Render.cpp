@@ -78,7 +78,7 @@ QString filterGraph(double gainDB, const std::vector<double>& times,
 }
 
 QStringList renderArguments(const QString& track, const QString& tag, const QString& graph,
-                            const QString& output) {
+                            const QString& output, const QString& format) {
     QStringList args{QStringLiteral("-y"),
                      QStringLiteral("-i"),
                      QFileInfo(track).absoluteFilePath(),
@@ -90,7 +90,8 @@ QStringList renderArguments(const QString& track, const QString& tag, const QStr
                      QStringLiteral("[out]"),
                      QStringLiteral("-map_metadata"),
                      QStringLiteral("0")};
-    if (QFileInfo(track).suffix().toLower() == QLatin1String("mp3"))
+    const QString family = format.isEmpty() ? QFileInfo(track).suffix().toLower() : format;
+    if (family == QLatin1String("mp3"))
         args << QStringLiteral("-c:a") << QStringLiteral("libmp3lame") << QStringLiteral("-b:a")
              << QStringLiteral("320k") << QStringLiteral("-id3v2_version") << QStringLiteral("3")
              << QStringLiteral("-f") << QStringLiteral("mp3");
@@ -147,21 +148,51 @@ Result process(const QString& track, const QString& tag, double interval, double
     return process(track, tag, interval, levelDB, Destination{});
 }
 
-Result process(const QString& given, const QString& tag, double interval, double levelDB,
-               const Destination& destination) {
+namespace {
+
+// The measurements and placements a render is made of.
+struct Prepared {
+    QString track;
+    Analysis analysis;
+    double gain = 0;
+    std::vector<double> times;
+};
+
+Prepared prepare(const QString& given, const QString& tag, double interval, double levelDB) {
     if (!(interval > 0) || !std::isfinite(interval))
         throw Failure(QStringLiteral("INTERVAL MUST BE A POSITIVE NUMBER OF SECONDS"));
     if (!std::isfinite(levelDB))
         throw Failure(QStringLiteral("LEVEL MUST BE A NUMBER OF DB"));
 
     // Absolute from here on: QFileInfo would lose the stray bytes of a relative name.
-    const QString track = absoluteName(given);
+    Prepared prepared{absoluteName(given), {}, 0, {}};
     const TagInfo clip = info(tag);
-    const Analysis analysis = analyze(track);
-    const double gain = clipGain(levelDB, analysis.lufs, clip.lufs);
-    const std::vector<double> times = positions(analysis.duration, interval, clip.length);
-    if (times.size() == kMaxPlacements)
+    prepared.analysis = analyze(prepared.track);
+    prepared.gain = clipGain(levelDB, prepared.analysis.lufs, clip.lufs);
+    prepared.times = positions(prepared.analysis.duration, interval, clip.length);
+    if (prepared.times.size() == kMaxPlacements)
         throw Failure(QStringLiteral("TOO MANY TAGS FOR THIS TRACK"));
+    return prepared;
+}
+
+Result resultOf(const QString& output, const Prepared& prepared) {
+    return {output, static_cast<int>(prepared.times.size()), prepared.times, prepared.gain,
+            prepared.analysis.lufs};
+}
+
+} // namespace
+
+Result plan(const QString& track, const QString& tag, double interval, double levelDB,
+            const Destination& destination) {
+    const Prepared prepared = prepare(track, tag, interval, levelDB);
+    return resultOf(outputURL(prepared.track, destination), prepared);
+}
+
+Result process(const QString& given, const QString& tag, double interval, double levelDB,
+               const Destination& destination) {
+    const Prepared prepared = prepare(given, tag, interval, levelDB);
+    const QString& track = prepared.track;
+    const Analysis& analysis = prepared.analysis;
 
     // Opened again: the cached clip, or the track, may have become a FIFO since.
     const QString clipFile = absoluteName(tag);
@@ -169,8 +200,9 @@ Result process(const QString& given, const QString& tag, double interval, double
     const QFileInfo named(track);
     PendingOutput out(destination.folder.isEmpty() ? named.absolutePath() : destination.folder,
                       named.completeBaseName() + kOutputSuffix);
-    QStringList args = renderArguments(track, clipFile, filterGraph(gain, times, analysis.format),
-                                       out.file().argument());
+    QStringList args = renderArguments(track, clipFile,
+                                       filterGraph(prepared.gain, prepared.times, analysis.format),
+                                       out.file().argument(), destination.format);
     std::vector<int> passed;
     nameInput(args, track, trackFile, passed);
     nameInput(args, clipFile, tagFile, passed);
@@ -182,8 +214,9 @@ Result process(const QString& given, const QString& tag, double interval, double
     if (result.status != 0)
         throw TagError::ffmpegFailed(
             failureText(withoutName(result.output, out.file().argument())));
-    return {out.commit(named.suffix().toLower(), destination.collision),
-            static_cast<int>(times.size())};
+    const QString extension =
+        destination.format.isEmpty() ? named.suffix().toLower() : destination.format;
+    return resultOf(out.commit(extension, destination.collision), prepared);
 }
 
 } // namespace Engine
