@@ -7,8 +7,6 @@
 
 namespace {
 
-const QString kStopped = QStringLiteral("STOPPED");
-
 Batch::Outcome tagOne(const Batch::Work& work, const Batch::TagOne& custom, qsizetype index) {
     Batch::Outcome outcome{index, work.tracks[index], std::nullopt, {}};
     try {
@@ -83,7 +81,7 @@ void Batch::takeTracks() {
             const std::lock_guard lock(m_mutex);
             // The signal that stopped the batch may have reached ffmpeg first.
             if (m_stopped && !outcome.result)
-                outcome.error = kStopped;
+                outcome.error = Engine::kStopped;
             m_ready[static_cast<std::size_t>(index)] = std::move(outcome);
         }
         deliver();

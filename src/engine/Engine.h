@@ -39,6 +39,7 @@ constexpr qsizetype kOutputKept = 1 << 20;
 // Ends every ffmpeg run in progress and refuses new ones, for quitting: such a
 // run throws Failure "STOPPED", and a render removes its partial output first.
 void stopAll();
+inline const QString kStopped = QStringLiteral("STOPPED");
 
 // The system's text for an errno value, upper-cased as the program's messages are.
 QString systemReason(int code);

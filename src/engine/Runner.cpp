@@ -46,8 +46,6 @@ const std::optional<QString>& ffmpeg() {
 
 namespace {
 
-const QString kStopped = QStringLiteral("STOPPED");
-
 // Registered while it runs, so that stopAll can end it.
 class Child {
 public:
