@@ -2,6 +2,7 @@
 // window's log lines, progress, files shown and end sound, and the runner under
 // it on its own: track order with several jobs, and stopping.
 #include "engine/Batch.h"
+#include "engine/EngineState.h"
 #include "model/Settings.h"
 #include "style/Palette.h"
 #include "support/GuiSupport.h"
@@ -171,8 +172,7 @@ TEST_F(BatchCore, outcomesComeInTrackOrderWhateverFinishesFirst) {
 
 // Stopping, here from the first outcome as zelkor-tag does when its output is
 // gone: the running ffmpeg ends, what it wrote goes, no further track begins, the
-// end still comes. The engine refuses every later run of this process, so this
-// case comes last.
+// end still comes.
 TEST_F(BatchCore, stoppingEndsTheRunningFfmpegAndBeginsNoFurtherTrack) {
     const QStringList tracks{track(QStringLiteral("short.wav"), 1),
                              track(QStringLiteral("long.wav"), 300, 1),
@@ -200,4 +200,5 @@ TEST_F(BatchCore, stoppingEndsTheRunningFfmpegAndBeginsNoFurtherTrack) {
     EXPECT_EQ(outcomes[1].error, QStringLiteral("STOPPED"));
     EXPECT_EQ(QDir(dir.path()).entryList({QStringLiteral("*Tagged*")}),
               QStringList{QStringLiteral("short (Tagged).wav")});
+    Engine::EngineState::shared().reset(); // stopping is for good otherwise
 }

@@ -3,11 +3,15 @@
 #include "support/TestSupport.h"
 
 #include <QDir>
+#include <QDirIterator>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QProcess>
 #include <QRegularExpression>
+#include <QStandardPaths>
 #include <QThread>
 #include <csignal>
 #include <fcntl.h>
@@ -48,6 +52,33 @@ esac
     return u"ZELKOR_RESOURCES="_s + resources;
 }
 
+// A resources folder whose ffmpeg logs each run's arguments to `share`/runs and
+// runs the real one; a render fails while `share`/fail exists.
+QString loggingResources(const QString& share) {
+    QDir().mkpath(share);
+    ::Test::writeFile(share + u"/ffmpeg"_s, R"(#!/bin/sh
+here=$(dirname "$0")
+echo "$*" >> "$here/runs"
+case " $* " in *" -filter_complex "*) [ -e "$here/fail" ] && exit 1 ;; esac
+exec )" + ::Test::systemFFmpeg().toUtf8() + " \"$@\"\n",
+                      true);
+    return u"ZELKOR_RESOURCES="_s + share;
+}
+
+QStringList lines(const QString& text) {
+    return text.split(u'\n', Qt::SkipEmptyParts);
+}
+
+// Every file below `folder`, as paths relative to it, sorted.
+QStringList tree(const QString& folder) {
+    QStringList files;
+    for (QDirIterator it(folder, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+         it.hasNext();)
+        files << QDir(folder).relativeFilePath(it.next());
+    files.sort();
+    return files;
+}
+
 QStringList argumentsOfRun(const QTemporaryDir& dir, int run) {
     QStringList args =
         QString::fromUtf8(::Test::readAll(dir.path() + u"/share/args-"_s + QString::number(run)))
@@ -86,7 +117,11 @@ TEST_F(ZelkorTag, usageErrorsExitTwoAndNameTheBadValueNothingToTagExitsOne) {
     std::vector<std::pair<QStringList, QString>> cases{
         {{u"--tag"_s, tag, u"--level"_s, u"LOUD"_s, dir.path()}, u"--level 'LOUD'"_s},
         {{u"--tag"_s, tag, u"--level"_s, u"13"_s, dir.path()}, u"--level '13'"_s},
-        {{u"--tag"_s, tag, u"--jobs"_s, u"0"_s, dir.path()}, u"--jobs '0'"_s},
+        {{u"--tag"_s, tag, u"--jobs"_s, u"65"_s, dir.path()}, u"--jobs '65'"_s},
+        {{u"-t"_s, tag, u"-rf"_s, u"flac"_s, dir.path()}, u"--format 'flac'"_s},
+        {{u"--skip-existing"_s, u"--replace"_s, dir.path()}, u"exclude each other"_s},
+        {{u"-rx"_s, dir.path()}, u"'-x'"_s},
+        {{u"--json=yes"_s, dir.path()}, u"'--json'"_s},
         {{u"--tag"_s, tag, u"--bogus"_s, dir.path()}, u"'--bogus'"_s},
         {{dir.path(), u"--tag"_s}, u"'--tag'"_s},
         {{u"--tag"_s, tag}, u""_s}};
@@ -103,9 +138,9 @@ TEST_F(ZelkorTag, usageErrorsExitTwoAndNameTheBadValueNothingToTagExitsOne) {
     }
 
     // Nothing to tag exits one.
-    ::Test::writeFile(path(u"readme.txt"_s), "x");
-    const auto run = zelkorTag({u"--tag"_s, tag, u"--interval"_s, u"600"_s, u"--level"_s, u"-40"_s,
-                                path(u"readme.txt"_s), path(u"beat (Tagged).wav"_s)});
+    QDir().mkpath(path(u"empty"_s));
+    const auto run = zelkorTag(
+        {u"--tag"_s, tag, u"--interval"_s, u"600"_s, u"--level"_s, u"-40"_s, path(u"empty"_s)});
     EXPECT_EQ(run.status, 1);
     EXPECT_EQ(run.err, u"NO TRACKS FOUND\n"_s);
     EXPECT_EQ(run.out, u""_s);
@@ -210,12 +245,7 @@ TEST_F(ZelkorTag, jobsWriteWhatOneAtATimeWritesInTrackOrder) {
         tracks << path(u"beat %1.wav"_s.arg(i));
         ::Test::makeAudio(tracks.last(), u"sine=frequency=%1"_s.arg(200 + 50 * i), 12 + i);
     }
-    QDir().mkpath(path(u"share"_s)); // an ffmpeg that logs each argument list
-    ::Test::writeFile(path(u"share/ffmpeg"_s),
-                      "#!/bin/sh\necho \"$*\" >> \"$(dirname \"$0\")/runs\"\nexec " +
-                          ::Test::systemFFmpeg().toUtf8() + " \"$@\"\n",
-                      true);
-    const QString env = u"ZELKOR_RESOURCES="_s + path(u"share"_s);
+    const QString env = loggingResources(path(u"share"_s));
     // Each run with a cache of its own, so that both measure.
     const auto tagAll = [&](int jobs) {
         return zelkorTag(QStringList{u"--tag"_s, clip, u"--jobs"_s, QString::number(jobs),
@@ -243,6 +273,13 @@ TEST_F(ZelkorTag, jobsWriteWhatOneAtATimeWritesInTrackOrder) {
         QString::fromUtf8(::Test::readAll(runs)).split(u'\n', Qt::SkipEmptyParts);
     EXPECT_EQ(ran.filter(u"-i "_s + clip + u" -vn -af"_s).size(), 1);
     EXPECT_EQ(ran.size(), 1 + 2 * tracks.size());
+    // Short options combine, and 0 jobs is one per core.
+    QFile::remove(runs);
+    const auto again =
+        zelkorTag({u"-qj0"_s, u"-i5"_s, u"-t"_s, clip, u"--skip-existing"_s, tracks[0]}, {env});
+    EXPECT_EQ(again.status, 0);
+    EXPECT_EQ(again.out, u""_s);
+    EXPECT_FALSE(QFileInfo::exists(runs)); // skipped before anything was measured
 }
 
 namespace {
@@ -325,5 +362,217 @@ TEST_F(ZelkorTag, aHangupOrAClosedPipeMidRenderStopsAndLeavesNothingHalfWritten)
             (QStringList{u"a (Tagged).wav"_s, u"a.wav"_s, u"b.wav"_s, u"out.fifo"_s, u"share"_s,
                          u"tag.wav"_s}));
         EXPECT_FALSE(running(u"-i"_s, second));
+    }
+}
+
+// PATHs that do not exist or are no track get their own lines, in their place
+// among the tracks, which are still tagged; "-" reads more PATHs, one a line.
+TEST_F(ZelkorTag, missingAndNonTrackPathsGetTheirLinesAndTheOthersAreTagged) {
+    const QString clip = path(u"tag.wav"_s), beat = path(u"beat.wav"_s);
+    ::Test::makeAudio(clip, u"sine=frequency=880"_s, 0.5);
+    ::Test::makeAudio(beat, u"sine=frequency=220"_s, 1);
+    ::Test::writeFile(path(u"notes.txt"_s), "x");
+    ::Test::writeFile(path(u"old (Tagged).wav"_s), "x");
+    const auto run =
+        ::Test::runProgram(u"/bin/sh"_s, {u"-c"_s,
+                                          u"cd \"$1\" && printf 'notes.txt\\n\\nbeat.wav\\r\\n' |"
+                                          " \"$0\" -t tag.wav /typo - 'old (Tagged).wav'"_s,
+                                          ::Test::binary(u"zelkor-tag"_s), dir.path()});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(lines(run.out),
+              (QStringList{u"/typo  NOT FOUND"_s, u"notes.txt  NOT A TRACK"_s,
+                           u"beat.wav  1 TAGS  OK  -> "_s + path(u"beat (Tagged).wav"_s),
+                           u"old (Tagged).wav  NOT A TRACK"_s}));
+}
+
+// Folders' own tracks in the window's order, then their sub-folders in name
+// order, hidden ones, outputs and the output folder (here inside the PATH) left
+// out; the output tree mirrors each track's place below its PATH.
+TEST_F(ZelkorTag, recursionMirrorsEachTrackBelowItsPathUnderTheOutputFolder) {
+    const QString clip = path(u"tag.wav"_s), music = path(u"music"_s), out = music + u"/out"_s;
+    ::Test::makeAudio(clip, u"sine=frequency=880"_s, 0.5);
+    for (const QString& name : {u"b.wav"_s, u"A.mp3"_s, u"2/x.wav"_s, u"1/y.wav"_s,
+                                u"1/deeper/z.wav"_s, u".hidden/h.wav"_s, u"out/old.wav"_s}) {
+        QDir().mkpath(QFileInfo(music + u'/' + name).path());
+        ::Test::makeAudio(music + u'/' + name, u"sine=frequency=220"_s, 1);
+    }
+    QFile::copy(music + u"/b.wav"_s, music + u"/b (Tagged).wav"_s);
+    const auto run =
+        zelkorTag({u"-rj2"_s, u"-t"_s, clip, u"-o"_s, out, music, music + u"/2/x.wav"_s});
+    EXPECT_EQ(run.status, 0) << run.out.toStdString();
+    QStringList shown;
+    for (const QString& line : lines(run.out))
+        shown << line.section(u"  "_s, 0, 0);
+    EXPECT_EQ(shown, (QStringList{u"A.mp3"_s, u"b.wav"_s, u"1/y.wav"_s, u"1/deeper/z.wav"_s,
+                                  u"2/x.wav"_s, u"x.wav"_s}));
+    EXPECT_EQ(tree(out), (QStringList{u"1/deeper/z (Tagged).wav"_s, u"1/y (Tagged).wav"_s,
+                                      u"2/x (Tagged).wav"_s, u"A (Tagged).mp3"_s,
+                                      u"b (Tagged).wav"_s, u"old.wav"_s, u"x (Tagged).wav"_s}));
+}
+
+// A WAV master gives an MP3 preview and an MP3 a 24-bit WAV, each at the track's
+// rate and channels; names and numbers follow the output's own extension.
+TEST_F(ZelkorTag, eachFormatFromEitherKindOfTrack) {
+    const QString clip = path(u"tag.wav"_s);
+    ::Test::makeAudio(clip, u"sine=frequency=880"_s, 0.5, 22050, 1);
+    ::Test::makeAudio(path(u"master.wav"_s), u"sine=frequency=220"_s, 2, 48000, 2);
+    ::Test::makeAudio(path(u"song.mp3"_s), u"sine=frequency=330"_s, 2, 32000, 1);
+    ::Test::writeFile(path(u"master (Tagged).wav"_s), "an earlier output");
+    ::Test::writeFile(path(u"song (Tagged).wav"_s), "an earlier output");
+    const auto mp3 = zelkorTag({u"-t"_s, clip, u"-f"_s, u"mp3"_s, path(u"master.wav"_s)});
+    const auto wav = zelkorTag({u"-t"_s, clip, u"--format=wav"_s, path(u"song.mp3"_s)});
+    ASSERT_EQ(mp3.status + wav.status, 0) << mp3.out.toStdString() << wav.out.toStdString();
+    const QString preview = path(u"master (Tagged).mp3"_s), copy = path(u"song (Tagged) (2).wav"_s);
+    EXPECT_TRUE(mp3.out.endsWith(preview + u'\n'));
+    EXPECT_TRUE(wav.out.endsWith(copy + u'\n'));
+    const auto describe = [](const QString& file) {
+        return ::Test::runProgram(::Test::systemFFmpeg(), {u"-hide_banner"_s, u"-i"_s, file}).err;
+    };
+    EXPECT_TRUE(describe(preview).contains(u"Audio: mp3, 48000 Hz, stereo, fltp, 320 kb/s"_s))
+        << describe(preview).toStdString();
+    EXPECT_TRUE(::Test::readAll(preview).startsWith("ID3\x03"));
+    EXPECT_TRUE(describe(copy).contains(
+        u"Audio: pcm_s24le ([1][0][0][0] / 0x0001), 32000 Hz, mono, s32 (24 bit)"_s))
+        << describe(copy).toStdString();
+}
+
+// A re-run after a level change replaces the earlier output under its own name,
+// and only with a complete render: a failed one leaves the earlier file whole.
+// --json says what was written, and a dry run says what would be, writing nothing.
+TEST_F(ZelkorTag, replaceSwapsInOnlyAWholeRenderAndJsonTellsWhatWasWritten) {
+    const QString clip = path(u"tag.wav"_s), beat = path(u"beat.wav"_s);
+    const QString output = path(u"beat (Tagged).wav"_s);
+    ::Test::makeAudio(clip, u"sine=frequency=880"_s, 0.5);
+    ::Test::makeAudio(beat, u"sine=frequency=220"_s, 12);
+    ::Test::writeFile(path(u"notes.mp3"_s), "not audio");
+    const QString env = loggingResources(path(u"share"_s));
+    const auto tag = [&](const QStringList& args) {
+        return zelkorTag(QStringList{u"-t"_s, clip, u"-i"_s, u"5"_s, u"--json"_s} + args +
+                             QStringList{beat, path(u"notes.mp3"_s)},
+                         {env});
+    };
+    const auto objects = [](const ::Test::Process& run) {
+        std::vector<QJsonObject> parsed;
+        for (const QString& line : lines(run.out))
+            parsed.push_back(QJsonDocument::fromJson(line.toUtf8()).object());
+        return parsed;
+    };
+
+    const auto first = tag({u"-l"_s, u"low"_s});
+    const auto planned = objects(tag({u"-n"_s, u"--replace"_s, u"-l"_s, u"high"_s}));
+    EXPECT_EQ(tree(dir.path()), (QStringList{u"beat (Tagged).wav"_s, u"beat.wav"_s, u"notes.mp3"_s,
+                                             u"share/ffmpeg"_s, u"share/runs"_s, u"tag.wav"_s}));
+    const QByteArray low = ::Test::readAll(output);
+    ::Test::writeFile(path(u"share/fail"_s), "");
+    EXPECT_EQ(tag({u"--replace"_s}).status, 1);
+    EXPECT_EQ(::Test::readAll(output), low);
+    QFile::remove(path(u"share/fail"_s));
+    const auto high = tag({u"--replace"_s, u"-l"_s, u"high"_s});
+
+    EXPECT_EQ(first.status, 1);
+    EXPECT_EQ(high.status, 1);
+    EXPECT_NE(::Test::readAll(output), low);
+    const std::vector<QJsonObject> written = objects(high), before = objects(first);
+    ASSERT_EQ(written.size(), 2u);
+    ASSERT_EQ(planned.size(), 2u);
+    const QJsonObject& ok = written[0];
+    EXPECT_EQ(ok[u"status"_s], u"ok"_s);
+    EXPECT_EQ(ok[u"track"_s], beat);
+    EXPECT_EQ(ok[u"clip"_s], clip);
+    EXPECT_EQ(ok[u"output"_s], output);
+    EXPECT_EQ(ok[u"placements"_s].toVariant(), (QVariantList{0.5, 5.5, 10.5}));
+    EXPECT_NEAR(ok[u"gain_db"_s].toDouble() - before[0][u"gain_db"_s].toDouble(), 8, 1e-9);
+    EXPECT_TRUE(ok[u"track_lufs"_s].isDouble());
+    EXPECT_TRUE(ok[u"error"_s].isNull());
+    QJsonObject plan = planned[0];
+    EXPECT_EQ(plan.take(u"dry_run"_s), true);
+    EXPECT_EQ(plan, ok);
+    EXPECT_EQ(written[1], (QJsonObject{{u"track"_s, path(u"notes.mp3"_s)},
+                                       {u"status"_s, u"error"_s},
+                                       {u"error"_s, u"CAN'T READ FILE"_s},
+                                       {u"clip"_s, clip},
+                                       {u"output"_s, QJsonValue::Null},
+                                       {u"placements"_s, QJsonValue::Null},
+                                       {u"gain_db"_s, QJsonValue::Null},
+                                       {u"track_lufs"_s, QJsonValue::Null}}));
+}
+
+// A track written slowly, in chunks, is tagged once it is whole, and once; the
+// outputs that appear beside it are never taken. Ctrl-C ends the watch.
+TEST_F(ZelkorTag, watchTagsATrackWrittenInChunksOnceWhole) {
+    const QString clip = path(u"tag.wav"_s), export_ = path(u"export"_s);
+    ::Test::makeAudio(clip, u"sine=frequency=880"_s, 0.5);
+    ::Test::makeAudio(path(u"beat.wav"_s), u"sine=frequency=220"_s, 3);
+    QDir().mkpath(export_);
+    QProcess watch;
+    watch.start(::Test::binary(u"zelkor-tag"_s),
+                {u"-t"_s, clip, u"-i"_s, u"5"_s, u"--watch"_s, export_});
+    ASSERT_TRUE(watch.waitForStarted());
+    // Nothing is written before the watch is set up: an inotify watch among its descriptors.
+    const auto watching = [&] {
+        const QString info = u"/proc/%1/fdinfo"_s.arg(watch.processId());
+        for (const QString& fd : QDir(info).entryList(QDir::Files))
+            if (::Test::readAll(info + u'/' + fd).contains("inotify wd:"))
+                return true;
+        return false;
+    };
+    QElapsedTimer started;
+    started.start();
+    while (!watching() && started.elapsed() < 30'000)
+        QThread::msleep(10);
+    ASSERT_TRUE(watching());
+
+    const QByteArray whole = ::Test::readAll(path(u"beat.wav"_s));
+    QFile slow(export_ + u"/slow.wav"_s);
+    ASSERT_TRUE(slow.open(QIODevice::WriteOnly));
+    for (qsizetype at = 0; at < whole.size(); at += whole.size() / 3 + 1) {
+        slow.write(whole.mid(at, whole.size() / 3 + 1));
+        slow.flush();
+        QThread::msleep(1000); // a pause, as a slow export makes, shorter than the settling time
+    }
+    slow.close();
+    const auto lineCount = [&](int count) {
+        QElapsedTimer waited;
+        waited.start();
+        while (lines(QString::fromUtf8(watch.peek(1 << 16))).size() < count &&
+               waited.elapsed() < 30'000)
+            watch.waitForReadyRead(1000);
+        return lines(QString::fromUtf8(watch.peek(1 << 16))).size() >= count;
+    };
+    ASSERT_TRUE(lineCount(1));
+    QFile::copy(path(u"beat.wav"_s), export_ + u"/quick.wav"_s);
+    ASSERT_TRUE(lineCount(2));
+    ::kill(static_cast<pid_t>(watch.processId()), SIGINT);
+    ASSERT_TRUE(watch.waitForFinished(30'000));
+
+    EXPECT_EQ(watch.exitStatus(), QProcess::CrashExit);
+    EXPECT_EQ(watch.exitCode(), SIGINT);
+    EXPECT_EQ(lines(QString::fromUtf8(watch.readAllStandardOutput())),
+              (QStringList{u"slow.wav  1 TAGS  OK  -> "_s + export_ + u"/slow (Tagged).wav"_s,
+                           u"quick.wav  1 TAGS  OK  -> "_s + export_ + u"/quick (Tagged).wav"_s}));
+    EXPECT_EQ(::Test::samples(export_ + u"/slow (Tagged).wav"_s, 44100, 2).size(), 3u * 44100 * 2);
+}
+
+// A catalogue shared among slots, or hosts, with GNU parallel: every track is
+// tagged exactly once.
+TEST_F(ZelkorTag, gnuParallelOverTwoSlotsTagsEveryTrackOnce) {
+    if (QStandardPaths::findExecutable(u"parallel"_s).isEmpty())
+        GTEST_SKIP() << "GNU parallel is not installed (scripts/deps installs it)";
+    const QString clip = path(u"tag.wav"_s);
+    ::Test::makeAudio(clip, u"sine=frequency=880"_s, 0.5);
+    QStringList args{
+        u"--will-cite"_s,     u"-j2"_s, u"-n3"_s, ::Test::binary(u"zelkor-tag"_s), u"-qt"_s, clip,
+        u"--skip-existing"_s, u":::"_s};
+    QStringList expected;
+    for (int i = 0; i < 6; ++i) {
+        ::Test::makeAudio(path(u"beat %1.wav"_s.arg(i)), u"sine=frequency=220"_s, 1);
+        args << path(u"beat %1.wav"_s.arg(i));
+        expected << u"beat %1 (Tagged).wav"_s.arg(i) << u"beat %1.wav"_s.arg(i);
+    }
+    expected << u"tag.wav"_s;
+    for (int run = 0; run < 2; ++run) { // the second finds everything done
+        const auto shared = ::Test::runProgram(u"parallel"_s, args);
+        EXPECT_EQ(shared.status, 0) << shared.out.toStdString() << shared.err.toStdString();
+        EXPECT_EQ(tree(dir.path()), expected);
     }
 }

@@ -3,8 +3,10 @@
 
 _zelkor_tag() {
     # Options without a value, and options whose value is the next word.
-    local flags='--help --version --list-tags --'
-    local valued='--tag --interval --level --jobs --add-tag --select-tag'
+    local flags='--help --version --list-tags --recursive --skip-existing --replace
+        --dry-run --json --quiet --no-cache --'
+    local valued='--tag --interval --level --jobs --output-dir --format --watch --add-tag
+        --select-tag'
 
     local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
     # "--level=H" comes as one word, or as three when "=" breaks words.
@@ -18,11 +20,18 @@ _zelkor_tag() {
     fi
     COMPREPLY=()
     case $prev in
-    --tag | --add-tag)
+    --tag | -t | --add-tag)
         compopt -o filenames
         mapfile -t COMPREPLY < <(compgen -f -- "$cur")
         ;;
-    --level)
+    --output-dir | -o | --watch)
+        compopt -o filenames
+        mapfile -t COMPREPLY < <(compgen -d -- "$cur")
+        ;;
+    --format | -f)
+        mapfile -t COMPREPLY < <(compgen -W 'same mp3 wav' -- "$cur")
+        ;;
+    --level | -l)
         mapfile -t COMPREPLY < <(compgen -W 'LOW MID HIGH' -- "${cur^^}")
         ;;
     --select-tag)
@@ -34,7 +43,7 @@ _zelkor_tag() {
             [[ ${line:2} == "$want"* ]] && COMPREPLY+=("${line:2}")
         done < <("$1" --list-tags 2>/dev/null)
         ;;
-    --interval | --jobs) ;;
+    --interval | -i | --jobs | -j) ;;
     *)
         if [[ $cur == -* ]]; then
             mapfile -t COMPREPLY < <(compgen -W "$flags $valued" -- "$cur")

@@ -1,12 +1,17 @@
-// Parsing zelkor-tag's options: every refusal names the option and the value.
+// Parsing zelkor-tag's options: long forms, short forms that combine ("-rj4"),
+// and values after a blank or "="; every refusal names the option and the value.
 #include "cli/Options.h"
 #include "model/Settings.h"
 
 #include <cmath>
+#include <functional>
+#include <vector>
 
 namespace Cli {
 
 namespace {
+
+using Problem = std::optional<QString>; // why a value is refused
 
 std::optional<double> numberIn(const QString& text, double low, double high) {
     bool ok = false;
@@ -23,106 +28,205 @@ std::optional<double> levelNamed(const QString& text) {
     return numberIn(text, kMinLevel, kMaxLevel);
 }
 
-const QStringList kValueOptions{QStringLiteral("--tag"),     QStringLiteral("--interval"),
-                                QStringLiteral("--level"),   QStringLiteral("--jobs"),
-                                QStringLiteral("--add-tag"), QStringLiteral("--select-tag")};
+Problem unless(bool ok, const char* rule) {
+    return ok ? Problem() : Problem(QString::fromLatin1(rule));
+}
+
+Problem existing(Options& options, Existing wanted) {
+    if (options.existing != Existing::nextNumber && options.existing != wanted)
+        return QStringLiteral("--skip-existing and --replace exclude each other");
+    options.existing = wanted;
+    return {};
+}
+
+struct Option {
+    char letter; // 0: a long form only
+    QLatin1String name;
+    bool takesValue;
+    std::function<Problem(Options&, const QString&)> apply;
+};
+
+const std::vector<Option>& options() {
+    using O = Options&;
+    using V = const QString&;
+    static const std::vector<Option> all{
+        {'t', QLatin1String("tag"), true, [](O o, V v) { return o.tag = v, Problem(); }},
+        {'i', QLatin1String("interval"), true,
+         [](O o, V v) {
+             o.interval = numberIn(v, kMinInterval, kMaxInterval);
+             return unless(o.interval.has_value(), "give seconds from 5 to 600");
+         }},
+        {'l', QLatin1String("level"), true,
+         [](O o, V v) {
+             o.levelDB = levelNamed(v);
+             return unless(o.levelDB.has_value(), "give LOW, MID, HIGH or dB from -40 to 12");
+         }},
+        {'j', QLatin1String("jobs"), true,
+         [](O o, V v) {
+             bool ok = false;
+             o.jobs = v.toInt(&ok);
+             return unless(ok && o.jobs >= 0 && o.jobs <= kMaxJobs,
+                           "give a count from 1 to 64, or 0 for one per core");
+         }},
+        {'r', QLatin1String("recursive"), false,
+         [](O o, V) { return o.recursive = true, Problem(); }},
+        {'o', QLatin1String("output-dir"), true,
+         [](O o, V v) { return o.outputDir = v, unless(!v.isEmpty(), "give a folder"); }},
+        {'f', QLatin1String("format"), true,
+         [](O o, V v) {
+             const QString name = v.toLower();
+             o.format = name == QLatin1String("mp3")   ? Format::mp3
+                        : name == QLatin1String("wav") ? Format::wav
+                                                       : Format::same;
+             return unless(o.format != Format::same || name == QLatin1String("same"),
+                           "give same, mp3 or wav");
+         }},
+        {0, QLatin1String("skip-existing"), false,
+         [](O o, V) { return existing(o, Existing::skip); }},
+        {0, QLatin1String("replace"), false, [](O o, V) { return existing(o, Existing::replace); }},
+        {'n', QLatin1String("dry-run"), false, [](O o, V) { return o.dryRun = true, Problem(); }},
+        {0, QLatin1String("json"), false, [](O o, V) { return o.json = true, Problem(); }},
+        {'q', QLatin1String("quiet"), false, [](O o, V) { return o.quiet = true, Problem(); }},
+        {0, QLatin1String("no-cache"), false, [](O o, V) { return o.noCache = true, Problem(); }},
+        {0, QLatin1String("watch"), true,
+         [](O o, V v) { return o.watch = v, unless(!v.isEmpty(), "give a folder"); }},
+        {0, QLatin1String("list-tags"), false, [](O o, V) { return o.listTags = true, Problem(); }},
+        {0, QLatin1String("add-tag"), true, [](O o, V v) { return o.addTag = v, Problem(); }},
+        {0, QLatin1String("select-tag"), true, [](O o, V v) { return o.selectTag = v, Problem(); }},
+        {'h', QLatin1String("help"), false, [](O o, V) { return o.help = true, Problem(); }},
+        {0, QLatin1String("version"), false, [](O o, V) { return o.version = true, Problem(); }},
+    };
+    return all;
+}
+
+const Option* named(QStringView name) {
+    for (const Option& option : options())
+        if (option.name == name)
+            return &option;
+    return nullptr;
+}
+
+const Option* lettered(QChar letter) {
+    for (const Option& option : options())
+        if (option.letter != 0 && letter == QLatin1Char(option.letter))
+            return &option;
+    return nullptr;
+}
 
 } // namespace
 
 std::variant<Options, UsageError> parse(const QStringList& arguments) {
-    Options options;
+    Options result;
+    // A refused value is named with its option; a flag's refusal says it all.
+    const auto apply = [&result](const Option& option, const QString& value) -> Problem {
+        const Problem problem = option.apply(result, value);
+        if (problem && option.takesValue)
+            return QStringLiteral("invalid --%1 '%2': %3").arg(option.name, value, *problem);
+        return problem;
+    };
     bool onlyPaths = false;
     for (qsizetype i = 0; i < arguments.size(); ++i) {
         const QString& argument = arguments[i];
         if (onlyPaths || !argument.startsWith(QLatin1Char('-')) || argument == QLatin1String("-")) {
-            options.paths << argument;
+            result.paths << argument;
             continue;
         }
         if (argument == QLatin1String("--")) {
             onlyPaths = true;
             continue;
         }
-        if (argument == QLatin1String("--help") || argument == QLatin1String("-h")) {
-            options.help = true;
-            continue;
-        }
-        if (argument == QLatin1String("--version")) {
-            options.version = true;
-            continue;
-        }
-        if (argument == QLatin1String("--list-tags")) {
-            options.listTags = true;
+        // The value after the option, or after "=" or a short option's letter.
+        const auto valueFor = [&](const Option& option,
+                                  std::optional<QString> attached) -> std::optional<QString> {
+            if (attached || !option.takesValue)
+                return attached;
+            if (i + 1 < arguments.size())
+                return arguments[++i];
+            return std::nullopt;
+        };
+        const auto missing = [](const QString& given) {
+            return UsageError{QStringLiteral("option '%1' needs a value").arg(given)};
+        };
+
+        if (argument.startsWith(QLatin1String("--"))) {
+            const qsizetype eq = argument.indexOf(QLatin1Char('='));
+            const QString given = eq > 0 ? argument.left(eq) : argument;
+            const Option* option = named(QStringView(given).mid(2));
+            if (!option)
+                return UsageError{QStringLiteral("unknown option '%1'").arg(given)};
+            if (eq > 0 && !option->takesValue)
+                return UsageError{QStringLiteral("option '%1' takes no value").arg(given)};
+            const std::optional<QString> value =
+                valueFor(*option, eq > 0 ? std::optional(argument.mid(eq + 1)) : std::nullopt);
+            if (option->takesValue && !value)
+                return missing(given);
+            if (const Problem problem = apply(*option, value.value_or(QString())))
+                return UsageError{*problem};
             continue;
         }
 
-        // --name VALUE or --name=VALUE
-        QString name = argument;
-        std::optional<QString> value;
-        if (const qsizetype eq = argument.indexOf(QLatin1Char('=')); eq > 0) {
-            name = argument.left(eq);
-            value = argument.mid(eq + 1);
-        }
-        if (!kValueOptions.contains(name))
-            return UsageError{QStringLiteral("unknown option '%1'").arg(name)};
-        if (!value) {
-            if (i + 1 >= arguments.size())
-                return UsageError{QStringLiteral("option '%1' needs a value").arg(name)};
-            value = arguments[++i];
-        }
-
-        if (name == QLatin1String("--tag")) {
-            options.tag = *value;
-        } else if (name == QLatin1String("--add-tag")) {
-            options.addTag = *value;
-        } else if (name == QLatin1String("--select-tag")) {
-            options.selectTag = *value;
-        } else if (name == QLatin1String("--interval")) {
-            options.interval = numberIn(*value, kMinInterval, kMaxInterval);
-            if (!options.interval)
-                return UsageError{
-                    QStringLiteral("invalid --interval '%1': give seconds from 5 to 600")
-                        .arg(*value)};
-        } else if (name == QLatin1String("--jobs")) {
-            bool ok = false;
-            options.jobs = value->toInt(&ok);
-            if (!ok || options.jobs < 1 || options.jobs > kMaxJobs)
-                return UsageError{
-                    QStringLiteral("invalid --jobs '%1': give a count from 1 to 64").arg(*value)};
-        } else {
-            options.levelDB = levelNamed(*value);
-            if (!options.levelDB)
-                return UsageError{
-                    QStringLiteral("invalid --level '%1': give LOW, MID, HIGH or dB from -40 to 12")
-                        .arg(*value)};
+        // -abc: letters that take no value, the last of them (or one with the rest
+        // of the word as its value, as in -j4) perhaps taking one.
+        for (qsizetype at = 1; at < argument.size(); ++at) {
+            const Option* option = lettered(argument[at]);
+            if (!option)
+                return UsageError{QStringLiteral("unknown option '-%1'").arg(argument[at])};
+            std::optional<QString> attached;
+            if (option->takesValue && at + 1 < argument.size())
+                attached = argument.mid(at + 1);
+            const std::optional<QString> value = valueFor(*option, attached);
+            if (option->takesValue && !value)
+                return missing(QStringLiteral("-") + argument[at]);
+            if (const Problem problem = apply(*option, value.value_or(QString())))
+                return UsageError{*problem};
+            if (option->takesValue)
+                break;
         }
     }
-    return options;
+    return result;
 }
 
 QString usage() {
     return QStringLiteral(
-        "Usage: zelkor-tag [--tag FILE] [--interval SECONDS] [--level LEVEL] [--jobs N] [--]\n"
-        "                  PATH...\n"
+        "Usage: zelkor-tag [OPTION]... [--] PATH...\n"
+        "       zelkor-tag [OPTION]... --watch DIR [PATH]...\n"
         "       zelkor-tag --list-tags | --add-tag FILE | --select-tag NAME\n"
         "\n"
         "Lays the tag clip over every MP3 and WAV track in PATH (files and folders)\n"
         "and writes \"NAME (Tagged).EXT\" next to each track. Originals are never changed.\n"
+        "A PATH of - reads further paths from standard input, one per line.\n"
         "\n"
-        "  --tag FILE          the tag clip (default: the one selected in the library)\n"
-        "  --interval SECONDS  time between tags, 5 to 600 (default: the saved INTERVAL)\n"
-        "  --level LEVEL       LOW, MID or HIGH (-9, -5, -1 dB), or dB from -40 to 12\n"
-        "                      relative to the track's loudness (default: the saved LEVEL)\n"
-        "  --jobs N            tag up to N tracks at once (default 1)\n"
-        "  --list-tags         list the tag library, the selected clip marked with *\n"
-        "  --add-tag FILE      copy a clip (WAV, MP3, AIFF, M4A, FLAC) into the library\n"
-        "                      and select it\n"
-        "  --select-tag NAME   select the library's clip with this file name\n"
-        "  --help              show this help\n"
-        "  --version           show the version\n"
+        "  -t, --tag FILE          the tag clip (default: the one selected in the library)\n"
+        "  -i, --interval SECONDS  time between tags, 5 to 600 (default: the saved INTERVAL)\n"
+        "  -l, --level LEVEL       LOW, MID or HIGH (-9, -5, -1 dB), or dB from -40 to 12\n"
+        "                          relative to the track's loudness (default: the saved LEVEL)\n"
+        "  -j, --jobs N            tag N tracks at once; 0 = one per core (default 1)\n"
+        "  -r, --recursive         folders' sub-folders too, depth first, each folder's\n"
+        "                          tracks in the window's order\n"
+        "  -o, --output-dir DIR    write outputs under DIR, mirroring each track's path\n"
+        "                          relative to the PATH it came from\n"
+        "  -f, --format FORMAT     same (MP3 for MP3 tracks, WAV otherwise), mp3\n"
+        "                          (320 kbit/s, ID3v2.3) or wav (24-bit PCM)\n"
+        "      --skip-existing     skip a track whose output name without a number exists\n"
+        "      --replace           the output takes the name without a number, replacing an\n"
+        "                          earlier output there once the new one is complete\n"
+        "  -n, --dry-run           analyse and print what would be written; write nothing\n"
+        "      --json              one JSON object per track instead of the text line\n"
+        "  -q, --quiet             no progress line; only failures on standard output\n"
+        "      --no-cache          measure every track afresh, keeping no figures\n"
+        "      --watch DIR         keep running: tag every track that appears in DIR\n"
+        "                          (recursively with -r) once it is complete\n"
+        "      --list-tags         list the tag library, the selected clip marked with *\n"
+        "      --add-tag FILE      copy a clip (WAV, MP3, AIFF, M4A, FLAC) into the library\n"
+        "                          and select it\n"
+        "      --select-tag NAME   select the library's clip with this file name\n"
+        "  -h, --help              show this help\n"
+        "      --version           show the version\n"
         "\n"
-        "Exit status: 0 when every track was written, 1 when any failed or there was\n"
-        "nothing to do, 2 for a usage error. A signal (Ctrl-C, SIGTERM, SIGHUP, SIGQUIT)\n"
-        "or a closed output pipe stops the run and ends it by that signal: 128 + N.\n");
+        "Exit status: 0 when every track was written (or skipped), 1 when any failed, a\n"
+        "PATH was not found or not a track, or there was nothing to do, 2 for a usage\n"
+        "error. A signal (Ctrl-C, SIGTERM, SIGHUP, SIGQUIT) or a closed output pipe stops\n"
+        "the run and ends it by that signal: 128 + N.\n");
 }
 
 } // namespace Cli

@@ -1,6 +1,11 @@
 // zelkor-tag: tags tracks from the shell, one at a time unless told otherwise,
-// with the window's log lines on standard output.
+// with the window's log lines (or JSON) on standard output; stops cleanly on a
+// signal or a closed output.
+#include "cli/Inputs.h"
 #include "cli/Options.h"
+#include "cli/Report.h"
+#include "cli/Watch.h"
+#include "engine/AnalysisCache.h"
 #include "engine/Batch.h"
 #include "engine/Engine.h"
 #include "model/Settings.h"
@@ -13,6 +18,7 @@
 #include <QCoreApplication>
 #include <QFileInfo>
 #include <QSocketNotifier>
+#include <QThread>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -31,9 +37,9 @@ constexpr int kExitUsage = 2;
 constexpr int kExitSignalled = 128;
 constexpr int kBarCells = 30;
 
-// False when the text could not be written whole.
+// False when the text could not be written whole. Names keep their bytes.
 bool write(std::FILE* stream, const QString& text) {
-    const bool written = std::fputs(text.toLocal8Bit().constData(), stream) >= 0;
+    const bool written = std::fputs(Engine::encodeName(text).constData(), stream) >= 0;
     return std::fflush(stream) == 0 && written;
 }
 
@@ -57,23 +63,40 @@ void onBrokenPipe(int) {}
     std::_Exit(kExitSignalled + signal);
 }
 
+// Whether a name is taken, a dangling link included.
+bool taken(const QString& path) {
+    struct stat info = {};
+    return ::lstat(Engine::encodeName(path).constData(), &info) == 0;
+}
+
+// Makes `folder` and the folders above it; throws TagError with the system's reason.
+void makeFolders(const QString& folder) {
+    const QByteArray path = Engine::encodeName(folder);
+    for (qsizetype at = 1; at <= path.size(); ++at) {
+        if (at < path.size() && path[at] != '/')
+            continue;
+        if (::mkdir(path.left(at).constData(), 0777) != 0 && errno != EEXIST)
+            throw TagError::systemFailed(errno, QStringLiteral("CAN'T CREATE %1").arg(folder));
+    }
+}
+
 // The "03/12 [####......]" line on a terminal, redrawn in place.
 class Progress {
 public:
-    explicit Progress(qsizetype total)
-        : m_total(total)
-        , m_shown(isatty(STDERR_FILENO)) {}
+    explicit Progress(bool wanted)
+        : m_shown(wanted && isatty(STDERR_FILENO)) {}
 
-    void show(qsizetype done) {
-        if (!m_shown)
-            return;
-        const int width = std::max(2, static_cast<int>(QString::number(m_total).size()));
-        const int filled = static_cast<int>(kBarCells * done / std::max<qsizetype>(m_total, 1));
-        write(stderr, QStringLiteral("\r%1/%2 [%3%4]")
-                          .arg(done, width, 10, QLatin1Char('0'))
-                          .arg(m_total, width, 10, QLatin1Char('0'))
-                          .arg(QString(filled, QLatin1Char('#')))
-                          .arg(QString(kBarCells - filled, QLatin1Char('.'))));
+    void grow(qsizetype tracks) {
+        if (m_shown) {
+            m_total += tracks;
+            show();
+        }
+    }
+    void step() {
+        if (m_shown) {
+            ++m_done;
+            show();
+        }
     }
     void clear() {
         if (m_shown)
@@ -81,17 +104,20 @@ public:
     }
 
 private:
-    qsizetype m_total;
-    bool m_shown;
-};
+    void show() {
+        const int width = std::max(2, static_cast<int>(QString::number(m_total).size()));
+        const int filled = static_cast<int>(kBarCells * m_done / std::max<qsizetype>(m_total, 1));
+        write(stderr, QStringLiteral("\r%1/%2 [%3%4]")
+                          .arg(m_done, width, 10, QLatin1Char('0'))
+                          .arg(m_total, width, 10, QLatin1Char('0'))
+                          .arg(QString(filled, QLatin1Char('#')))
+                          .arg(QString(kBarCells - filled, QLatin1Char('.'))));
+    }
 
-QString lineFor(const Batch::Outcome& outcome) {
-    const QString name = QFileInfo(outcome.track).fileName();
-    if (!outcome.result)
-        return name + QStringLiteral("  ") + outcome.error;
-    return name + QStringLiteral("  ") + StatusTexts::tagged(outcome.result->placements) +
-           QStringLiteral("  -> ") + outcome.result->output;
-}
+    bool m_shown;
+    qsizetype m_total = 0;
+    qsizetype m_done = 0;
+};
 
 // The library commands: add, select, list, in that order, as the window would.
 int manageLibrary(const Cli::Options& options) {
@@ -149,12 +175,152 @@ int manageLibrary(const Cli::Options& options) {
     return status;
 }
 
-int tagAll(const Cli::Options& options) {
-    const QStringList tracks = Engine::collect(options.paths);
-    if (tracks.isEmpty()) {
-        write(stderr, QStringLiteral("NO TRACKS FOUND\n"));
-        return kExitFailed;
+// One run over the inputs: a batch at a time, more inputs queued while one runs
+// (a watched folder's), every line in input order. Lives on the main thread;
+// the batch's callbacks touch only what they alone write while it runs.
+class Tagging {
+public:
+    struct Clip {
+        QString path;
+        double interval = 0;
+        double levelDB = 0;
+    };
+
+    Tagging(const Cli::Options& options, Clip clip, bool watching)
+        : m_options(options)
+        , m_clip(std::move(clip))
+        , m_watching(watching)
+        , m_progress(!options.quiet && !watching) {}
+
+    void add(std::vector<Cli::Input> inputs) {
+        m_queue.insert(m_queue.end(), std::make_move_iterator(inputs.begin()),
+                       std::make_move_iterator(inputs.end()));
+        m_progress.grow(static_cast<qsizetype>(inputs.size()));
+        if (!m_batch)
+            next();
     }
+
+    // Starts no further track and ends the running ones; the run ends with `signal`.
+    void stop(int signal) {
+        if (m_stoppedBy == 0)
+            m_stoppedBy = signal;
+        if (m_batch)
+            m_batch->stop();
+        if (!m_batch)
+            QCoreApplication::quit();
+    }
+
+    // Once the event loop has ended.
+    int status() {
+        m_batch.reset();
+        m_progress.clear();
+        if (m_stoppedBy != 0)
+            return kExitSignalled + m_stoppedBy;
+        if (m_outputError != 0)
+            return m_outputError == EPIPE ? kExitSignalled + SIGPIPE : kExitFailed;
+        return m_anyFailed ? kExitFailed : kExitOk;
+    }
+
+private:
+    void next() {
+        m_batch.reset(); // ended: its threads are joined here
+        if (m_stoppedBy != 0 || m_outputError != 0 || (m_queue.empty() && !m_watching)) {
+            QCoreApplication::quit();
+            return;
+        }
+        if (m_queue.empty())
+            return;
+        m_running = std::exchange(m_queue, {});
+        QStringList tracks;
+        for (const Cli::Input& input : m_running)
+            tracks << input.track;
+        const int jobs = m_options.jobs == 0 ? QThread::idealThreadCount() : m_options.jobs;
+        m_batch = std::make_unique<Batch>(
+            Batch::Work{tracks, m_clip.path, m_clip.interval, m_clip.levelDB, jobs},
+            [this](const Batch::Outcome& outcome) { report(outcome); },
+            [this] {
+                QMetaObject::invokeMethod(
+                    qApp, [this] { next(); }, Qt::QueuedConnection);
+            },
+            [this](qsizetype index) { return tagOne(m_running[static_cast<std::size_t>(index)]); });
+    }
+
+    // The output's name without a number, which an earlier run may have taken.
+    QString existing(const Cli::Input& input) const {
+        Engine::Destination unnumbered = destination(input);
+        unnumbered.collision = Engine::Collision::replace;
+        return Engine::outputURL(input.track, unnumbered);
+    }
+
+    Engine::Destination destination(const Cli::Input& input) const {
+        Engine::Destination destination;
+        if (m_options.outputDir)
+            destination.folder = Cli::mirroredFolder(input, *m_options.outputDir);
+        if (m_options.existing == Cli::Existing::replace)
+            destination.collision = Engine::Collision::replace;
+        destination.format = format(m_options.format);
+        return destination;
+    }
+
+    // On the batch's threads.
+    std::optional<Engine::Result> tagOne(const Cli::Input& input) const {
+        if (!input.problem.isEmpty())
+            throw TagError::systemFailed(0, {}, input.problem);
+        const Engine::Destination where = destination(input);
+        if (m_options.existing == Cli::Existing::skip && taken(existing(input)))
+            return std::nullopt;
+        if (m_options.dryRun)
+            return Engine::plan(input.track, m_clip.path, m_clip.interval, m_clip.levelDB, where);
+        if (!where.folder.isEmpty())
+            makeFolders(where.folder);
+        return Engine::process(input.track, m_clip.path, m_clip.interval, m_clip.levelDB, where);
+    }
+
+    void report(const Batch::Outcome& outcome) {
+        const Cli::Input& input = m_running[static_cast<std::size_t>(outcome.index)];
+        const bool failed = !input.problem.isEmpty() || (!outcome.result && !outcome.skipped());
+        m_anyFailed = m_anyFailed || failed;
+        const Cli::Said said{input, outcome, outcome.skipped() ? existing(input) : QString(),
+                             m_options.dryRun,
+                             m_clip.path.isEmpty() ? QString() : Engine::absoluteName(m_clip.path)};
+        m_progress.clear();
+        if ((failed || !m_options.quiet) && m_outputError == 0 &&
+            !write(stdout, (m_options.json ? Cli::jsonLine(said) : Cli::textLine(said)) +
+                               QLatin1Char('\n'))) {
+            m_outputError = errno != 0 ? errno : EIO;
+            m_batch->stop();
+        }
+        m_progress.step();
+    }
+
+    static QString format(Cli::Format format) {
+        switch (format) {
+        case Cli::Format::mp3:
+            return QStringLiteral("mp3");
+        case Cli::Format::wav:
+            return QStringLiteral("wav");
+        case Cli::Format::same:
+            break;
+        }
+        return {};
+    }
+
+    const Cli::Options& m_options;
+    const Clip m_clip;
+    const bool m_watching;
+    std::vector<Cli::Input> m_queue;
+    std::vector<Cli::Input> m_running; // read by the running batch
+    std::unique_ptr<Batch> m_batch;
+    int m_stoppedBy = 0;
+    // Written by the batch's callbacks, which never run two at a time, and read
+    // once it has ended.
+    bool m_anyFailed = false;
+    int m_outputError = 0;
+    Progress m_progress;
+};
+
+// The clip, interval and level: the options', or the library's and the window's.
+std::optional<Tagging::Clip> chooseClip(const Cli::Options& options) {
     PreferencesFile preferences(PreferencesFile::userPath());
     std::optional<QString> chosen = options.tag;
     if (!chosen) {
@@ -164,31 +330,52 @@ int tagAll(const Cli::Options& options) {
         chosen = tags.selected();
     }
     if (!chosen) {
-        write(stdout,
+        write(options.json ? stderr : stdout,
               QStringLiteral("%1  %2\n").arg(StatusTexts::kAddTagFirst, StatusTexts::kNoTag));
-        return kExitFailed;
+        return std::nullopt;
     }
-    const QString tag = *chosen;
-    if (!QFileInfo(tag).isFile()) {
-        write(stderr, QStringLiteral("zelkor-tag: no tag clip at '%1'\n").arg(tag));
-        return kExitFailed;
+    if (!QFileInfo(*chosen).isFile()) {
+        write(stderr, QStringLiteral("zelkor-tag: no tag clip at '%1'\n").arg(*chosen));
+        return std::nullopt;
     }
     const Settings settings(preferences);
-    const double interval = options.interval.value_or(settings.interval());
-    const double levelDB = options.levelDB.value_or(settings.levelDB());
+    return Tagging::Clip{*chosen, options.interval.value_or(settings.interval()),
+                         options.levelDB.value_or(settings.levelDB())};
+}
 
+int tagAll(const Cli::Options& options) {
+    QStringList paths;
+    for (const QString& path : options.paths)
+        paths << (path == QLatin1String("-") ? Cli::readPaths(stdin) : QStringList{path});
+    const Cli::Collecting how{options.recursive, options.outputDir
+                                                     ? Engine::absoluteName(*options.outputDir)
+                                                     : QString()};
+    std::vector<Cli::Input> inputs = Cli::collect(paths, how);
+    if (options.watch && !QFileInfo(*options.watch).isDir()) {
+        write(stderr,
+              QStringLiteral("zelkor-tag: no folder to watch at '%1'\n").arg(*options.watch));
+        return kExitFailed;
+    }
+    if (inputs.empty() && !options.watch) {
+        write(stderr, QStringLiteral("NO TRACKS FOUND\n"));
+        return kExitFailed;
+    }
+    // Without a track to tag, the clip is not needed for the lines of PATHs that are none.
+    const bool anyTrack =
+        options.watch || std::any_of(inputs.begin(), inputs.end(), [](const Cli::Input& input) {
+            return input.problem.isEmpty();
+        });
+    const std::optional<Tagging::Clip> clip = anyTrack ? chooseClip(options) : Tagging::Clip{};
+    if (!clip)
+        return kExitFailed;
+
+    Tagging tagging(options, *clip, options.watch.has_value());
     // SIGINT, SIGTERM (a kill), SIGHUP (the terminal closed), SIGQUIT and a reader
-    // of standard output that went away all stop the batch: its ffmpeg runs end,
+    // of standard output that went away all stop the run: its ffmpeg runs end,
     // their partial outputs go, the tracks already written stay.
-    std::optional<Batch> batch;
-    int stoppedBy = 0;
-    const auto stop = [&](int signal) {
-        if (stoppedBy == 0)
-            stoppedBy = signal;
-        batch->stop();
-    };
-    QObject listening; // the signal and pipe watchers go with it
-    onSignals(&listening, {SIGINT, SIGTERM, SIGHUP, SIGQUIT}, stop);
+    QObject listening; // the signal, pipe and folder watchers go with it
+    onSignals(&listening, {SIGINT, SIGTERM, SIGHUP, SIGQUIT},
+              [&tagging](int signal) { tagging.stop(signal); });
     struct sigaction pipeAction = {};
     pipeAction.sa_handler = onBrokenPipe;
     sigaction(SIGPIPE, &pipeAction, nullptr);
@@ -196,36 +383,26 @@ int tagAll(const Cli::Options& options) {
     struct stat out = {};
     if (fstat(STDOUT_FILENO, &out) == 0 && (S_ISFIFO(out.st_mode) || S_ISSOCK(out.st_mode))) {
         auto* closed = new QSocketNotifier(STDOUT_FILENO, QSocketNotifier::Exception, &listening);
-        QObject::connect(closed, &QSocketNotifier::activated, closed, [closed, &stop] {
+        QObject::connect(closed, &QSocketNotifier::activated, closed, [closed, &tagging] {
             closed->setEnabled(false);
-            stop(SIGPIPE);
+            tagging.stop(SIGPIPE);
         });
     }
-
-    Progress progress(tracks.size());
-    progress.show(0);
-    bool anyFailed = false; // the callbacks never run two at a time
-    int outputError = 0;    // likewise
-    batch.emplace(
-        Batch::Work{tracks, tag, interval, levelDB, options.jobs},
-        [&](const Batch::Outcome& outcome) {
-            progress.clear();
-            anyFailed = anyFailed || !outcome.result;
-            if (outputError == 0 && !write(stdout, lineFor(outcome) + QLatin1Char('\n'))) {
-                outputError = errno != 0 ? errno : EIO;
-                batch->stop();
-            }
-            progress.show(outcome.index + 1);
-        },
-        [] { QMetaObject::invokeMethod(qApp, &QCoreApplication::quit, Qt::QueuedConnection); });
+    if (options.watch) {
+        try {
+            auto* watch = new Cli::Watch(*options.watch, how, [&tagging](Cli::Input input) {
+                tagging.add({std::move(input)});
+            });
+            watch->setParent(&listening);
+        } catch (const std::exception& error) {
+            write(stderr, QStringLiteral("zelkor-tag: can't watch '%1': %2\n")
+                              .arg(*options.watch, describeError(error)));
+            return kExitFailed;
+        }
+    }
+    tagging.add(std::move(inputs));
     QCoreApplication::exec();
-    batch->wait();
-    progress.clear();
-    if (stoppedBy != 0)
-        return kExitSignalled + stoppedBy;
-    if (outputError != 0)
-        return outputError == EPIPE ? kExitSignalled + SIGPIPE : kExitFailed;
-    return anyFailed ? kExitFailed : kExitOk;
+    return tagging.status();
 }
 
 } // namespace
@@ -235,7 +412,11 @@ int main(int argc, char** argv) {
     QCoreApplication::setApplicationName(QStringLiteral("zelkor-tag"));
     QCoreApplication::setApplicationVersion(QStringLiteral(ZELKOR_VERSION));
 
-    const auto parsed = Cli::parse(QCoreApplication::arguments().mid(1));
+    // From argv itself: QCoreApplication::arguments() would lose a name's stray bytes.
+    QStringList arguments;
+    for (int i = 1; i < argc; ++i)
+        arguments << Engine::decodeName(argv[i]);
+    const auto parsed = Cli::parse(arguments);
     if (const auto* error = std::get_if<Cli::UsageError>(&parsed)) {
         write(stderr, QStringLiteral("zelkor-tag: %1 (see --help)\n").arg(error->message));
         return kExitUsage;
@@ -253,13 +434,14 @@ int main(int argc, char** argv) {
     const bool libraryCommand = options.listTags || options.addTag || options.selectTag;
     if (libraryCommand) {
         const int status = manageLibrary(options);
-        if (options.paths.isEmpty() || status != kExitOk)
+        if ((options.paths.isEmpty() && !options.watch) || status != kExitOk)
             return status;
     }
-    if (options.paths.isEmpty()) {
+    if (options.paths.isEmpty() && !options.watch) {
         write(stderr, QStringLiteral("zelkor-tag: no PATH given (see --help)\n"));
         return kExitUsage;
     }
+    Engine::setAnalysisCache(!options.noCache);
     const int status = tagAll(options);
     if (status > kExitSignalled)
         endBy(status - kExitSignalled);

@@ -7,26 +7,29 @@
 
 namespace {
 
-const QString kStopped = QStringLiteral("STOPPED");
-
-Batch::Outcome tagOne(const Batch::Work& work, qsizetype index) {
+Batch::Outcome tagOne(const Batch::Work& work, const Batch::TagOne& custom, qsizetype index) {
     Batch::Outcome outcome{index, work.tracks[index], std::nullopt, {}};
     try {
-        outcome.result = Engine::process(outcome.track, work.tag, work.interval, work.levelDB);
+        outcome.result =
+            custom ? custom(index)
+                   : Engine::process(outcome.track, work.tag, work.interval, work.levelDB);
+        return outcome;
     } catch (const std::exception& error) {
         outcome.error = describeError(error);
     } catch (...) {
-        outcome.error = QStringLiteral("FAILED");
     }
+    if (outcome.error.isEmpty()) // a failure is never taken for a skip
+        outcome.error = QStringLiteral("FAILED");
     return outcome;
 }
 
 } // namespace
 
-Batch::Batch(Work work, OnTrack onTrack, OnEnd onEnd)
+Batch::Batch(Work work, OnTrack onTrack, OnEnd onEnd, TagOne tagOne)
     : m_work(std::move(work))
     , m_onTrack(std::move(onTrack))
     , m_onEnd(std::move(onEnd))
+    , m_tagOne(std::move(tagOne))
     , m_ready(static_cast<std::size_t>(m_work.tracks.size())) {
     const auto wanted = static_cast<std::size_t>(
         std::clamp<qsizetype>(m_work.tracks.size(), 1, std::max(m_work.jobs, 1)));
@@ -73,12 +76,12 @@ void Batch::takeTracks() {
                 break;
             index = m_next++;
         }
-        Outcome outcome = tagOne(m_work, index);
+        Outcome outcome = tagOne(m_work, m_tagOne, index);
         {
             const std::lock_guard lock(m_mutex);
             // The signal that stopped the batch may have reached ffmpeg first.
             if (m_stopped && !outcome.result)
-                outcome.error = kStopped;
+                outcome.error = TagError::stopped().errorDescription();
             m_ready[static_cast<std::size_t>(index)] = std::move(outcome);
         }
         deliver();

@@ -133,6 +133,10 @@ inline const QString kOutputSuffix = QStringLiteral(" (Tagged)");
 struct Result {
     QString output;
     int placements = 0;
+    // What the render was made of, for a report.
+    std::vector<double> times;
+    double gainDB = 0;
+    double trackLufs = 0;
 };
 
 constexpr double kDefaultCeiling = 0.97;
@@ -177,9 +181,11 @@ int channelCount(const QString& layout);
 // The name a render of `track` would get now; the render itself claims its name
 // only when it has finished (PendingOutput::commit).
 QString outputURL(const QString& track);
-// The track's analysis says which of its extras (pictures, bext chunk) the output keeps.
+// The track's analysis says which of its extras (pictures, bext chunk) the output keeps;
+// `format` "mp3" or "wav" chooses the encoder; empty, the track's extension does.
 QStringList renderArguments(const QString& track, const QString& tag, const QString& graph,
-                            const Analysis& analysis, const QString& output);
+                            const Analysis& analysis, const QString& output,
+                            const QString& format = {});
 // The message of a failed render: ffmpeg's last line that names a cause (not a
 // closing line such as "Conversion failed!" or its statistics), cut and upper-cased.
 QString failureText(const QString& output);
@@ -218,17 +224,25 @@ private:
     bool m_committed = false;
 };
 
-// Where process puts the tagged file: by default the track's own folder, with
-// the next free number.
+// Where process puts the tagged file: by default the track's own folder, in the
+// track's format family, with the next free number.
 struct Destination {
     QString folder; // empty: the track's folder
     Collision collision = Collision::nextNumber;
+    QString format; // "mp3" or "wav", the output's extension too; empty: the track's
 };
+// The name a render to `destination` would get now: with Collision::replace the
+// one without a number, which an earlier output may hold.
+QString outputURL(const QString& track, const Destination& destination);
 
 // Tags one track; blocks while ffmpeg runs.
 Result process(const QString& track, const QString& tag, double interval, double levelDB);
 Result process(const QString& track, const QString& tag, double interval, double levelDB,
                const Destination& destination);
+// What process would do now, without rendering: the figures, the placements and
+// the output's name. Blocks while the clip and the track are measured.
+Result plan(const QString& track, const QString& tag, double interval, double levelDB,
+            const Destination& destination);
 
 // --- input collection ------------------------------------------------------
 

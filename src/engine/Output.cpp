@@ -149,12 +149,18 @@ int claim(const QByteArray& from, const QByteArray& to) {
 } // namespace
 
 QString outputURL(const QString& track) {
+    return outputURL(track, Destination{});
+}
+
+QString outputURL(const QString& track, const Destination& destination) {
     const QFileInfo info(absoluteName(track));
-    const QByteArray folder = folderOf(info.absolutePath());
+    const QByteArray folder =
+        folderOf(destination.folder.isEmpty() ? info.absolutePath() : destination.folder);
     const QByteArray stem = encodeName(info.completeBaseName() + kOutputSuffix);
-    const QString ext = info.suffix().toLower();
+    const QString ext = destination.format.isEmpty() ? info.suffix().toLower() : destination.format;
     int n = 1;
-    while (taken(folder + withExtension(numbered(stem, n), ext)))
+    while (destination.collision == Collision::nextNumber &&
+           taken(folder + withExtension(numbered(stem, n), ext)))
         ++n;
     return decodeName(folder + withExtension(numbered(stem, n), ext));
 }

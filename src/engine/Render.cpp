@@ -233,9 +233,11 @@ QString filterGraph(const Mix& mix, GraphShape shape) {
 }
 
 QStringList renderArguments(const QString& track, const QString& tag, const QString& graph,
-                            const Analysis& analysis, const QString& output) {
+                            const Analysis& analysis, const QString& output,
+                            const QString& format) {
     const QString trackPath = QFileInfo(track).absoluteFilePath();
-    const bool mp3 = QFileInfo(track).suffix().toLower() == QLatin1String("mp3");
+    const QString family = format.isEmpty() ? QFileInfo(track).suffix().toLower() : format;
+    const bool mp3 = family == QLatin1String("mp3");
     // The analysis admits pictures only when every one is of a kind the MP3 muxer can
     // write, so a picture never fails the render. They are copied as they are, from the
     // track opened a second time: taken from the mixed input, ffmpeg 5.1 ends the audio
@@ -315,21 +317,53 @@ Result process(const QString& track, const QString& tag, double interval, double
     return process(track, tag, interval, levelDB, Destination{});
 }
 
-Result process(const QString& given, const QString& tag, double interval, double levelDB,
-               const Destination& destination) {
+namespace {
+
+// The measurements and placements a render is made of.
+struct Prepared {
+    QString track;
+    Analysis analysis;
+    double gain = 0;
+    std::vector<double> times;
+    double tagLength = 0;
+};
+
+Prepared prepare(const QString& given, const QString& tag, double interval, double levelDB) {
     if (!(interval > 0) || !std::isfinite(interval))
         throw TagError::badInterval();
     if (!std::isfinite(levelDB))
         throw TagError::badLevel();
 
     // Absolute from here on: QFileInfo would lose the stray bytes of a relative name.
-    const QString track = absoluteName(given);
+    Prepared prepared{absoluteName(given), {}, 0, {}};
     const TagInfo clip = info(tag);
-    const Analysis analysis = analyze(track);
-    const double gain = clipGain(levelDB, analysis.lufs, clip.lufs);
-    const std::vector<double> times = positions(analysis.duration, interval, clip.length);
-    if (times.size() == kMaxPlacements)
+    prepared.analysis = analyze(prepared.track);
+    prepared.gain = clipGain(levelDB, prepared.analysis.lufs, clip.lufs);
+    prepared.times = positions(prepared.analysis.duration, interval, clip.length);
+    prepared.tagLength = clip.length;
+    if (prepared.times.size() == kMaxPlacements)
         throw TagError::tooManyTags();
+    return prepared;
+}
+
+Result resultOf(const QString& output, const Prepared& prepared) {
+    return {output, static_cast<int>(prepared.times.size()), prepared.times, prepared.gain,
+            prepared.analysis.lufs};
+}
+
+} // namespace
+
+Result plan(const QString& track, const QString& tag, double interval, double levelDB,
+            const Destination& destination) {
+    const Prepared prepared = prepare(track, tag, interval, levelDB);
+    return resultOf(outputURL(prepared.track, destination), prepared);
+}
+
+Result process(const QString& given, const QString& tag, double interval, double levelDB,
+               const Destination& destination) {
+    const Prepared prepared = prepare(given, tag, interval, levelDB);
+    const QString& track = prepared.track;
+    const Analysis& analysis = prepared.analysis;
 
     // Opened again: the cached clip, or the track, may have become a FIFO since.
     const QString clipFile = absoluteName(tag);
@@ -337,14 +371,10 @@ Result process(const QString& given, const QString& tag, double interval, double
     const QFileInfo named(track);
     PendingOutput out(destination.folder.isEmpty() ? named.absolutePath() : destination.folder,
                       named.completeBaseName() + kOutputSuffix);
-    const Mix mix{gain,
-                  times,
-                  clip.length,
-                  ceiling(analysis.peak),
-                  analysis.format,
-                  clearOfCeiling(analysis)};
-    QStringList args =
-        renderArguments(track, clipFile, filterGraph(mix), analysis, out.file().argument());
+    const Mix mix{prepared.gain,          prepared.times,  prepared.tagLength,
+                  ceiling(analysis.peak), analysis.format, clearOfCeiling(analysis)};
+    QStringList args = renderArguments(track, clipFile, filterGraph(mix), analysis,
+                                       out.file().argument(), destination.format);
     std::vector<int> passed;
     nameInput(args, track, trackFile, passed);
     nameInput(args, clipFile, tagFile, passed);
@@ -356,8 +386,9 @@ Result process(const QString& given, const QString& tag, double interval, double
     if (result.status != 0)
         throw TagError::ffmpegFailed(
             failureText(withoutName(result.output, out.file().argument())));
-    return {out.commit(named.suffix().toLower(), destination.collision),
-            static_cast<int>(times.size())};
+    const QString extension =
+        destination.format.isEmpty() ? named.suffix().toLower() : destination.format;
+    return resultOf(out.commit(extension, destination.collision), prepared);
 }
 
 } // namespace Engine

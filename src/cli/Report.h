@@ -1,0 +1,25 @@
+// What zelkor-tag prints for each track: the window's line, or one JSON object.
+#pragma once
+
+#include "cli/Inputs.h"
+#include "engine/Batch.h"
+
+#include <QString>
+
+namespace Cli {
+
+struct Said {
+    const Input& input;
+    const Batch::Outcome& outcome;
+    QString existing; // for a track skipped: the output it already has
+    bool dryRun = false;
+    QString clip;
+};
+
+// "beat.wav  4 TAGS  OK  -> /music/beat (Tagged).wav", and the like; no line break.
+QString textLine(const Said& said);
+// {"track": ..., "status": "ok" | "error" | "skipped", "output", "placements",
+// "gain_db", "track_lufs", "clip", "error"}, and "dry_run" in a dry run; one line.
+QString jsonLine(const Said& said);
+
+} // namespace Cli
