@@ -340,12 +340,12 @@ Result process(const QString& track, const QString& tag, double interval, double
     const QString& out = reservation.path();
     RunResult result;
     try {
-        const Mix mix{gain,
-                      times,
-                      clip.length,
-                      ceiling(analysis.peak),
-                      analysis.format,
-                      clearOfCeiling(analysis)};
+        const Mix mix{.gainDB = gain,
+                      .times = times,
+                      .tagLength = clip.length,
+                      .ceiling = ceiling(analysis.peak),
+                      .format = analysis.format,
+                      .clearOfCeiling = clearOfCeiling(analysis)};
         result = run(renderArguments(track, tag, filterGraph(mix), analysis, out));
     } catch (...) {
         QFile::remove(out); // stopped half-way
