@@ -4,6 +4,7 @@
 #   threaded tests under ThreadSanitizer, and a short run of each fuzz target)
 # make bench: the published speed figures, each against its target.
 # make bench-long: peak memory tagging a 2-hour track.
+# make sameness: the full table comparing the looped clip with one branch per copy.
 # make fuzz: each fuzz target for FUZZ_SECONDS.
 # make install: the programs, resources, desktop entry, icons, man pages and
 #   completions under PREFIX (DESTDIR=... stages them elsewhere).
@@ -24,7 +25,7 @@ SANITIZER_ENV := ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:die_after_fork=0:suppressions=$(CURDIR)/tests/sanitizers/tsan.supp
 
-.PHONY: all deps configure build run demo test test-asan test-tsan fuzz fuzz-smoke bench bench-long install uninstall deb format clean
+.PHONY: all deps configure build run demo test test-asan test-tsan fuzz fuzz-smoke bench bench-long sameness install uninstall deb format clean
 
 all: build
 
@@ -78,6 +79,10 @@ bench: build
 # Peak memory on a 2-hour track (several minutes).
 bench-long: build
 	@bench/long-track $(BUILD)/bin
+
+# Every rate, layout and interval, up to 720 placements (about an hour).
+sameness: build
+	@ZELKOR_FULL_SAMENESS=1 $(BUILD)/tests/EngineRenderTest --gtest_filter='EngineSameness.*'
 
 install: build
 	@cmake --install $(BUILD) --prefix $(PREFIX)

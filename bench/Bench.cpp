@@ -14,6 +14,7 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QThread>
 #include <algorithm>
@@ -80,64 +81,86 @@ struct Material {
     QString clip;
     QString mp3;
     QString wav;
+    QString wav24; // 24-bit, 48 kHz
 };
 
 Material makeMaterial(const QString& folder) {
     Material m{folder, folder + QStringLiteral("/clip.wav"), folder + QStringLiteral("/beat.mp3"),
-               folder + QStringLiteral("/beat.wav")};
+               folder + QStringLiteral("/beat.wav"), folder + QStringLiteral("/master.wav")};
     const QString music =
         QStringLiteral("aevalsrc='0.5*sin(2*PI*55*t)*exp(-10*mod(t,0.5))+0.2*sin(2*PI*220*t)|"
                        "0.5*sin(2*PI*55*t)*exp(-10*mod(t,0.5))+0.2*sin(2*PI*277*t)':s=44100:d=180");
     ffmpeg({QStringLiteral("-f"), QStringLiteral("lavfi"), QStringLiteral("-i"), music,
             QStringLiteral("-c:a"), QStringLiteral("pcm_s16le"), m.wav});
     ffmpeg({QStringLiteral("-i"), m.wav, QStringLiteral("-b:a"), QStringLiteral("192k"), m.mp3});
+    ffmpeg({QStringLiteral("-i"), m.wav, QStringLiteral("-ar"), QStringLiteral("48000"),
+            QStringLiteral("-c:a"), QStringLiteral("pcm_s24le"), m.wav24});
     ffmpeg({QStringLiteral("-f"), QStringLiteral("lavfi"), QStringLiteral("-i"),
             QStringLiteral("sine=frequency=900:sample_rate=22050:duration=1.2"),
             QStringLiteral("-ac"), QStringLiteral("1"), m.clip});
     return m;
 }
 
+// The ffmpeg runs zelkor-tag makes for one track: the clip's analysis, the track's, and
+// the render; or with the render as it was before the looped clip and the limiter
+// around the tags only: one branch per copy, the whole track limited.
+enum class Render { zelkor, branchPerCopy };
+std::vector<QStringList> commandsFor(const QString& track, const QString& clip, double interval,
+                                     Render render = Render::zelkor) {
+    const QStringList prefix{QStringLiteral("-hide_banner"), QStringLiteral("-nostdin")};
+    const Engine::TagInfo tag = Engine::info(clip);
+    const Engine::Analysis analysis = Engine::analyze(track);
+    const bool today = render == Render::branchPerCopy;
+    const Engine::Mix mix{.gainDB = Engine::clipGain(-5, analysis.lufs, tag.lufs),
+                          .times = Engine::positions(analysis.duration, interval, tag.length),
+                          .tagLength = tag.length,
+                          .ceiling = Engine::ceiling(analysis.peak),
+                          .format = analysis.format,
+                          .clearOfCeiling = !today && Engine::clearOfCeiling(analysis)};
+    const QString graph = Engine::filterGraph(mix, today ? Engine::GraphShape::branchPerCopy
+                                                         : Engine::graphShape(mix));
+    return {prefix + Engine::analysisArguments(clip), prefix + Engine::analysisArguments(track),
+            prefix +
+                Engine::renderArguments(track, clip, graph, analysis, Engine::outputURL(track))};
+}
+
+void runAll(const std::vector<QStringList>& commands) {
+    for (const QStringList& args : commands)
+        runProgram(QStringLiteral("/usr/bin/ffmpeg"), args);
+}
+
+void tag(const QStringList& tracks, const QString& clip, double interval) {
+    runProgram(binDir + QStringLiteral("/zelkor-tag"),
+               QStringList{QStringLiteral("--tag"), clip, QStringLiteral("--interval"),
+                           QString::number(interval), QStringLiteral("--level"),
+                           QStringLiteral("MID")} +
+                   tracks);
+}
+
+// The median over `rounds` of the wall time of `a` over that of `b`, run in turn.
+double pairedRatio(int rounds, const std::function<void()>& a, const std::function<void()>& b,
+                   const std::function<void()>& reset) {
+    std::vector<double> ratios;
+    for (int i = 0; i < rounds; ++i) {
+        const double first = medianMs(1, a, reset);
+        ratios.push_back(first / medianMs(1, b, reset));
+    }
+    reset();
+    return median(ratios);
+}
+
 // What zelkor-tag adds on top of the ffmpeg runs it needs for the two tracks:
 // the clip's analysis, then each track's analysis and render.
 void overheadPerTrack(const Material& m) {
-    const QString ffmpegPath = QStringLiteral("/usr/bin/ffmpeg");
-    const QStringList prefix{QStringLiteral("-hide_banner"), QStringLiteral("-nostdin")};
-    const Engine::TagInfo clip = Engine::info(m.clip);
-    std::vector<QStringList> direct{prefix + Engine::analysisArguments(m.clip)};
-    for (const QString& track : {m.mp3, m.wav}) {
-        const Engine::Analysis analysis = Engine::analyze(track);
-        const QString graph = Engine::filterGraph(
-            {Engine::clipGain(-5, analysis.lufs, clip.lufs),
-             Engine::positions(analysis.duration, 30, clip.length), clip.length,
-             Engine::ceiling(analysis.peak), analysis.format});
-        direct.push_back(prefix + Engine::analysisArguments(track));
-        direct.push_back(prefix + Engine::renderArguments(track, m.clip, graph, analysis,
-                                                          Engine::outputURL(track)));
-    }
-    const auto clean = [&] { removeOutputs(m.folder); };
-    constexpr int kRounds = 5;
-    std::vector<double> ratios;
-    for (int i = 0; i < kRounds; ++i) {
-        const double ffmpegMs = medianMs(
-            1,
-            [&] {
-                for (const QStringList& args : direct)
-                    runProgram(ffmpegPath, args);
-            },
-            clean);
-        const double zelkorMs = medianMs(
-            1,
-            [&] {
-                runProgram(binDir + QStringLiteral("/zelkor-tag"),
-                           {QStringLiteral("--tag"), m.clip, QStringLiteral("--interval"),
-                            QStringLiteral("30"), QStringLiteral("--level"), QStringLiteral("MID"),
-                            m.mp3, m.wav});
-            },
-            clean);
-        ratios.push_back(zelkorMs / ffmpegMs);
-    }
-    clean();
-    const double ratio = median(ratios);
+    std::vector<QStringList> direct = commandsFor(m.mp3, m.clip, 30);
+    const std::vector<QStringList> wav = commandsFor(m.wav, m.clip, 30);
+    direct.insert(direct.end(), wav.begin() + 1, wav.end());
+    const double ratio = pairedRatio(
+        5,
+        [&] {
+            tag({m.mp3, m.wav}, m.clip, 30);
+        },
+        [&] { runAll(direct); }, [&] { removeOutputs(m.folder); });
     report("1. overhead per track (zelkor-tag / ffmpeg direct)", ratio, "x", "< 1.05",
            ratio < 1.05);
 }
@@ -230,6 +253,88 @@ void idleCpu(const QString& folder) {
     report("5. idle window CPU over 10 s (blink timer only)", percent, "%", "< 1", percent < 1);
 }
 
+// The render as it was (one branch per copy, the whole track limited) against today's.
+void againstBranchPerCopy(const Material& m) {
+    const auto direct = commandsFor(m.wav24, m.clip, 30, Render::branchPerCopy);
+    const double ratio = pairedRatio(
+        9, [&] { tag({m.wav24}, m.clip, 30); }, [&] { runAll(direct); },
+        [&] { removeOutputs(m.folder); });
+    report("7. 3-min WAV, every 30 s: zelkor-tag / one branch per copy", ratio, "x", "< 0.9",
+           ratio < 0.9);
+}
+
+// A render's cost against the number of tags, on a one-hour track.
+void hourLongTrack(const Material& m) {
+    const QString dir = m.folder + QStringLiteral("/hour");
+    QDir().mkpath(dir);
+    const QString track = dir + QStringLiteral("/hour.wav");
+    ffmpeg({QStringLiteral("-stream_loop"), QStringLiteral("19"), QStringLiteral("-i"), m.wav,
+            QStringLiteral("-c"), QStringLiteral("copy"), track});
+    const auto clean = [&] { removeOutputs(dir); };
+    const auto every = [&](double interval) {
+        return [&, interval] { tag({track}, m.clip, interval); };
+    };
+    const double ratio = pairedRatio(3, every(20), every(60), clean);
+    report("8. 1-hour WAV, every 20 s / every 60 s", ratio, "x", "< 1.15", ratio < 1.15);
+    const auto direct = commandsFor(track, m.clip, 5);
+    const double overhead = pairedRatio(
+        3, every(5), [&] { runAll(direct); }, clean);
+    report("9. 1-hour WAV, every 5 s: zelkor-tag / one branch run directly", overhead, "x",
+           "< 1.05", overhead < 1.05);
+    QFile::remove(track);
+}
+
+// Instructions of one ffmpeg run, counted by callgrind (repeatable on a busy machine).
+double instructions(const QStringList& args) {
+    QProcess process;
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(QStringLiteral("valgrind"),
+                  QStringList{QStringLiteral("--tool=callgrind"),
+                              QStringLiteral("--callgrind-out-file=/dev/null"),
+                              QStringLiteral("/usr/bin/ffmpeg")} +
+                      args);
+    process.waitForFinished(-1);
+    static const QRegularExpression collected(QStringLiteral(R"(Collected : (\d+))"));
+    return collected.match(QString::fromUtf8(process.readAll())).captured(1).toDouble();
+}
+
+// Zelkor's three runs against one decode and encode of the same track, figure 7 in
+// instructions, and what the sample-peak meter adds to the track's analysis.
+void instructionCounts(const Material& m) {
+    const auto runs = commandsFor(m.wav24, m.clip, 30);
+    const auto before = commandsFor(m.wav24, m.clip, 30, Render::branchPerCopy);
+    const QString limit = m.folder + QStringLiteral("/limit.wav");
+    const double physical = instructions(
+        {QStringLiteral("-hide_banner"), QStringLiteral("-nostdin"), QStringLiteral("-y"),
+         QStringLiteral("-i"), m.wav24, QStringLiteral("-c:a"), QStringLiteral("pcm_s24le"),
+         QStringLiteral("-f"), QStringLiteral("wav"), limit});
+    QFile::remove(limit);
+    std::vector<double> counts;
+    for (const QStringList& args : runs)
+        counts.push_back(instructions(args));
+    removeOutputs(m.folder);
+    const double branchPerCopy = instructions(before[2]);
+    removeOutputs(m.folder);
+    QStringList withoutPeak = runs[1];
+    withoutPeak.replaceInStrings(QStringLiteral(":peak=sample"), QString());
+    const double meter = counts[1] / instructions(withoutPeak) - 1;
+    const double total = counts[0] + counts[1] + counts[2];
+    if (physical <= 0 || total <= 0) {
+        std::printf("10. instructions: not measured (valgrind missing)\n");
+        return;
+    }
+    std::printf("    clip analysis %.2f G, track analysis %.2f G, render %.2f G (one branch per "
+                "copy: %.2f G), one decode + encode %.2f G\n",
+                counts[0] / 1e9, counts[1] / 1e9, counts[2] / 1e9, branchPerCopy / 1e9,
+                physical / 1e9);
+    const double before7 = counts[0] + counts[1] + branchPerCopy;
+    report("    figure 7 in instructions", total / before7, "x", "< 0.9", total / before7 < 0.9);
+    report("10. instructions, 3-min WAV: Zelkor / decode + encode", total / physical, "x",
+           "aim < 5", total / physical < 5);
+    report("    sample-peak meter's share of the track analysis", meter * 100, "%", "< 5",
+           meter < 0.05);
+}
+
 // Eight one-minute tracks, two jobs against one.
 void parallelThroughput(const Material& m) {
     const QString dir = m.folder + QStringLiteral("/eight");
@@ -294,7 +399,7 @@ void cachedSecondRun(const Material& m) {
     }
     removeOutputs(dir);
     const double ratio = median(ratios);
-    report("7. second run, 8 WAV tracks, new level (analyses kept)", ratio, "x", "< 0.65",
+    report("11. second run, 8 WAV tracks, new level (analyses kept)", ratio, "x", "< 0.65",
            ratio < 0.65);
 }
 
@@ -307,7 +412,7 @@ int main(int argc, char** argv) {
         qputenv(qPrintable(entry.section(QLatin1Char('='), 0, 0)),
                 entry.section(QLatin1Char('='), 1).toLocal8Bit());
     // No kept analyses for the figures that compare whole runs with ffmpeg's own:
-    // a cache folder under a file cannot be made. Figure 7 names its own.
+    // a cache folder under a file cannot be made. Figure 11 names its own.
     QFile(temp.path() + QStringLiteral("/no-cache")).open(QIODevice::WriteOnly);
     qputenv("XDG_CACHE_HOME", QFile::encodeName(temp.path() + QStringLiteral("/no-cache/cache")));
     QApplication app(argc, argv);
@@ -322,7 +427,11 @@ int main(int argc, char** argv) {
     coldStart(temp.path());
     idleCpu(temp.path());
     parallelThroughput(material);
-    if (qEnvironmentVariableIsEmpty("ZELKOR_BENCH_QUICK"))
+    if (qEnvironmentVariableIsEmpty("ZELKOR_BENCH_QUICK")) {
+        againstBranchPerCopy(material);
+        hourLongTrack(material);
+        instructionCounts(material);
         cachedSecondRun(material);
+    }
     return 0;
 }

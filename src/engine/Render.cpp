@@ -371,8 +371,12 @@ Result process(const QString& given, const QString& tag, double interval, double
     const QFileInfo named(track);
     PendingOutput out(destination.folder.isEmpty() ? named.absolutePath() : destination.folder,
                       named.completeBaseName() + kOutputSuffix);
-    const Mix mix{prepared.gain,          prepared.times,  prepared.tagLength,
-                  ceiling(analysis.peak), analysis.format, clearOfCeiling(analysis)};
+    const Mix mix{.gainDB = prepared.gain,
+                  .times = prepared.times,
+                  .tagLength = prepared.tagLength,
+                  .ceiling = ceiling(analysis.peak),
+                  .format = analysis.format,
+                  .clearOfCeiling = clearOfCeiling(analysis)};
     QStringList args = renderArguments(track, clipFile, filterGraph(mix), analysis,
                                        out.file().argument(), destination.format);
     std::vector<int> passed;
