@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 #include <mutex>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace Style;
@@ -35,20 +36,26 @@ protected:
 
 } // namespace
 
+// A FIFO and a device, which would never end, fail at once like a file that is no audio.
 TEST_F(BatchRunner, aFailingTrackIsLoggedAndTheOthersAreWrittenAndShown) {
     addTag();
-    view().start({track(QStringLiteral("a.wav")), file(QStringLiteral("b.wav"), "not audio"),
-                  track(QStringLiteral("c.wav"))});
+    const QString fifo = home.root() + QStringLiteral("/pipe.mp3");
+    const QString device = home.root() + QStringLiteral("/zero.wav");
+    ASSERT_EQ(::mkfifo(QFile::encodeName(fifo).constData(), 0600), 0);
+    ASSERT_TRUE(QFile::link(QStringLiteral("/dev/zero"), device));
+    view().start({track(QStringLiteral("a.wav")), file(QStringLiteral("b.wav"), "not audio"), fifo,
+                  device, track(QStringLiteral("c.wav"))});
     EXPECT_TRUE(view().state().busy);
-    EXPECT_EQ(view().state().progress, (HUDView::Progress{0, 3}));
+    EXPECT_EQ(view().state().progress, (HUDView::Progress{0, 5}));
     ASSERT_TRUE(finish());
 
-    const QString ok = QStringLiteral("1 TAGS  OK");
-    EXPECT_EQ(log(), (std::vector<LogLine>{
-                         {QStringLiteral("a.wav"), ok, purple},
-                         {QStringLiteral("b.wav"), QStringLiteral("CAN'T READ FILE"), errColor},
-                         {QStringLiteral("c.wav"), ok, purple}}));
-    EXPECT_EQ(view().state().progress, (HUDView::Progress{3, 3}));
+    const QString ok = QStringLiteral("1 TAGS  OK"), unreadable = QStringLiteral("CAN'T READ FILE");
+    EXPECT_EQ(log(), (std::vector<LogLine>{{QStringLiteral("a.wav"), ok, purple},
+                                           {QStringLiteral("b.wav"), unreadable, errColor},
+                                           {QStringLiteral("pipe.mp3"), unreadable, errColor},
+                                           {QStringLiteral("zero.wav"), unreadable, errColor},
+                                           {QStringLiteral("c.wav"), ok, purple}}));
+    EXPECT_EQ(view().state().progress, (HUDView::Progress{5, 5}));
     EXPECT_EQ(viewer.shown,
               (std::vector<QStringList>{{home.root() + QStringLiteral("/a (Tagged).wav"),
                                          home.root() + QStringLiteral("/c (Tagged).wav")}}));

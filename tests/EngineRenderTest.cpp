@@ -193,7 +193,7 @@ TEST_F(EngineRender, theMasterChangesOnlyUnderItsTagsAndCopiesNeverClick) {
         }
         EXPECT_EQ(outside, 0u) << track.toStdString();
         EXPECT_GT(inside, 3u * kRate) << track.toStdString();
-        if (track != ordinary) { // a quieter master may rise to the 0.97 of the specification
+        if (track != ordinary) { // a quieter master may rise to the 0.97 floor of the ceiling
             EXPECT_LE(taggedPeak, masterPeak * meterStep) << track.toStdString();
         }
     }
