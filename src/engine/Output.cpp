@@ -2,6 +2,7 @@
 // temporary file beside the final name, which the file takes in one step once
 // ffmpeg has succeeded, never replacing what another run put there meanwhile.
 #include "engine/Engine.h"
+#include "platform/Files.h"
 
 #include <QFileInfo>
 #include <QRandomGenerator>
@@ -121,31 +122,6 @@ QByteArray shortened(const QByteArray& stem) {
     return stem.left(cut);
 }
 
-// Gives `from` the name `to` unless `to` is taken; 0 or the error. Where the file
-// system cannot rename without replacing, a hard link claims the name; where it
-// has no hard links either (FAT), an empty file does, which the rename replaces.
-int claim(const QByteArray& from, const QByteArray& to) {
-    if (::renameat2(AT_FDCWD, from.constData(), AT_FDCWD, to.constData(), RENAME_NOREPLACE) == 0)
-        return 0;
-    if (errno != EINVAL && errno != ENOSYS && errno != EOPNOTSUPP)
-        return errno;
-    if (::link(from.constData(), to.constData()) == 0) {
-        ::unlink(from.constData());
-        return 0;
-    }
-    if (errno != EPERM && errno != EOPNOTSUPP && errno != ENOSYS)
-        return errno;
-    const int placeholder = ::open(to.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (placeholder < 0)
-        return errno;
-    ::close(placeholder);
-    if (::rename(from.constData(), to.constData()) == 0)
-        return 0;
-    const int error = errno;
-    ::unlink(to.constData());
-    return error;
-}
-
 } // namespace
 
 QString outputURL(const QString& track) {
@@ -209,7 +185,7 @@ QString PendingOutput::commit(const QString& extension, Collision collision) {
     } else {
         for (int n = 1;; ++n) {
             target = m_folder + withExtension(numbered(m_stem, n), extension);
-            error = claim(m_temp, target);
+            error = Files::moveNew(m_temp, target);
             if (error != EEXIST)
                 break;
         }

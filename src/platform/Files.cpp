@@ -100,7 +100,7 @@ public:
     }
     void placeNew(const QString& target) {
         finish();
-        if (const int code = moveNew(QFile::decodeName(m_path), target))
+        if (const int code = moveNew(m_path, native(target)))
             fail(m_action, code);
         m_placed = true;
     }
@@ -128,24 +128,32 @@ bool occupied(const QString& path) {
     return info.exists() || info.isSymLink();
 }
 
-int moveNew(const QString& from, const QString& to) {
-    const QByteArray source = native(from), target = native(to);
-    if (::renameat2(AT_FDCWD, source.constData(), AT_FDCWD, target.constData(), RENAME_NOREPLACE) ==
-        0)
+int moveNew(const QByteArray& from, const QByteArray& to) {
+    if (::renameat2(AT_FDCWD, from.constData(), AT_FDCWD, to.constData(), RENAME_NOREPLACE) == 0)
         return 0;
     if (errno != EINVAL && errno != ENOSYS && errno != EOPNOTSUPP)
         return errno;
     // A file system without that flag: a hard link never replaces either.
-    if (::link(source.constData(), target.constData()) == 0) {
-        ::unlink(source.constData());
+    if (::link(from.constData(), to.constData()) == 0) {
+        ::unlink(from.constData());
         return 0;
     }
-    if (errno != EPERM && errno != EOPNOTSUPP)
+    if (errno != EPERM && errno != EOPNOTSUPP && errno != ENOSYS)
         return errno;
-    // Nor hard links (FAT): the name is checked just before the rename.
-    if (occupied(to))
-        return EEXIST;
-    return ::rename(source.constData(), target.constData()) == 0 ? 0 : errno;
+    // Nor hard links (FAT): an empty file claims the name, which the rename replaces.
+    const int placeholder = ::open(to.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (placeholder < 0)
+        return errno;
+    ::close(placeholder);
+    if (::rename(from.constData(), to.constData()) == 0)
+        return 0;
+    const int error = errno;
+    ::unlink(to.constData());
+    return error;
+}
+
+int moveNew(const QString& from, const QString& to) {
+    return moveNew(native(from), native(to));
 }
 
 void copy(const QString& from, const QString& to) {

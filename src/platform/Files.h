@@ -26,6 +26,8 @@ void replace(const QString& path, const QByteArray& contents);
 // Moves `from` to `to` on one file system, failing with EEXIST when `to` is taken.
 // Returns errno, or 0 on success.
 int moveNew(const QString& from, const QString& to);
+// The same for names given as the bytes the file system holds.
+int moveNew(const QByteArray& from, const QByteArray& to);
 
 // Whether a name is taken: a dangling link counts, since a write would go through it.
 bool occupied(const QString& path);
