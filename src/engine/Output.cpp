@@ -32,6 +32,9 @@ constexpr int kTempAttempts = 100;
 }
 
 bool taken(const QByteArray& path) {
+    // No file's name holds a NUL; the system would read the name only up to it.
+    if (path.contains('\0'))
+        return false;
     struct stat info = {};
     return ::lstat(path.constData(), &info) == 0; // a dangling link too: a write would follow it
 }
