@@ -11,6 +11,7 @@
 #include "model/Settings.h"
 #include "model/StatusTexts.h"
 #include "model/Tags.h"
+#include "platform/Files.h"
 #include "platform/Preferences.h"
 #include "platform/QuitSignals.h"
 #include "platform/Trash.h"
@@ -61,12 +62,6 @@ void onBrokenPipe(int) {}
     pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
     std::raise(signal);
     std::_Exit(kExitSignalled + signal);
-}
-
-// Whether a name is taken, a dangling link included.
-bool taken(const QString& path) {
-    struct stat info = {};
-    return ::lstat(Engine::encodeName(path).constData(), &info) == 0;
 }
 
 // Makes `folder` and the folders above it; throws TagError with the system's reason.
@@ -267,7 +262,8 @@ private:
         if (!input.problem.isEmpty())
             throw TagError::systemFailed(0, {}, input.problem);
         const Engine::Destination where = destination(input);
-        if (m_options.existing == Cli::Existing::skip && taken(existing(input)))
+        if (m_options.existing == Cli::Existing::skip &&
+            Files::occupied(Engine::encodeName(existing(input))))
             return std::nullopt;
         if (m_options.dryRun)
             return Engine::plan(input.track, m_clip.path, m_clip.interval, m_clip.levelDB, where);

@@ -31,14 +31,6 @@ constexpr int kTempAttempts = 100;
     throw TagError::systemFailed(code);
 }
 
-bool taken(const QByteArray& path) {
-    // No file's name holds a NUL; the system would read the name only up to it.
-    if (path.contains('\0'))
-        return false;
-    struct stat info = {};
-    return ::lstat(path.constData(), &info) == 0; // a dangling link too: a write would follow it
-}
-
 QByteArray numbered(const QByteArray& stem, int n) {
     return n == 1 ? stem : stem + " (" + QByteArray::number(n) + ')';
 }
@@ -139,7 +131,7 @@ QString outputURL(const QString& track, const Destination& destination) {
     const QString ext = destination.format.isEmpty() ? info.suffix().toLower() : destination.format;
     int n = 1;
     while (destination.collision == Collision::nextNumber &&
-           taken(folder + withExtension(numbered(stem, n), ext)))
+           Files::occupied(folder + withExtension(numbered(stem, n), ext)))
         ++n;
     return decodeName(folder + withExtension(numbered(stem, n), ext));
 }

@@ -123,9 +123,16 @@ private:
 
 } // namespace
 
+bool occupied(const QByteArray& path) {
+    // No file's name holds a NUL; the system would read the name only up to it.
+    if (path.contains('\0'))
+        return false;
+    struct stat info {};
+    return ::lstat(path.constData(), &info) == 0;
+}
+
 bool occupied(const QString& path) {
-    const QFileInfo info(path);
-    return info.exists() || info.isSymLink();
+    return occupied(native(path));
 }
 
 int moveNew(const QByteArray& from, const QByteArray& to) {

@@ -31,5 +31,7 @@ int moveNew(const QByteArray& from, const QByteArray& to);
 
 // Whether a name is taken: a dangling link counts, since a write would go through it.
 bool occupied(const QString& path);
+// The same for a name given as the bytes the file system holds.
+bool occupied(const QByteArray& path);
 
 } // namespace Files
