@@ -13,6 +13,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTemporaryDir>
@@ -120,8 +121,8 @@ std::vector<QStringList> commandsFor(const QString& track, const QString& clip, 
     const QString graph = Engine::filterGraph(mix, today ? Engine::GraphShape::branchPerCopy
                                                          : Engine::graphShape(mix));
     return {prefix + Engine::analysisArguments(clip), prefix + Engine::analysisArguments(track),
-            prefix +
-                Engine::renderArguments(track, clip, graph, analysis, Engine::outputURL(track))};
+            prefix + Engine::renderArguments(track, clip, graph, analysis, Engine::outputURL(track),
+                                             QFileInfo(track).suffix())};
 }
 
 void runAll(const std::vector<QStringList>& commands) {

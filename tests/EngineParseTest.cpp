@@ -253,19 +253,18 @@ TEST(EnginePlacement, theCeilingFollowsTheMasterAndTheLimiterRunsAroundTheTags) 
 // The output keeps what the track carries besides its audio: an MP3's pictures,
 // copied from the track opened a second time, and a WAV's bext chunk.
 TEST(EnginePlacement, theOutputKeepsTheTracksPicturesAndBroadcastChunk) {
-    const auto args = [](const char* track, bool pictures, bool bext) {
+    const auto args = [](const QString& format, bool pictures, bool bext) {
         Engine::Analysis analysis;
         analysis.pictures = pictures;
         analysis.broadcastChunk = bext;
-        return Engine::renderArguments(QString::fromUtf8(track), u"/t.wav"_s, u"G"_s, analysis,
-                                       u"/out"_s)
+        return Engine::renderArguments(u"/b"_s, u"/t.wav"_s, u"G"_s, analysis, u"/out"_s, format)
             .join(u' ');
     };
-    EXPECT_EQ(args("/b.mp3", true, true),
-              u"-y -i /b.mp3 -i /t.wav -i /b.mp3 -filter_complex G -map [out] -map 2:v? -c:v copy "
+    EXPECT_EQ(args(u"mp3"_s, true, true),
+              u"-y -i /b -i /t.wav -i /b -filter_complex G -map [out] -map 2:v? -c:v copy "
               "-map_metadata 0 -c:a libmp3lame -b:a 320k -id3v2_version 3 -f mp3 /out"_s);
-    EXPECT_EQ(args("/b.WAV", true, true),
-              u"-y -i /b.WAV -i /t.wav -filter_complex G -map [out] -map_metadata 0 "
+    EXPECT_EQ(args(u"wav"_s, true, true),
+              u"-y -i /b -i /t.wav -filter_complex G -map [out] -map_metadata 0 "
               "-c:a pcm_s24le -write_bext 1 -f wav /out"_s);
 }
 

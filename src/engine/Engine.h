@@ -181,11 +181,11 @@ int channelCount(const QString& layout);
 // The name a render of `track` would get now; the render itself claims its name
 // only when it has finished (PendingOutput::commit).
 QString outputURL(const QString& track);
-// The track's analysis says which of its extras (pictures, bext chunk) the output keeps;
-// `format` "mp3" or "wav" chooses the encoder; empty, the track's extension does.
+// The inputs and the output as ffmpeg is to be given them: absolute paths, or
+// /proc/self/fd/N (OpenFile::argument). The track's analysis says which of its extras
+// (pictures, bext chunk) the output keeps; `format` "mp3" or "wav" chooses the encoder.
 QStringList renderArguments(const QString& track, const QString& tag, const QString& graph,
-                            const Analysis& analysis, const QString& output,
-                            const QString& format = {});
+                            const Analysis& analysis, const QString& output, const QString& format);
 // The message of a failed render: ffmpeg's last line that names a cause (not a
 // closing line such as "Conversion failed!" or its statistics), cut and upper-cased.
 QString failureText(const QString& output);

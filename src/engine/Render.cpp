@@ -235,18 +235,15 @@ QString filterGraph(const Mix& mix, GraphShape shape) {
 QStringList renderArguments(const QString& track, const QString& tag, const QString& graph,
                             const Analysis& analysis, const QString& output,
                             const QString& format) {
-    const QString trackPath = QFileInfo(track).absoluteFilePath();
-    const QString family = format.isEmpty() ? QFileInfo(track).suffix().toLower() : format;
-    const bool mp3 = family == QLatin1String("mp3");
+    const bool mp3 = format == QLatin1String("mp3");
     // The analysis admits pictures only when every one is of a kind the MP3 muxer can
     // write, so a picture never fails the render. They are copied as they are, from the
     // track opened a second time: taken from the mixed input, ffmpeg 5.1 ends the audio
     // after a fraction of a second.
     const bool pictures = mp3 && analysis.pictures;
-    QStringList args{QStringLiteral("-y"), QStringLiteral("-i"), trackPath, QStringLiteral("-i"),
-                     QFileInfo(tag).absoluteFilePath()};
+    QStringList args{QStringLiteral("-y"), QStringLiteral("-i"), track, QStringLiteral("-i"), tag};
     if (pictures)
-        args << QStringLiteral("-i") << trackPath;
+        args << QStringLiteral("-i") << track;
     args << QStringLiteral("-filter_complex") << graph << QStringLiteral("-map")
          << QStringLiteral("[out]");
     if (pictures)
@@ -264,7 +261,7 @@ QStringList renderArguments(const QString& track, const QString& tag, const QStr
     else
         args << QStringLiteral("-c:a") << QStringLiteral("pcm_s24le") << QStringLiteral("-f")
              << QStringLiteral("wav");
-    args << QFileInfo(output).absoluteFilePath();
+    args << output;
     return args;
 }
 
@@ -286,24 +283,6 @@ QString failureText(const QString& output) {
 }
 
 namespace {
-
-// The render's arguments name an input by its path; one whose name is not text
-// is named by its descriptor instead.
-void nameInput(QStringList& args, const QString& path, const OpenFile& file,
-               std::vector<int>& passed) {
-    if (!file.passDown())
-        return;
-    const QString named = QFileInfo(path).absoluteFilePath(); // as renderArguments names it
-    bool found = false;
-    // The track is read twice when its pictures are kept: both readings take the passed file.
-    for (qsizetype i = 1; i < args.size(); ++i)
-        if (args[i - 1] == QLatin1String("-i") && args[i] == named) {
-            args[i] = file.argument();
-            found = true;
-        }
-    if (found)
-        passed.push_back(file.fd());
-}
 
 // ffmpeg's lines about the output quote its temporary name, which says nothing to
 // the user: "Error closing file NAME: No space left on device".
@@ -377,21 +356,21 @@ Result process(const QString& given, const QString& tag, double interval, double
                   .ceiling = ceiling(analysis.peak),
                   .format = analysis.format,
                   .clearOfCeiling = clearOfCeiling(analysis)};
-    QStringList args = renderArguments(track, clipFile, filterGraph(mix), analysis,
-                                       out.file().argument(), destination.format);
+    const QString extension =
+        destination.format.isEmpty() ? named.suffix().toLower() : destination.format;
+    const QStringList args =
+        renderArguments(trackFile.argument(), tagFile.argument(), filterGraph(mix), analysis,
+                        out.file().argument(), extension);
     std::vector<int> passed;
-    nameInput(args, track, trackFile, passed);
-    nameInput(args, clipFile, tagFile, passed);
-    if (out.file().passDown())
-        passed.push_back(out.file().fd());
+    for (const OpenFile* file : {&trackFile, &tagFile, &out.file()})
+        if (file->passDown())
+            passed.push_back(file->fd());
 
     // Stopped or failed, the temporary file goes with `out`.
     const RunResult result = run(args, passed);
     if (result.status != 0)
         throw TagError::ffmpegFailed(
             failureText(withoutName(result.output, out.file().argument())));
-    const QString extension =
-        destination.format.isEmpty() ? named.suffix().toLower() : destination.format;
     return resultOf(out.commit(extension, destination.collision), prepared);
 }
 
