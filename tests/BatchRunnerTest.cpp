@@ -1,15 +1,11 @@
-// Batches through the real engine and the real ffmpeg on generated audio: the
-// window's log lines, progress, files shown and end sound, and the runner under
-// it on its own: track order with several jobs, and stopping.
+// The window's batches through the real engine and the real ffmpeg on generated
+// audio: its log lines, progress, files shown and end sound.
 #include "engine/Batch.h"
-#include "engine/EngineState.h"
 #include "model/Settings.h"
 #include "style/Palette.h"
 #include "support/GuiSupport.h"
 
 #include <gtest/gtest.h>
-#include <mutex>
-#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 using namespace Style;
@@ -103,92 +99,4 @@ TEST_F(BatchRunner, aViewClosedDuringABatchIsLeftAlone) {
     QCoreApplication::processEvents();
     EXPECT_TRUE(sounds.played.isEmpty());
     EXPECT_TRUE(viewer.shown.empty());
-}
-
-namespace {
-
-// The runner itself, without a window.
-class BatchCore : public ::Test::TempFolder {
-protected:
-    QString track(const QString& name, double seconds, int channels = 2) {
-        ::Test::makeAudio(path(name), u"sine=frequency=220"_s, seconds, 44100, channels);
-        return path(name);
-    }
-    Batch::Work work(const QStringList& tracks, int jobs) {
-        ::Test::makeAudio(path(u"tag.wav"_s), u"sine=frequency=880"_s, 0.5);
-        return {tracks, path(u"tag.wav"_s), 20, -5, jobs};
-    }
-    // Every outcome in the order handed over, and how often the end came.
-    std::vector<Batch::Outcome> outcomes;
-    int ends = 0;
-    Batch::OnTrack record() {
-        return [this](const Batch::Outcome& outcome) { outcomes.push_back(outcome); };
-    }
-};
-
-// This process's children still running.
-int children() {
-    int count = 0;
-    const QByteArray parent = QByteArray::number(::getpid());
-    for (const QString& pid : QDir(u"/proc"_s).entryList({u"[0-9]*"_s}))
-        // "pid (name) state ppid ...": the name may hold blanks, so read after its ')'.
-        if (const QByteArray stat = ::Test::readAll(u"/proc/%1/stat"_s.arg(pid));
-            stat.mid(stat.lastIndexOf(')') + 2).split(' ').value(1) == parent)
-            ++count;
-    return count;
-}
-
-} // namespace
-
-// The first track takes longest, yet the outcomes come in track order, one each,
-// and the end comes once after them.
-TEST_F(BatchCore, outcomesComeInTrackOrderWhateverFinishesFirst) {
-    ::Test::writeFile(path(u"b.wav"_s), "not audio");
-    const QStringList tracks{track(u"a.wav"_s, 120), path(u"b.wav"_s), track(u"c.wav"_s, 1),
-                             track(u"d.wav"_s, 1)};
-    {
-        Batch batch(work(tracks, 3), record(), [this] { ++ends; });
-        batch.wait();
-        EXPECT_EQ(ends, 1);
-    }
-    ASSERT_EQ(outcomes.size(), 4u);
-    for (qsizetype i = 0; i < 4; ++i) {
-        EXPECT_EQ(outcomes[i].index, i);
-        EXPECT_EQ(outcomes[i].track, tracks[i]);
-        EXPECT_EQ(outcomes[i].result.has_value(), i != 1) << outcomes[i].error.toStdString();
-    }
-    EXPECT_EQ(outcomes[0].result->placements, 6);
-    EXPECT_EQ(outcomes[0].result->output, path(u"a (Tagged).wav"_s));
-    EXPECT_EQ(outcomes[1].error, u"CAN'T READ FILE"_s);
-}
-
-// Stopping, here from the first outcome as zelkor-tag does when its output is
-// gone: the running ffmpeg ends, what it wrote goes, no further track begins, the
-// end still comes.
-TEST_F(BatchCore, stoppingEndsTheRunningFfmpegAndBeginsNoFurtherTrack) {
-    const QStringList tracks{track(u"short.wav"_s, 1), track(u"long.wav"_s, 300, 1),
-                             track(u"later.wav"_s, 1)};
-    std::unique_ptr<Batch> batch;
-    std::mutex made; // the callback may come before make_unique has returned
-    {
-        const std::lock_guard lock(made);
-        batch = std::make_unique<Batch>(
-            work(tracks, 2),
-            [&](const Batch::Outcome& outcome) {
-                outcomes.push_back(outcome);
-                const std::lock_guard ready(made);
-                batch->stop();
-            },
-            [this] { ++ends; });
-    }
-    batch->wait();
-    EXPECT_EQ(children(), 0);
-    batch.reset();
-
-    EXPECT_EQ(ends, 1);
-    ASSERT_EQ(outcomes.size(), 2u);
-    EXPECT_TRUE(outcomes[0].result);
-    EXPECT_EQ(outcomes[1].error, u"STOPPED"_s);
-    EXPECT_EQ(QDir(dir.path()).entryList({u"*Tagged*"_s}), QStringList{u"short (Tagged).wav"_s});
-    Engine::EngineState::shared().reset(); // stopping is for good otherwise
 }

@@ -213,13 +213,13 @@ TEST_F(Faults, aFileInPlaceOfTheTagsFolderIsLeftAloneAndANewlineInAClipNameWorks
     EXPECT_TRUE(QFileInfo::exists(path(u"beat (Tagged).wav"_s)));
 }
 
-// A signal while the second track renders: Ctrl-C or a kill (SIGTERM), a closed
-// terminal (SIGHUP) or a reader of the output that goes away, to the shell, and
-// the desktop session ending (SIGTERM) to the window, end the run and its ffmpeg
-// and remove the hidden file ffmpeg wrote; SIGKILL leaves that file to the next
-// run in the folder, and its ffmpeg dies with it. No partial file ever bears an
-// output's name. The long track's render reads its input in real time, so the
-// signal lands mid-way.
+// A signal while the second of three tracks renders: Ctrl-C or a kill (SIGTERM), a
+// closed terminal (SIGHUP) or a reader of the output that goes away, to the shell,
+// and the desktop session ending (SIGTERM) to the window, end the run and its
+// ffmpeg, remove the hidden file ffmpeg wrote and begin no further track; SIGKILL
+// leaves that file to the next run in the folder, and its ffmpeg dies with it. No
+// partial file ever bears an output's name. The long track's render reads its
+// input in real time, so the signal lands mid-way.
 TEST_F(Faults, aSignalMidRenderLeavesNoPartialOutputAndNoFfmpeg) {
     home.setEnv("ZELKOR_RESOURCES", ::Test::resourcesWith(home.root(), R"(case " $* " in
 *"long.wav -i "*" -filter_complex "*) exec "$real" -re "$@" ;;
@@ -231,6 +231,8 @@ exec "$real" "$@"
     const QString written = path(u"a (Tagged).wav"_s), fifo = path(u"out.fifo"_s);
     ::Test::makeAudio(first, u"sine=frequency=220"_s, 3);
     ::Test::makeAudio(second, u"sine=frequency=330"_s, 60, 22050, 1);
+    const QStringList tracks{first, second, path(u"c.wav"_s)};
+    QFile::copy(first, tracks[2]);
     ASSERT_EQ(::mkfifo(QFile::encodeName(fifo).constData(), 0600), 0);
     const QByteArray original = digest(second);
     const QString firstLine = u"a.wav  1 TAGS  OK  -> "_s + written + u'\n';
@@ -258,8 +260,7 @@ exec "$real" "$@"
         }
         // The window tags with the library's seeded clip.
         run.start(::Test::binary(front.program),
-                  window ? QStringList{first, second}
-                         : QStringList{u"--tag"_s, clip, first, second});
+                  window ? tracks : QStringList{u"--tag"_s, clip} + tracks);
         // The shell's first line may still be on its way when the second begins.
         QString out;
         ::Test::waitUntil(

@@ -10,7 +10,6 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
-#include <QRegularExpression>
 #include <QThread>
 #include <csignal>
 #include <gtest/gtest.h>
@@ -136,24 +135,15 @@ TEST_F(ZelkorTag, ffmpegGetsItsFixedPrefixThenEveryArgumentWhole) {
     EXPECT_EQ(argumentsOfRun(dir, 1), analysis(track));
     const QStringList render = argumentsOfRun(dir, 2);
     ASSERT_FALSE(render.isEmpty());
-    EXPECT_TRUE(
-        QRegularExpression(u"^"_s + QRegularExpression::escape(dir.path()) +
-                           uR"(/\.-my beat \[1\]; it's \(Tagged\)\.zelkor-\d+-\w{6}\.part$)"_s)
-            .match(render.last())
-            .hasMatch())
+    EXPECT_TRUE(render.last().startsWith(path(u".-my beat [1]; it's (Tagged).zelkor-"_s)))
         << render.last().toStdString();
-    EXPECT_EQ(render,
+    EXPECT_EQ(render.mid(0, 8) + render.mid(9),
               (QStringList{u"-hide_banner"_s, u"-nostdin"_s, u"-y"_s, u"-i"_s, track, u"-i"_s, clip,
-                           u"-filter_complex"_s,
-                           u"[1:a]aformat=sample_rates=44100:channel_layouts=stereo,"
-                           "volume=-5.00dB,asetpts=N/SR/TB,atrim=end_sample=220500,"
-                           "afade=t=in:d=0.005:curve=hsin,areverse,asetpts=N/SR/TB,"
-                           "afade=t=in:d=0.005:curve=hsin,areverse,asetpts=N/SR/TB,"
-                           "asplit=1[s0];[s0]adelay=22050S:all=1[d0];[0:a][d0]"
-                           "amix=inputs=2:normalize=0:duration=first:dropout_transition=0,"
-                           "alimiter=limit=0.97:level=0:attack=2:release=40:latency=1[out]"_s,
-                           u"-map"_s, u"[out]"_s, u"-map_metadata"_s, u"0"_s, u"-c:a"_s,
-                           u"pcm_s24le"_s, u"-f"_s, u"wav"_s, render.last()}));
+                           u"-filter_complex"_s, u"-map"_s, u"[out]"_s, u"-map_metadata"_s, u"0"_s,
+                           u"-c:a"_s, u"pcm_s24le"_s, u"-f"_s, u"wav"_s, render.last()}));
+    EXPECT_TRUE(
+        render.value(8).contains(u"volume=-5.00dB,asetpts=N/SR/TB,atrim=end_sample=220500,"_s))
+        << render.value(8).toStdString();
     EXPECT_TRUE(QFileInfo(out).isFile());
     EXPECT_FALSE(QFileInfo::exists(render.last()));
 }
@@ -177,15 +167,15 @@ TEST_F(ZelkorTag, withoutAnExecutableFfmpegNothingIsStarted) {
               u"beat.wav  EXECVP: NO SUCH FILE OR DIRECTORY\n"_s);
 }
 
-// Several jobs at once write what one at a time writes, in track order, with one
-// analysis of the clip for the whole batch.
+// Several jobs at once write what one at a time writes, in track order though the
+// first takes longest, with one analysis of the clip for the whole batch.
 TEST_F(ZelkorTag, jobsWriteWhatOneAtATimeWritesInTrackOrder) {
     const QString clip = path(u"tag.wav"_s), runs = path(u"share/runs"_s);
     ::Test::makeAudio(clip, u"sine=frequency=1200"_s, 0.8, 22050, 1);
     QStringList tracks;
     for (int i = 0; i < 4; ++i) {
         tracks << path(u"beat %1.wav"_s.arg(i));
-        ::Test::makeAudio(tracks.last(), u"sine=frequency=%1"_s.arg(200 + 50 * i), 12 + i);
+        ::Test::makeAudio(tracks.last(), u"sine=frequency=%1"_s.arg(200 + 50 * i), i ? 5 + i : 60);
     }
     const QString env = loggingResources(dir.path());
     // Each run with a cache of its own, so that both measure.
