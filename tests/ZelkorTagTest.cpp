@@ -62,11 +62,8 @@ QStringList tree(const QString& folder) {
 }
 
 QStringList argumentsOfRun(const QTemporaryDir& dir, int run) {
-    QStringList args =
-        QString::fromUtf8(::Test::readAll(dir.path() + u"/share/args-"_s + QString::number(run)))
-            .split(QChar(0));
-    args.removeLast();
-    return args;
+    const QByteArray args = ::Test::readAll(dir.path() + u"/share/args-%1"_s.arg(run));
+    return QString::fromUtf8(args).split(QChar(0), Qt::SkipEmptyParts);
 }
 
 using ZelkorTag = ::Test::TempFolder;
