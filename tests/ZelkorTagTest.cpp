@@ -4,65 +4,46 @@
 
 #include <QDir>
 #include <QDirIterator>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
-#include <QRegularExpression>
-#include <QStandardPaths>
 #include <QThread>
 #include <csignal>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <optional>
-#include <sys/stat.h>
-#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
-::Test::Process zelkorTag(const QStringList& args, const QStringList& environment = {}) {
-    return ::Test::runProgram(::Test::binary(u"zelkor-tag"_s), args, environment);
+using ::Test::zelkorTag;
+
+// Resources whose ffmpeg records each argument list (NUL-separated, in share/args-0,
+// args-1, ...), succeeds at once for a render and answers an analysis with a
+// loudness line first, over 1 MB of noise and the duration last.
+QString fakeResources(const QString& folder, bool executable = true) {
+    const QString share = ::Test::resourcesWith(folder, R"sh(here=$(dirname "$0")
+printf '%s\0' "$@" > "$here/args-$(ls "$here" | grep -c '^args-')"
+case " $* " in *" -filter_complex "*) exit 0 ;; esac
+echo '    I:         -20.0 LUFS'
+yes 'frame=1 size=N/A time=00:00:00.00' | head -n 35000 >&2
+printf '\n  Duration: 00:00:05.00, bitrate: 1 kb/s\n' >&2
+printf '  Stream #0:0: Audio: pcm_s16le, 44100 Hz, stereo, s16\n' >&2
+)sh");
+    if (!executable)
+        QFile::setPermissions(share + u"/ffmpeg"_s, QFile::ReadOwner | QFile::WriteOwner);
+    return u"ZELKOR_RESOURCES="_s + share;
 }
 
-// A resources folder whose ffmpeg records each argument list (NUL-separated, in
-// args-0, args-1, ...) and answers an analysis with a loudness line first, over
-// 1 MB of noise and the duration last; a render runs `render`.
-QString fakeResources(const QTemporaryDir& dir, const QByteArray& render, bool executable = true) {
-    const QString resources = dir.path() + u"/share"_s;
-    QDir().mkpath(resources);
-    ::Test::writeFile(resources + u"/ffmpeg"_s, R"(#!/bin/sh
-here=$(dirname "$0")
-n=$(ls "$here" | grep -c '^args-')
-printf '%s\0' "$@" > "$here/args-$n"
-touch "$here/ran"
-out=""; for arg; do out=$arg; done
-noise() { yes 'frame=1 size=N/A time=00:00:00.00' | head -n 35000 >&2; }
-case " $* " in
-*" -filter_complex "*) )" + render + R"( ;;
-*)  echo '    I:         -20.0 LUFS'; noise
-    printf '\n  Duration: 00:00:05.00, bitrate: 1 kb/s\n' >&2
-    printf '  Stream #0:0: Audio: pcm_s16le, 44100 Hz, stereo, s16\n' >&2 ;;
-esac
-)",
-                      executable);
-    return u"ZELKOR_RESOURCES="_s + resources;
-}
-
-// A resources folder whose ffmpeg logs each run's arguments to `share`/runs and
-// runs the real one; a render fails while `share`/fail exists.
-QString loggingResources(const QString& share) {
-    QDir().mkpath(share);
-    ::Test::writeFile(share + u"/ffmpeg"_s, R"(#!/bin/sh
-here=$(dirname "$0")
+// Resources whose ffmpeg logs each run's arguments to share/runs and runs the
+// real one; a render fails while share/fail exists.
+QString loggingResources(const QString& folder) {
+    return u"ZELKOR_RESOURCES="_s + ::Test::resourcesWith(folder, R"(here=$(dirname "$0")
 echo "$*" >> "$here/runs"
 case " $* " in *" -filter_complex "*) [ -e "$here/fail" ] && exit 1 ;; esac
-exec )" + ::Test::systemFFmpeg().toUtf8() + " \"$@\"\n",
-                      true);
-    return u"ZELKOR_RESOURCES="_s + share;
+exec "$real" "$@"
+)");
 }
 
 QStringList lines(const QString& text) {
@@ -80,36 +61,13 @@ QStringList tree(const QString& folder) {
 }
 
 QStringList argumentsOfRun(const QTemporaryDir& dir, int run) {
-    QStringList args =
-        QString::fromUtf8(::Test::readAll(dir.path() + u"/share/args-"_s + QString::number(run)))
-            .split(QChar(0));
-    args.removeLast();
-    return args;
+    const QByteArray args = ::Test::readAll(dir.path() + u"/share/args-%1"_s.arg(run));
+    return QString::fromUtf8(args).split(QChar(0), Qt::SkipEmptyParts);
 }
 
 using ZelkorTag = ::Test::TempFolder;
 
 } // namespace
-
-TEST_F(ZelkorTag, printsOneLinePerTrackAndExitsOneWhenAnyFailed) {
-    const QString music = path(u"music"_s), clip = path(u"tag.wav"_s);
-    QDir().mkpath(music);
-    ::Test::makeAudio(music + u"/beat.wav"_s, u"sine=frequency=220"_s, 6);
-    ::Test::makeAudio(clip, u"sine=frequency=880"_s, 0.5, 8000, 1);
-
-    const auto first = zelkorTag({u"--tag"_s, clip, u"--interval"_s, u"5"_s, u"--level"_s,
-                                  u"high"_s, music + u"/beat.wav"_s});
-    EXPECT_EQ(first.status, 0) << first.err.toStdString();
-    EXPECT_EQ(first.out, u"beat.wav  2 TAGS  OK  -> "_s + music + u"/beat (Tagged).wav\n"_s);
-    EXPECT_EQ(first.err, u""_s);
-
-    // The folder's earlier output is no track; the text file fails and the batch goes on.
-    ::Test::writeFile(music + u"/a notes.mp3"_s, "not audio\n");
-    const auto second = zelkorTag({u"--tag"_s, clip, u"--level=-7"_s, music});
-    EXPECT_EQ(second.status, 1);
-    EXPECT_EQ(second.out, u"a notes.mp3  CAN'T READ FILE\nbeat.wav  1 TAGS  OK  -> "_s + music +
-                              u"/beat (Tagged) (2).wav\n"_s);
-}
 
 TEST_F(ZelkorTag, usageErrorsExitTwoAndNameTheBadValueNothingToTagExitsOne) {
     const QString tag = path(u"tag.wav"_s);
@@ -155,7 +113,7 @@ TEST_F(ZelkorTag, usageErrorsExitTwoAndNameTheBadValueNothingToTagExitsOne) {
 // render's arguments show that both lines came through. ffmpeg writes a hidden
 // file beside the output, which takes the output's name when ffmpeg is done.
 TEST_F(ZelkorTag, ffmpegGetsItsFixedPrefixThenEveryArgumentWhole) {
-    const QString env = fakeResources(dir, "exit 0");
+    const QString env = fakeResources(dir.path());
     const QString track = path(u"-my beat [1]; it's.wav"_s), clip = path(u"tag (a).wav"_s);
     ::Test::writeFile(track, "x");
     ::Test::writeFile(clip, "x");
@@ -164,70 +122,36 @@ TEST_F(ZelkorTag, ffmpegGetsItsFixedPrefixThenEveryArgumentWhole) {
     const QString out = path(u"-my beat [1]; it's (Tagged).wav"_s);
     EXPECT_EQ(run.out, u"-my beat [1]; it's.wav  1 TAGS  OK  -> "_s + out + u'\n');
 
-    const auto analysis = [](const QString& file) {
-        return u"-hide_banner -nostdin -nostats -i"_s.split(u' ') + QStringList{file} +
-               u"-vn -af silencedetect=n=-50dB:d=0.3,ebur128=framelog=verbose:peak=sample -f null -"_s
-                   .split(u' ');
-    };
-    EXPECT_EQ(argumentsOfRun(dir, 0), analysis(clip));
-    EXPECT_EQ(argumentsOfRun(dir, 1), analysis(track));
+    const QStringList prefix = u"-hide_banner -nostdin -nostats -i"_s.split(u' ');
+    EXPECT_EQ(argumentsOfRun(dir, 0).mid(0, 5), prefix + QStringList{clip});
+    EXPECT_EQ(argumentsOfRun(dir, 1).mid(0, 5), prefix + QStringList{track});
     const QStringList render = argumentsOfRun(dir, 2);
     ASSERT_FALSE(render.isEmpty());
-    EXPECT_TRUE(
-        QRegularExpression(u"^"_s + QRegularExpression::escape(dir.path()) +
-                           uR"(/\.-my beat \[1\]; it's \(Tagged\)\.zelkor-\d+-\w{6}\.part$)"_s)
-            .match(render.last())
-            .hasMatch())
+    EXPECT_TRUE(render.last().startsWith(path(u".-my beat [1]; it's (Tagged).zelkor-"_s)))
         << render.last().toStdString();
-    EXPECT_EQ(render,
+    EXPECT_EQ(render.mid(0, 8) + render.mid(9),
               (QStringList{u"-hide_banner"_s, u"-nostdin"_s, u"-y"_s, u"-i"_s, track, u"-i"_s, clip,
-                           u"-filter_complex"_s,
-                           u"[1:a]aformat=sample_rates=44100:channel_layouts=stereo,"
-                           "volume=-5.00dB,asetpts=N/SR/TB,atrim=end_sample=220500,"
-                           "afade=t=in:d=0.005:curve=hsin,areverse,asetpts=N/SR/TB,"
-                           "afade=t=in:d=0.005:curve=hsin,areverse,asetpts=N/SR/TB,"
-                           "asplit=1[s0];[s0]adelay=22050S:all=1[d0];[0:a][d0]"
-                           "amix=inputs=2:normalize=0:duration=first:dropout_transition=0,"
-                           "alimiter=limit=0.97:level=0:attack=2:release=40:latency=1[out]"_s,
-                           u"-map"_s, u"[out]"_s, u"-map_metadata"_s, u"0"_s, u"-c:a"_s,
-                           u"pcm_s24le"_s, u"-f"_s, u"wav"_s, render.last()}));
+                           u"-filter_complex"_s, u"-map"_s, u"[out]"_s, u"-map_metadata"_s, u"0"_s,
+                           u"-c:a"_s, u"pcm_s24le"_s, u"-f"_s, u"wav"_s, render.last()}));
+    EXPECT_TRUE(
+        render.value(8).contains(u"volume=-5.00dB,asetpts=N/SR/TB,atrim=end_sample=220500,"_s))
+        << render.value(8).toStdString();
     EXPECT_TRUE(QFileInfo(out).isFile());
     EXPECT_FALSE(QFileInfo::exists(render.last()));
-}
-
-// What Debian's ffmpeg prints when the disk fills: the cause, then closing lines.
-TEST_F(ZelkorTag, aFailedRenderLeavesNoFileAndReportsTheLineThatNamesTheCause) {
-    const QString env = fakeResources(dir, R"(printf 'RIFF' > "$out"; noise
-    printf 'size=       6kB time=00:00:00.02 bitrate=2151.9kbits/s speed= 115x    \r' >&2
-    echo 'av_interleaved_write_frame(): No space left on device' >&2
-    echo "Error writing trailer of $out: No space left on device" >&2
-    echo 'size=     256kB time=00:00:01.99 bitrate=1050.2kbits/s speed= 368x    ' >&2
-    echo 'video:0kB audio:516kB subtitle:0kB other streams:0kB global headers:0kB muxing overhead: unknown' >&2
-    echo "Error closing file $out: No space left on device" >&2
-    echo 'Conversion failed!' >&2
-    exit 1)");
-    const QString track = path(u"beat.wav"_s), clip = path(u"tag.wav"_s);
-    ::Test::writeFile(track, "x");
-    ::Test::writeFile(clip, "x");
-    const auto run = zelkorTag({u"--tag"_s, clip, track}, {env});
-    EXPECT_EQ(run.status, 1);
-    EXPECT_EQ(run.out, u"beat.wav  ERROR CLOSING FILE: NO SPACE LEFT ON DEVICE\n"_s);
-    EXPECT_EQ(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden),
-              (QStringList{u"beat.wav"_s, u"tag.wav"_s}));
 }
 
 TEST_F(ZelkorTag, withoutAnExecutableFfmpegNothingIsStarted) {
     for (const char* fixed : {"/opt/homebrew/bin/ffmpeg", "/usr/local/bin/ffmpeg"})
         if (QFileInfo(QString::fromUtf8(fixed)).isExecutable())
             GTEST_SKIP() << fixed << " exists on this machine";
-    const QString env = fakeResources(dir, "exit 0", false);
+    const QString env = fakeResources(dir.path(), false);
     const QString track = path(u"beat.wav"_s), clip = path(u"tag.wav"_s);
     ::Test::writeFile(track, "x");
     ::Test::writeFile(clip, "x");
     const auto run = zelkorTag({u"--tag"_s, clip, track, track}, {env});
     EXPECT_EQ(run.status, 1);
     EXPECT_EQ(run.out, u"beat.wav  FFMPEG NOT FOUND\nbeat.wav  FFMPEG NOT FOUND\n"_s);
-    EXPECT_FALSE(QFileInfo::exists(dir.path() + u"/share/ran"_s));
+    EXPECT_FALSE(QFileInfo::exists(path(u"share/args-0"_s)));
 
     // Found, but the system cannot start it: its reason, and nothing more.
     ::Test::writeFile(path(u"share/ffmpeg"_s), "#!/nonexistent/sh\n", true);
@@ -235,17 +159,17 @@ TEST_F(ZelkorTag, withoutAnExecutableFfmpegNothingIsStarted) {
               u"beat.wav  EXECVP: NO SUCH FILE OR DIRECTORY\n"_s);
 }
 
-// Several jobs at once write what one at a time writes, in track order, with one
-// analysis of the clip for the whole batch.
+// Several jobs at once write what one at a time writes, in track order though the
+// first takes longest, with one analysis of the clip for the whole batch.
 TEST_F(ZelkorTag, jobsWriteWhatOneAtATimeWritesInTrackOrder) {
     const QString clip = path(u"tag.wav"_s), runs = path(u"share/runs"_s);
     ::Test::makeAudio(clip, u"sine=frequency=1200"_s, 0.8, 22050, 1);
     QStringList tracks;
     for (int i = 0; i < 4; ++i) {
         tracks << path(u"beat %1.wav"_s.arg(i));
-        ::Test::makeAudio(tracks.last(), u"sine=frequency=%1"_s.arg(200 + 50 * i), 12 + i);
+        ::Test::makeAudio(tracks.last(), u"sine=frequency=%1"_s.arg(200 + 50 * i), i ? 5 + i : 60);
     }
-    const QString env = loggingResources(path(u"share"_s));
+    const QString env = loggingResources(dir.path());
     // Each run with a cache of its own, so that both measure.
     const auto tagAll = [&](int jobs) {
         return zelkorTag(QStringList{u"--tag"_s, clip, u"--jobs"_s, QString::number(jobs),
@@ -282,89 +206,6 @@ TEST_F(ZelkorTag, jobsWriteWhatOneAtATimeWritesInTrackOrder) {
     EXPECT_FALSE(QFileInfo::exists(runs)); // skipped before anything was measured
 }
 
-namespace {
-
-// The process whose arguments hold `a` and `b`, if one runs.
-std::optional<pid_t> running(const QString& a, const QString& b) {
-    for (const QString& pid : QDir(u"/proc"_s).entryList({u"[0-9]*"_s}, QDir::Dirs)) {
-        const QList<QByteArray> args =
-            ::Test::readAll(u"/proc/"_s + pid + u"/cmdline"_s).split('\0');
-        if (args.contains(a.toUtf8()) && args.contains(b.toUtf8()))
-            return pid.toInt();
-    }
-    return std::nullopt;
-}
-
-pid_t parentOf(pid_t pid) {
-    const QByteArray stat = ::Test::readAll(u"/proc/%1/stat"_s.arg(pid));
-    return stat.mid(stat.lastIndexOf(')') + 2).split(' ').value(1).toInt();
-}
-
-} // namespace
-
-// The terminal closes, or the reader of the output goes, while the second track
-// renders: that render ends and leaves nothing, the first output stays, and the
-// program ends by that signal (a shell reports 128 + its number, and stops a
-// loop). The render reads its input in real time, so it surely runs when the
-// test acts.
-TEST_F(ZelkorTag, aHangupOrAClosedPipeMidRenderStopsAndLeavesNothingHalfWritten) {
-    QDir().mkpath(path(u"share"_s));
-    ::Test::writeFile(path(u"share/ffmpeg"_s),
-                      "#!/bin/sh\ncase \" $* \" in *\" -filter_complex \"*) exec " +
-                          ::Test::systemFFmpeg().toUtf8() + " -re \"$@\" ;; esac\nexec " +
-                          ::Test::systemFFmpeg().toUtf8() + " \"$@\"\n",
-                      true);
-    const QString first = path(u"a.wav"_s), second = path(u"b.wav"_s), clip = path(u"tag.wav"_s);
-    ::Test::makeAudio(first, u"sine=frequency=220"_s, 1);
-    ::Test::makeAudio(second, u"sine=frequency=330"_s, 60, 22050, 1);
-    ::Test::makeAudio(clip, u"sine=frequency=880"_s, 0.5);
-    const QString fifo = path(u"out.fifo"_s);
-    ASSERT_EQ(::mkfifo(QFile::encodeName(fifo).constData(), 0600), 0);
-    const QString written = u"a.wav  1 TAGS  OK  -> "_s + path(u"a (Tagged).wav"_s) + u'\n';
-
-    for (const int signal : {SIGHUP, SIGPIPE}) {
-        SCOPED_TRACE(signal);
-        QFile::remove(path(u"a (Tagged).wav"_s));
-        QProcess run;
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(u"ZELKOR_RESOURCES"_s, path(u"share"_s));
-        run.setProcessEnvironment(env);
-        int reader = -1;
-        if (signal == SIGPIPE) {
-            reader = ::open(QFile::encodeName(fifo).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-            run.setStandardOutputFile(fifo);
-        }
-        run.start(::Test::binary(u"zelkor-tag"_s), {u"--tag"_s, clip, first, second});
-        std::optional<pid_t> render;
-        QElapsedTimer waited;
-        waited.start();
-        while (!(render = running(u"-filter_complex"_s, second)) && waited.elapsed() < 60'000)
-            QThread::msleep(10);
-        ASSERT_TRUE(render) << "the second render never started";
-        ASSERT_EQ(parentOf(*render), run.processId());
-        if (signal == SIGHUP) {
-            ::kill(static_cast<pid_t>(run.processId()), SIGHUP);
-        } else {
-            char line[256] = {};
-            EXPECT_EQ(::read(reader, line, sizeof line - 1), written.size());
-            ::close(reader);
-        }
-
-        ASSERT_TRUE(run.waitForFinished(30'000));
-        EXPECT_EQ(run.exitStatus(), QProcess::CrashExit);
-        EXPECT_EQ(run.exitCode(), signal);
-        // Through the pipe, the first line was read above.
-        EXPECT_EQ(QString::fromUtf8(run.readAllStandardOutput()),
-                  signal == SIGHUP ? written + u"b.wav  STOPPED\n"_s : u""_s);
-        EXPECT_EQ(
-            QDir(dir.path())
-                .entryList(QDir::AllEntries | QDir::System | QDir::Hidden | QDir::NoDotAndDotDot),
-            (QStringList{u"a (Tagged).wav"_s, u"a.wav"_s, u"b.wav"_s, u"out.fifo"_s, u"share"_s,
-                         u"tag.wav"_s}));
-        EXPECT_FALSE(running(u"-i"_s, second));
-    }
-}
-
 // PATHs that do not exist or are no track get their own lines, in their place
 // among the tracks, which are still tagged; "-" reads more PATHs, one a line.
 TEST_F(ZelkorTag, missingAndNonTrackPathsGetTheirLinesAndTheOthersAreTagged) {
@@ -383,6 +224,7 @@ TEST_F(ZelkorTag, missingAndNonTrackPathsGetTheirLinesAndTheOthersAreTagged) {
               (QStringList{u"/typo  NOT FOUND"_s, u"notes.txt  NOT A TRACK"_s,
                            u"beat.wav  1 TAGS  OK  -> "_s + path(u"beat (Tagged).wav"_s),
                            u"old (Tagged).wav  NOT A TRACK"_s}));
+    EXPECT_EQ(run.err, u""_s); // no progress line but on a terminal
 }
 
 // Folders' own tracks in the window's order, then their sub-folders in name
@@ -441,60 +283,49 @@ TEST_F(ZelkorTag, eachFormatFromEitherKindOfTrack) {
 // --json says what was written, and a dry run says what would be, writing nothing.
 TEST_F(ZelkorTag, replaceSwapsInOnlyAWholeRenderAndJsonTellsWhatWasWritten) {
     const QString clip = path(u"tag.wav"_s), beat = path(u"beat.wav"_s);
-    const QString output = path(u"beat (Tagged).wav"_s);
+    const QString output = path(u"beat (Tagged).wav"_s), notes = path(u"notes.mp3"_s);
     ::Test::makeAudio(clip, u"sine=frequency=880"_s, 0.5);
     ::Test::makeAudio(beat, u"sine=frequency=220"_s, 12);
-    ::Test::writeFile(path(u"notes.mp3"_s), "not audio");
-    const QString env = loggingResources(path(u"share"_s));
+    ::Test::writeFile(notes, "not audio");
+    const QString env = loggingResources(dir.path());
+    // Each track's object; every run fails for the notes.
     const auto tag = [&](const QStringList& args) {
-        return zelkorTag(QStringList{u"-t"_s, clip, u"-i"_s, u"5"_s, u"--json"_s} + args +
-                             QStringList{beat, path(u"notes.mp3"_s)},
-                         {env});
-    };
-    const auto objects = [](const ::Test::Process& run) {
-        std::vector<QJsonObject> parsed;
+        const auto run = zelkorTag(QStringList{u"-t"_s, clip, u"-i"_s, u"5"_s, u"--json"_s} + args +
+                                       QStringList{beat, notes},
+                                   {env});
+        EXPECT_EQ(run.status, 1);
+        std::vector<QJsonObject> objects;
         for (const QString& line : lines(run.out))
-            parsed.push_back(QJsonDocument::fromJson(line.toUtf8()).object());
-        return parsed;
+            objects.push_back(QJsonDocument::fromJson(line.toUtf8()).object());
+        return objects;
     };
 
     const auto first = tag({u"-l"_s, u"low"_s});
-    const auto planned = objects(tag({u"-n"_s, u"--replace"_s, u"-l"_s, u"high"_s}));
-    EXPECT_EQ(tree(dir.path()), (QStringList{u"beat (Tagged).wav"_s, u"beat.wav"_s, u"notes.mp3"_s,
-                                             u"share/ffmpeg"_s, u"share/runs"_s, u"tag.wav"_s}));
+    QJsonObject plan = tag({u"-n"_s, u"--replace"_s, u"-l"_s, u"high"_s}).at(0);
+    EXPECT_EQ(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden),
+              (QStringList{u"beat (Tagged).wav"_s, u"beat.wav"_s, u"notes.mp3"_s, u"tag.wav"_s}));
     const QByteArray low = ::Test::readAll(output);
     ::Test::writeFile(path(u"share/fail"_s), "");
-    EXPECT_EQ(tag({u"--replace"_s}).status, 1);
+    tag({u"--replace"_s});
     EXPECT_EQ(::Test::readAll(output), low);
     QFile::remove(path(u"share/fail"_s));
     const auto high = tag({u"--replace"_s, u"-l"_s, u"high"_s});
-
-    EXPECT_EQ(first.status, 1);
-    EXPECT_EQ(high.status, 1);
     EXPECT_NE(::Test::readAll(output), low);
-    const std::vector<QJsonObject> written = objects(high), before = objects(first);
-    ASSERT_EQ(written.size(), 2u);
-    ASSERT_EQ(planned.size(), 2u);
-    const QJsonObject& ok = written[0];
-    EXPECT_EQ(ok[u"status"_s], u"ok"_s);
-    EXPECT_EQ(ok[u"track"_s], beat);
-    EXPECT_EQ(ok[u"clip"_s], clip);
-    EXPECT_EQ(ok[u"output"_s], output);
-    EXPECT_EQ(ok[u"placements"_s].toVariant(), (QVariantList{0.5, 5.5, 10.5}));
-    EXPECT_NEAR(ok[u"gain_db"_s].toDouble() - before[0][u"gain_db"_s].toDouble(), 8, 1e-9);
-    EXPECT_TRUE(ok[u"track_lufs"_s].isDouble());
-    EXPECT_TRUE(ok[u"error"_s].isNull());
-    QJsonObject plan = planned[0];
+
+    ASSERT_EQ(high.size(), 2u);
     EXPECT_EQ(plan.take(u"dry_run"_s), true);
-    EXPECT_EQ(plan, ok);
-    EXPECT_EQ(written[1], (QJsonObject{{u"track"_s, path(u"notes.mp3"_s)},
-                                       {u"status"_s, u"error"_s},
-                                       {u"error"_s, u"CAN'T READ FILE"_s},
-                                       {u"clip"_s, clip},
-                                       {u"output"_s, QJsonValue::Null},
-                                       {u"placements"_s, QJsonValue::Null},
-                                       {u"gain_db"_s, QJsonValue::Null},
-                                       {u"track_lufs"_s, QJsonValue::Null}}));
+    EXPECT_EQ(plan, high[0]);
+    QJsonObject ok = high[0];
+    EXPECT_NEAR(ok.take(u"gain_db"_s).toDouble() - first.at(0)[u"gain_db"_s].toDouble(), 8, 1e-9);
+    EXPECT_TRUE(ok.take(u"track_lufs"_s).isDouble());
+    const auto json = [](const QString& text) {
+        return QJsonDocument::fromJson(text.toUtf8()).object();
+    };
+    EXPECT_EQ(ok, json(uR"({"track": "%1", "status": "ok", "error": null, "clip": "%2",
+        "output": "%3", "placements": [0.5, 5.5, 10.5]})"_s.arg(beat, clip, output)));
+    EXPECT_EQ(high[1], json(uR"({"track": "%1", "status": "error", "error": "CAN'T READ FILE",
+        "clip": "%2", "output": null, "placements": null, "gain_db": null,
+        "track_lufs": null})"_s.arg(notes, clip)));
 }
 
 // A track written slowly, in chunks, is tagged once it is whole, and once; the
@@ -507,20 +338,16 @@ TEST_F(ZelkorTag, watchTagsATrackWrittenInChunksOnceWhole) {
     QProcess watch;
     watch.start(::Test::binary(u"zelkor-tag"_s),
                 {u"-t"_s, clip, u"-i"_s, u"5"_s, u"--watch"_s, export_});
-    ASSERT_TRUE(watch.waitForStarted());
     // Nothing is written before the watch is set up: an inotify watch among its descriptors.
-    const auto watching = [&] {
-        const QString info = u"/proc/%1/fdinfo"_s.arg(watch.processId());
-        for (const QString& fd : QDir(info).entryList(QDir::Files))
-            if (::Test::readAll(info + u'/' + fd).contains("inotify wd:"))
-                return true;
-        return false;
-    };
-    QElapsedTimer started;
-    started.start();
-    while (!watching() && started.elapsed() < 30'000)
-        QThread::msleep(10);
-    ASSERT_TRUE(watching());
+    ASSERT_TRUE(::Test::waitUntil(
+        [&] {
+            const QString info = u"/proc/%1/fdinfo"_s.arg(watch.processId());
+            for (const QString& fd : QDir(info).entryList(QDir::Files))
+                if (::Test::readAll(info + u'/' + fd).contains("inotify wd:"))
+                    return true;
+            return false;
+        },
+        30'000));
 
     const QByteArray whole = ::Test::readAll(path(u"beat.wav"_s));
     QFile slow(export_ + u"/slow.wav"_s);
@@ -531,17 +358,17 @@ TEST_F(ZelkorTag, watchTagsATrackWrittenInChunksOnceWhole) {
         QThread::msleep(1000); // a pause, as a slow export makes, shorter than the settling time
     }
     slow.close();
-    const auto lineCount = [&](int count) {
-        QElapsedTimer waited;
-        waited.start();
-        while (lines(QString::fromUtf8(watch.peek(1 << 16))).size() < count &&
-               waited.elapsed() < 30'000)
-            watch.waitForReadyRead(1000);
-        return lines(QString::fromUtf8(watch.peek(1 << 16))).size() >= count;
+    const auto shown = [&](int count) {
+        return ::Test::waitUntil(
+            [&] {
+                watch.waitForReadyRead(1);
+                return lines(QString::fromUtf8(watch.peek(1 << 16))).size() >= count;
+            },
+            30'000);
     };
-    ASSERT_TRUE(lineCount(1));
+    ASSERT_TRUE(shown(1));
     QFile::copy(path(u"beat.wav"_s), export_ + u"/quick.wav"_s);
-    ASSERT_TRUE(lineCount(2));
+    ASSERT_TRUE(shown(2));
     ::kill(static_cast<pid_t>(watch.processId()), SIGINT);
     ASSERT_TRUE(watch.waitForFinished(30'000));
 
@@ -551,28 +378,4 @@ TEST_F(ZelkorTag, watchTagsATrackWrittenInChunksOnceWhole) {
               (QStringList{u"slow.wav  1 TAGS  OK  -> "_s + export_ + u"/slow (Tagged).wav"_s,
                            u"quick.wav  1 TAGS  OK  -> "_s + export_ + u"/quick (Tagged).wav"_s}));
     EXPECT_EQ(::Test::samples(export_ + u"/slow (Tagged).wav"_s, 44100, 2).size(), 3u * 44100 * 2);
-}
-
-// A catalogue shared among slots, or hosts, with GNU parallel: every track is
-// tagged exactly once.
-TEST_F(ZelkorTag, gnuParallelOverTwoSlotsTagsEveryTrackOnce) {
-    if (QStandardPaths::findExecutable(u"parallel"_s).isEmpty())
-        GTEST_SKIP() << "GNU parallel is not installed (scripts/deps installs it)";
-    const QString clip = path(u"tag.wav"_s);
-    ::Test::makeAudio(clip, u"sine=frequency=880"_s, 0.5);
-    QStringList args{
-        u"--will-cite"_s,     u"-j2"_s, u"-n3"_s, ::Test::binary(u"zelkor-tag"_s), u"-qt"_s, clip,
-        u"--skip-existing"_s, u":::"_s};
-    QStringList expected;
-    for (int i = 0; i < 6; ++i) {
-        ::Test::makeAudio(path(u"beat %1.wav"_s.arg(i)), u"sine=frequency=220"_s, 1);
-        args << path(u"beat %1.wav"_s.arg(i));
-        expected << u"beat %1 (Tagged).wav"_s.arg(i) << u"beat %1.wav"_s.arg(i);
-    }
-    expected << u"tag.wav"_s;
-    for (int run = 0; run < 2; ++run) { // the second finds everything done
-        const auto shared = ::Test::runProgram(u"parallel"_s, args);
-        EXPECT_EQ(shared.status, 0) << shared.out.toStdString() << shared.err.toStdString();
-        EXPECT_EQ(tree(dir.path()), expected);
-    }
 }

@@ -21,10 +21,8 @@ Process runProgram(const QString& program, const QStringList& args, const QStrin
                    int timeoutMs) {
     QProcess process;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    for (const QString& entry : environment) {
-        const qsizetype eq = entry.indexOf(QLatin1Char('='));
-        env.insert(entry.left(eq), entry.mid(eq + 1));
-    }
+    for (const QString& entry : environment)
+        env.insert(entry.section(u'=', 0, 0), entry.section(u'=', 1));
     process.setProcessEnvironment(env);
     process.start(program, args);
     Process result;

@@ -2,6 +2,8 @@
 // and reading decoded samples back with the real ffmpeg.
 #pragma once
 
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
@@ -11,9 +13,12 @@
 #include <string>
 #include <vector>
 
-// Readable QStrings in test failures.
+// Readable QStrings and JSON objects in test failures.
 inline void PrintTo(const QString& text, std::ostream* out) {
     *out << '"' << text.toStdString() << '"';
+}
+inline void PrintTo(const QJsonObject& object, std::ostream* out) {
+    *out << QJsonDocument(object).toJson(QJsonDocument::Compact).constData();
 }
 
 namespace Test {
