@@ -157,6 +157,18 @@ protected:
         writeFile(path, bytes);
         return path;
     }
+    // A clip in the tag library.
+    QString clip(const QString& name) {
+        const QString path = Tags::dir() + QLatin1Char('/') + name;
+        writeFile(path, "RIFF");
+        return path;
+    }
+    // `area` as the view draws it now.
+    QImage shown(const QRectF& area) { return view().snapshot(1).copy(area.toAlignedRect()); }
+    // Whether `area` shows the library as it is, as a view made now would.
+    bool current(const QRectF& area) {
+        return shown(area) == HUDView(services()).snapshot(1).copy(area.toAlignedRect());
+    }
 
     FreshHome home;
     PreferencesFile preferences{home.preferencesPath()};
