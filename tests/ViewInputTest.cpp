@@ -29,12 +29,6 @@ protected:
         return view().hits();
     }
 
-    QString clip(const QString& name) {
-        const QString path = Tags::dir() + u'/' + name;
-        ::Test::writeFile(path, "RIFF");
-        return path;
-    }
-
     // Clicks the tag field and chooses `item`; returns the menu as read, a
     // checked item marked "* ", a separator as "--".
     std::vector<std::string> choose(const QString& item = {}) {
@@ -49,12 +43,7 @@ protected:
         return titles;
     }
 
-    // The row shows the library's selection, not one read before the change.
-    bool rowIsCurrent() {
-        const QRect row = view().tagRowRect().toAlignedRect();
-        return view().snapshot(1).copy(row) == HUDView(services()).snapshot(1).copy(row);
-    }
-
+    bool rowIsCurrent() { return current(view().tagRowRect()); }
     const LogLine& last() { return view().state().log.back(); }
 
     // The answer ("copy" or "none") followed by the hover flags that are set.
@@ -96,6 +85,7 @@ TEST_F(ViewClicks, aSegmentsRightEdgeBelongsToTheNextOneEachClickRedrawsOnceAndB
     const QRectF twenty = drawn()[2].rect;
     EXPECT_EQ(repaints(view(), [&] { click(view(), {twenty.right(), twenty.center().y()}); }), 1);
     EXPECT_EQ(settings.intervalIndex(), 1);
+    EXPECT_EQ(view().layout().zone.footer.string, u"EVERY 30S // LOW"_s);
 
     // The last segment's right edge is nobody's, and the header answers nothing.
     const QRectF high = drawn()[8].rect;

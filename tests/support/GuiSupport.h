@@ -30,18 +30,11 @@
 namespace Test {
 
 // Before the application exists, every folder it may write to points into a
-// temporary folder of this process: never the real home.
+// home of this process's own, and it draws offscreen.
 inline QApplication& guiApplication() {
-    static QTemporaryDir folder;
+    static FreshHome home;
     static QApplication* app = [] {
-        const QString runtime = folder.path() + QStringLiteral("/runtime");
-        QDir().mkpath(runtime);
-        QFile::setPermissions(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-        qputenv("XDG_RUNTIME_DIR", runtime.toLocal8Bit());
-        qputenv("XDG_CONFIG_HOME", (folder.path() + QStringLiteral("/config")).toLocal8Bit());
-        qputenv("XDG_DATA_HOME", (folder.path() + QStringLiteral("/data")).toLocal8Bit());
-        if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
-            qputenv("QT_QPA_PLATFORM", "offscreen");
+        home.useOwnRuntime();
         static int argc = 1;
         static char name[] = "zelkor-test";
         static char* argv[] = {name, nullptr};
