@@ -18,33 +18,29 @@ using ::Test::over;
 
 namespace {
 
-struct Extent {
-    int left = -1, right = -1, top = -1, bottom = -1;
-    bool found() const { return left >= 0; }
-    double middleY() const { return (top + bottom + 1) / 2.0; }
-};
-
-// Where the pixels that `counts` lie inside a box.
-Extent extent(const QImage& image, const QRect& box, const std::function<bool(QColor)>& counts) {
-    Extent e;
+// Where the pixels that `counts` lie inside a box; not valid when none do.
+QRect extent(const QImage& image, const QRect& box, const std::function<bool(QColor)>& counts) {
+    QRect found;
     for (int y = box.top(); y <= box.bottom(); ++y)
         for (int x = box.left(); x <= box.right(); ++x)
             if (counts(image.pixelColor(x, y)))
-                e = e.found() ? Extent{std::min(e.left, x), std::max(e.right, x),
-                                       std::min(e.top, y), std::max(e.bottom, y)}
-                              : Extent{x, x, y, y};
-    return e;
+                found |= QRect(x, y, 1, 1);
+    return found;
+}
+
+double middleY(const QRect& extent) {
+    return QRectF(extent).center().y();
 }
 
 // Pixels brighter than the background.
-Extent lit(const QImage& image, const QRect& box, int threshold = 40) {
+QRect lit(const QImage& image, const QRect& box, int threshold = 40) {
     return extent(image, box, [threshold](QColor c) {
         return std::max({c.red(), c.green(), c.blue()}) >= threshold;
     });
 }
 
 bool hasColour(const QImage& image, const QRect& box, const QColor& colour) {
-    return extent(image, box, [&](QColor c) { return near(c, colour, 12); }).found();
+    return extent(image, box, [&](QColor c) { return near(c, colour, 12); }).isValid();
 }
 
 // Where a text may leave ink: its advance and a little more, around its line.
@@ -56,24 +52,16 @@ QRect box(const Text& text) {
 // A text of capitals drawn where the layout put it: its ink from its start to
 // its end, give or take a side bearing, and its capitals' middle on its line.
 void expectDrawn(const QImage& image, const Text& text, int threshold = 40) {
-    const Extent ink = lit(image, box(text), threshold);
-    ASSERT_TRUE(ink.found()) << text.string.toStdString();
+    const QRect ink = lit(image, box(text), threshold);
+    ASSERT_TRUE(ink.isValid()) << text.string.toStdString();
     const double bearing = std::max(3.0, text.style.size / 8);
-    EXPECT_NEAR(ink.left, text.x, bearing) << text.string.toStdString();
-    EXPECT_NEAR(ink.right + 1, text.right(), bearing) << text.string.toStdString();
-    EXPECT_NEAR(ink.middleY(), text.line, 1.0) << text.string.toStdString();
-}
-
-QPoint pixel(QPointF at) {
-    return {static_cast<int>(at.x()), static_cast<int>(at.y())};
+    EXPECT_NEAR(ink.left(), text.x, bearing) << text.string.toStdString();
+    EXPECT_NEAR(ink.right() + 1, text.right(), bearing) << text.string.toStdString();
+    EXPECT_NEAR(middleY(ink), text.line, 1.0) << text.string.toStdString();
 }
 
 class ViewDrawing : public ::Test::ViewFixture {
 protected:
-    void addTag(const QString& name = u"voice.wav"_s) {
-        QDir().mkpath(home.tagsDir());
-        ::Test::writeFile(home.tagsDir() + u'/' + name, "RIFF");
-    }
     QImage render(const std::function<void(HUDView::State&)>& set = {}) {
         HUDView::State state;
         if (set)
@@ -89,7 +77,8 @@ protected:
 TEST_F(ViewDrawing, eachStateShowsItsDecisivePixels) {
     QImage image = render();
     const auto is = [&image](QPointF at, QColor colour, int tolerance = 3) {
-        return near(image.pixelColor(pixel(at)), colour, tolerance);
+        return near(image.pixelColor(static_cast<int>(at.x()), static_cast<int>(at.y())), colour,
+                    tolerance);
     };
     const HUDLayout::TagRow* t = &view().layout().tagRow;
     const HUDLayout::Zone* z = &view().layout().zone;
@@ -97,13 +86,13 @@ TEST_F(ViewDrawing, eachStateShowsItsDecisivePixels) {
     EXPECT_EQ(z->headline.string, u"ADD A TAG"_s);
     expectDrawn(image, z->headline, 120);
     EXPECT_EQ(t->text.string, u"NO TAG \u2014 ADD YOUR TAG FILE"_s);
-    EXPECT_TRUE(lit(image, box(t->text)).found());
-    EXPECT_FALSE(lit(image, box(t->text), 200).found()); // dim, never white
+    EXPECT_TRUE(lit(image, box(t->text)).isValid());
+    EXPECT_FALSE(lit(image, box(t->text), 200).isValid()); // dim, never white
     image = render([](auto& s) { s.hoverTag = true; });
     EXPECT_EQ(t->hoverText.string, u"DROP TO ADD AS TAG"_s);
     expectDrawn(image, t->hoverText, 200); // in white
 
-    addTag(u"my tag.mp3"_s);
+    clip(u"my tag.mp3"_s);
     home.setEnv("ZELKOR_RESOURCES", home.root()); // no logo, no plate
     m_view.reset();
     image = render();
@@ -112,7 +101,7 @@ TEST_F(ViewDrawing, eachStateShowsItsDecisivePixels) {
     const HUDLayout::Header& h = view().layout().header;
     EXPECT_FALSE(h.logo);
     expectDrawn(image, h.title, 120);
-    EXPECT_FALSE(lit(image, QRect(0, 10, static_cast<int>(h.title.x) - 2, 60)).found());
+    EXPECT_FALSE(lit(image, QRect(0, 10, static_cast<int>(h.title.x) - 2, 60)).isValid());
     EXPECT_TRUE(is(h.rule.center(), over(line, black)));
     const QPointF dot = z->dots.front().topLeft();
     EXPECT_TRUE(is(dot, over(rgb(0xFAFAFA, 0.07), black)));
@@ -150,9 +139,9 @@ TEST_F(ViewDrawing, eachStateShowsItsDecisivePixels) {
     // The first digit alone: "/" reaches above the capitals and below the baseline.
     const QRect counterBox(static_cast<int>(z->centre.x()) - 150,
                            static_cast<int>(z->counterLine) - 25, 300, 50);
-    const Extent counter = lit(image, counterBox);
-    const QRect firstDigit(counter.left, counterBox.top(), 16, counterBox.height());
-    EXPECT_NEAR(lit(image, firstDigit).middleY(), z->counterLine, 1.0);
+    const QRect firstDigit(lit(image, counterBox).left(), counterBox.top(), 16,
+                           counterBox.height());
+    EXPECT_NEAR(middleY(lit(image, firstDigit)), z->counterLine, 1.0);
 }
 
 TEST_F(ViewDrawing, logShowsTheLastFourWithALongNameShortened) {
@@ -176,34 +165,34 @@ TEST_F(ViewDrawing, logShowsTheLastFourWithALongNameShortened) {
         const bool failed = index % 2 == 0; // entries 3 to 6: red, purple, red, purple
         EXPECT_TRUE(hasColour(image, status, failed ? errColor : purple)) << index;
         EXPECT_FALSE(hasColour(image, status, failed ? purple : errColor)) << index;
-        EXPECT_LE(lit(image, status.adjusted(0, 0, 8, 0)).right, l.right);
+        EXPECT_LE(lit(image, status.adjusted(0, 0, 8, 0)).right(), l.right);
     }
-    EXPECT_FALSE(lit(image, row(4, 0).adjusted(0, 0, 16, 0)).found()); // no fifth line
+    EXPECT_FALSE(lit(image, row(4, 0).adjusted(0, 0, 16, 0)).isValid()); // no fifth line
 
     // The shortened text stops at least 16 points before its status, and not far before.
     const QRect first = row(0, l.left);
-    const Extent status = extent(image, first, [](QColor c) { return c.red() - c.green() > 40; });
-    const Extent text = extent(image, first, [](QColor c) {
+    const QRect status = extent(image, first, [](QColor c) { return c.red() - c.green() > 40; });
+    const QRect text = extent(image, first, [](QColor c) {
         return c.red() > 40 && std::abs(c.red() - c.green()) < 8 &&
                std::abs(c.green() - c.blue()) < 8;
     });
-    EXPECT_LE(text.right, status.left - 16 + 1);
-    EXPECT_GT(text.right, status.left - 16 - 24);
+    EXPECT_LE(text.right(), status.left() - 16 + 1);
+    EXPECT_GT(text.right(), status.left() - 16 - 24);
 }
 
 TEST_F(ViewDrawing, emptyLogWaitsWithABlinkingCursor) {
     const QRect line = box(view().layout().log.waitingWithCursor);
-    const Extent withCursor = lit(render(), line);
+    const QRect withCursor = lit(render(), line);
     ASSERT_TRUE(::Test::waitUntil([&] { return !view().state().blink; }, 2000));
-    const Extent without = lit(view().snapshot(1), line);
-    EXPECT_GT(withCursor.right, without.right + 4);
-    EXPECT_NEAR(without.left, view().layout().log.left, 2);
+    const QRect without = lit(view().snapshot(1), line);
+    EXPECT_GT(withCursor.right(), without.right() + 4);
+    EXPECT_NEAR(without.left(), view().layout().log.left, 2);
 }
 
 // The regions are the layout's rectangles, in drawing order; the chosen
 // segments are white inside, the others black.
 TEST_F(ViewDrawing, hitsFollowTheDrawingOrderAndTheChosenSegmentsAreWhite) {
-    addTag();
+    clip(u"voice.wav"_s);
     settings.setIntervalIndex(2);
     settings.setLevelIndex(2);
     const QImage image = render();
