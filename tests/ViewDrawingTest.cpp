@@ -240,6 +240,7 @@ QString reference(QString text, int minimum, const HUDLayout::Fits& fits) {
 
 TEST(ViewText, widthLeavesOutTheLastKernAndShorteningFollowsTheRoundByRoundRule) {
     ::Test::guiApplication();
+    EXPECT_EQ(HUDView::width(QString(), smallText), 0);
     const TextStyle plain{TextStyle::Face::body, 12, 0};
     const TextStyle kerned{TextStyle::Face::body, 12, 0.9};
     // Qt keeps spacing in 1/64 px: 0.9 becomes 0.890625.
