@@ -211,19 +211,18 @@ TEST(FileViewerFallback, opensTheFolderOnlyWithAnotherProgramAndQuietly) {
         home.setEnv(name, std::nullopt);
     home.setEnv("XDG_DATA_DIRS", root + u"/no-system-data"_s);
     home.setEnv("XDG_CONFIG_DIRS", root + u"/no-system-config"_s);
+    const QString apps = home.dataHome() + u"/applications/"_s;
+    QDir().mkpath(apps);
+    QDir().mkpath(home.configHome());
     // The system's sound theme; a sound server named, so Zelkor plays, but
     // absent; and the sound library on its ALSA output, as without its
     // PulseAudio driver: ALSA finds no device and prints so unless silenced.
-    QDir().mkpath(home.dataHome());
     QFile::link(u"/usr/share/sounds"_s, home.dataHome() + u"/sounds"_s);
     home.setEnv("PULSE_SERVER", u"unix:/nonexistent"_s);
     home.setEnv("CANBERRA_DRIVER", u"alsa"_s);
 
     // Zelkor as an older install left it, the default program for folders; and
     // a file manager that notes what it opens and chatters on its console.
-    const QString apps = home.dataHome() + u"/applications/"_s;
-    QDir().mkpath(apps);
-    QDir().mkpath(home.configHome());
     const QString entry =
         u"[Desktop Entry]\nType=Application\nName=%1\nExec=%2 %F\nMimeType=inode/directory;\n"_s;
     ::Test::writeFile(apps + u"zelkor-local.desktop"_s,
