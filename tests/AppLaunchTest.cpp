@@ -16,34 +16,19 @@
 #include <QWidget>
 #include <gtest/gtest.h>
 
+using namespace Qt::StringLiterals;
 using namespace Style;
 using ::Test::near;
 using ::Test::over;
 
-TEST(LaunchArguments, snapshotPathAndFilesComeApartAndAnythingElseIsAUsageError) {
-    const QString cwd = QDir::currentPath();
-    LaunchOptions plain = parseArguments({QStringLiteral("zelkor")});
-    EXPECT_FALSE(plain.snapshot);
-    EXPECT_TRUE(plain.files.isEmpty());
-    EXPECT_TRUE(plain.error.isEmpty());
-
-    LaunchOptions both = parseArguments({QStringLiteral("zelkor"), QStringLiteral("beat.wav"),
-                                         QStringLiteral("--snapshot"), QStringLiteral("out.png"),
-                                         QStringLiteral("/music"), QStringLiteral("--"),
-                                         QStringLiteral("--odd.wav")});
-    EXPECT_EQ(both.snapshot, QStringLiteral("out.png"));
-    EXPECT_EQ(both.files, (QStringList{cwd + QStringLiteral("/beat.wav"), QStringLiteral("/music"),
-                                       cwd + QStringLiteral("/--odd.wav")}));
-
-    LaunchOptions twice =
-        parseArguments({QStringLiteral("zelkor"), QStringLiteral("--snapshot"),
-                        QStringLiteral("a.png"), QStringLiteral("--snapshot=b.png")});
-    EXPECT_EQ(twice.snapshot, QStringLiteral("a.png"));
-    EXPECT_TRUE(twice.files.isEmpty());
-
-    EXPECT_FALSE(
-        parseArguments({QStringLiteral("zelkor"), QStringLiteral("--snapshot")}).error.isEmpty());
-    EXPECT_FALSE(parseArguments({QStringLiteral("zelkor"), QStringLiteral("-x")}).error.isEmpty());
+// What only the parse shows: "--" ends the options, the first snapshot path counts.
+TEST(LaunchArguments, filesAfterADoubleDashAndTheFirstSnapshotPathCount) {
+    const LaunchOptions options =
+        parseArguments({u"zelkor"_s, u"/music"_s, u"--snapshot"_s, u"a.png"_s,
+                        u"--snapshot=b.png"_s, u"--"_s, u"--odd.wav"_s});
+    EXPECT_TRUE(options.error.isEmpty());
+    EXPECT_EQ(options.snapshot, u"a.png"_s);
+    EXPECT_EQ(options.files, (QStringList{u"/music"_s, QDir::currentPath() + u"/--odd.wav"_s}));
 }
 
 // Without a display the window cannot open: what needs none still works, and
@@ -51,33 +36,31 @@ TEST(LaunchArguments, snapshotPathAndFilesComeApartAndAnythingElseIsAUsageError)
 TEST(LaunchCommandLine, helpVersionAndUsageErrorsNeedNoDisplayAndNoDisplayIsReported) {
     ::Test::FreshHome home;
     home.useOwnRuntime();
-    home.setEnv("QT_QPA_PLATFORM", QStringLiteral("xcb"));
+    home.setEnv("QT_QPA_PLATFORM", u"xcb"_s);
     home.setEnv("DISPLAY", std::nullopt);
     home.setEnv("WAYLAND_DISPLAY", std::nullopt);
-    auto zelkor = [](const QStringList& args) {
-        return ::Test::runProgram(::Test::binary(QStringLiteral("zelkor")), args);
+    const auto zelkor = [](const QStringList& args) {
+        return ::Test::runProgram(::Test::binary(u"zelkor"_s), args);
     };
-    const ::Test::Process help = zelkor({QStringLiteral("--help")});
+    const ::Test::Process help = zelkor({u"--help"_s});
     EXPECT_EQ(help.status, 0);
-    EXPECT_TRUE(help.out.startsWith(QStringLiteral("Usage: zelkor "))) << help.out.toStdString();
+    EXPECT_TRUE(help.out.startsWith(u"Usage: zelkor "_s)) << help.out.toStdString();
     EXPECT_TRUE(help.err.isEmpty()) << help.err.toStdString();
-    const ::Test::Process version = zelkor({QStringLiteral("--version")});
+    const ::Test::Process version = zelkor({u"--version"_s});
     EXPECT_EQ(version.status, 0);
-    EXPECT_EQ(version.out, QStringLiteral("zelkor " ZELKOR_VERSION "\n"));
+    EXPECT_EQ(version.out, u"zelkor " ZELKOR_VERSION "\n"_s);
 
-    for (const QStringList& wrong :
-         {QStringList{QStringLiteral("--bogus")},
-          QStringList{QStringLiteral("beat.wav"), QStringLiteral("--snapshot")}}) {
+    for (const QStringList& wrong : {QStringList{u"--bogus"_s}, {u"beat.wav"_s, u"--snapshot"_s}}) {
         const ::Test::Process run = zelkor(wrong);
         EXPECT_EQ(run.status, 2) << wrong.join(u' ').toStdString();
         EXPECT_TRUE(run.out.isEmpty());
         EXPECT_EQ(run.err.count(u'\n'), 1) << run.err.toStdString();
-        EXPECT_TRUE(run.err.startsWith(QStringLiteral("zelkor: "))) << run.err.toStdString();
+        EXPECT_TRUE(run.err.startsWith(u"zelkor: "_s)) << run.err.toStdString();
     }
 
     const ::Test::Process noDisplay = zelkor({});
     EXPECT_EQ(noDisplay.status, 1);
-    EXPECT_TRUE(noDisplay.err.contains(QStringLiteral("could not connect to display")))
+    EXPECT_TRUE(noDisplay.err.contains(u"could not connect to display"_s))
         << noDisplay.err.toStdString();
 }
 
@@ -86,62 +69,59 @@ protected:
     Snapshot() { home.useOwnRuntime(); }
 
     ::Test::Process zelkor(const QStringList& args) {
-        return ::Test::runProgram(::Test::binary(QStringLiteral("zelkor")), args);
+        return ::Test::runProgram(::Test::binary(u"zelkor"_s), args);
+    }
+    // `zelkor ARGS --snapshot OUT`, run to a quiet end; what it drew.
+    QImage snapshot(QStringList args) {
+        const QString out = home.root() + u"/out.png"_s;
+        const ::Test::Process run = zelkor(args << u"--snapshot"_s << out);
+        EXPECT_EQ(run.status, 0);
+        EXPECT_EQ(run.out + run.err, QString());
+        const QImage image(out);
+        EXPECT_EQ(image.size(), QSize(600, 640));
+        return image;
     }
 
     ::Test::FreshHome home;
 };
 
-TEST_F(Snapshot, writesTheIdleWindowWithTheSeededTagAndPrintsNothing) {
-    const QString out = home.root() + QStringLiteral("/out.png");
-    const ::Test::Process run = zelkor({QStringLiteral("--snapshot"), out});
-    EXPECT_EQ(run.status, 0);
-    EXPECT_TRUE(run.out.isEmpty()) << run.out.toStdString();
-    EXPECT_TRUE(run.err.isEmpty()) << run.err.toStdString();
-    const QImage image(out);
-    ASSERT_EQ(image.size(), QSize(600, 640));
-    EXPECT_TRUE(near(image.pixelColor(3, 3), black, 0));
-    EXPECT_TRUE(near(image.pixelColor(115, 108), purple)); // a tag is selected
-    EXPECT_TRUE(near(image.pixelColor(25, 140), over(Drawing::withAlpha(white, 0.85), black)));
+// Idle with the seeded tag selected; with files named at launch, already busy.
+TEST_F(Snapshot, drawsTheWindowAsLaunchedAndPrintsNothing) {
+    const QImage idle = snapshot({});
+    EXPECT_TRUE(near(idle.pixelColor(3, 3), black, 0));
+    EXPECT_TRUE(near(idle.pixelColor(115, 108), purple)); // a tag is selected
+    EXPECT_TRUE(near(idle.pixelColor(25, 140), over(Drawing::withAlpha(white, 0.85), black)));
     EXPECT_FALSE(QDir(home.tagsDir()).entryList(QDir::Files).isEmpty());
+
+    const QString beat = home.root() + u"/beat.wav"_s;
+    ::Test::makeAudio(beat, u"sine=frequency=220"_s, 20);
+    const QImage busy = snapshot({beat});
+    EXPECT_TRUE(near(busy.pixelColor(25, 140), purple));             // busy brackets
+    EXPECT_TRUE(near(busy.pixelColor(168, 335), over(line, black))); // 00/01: no cell lit
+    EXPECT_TRUE(near(busy.pixelColor(300, 220), black, 0));          // no plus sign
 }
 
 TEST_F(Snapshot, thatCannotBeWrittenEndsWithTheReasonAndLeavesNothing) {
     // A folder that is not there, and a path whose parent is a regular file.
-    const QString file = home.root() + QStringLiteral("/file");
+    const QString file = home.root() + u"/file"_s;
     ::Test::writeFile(file, "x");
-    for (const QString& out :
-         {home.root() + QStringLiteral("/missing/x.png"), file + QStringLiteral("/x.png")}) {
-        const ::Test::Process run = zelkor({QStringLiteral("--snapshot"), out});
+    for (const QString& out : {home.root() + u"/missing/x.png"_s, file + u"/x.png"_s}) {
+        const ::Test::Process run = zelkor({u"--snapshot"_s, out});
         EXPECT_EQ(run.status, 1);
-        EXPECT_TRUE(run.err.startsWith(QStringLiteral("zelkor: can't write the snapshot ") + out))
+        EXPECT_TRUE(run.err.startsWith(u"zelkor: can't write the snapshot "_s + out))
             << run.err.toStdString();
         EXPECT_EQ(run.err.count(u'\n'), 1) << run.err.toStdString();
     }
     EXPECT_EQ(::Test::readAll(file), QByteArray("x"));
     EXPECT_EQ(QDir(home.root()).entryList(QDir::NoDotAndDotDot | QDir::AllEntries),
-              (QStringList{QStringLiteral("file"), QStringLiteral("runtime")}));
-}
-
-TEST_F(Snapshot, filesNamedAtLaunchAreAlreadyABatchInTheSnapshot) {
-    const QString beat = home.root() + QStringLiteral("/beat.wav");
-    ::Test::makeAudio(beat, QStringLiteral("sine=frequency=220"), 20);
-    const QString out = home.root() + QStringLiteral("/busy.png");
-    const ::Test::Process run = zelkor({beat, QStringLiteral("--snapshot"), out});
-    EXPECT_EQ(run.status, 0);
-    EXPECT_TRUE(run.err.isEmpty()) << run.err.toStdString();
-    const QImage image(out);
-    ASSERT_EQ(image.size(), QSize(600, 640));
-    EXPECT_TRUE(near(image.pixelColor(25, 140), purple));             // busy brackets
-    EXPECT_TRUE(near(image.pixelColor(168, 335), over(line, black))); // 00/01: no cell lit
-    EXPECT_TRUE(near(image.pixelColor(300, 220), black, 0));          // no plus sign
+              (QStringList{u"file"_s, u"runtime"_s}));
 }
 
 TEST(FrameAutosave, aMovedWindowReopensWhereItWasLeftAndAFailedSaveIsReported) {
     ::Test::guiApplication();
     ::Test::FreshHome home;
     PreferencesFile preferences(home.preferencesPath());
-    const QString name = QStringLiteral("ZelkorMain");
+    const QString name = u"ZelkorMain"_s;
     {
         QWidget window;
         window.resize(200, 100);
@@ -151,17 +131,14 @@ TEST(FrameAutosave, aMovedWindowReopensWhereItWasLeftAndAFailedSaveIsReported) {
         ASSERT_TRUE(::Test::waitUntil([&] { return preferences.object(name).has_value(); }, 3000));
     }
     const QJsonObject saved = *preferences.object(name);
-    EXPECT_EQ(saved[QStringLiteral("x")].toInt(), 120);
-    EXPECT_EQ(saved[QStringLiteral("y")].toInt(), 90);
-
+    EXPECT_EQ(QPoint(saved[u"x"_s].toInt(), saved[u"y"_s].toInt()), QPoint(120, 90));
     QWidget again;
     again.resize(200, 100);
     (new FrameAutosave(again, name, preferences))->restore();
     EXPECT_EQ(again.pos(), QPoint(120, 90));
 
     // Off every screen: left where the launch put it.
-    preferences.setObject(name,
-                          QJsonObject{{QStringLiteral("x"), -9000}, {QStringLiteral("y"), -9000}});
+    preferences.setObject(name, QJsonObject{{u"x"_s, -9000}, {u"y"_s, -9000}});
     QWidget lost;
     lost.move(10, 10);
     (new FrameAutosave(lost, name, preferences))->restore();
@@ -177,5 +154,5 @@ TEST(FrameAutosave, aMovedWindowReopensWhereItWasLeftAndAFailedSaveIsReported) {
     moved.show();
     moved.move(40, 30);
     EXPECT_TRUE(::Test::waitUntil([&] { return !failures.isEmpty(); }, 3000));
-    EXPECT_EQ(failures, QStringList{QStringLiteral("CAN'T SAVE PREFERENCES.JSON: IS A DIRECTORY")});
+    EXPECT_EQ(failures, QStringList{u"CAN'T SAVE PREFERENCES.JSON: IS A DIRECTORY"_s});
 }

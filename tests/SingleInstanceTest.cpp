@@ -21,6 +21,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+using namespace Qt::StringLiterals;
+
 class SingleInstanceLaunch : public ::testing::Test {
 protected:
     ~SingleInstanceLaunch() override {
@@ -31,11 +33,10 @@ protected:
     // `zelkor args...` started in `folder`, left running; a beat named in args is made first.
     QProcess& launch(const QStringList& args, const QString& folder) {
         for (const QString& name : args)
-            ::Test::makeAudio(home.root() + QLatin1Char('/') + name,
-                              QStringLiteral("sine=frequency=220"), 3);
+            ::Test::makeAudio(home.root() + u'/' + name, u"sine=frequency=220"_s, 3);
         auto& process = running.emplace_back(std::make_unique<QProcess>());
         process->setWorkingDirectory(folder);
-        process->start(::Test::binary(QStringLiteral("zelkor")), args);
+        process->start(::Test::binary(u"zelkor"_s), args);
         EXPECT_TRUE(process->waitForStarted());
         return *process;
     }
@@ -45,31 +46,27 @@ protected:
 
     ::Test::FreshHome home;
     const QString runtime = home.useOwnRuntime();
-    const QString socket = runtime + QStringLiteral("/zelkor-") + QString::number(getuid());
+    const QString socket = runtime + u"/zelkor-"_s + QString::number(getuid());
     std::vector<std::unique_ptr<QProcess>> running;
 };
 
-TEST_F(SingleInstanceLaunch, aSecondLaunchHandsItsFilesToTheFirstAndEndsAtOnce) {
+TEST_F(SingleInstanceLaunch, aSecondLaunchHandsItsFilesToTheFirstAndACrashedOnesSocketIsTakenOver) {
     // Elsewhere, so that only an absolute path handed over finds the beat.
     QProcess& first = launch({}, runtime);
     ASSERT_TRUE(appears(socket, 10'000));
-    QProcess& second = launch({QStringLiteral("beat.wav")}, home.root());
+    QProcess& second = launch({u"beat.wav"_s}, home.root());
     ASSERT_TRUE(second.waitForFinished(10'000));
     EXPECT_EQ(second.exitStatus(), QProcess::NormalExit);
     EXPECT_EQ(second.exitCode(), 0);
-    EXPECT_TRUE(appears(home.root() + QStringLiteral("/beat (Tagged).wav")));
+    EXPECT_TRUE(appears(home.root() + u"/beat (Tagged).wav"_s));
     EXPECT_EQ(first.state(), QProcess::Running);
-}
 
-TEST_F(SingleInstanceLaunch, theSocketOfACrashedInstanceIsTakenOverByTheNextLaunch) {
-    QProcess& crashed = launch({}, runtime);
-    ASSERT_TRUE(appears(socket, 10'000));
-    crashed.kill();
-    crashed.waitForFinished();
+    first.kill();
+    first.waitForFinished();
     ASSERT_TRUE(QFileInfo::exists(socket));
     // Handed to the dead socket, the file would never be tagged.
-    QProcess& next = launch({QStringLiteral("next.wav")}, home.root());
-    EXPECT_TRUE(appears(home.root() + QStringLiteral("/next (Tagged).wav")));
+    QProcess& next = launch({u"next.wav"_s}, home.root());
+    EXPECT_TRUE(appears(home.root() + u"/next (Tagged).wav"_s));
     EXPECT_EQ(next.state(), QProcess::Running);
 }
 
@@ -122,7 +119,7 @@ TEST_F(SingleInstanceLaunch, filesGoOnlyToAndComeOnlyFromTheSameUser) {
     QTemporaryDir shared; // a folder anyone may write to, as /tmp is
     ASSERT_EQ(chmod(QFile::encodeName(shared.path()).constData(), 01777), 0);
     home.setEnv("XDG_RUNTIME_DIR", shared.path());
-    const QString path = shared.path() + QStringLiteral("/zelkor-0");
+    const QString path = shared.path() + u"/zelkor-0"_s;
     int report[2];
     ASSERT_EQ(pipe2(report, O_CLOEXEC), 0);
     const pid_t stranger = asUser(nobody->pw_uid, nobody->pw_gid, path, report[1], {}, true);
@@ -140,8 +137,8 @@ TEST_F(SingleInstanceLaunch, filesGoOnlyToAndComeOnlyFromTheSameUser) {
     };
 
     // Another user's server at the path: this launch opens its own window.
-    QProcess& own = launch({QStringLiteral("beat.wav")}, home.root());
-    const QString tagged = home.root() + QStringLiteral("/beat (Tagged).wav");
+    QProcess& own = launch({u"beat.wav"_s}, home.root());
+    const QString tagged = home.root() + u"/beat (Tagged).wav"_s;
     ::Test::waitUntil([&] { return QFileInfo::exists(tagged) || own.waitForFinished(20); }, 60'000);
     EXPECT_FALSE(strangerReceived());
     ASSERT_EQ(own.state(), QProcess::Running);
@@ -150,8 +147,8 @@ TEST_F(SingleInstanceLaunch, filesGoOnlyToAndComeOnlyFromTheSameUser) {
 
     // Its own server now; even reachable, it takes nothing from another user.
     ASSERT_EQ(chmod(QFile::encodeName(path).constData(), 0777), 0);
-    const QString theirs = home.root() + QStringLiteral("/theirs.wav");
-    ::Test::makeAudio(theirs, QStringLiteral("sine=frequency=220"), 3);
+    const QString theirs = home.root() + u"/theirs.wav"_s;
+    ::Test::makeAudio(theirs, u"sine=frequency=220"_s, 3);
     QByteArray bytes;
     QDataStream out(&bytes, QIODevice::WriteOnly);
     out.setVersion(QDataStream::Qt_6_4);
@@ -159,10 +156,10 @@ TEST_F(SingleInstanceLaunch, filesGoOnlyToAndComeOnlyFromTheSameUser) {
     int status = -1;
     waitpid(asUser(nobody->pw_uid, nobody->pw_gid, path, report[1], bytes, false), &status, 0);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the stranger could not connect";
-    QProcess& next = launch({QStringLiteral("next.wav")}, home.root());
+    QProcess& next = launch({u"next.wav"_s}, home.root());
     EXPECT_TRUE(next.waitForFinished(10'000));
-    EXPECT_TRUE(appears(home.root() + QStringLiteral("/next (Tagged).wav")));
-    EXPECT_FALSE(QFileInfo::exists(home.root() + QStringLiteral("/theirs (Tagged).wav")));
+    EXPECT_TRUE(appears(home.root() + u"/next (Tagged).wav"_s));
+    EXPECT_FALSE(QFileInfo::exists(home.root() + u"/theirs (Tagged).wav"_s));
 }
 
 TEST(SingleInstancePath, withoutARuntimeFolderTheSocketSitsInAFolderOnlyTheUserCanReach) {
@@ -171,17 +168,16 @@ TEST(SingleInstancePath, withoutARuntimeFolderTheSocketSitsInAFolderOnlyTheUserC
     ASSERT_EQ(chmod(QFile::encodeName(temporary.path()).constData(), 01777), 0);
     home.setEnv("TMPDIR", temporary.path());
     home.setEnv("XDG_RUNTIME_DIR", std::nullopt);
-    const QString folder =
-        temporary.path() + QStringLiteral("/zelkor-") + QString::number(getuid());
+    const QString folder = temporary.path() + u"/zelkor-"_s + QString::number(getuid());
     const QByteArray name = QFile::encodeName(folder);
     auto mode = [&] {
         struct stat info {};
         return lstat(name.constData(), &info) == 0 ? info.st_mode & 07777 : 0u;
     };
-    EXPECT_EQ(SingleInstance::defaultPath(), folder + QStringLiteral("/socket"));
+    EXPECT_EQ(SingleInstance::defaultPath(), folder + u"/socket"_s);
     EXPECT_EQ(mode(), 0700u);
     chmod(name.constData(), 0777);
-    EXPECT_EQ(SingleInstance::defaultPath(), folder + QStringLiteral("/socket"));
+    EXPECT_EQ(SingleInstance::defaultPath(), folder + u"/socket"_s);
     EXPECT_EQ(mode(), 0700u);
 
     // Someone else's folder, or a link, is no place for it: the launch runs alone.

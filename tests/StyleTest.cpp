@@ -1,5 +1,5 @@
-// The look's shared pieces: colours, the two faces with their fallbacks, and
-// SVG resources tinted with source-atop.
+// The look's shared pieces: the two faces with their fallbacks, and SVG
+// resources tinted with source-atop.
 #include "style/Fonts.h"
 #include "style/Image.h"
 #include "style/Palette.h"
@@ -9,14 +9,8 @@
 #include <QPainter>
 #include <gtest/gtest.h>
 
+using namespace Qt::StringLiterals;
 using namespace Style;
-
-TEST(Palette, rgbReadsTheLow24BitsAndTheAlpha) {
-    const QColor accent = rgb(0xA260FF);
-    EXPECT_EQ(accent, QColor(162, 96, 255));
-    EXPECT_NEAR(rgb(0xFF6B6B, 0.5).alphaF(), 0.5, 1e-4); // Qt keeps 16 bits a channel
-    EXPECT_EQ(rgb(0x12A260FF), accent);
-}
 
 class StyleResources : public ::testing::Test {
 protected:
@@ -24,7 +18,7 @@ protected:
     StyleResources() { home.setEnv("ZELKOR_RESOURCES", home.root()); }
 
     void writeSvg(const QString& name, const QByteArray& svg) {
-        ::Test::writeFile(home.root() + QLatin1Char('/') + name + QStringLiteral(".svg"), svg);
+        ::Test::writeFile(home.root() + u'/' + name + u".svg"_s, svg);
     }
 
     ::Test::FreshHome home;
@@ -32,31 +26,30 @@ protected:
 
 TEST_F(StyleResources, withoutShippedFontsOrImagesTheSystemFacesStandInAndTintsNeedInk) {
     registerFonts(); // no Fonts folder at all
-    const QFont heading = head(20);
     const QFont text = body(11);
     // What the faces draw, not what fontconfig says of them (it gives some
     // monospaced faces, Noto Sans Mono among them, no spacing at all).
     auto advances = [](const QFont& font) {
         const QFontMetricsF metrics(font);
-        return std::pair(metrics.horizontalAdvance(QStringLiteral("iiii")),
-                         metrics.horizontalAdvance(QStringLiteral("MMMM")));
+        return std::pair(metrics.horizontalAdvance(u"iiii"_s),
+                         metrics.horizontalAdvance(u"MMMM"_s));
     };
-    const auto [narrowHead, wideHead] = advances(heading);
+    const auto [narrowHead, wideHead] = advances(head(20));
     EXPECT_LT(narrowHead, wideHead);
     const auto [narrowBody, wideBody] = advances(text);
     EXPECT_DOUBLE_EQ(narrowBody, wideBody);
     EXPECT_EQ(text.weight(), QFont::Normal);
 
     // Tint lands only where the image has ink; missing or broken images are none.
-    EXPECT_FALSE(tinted(QStringLiteral("panel-strip"), lineStrong));
-    writeSvg(QStringLiteral("broken"), "<svg this is not");
-    EXPECT_FALSE(image(QStringLiteral("broken")));
+    EXPECT_FALSE(tinted(u"panel-strip"_s, lineStrong));
+    writeSvg(u"broken"_s, "<svg this is not");
+    EXPECT_FALSE(image(u"broken"_s));
 
     // Left half: red at half opacity; right half: nothing.
-    writeSvg(QStringLiteral("half"), R"(<svg xmlns="http://www.w3.org/2000/svg" width="20"
+    writeSvg(u"half"_s, R"(<svg xmlns="http://www.w3.org/2000/svg" width="20"
         height="10" viewBox="0 0 20 10"><rect width="10" height="10" fill="#FF0000"
         fill-opacity="0.5"/></svg>)");
-    const auto plate = tinted(QStringLiteral("half"), rgb(0xFAFAFA, 0.3));
+    const auto plate = tinted(u"half"_s, rgb(0xFAFAFA, 0.3));
     ASSERT_TRUE(plate);
     QImage canvas(20, 10, QImage::Format_ARGB32);
     canvas.fill(Qt::transparent);
@@ -72,21 +65,18 @@ TEST_F(StyleResources, withoutShippedFontsOrImagesTheSystemFacesStandInAndTintsN
 }
 
 TEST(FontNames, familyAndStyleAreMatchedToPostScriptNames) {
-    EXPECT_TRUE(matchesPostScriptName(QStringLiteral("Neutral Face"), QStringLiteral("Regular"),
-                                      QStringLiteral("NeutralFaceRegular")));
-    EXPECT_TRUE(matchesPostScriptName(QStringLiteral("OffBit 101"), QStringLiteral("Bold"),
-                                      QStringLiteral("OffBit-101Bold")));
-    EXPECT_FALSE(matchesPostScriptName(QStringLiteral("OffBit 101"), QStringLiteral("Regular"),
-                                       QStringLiteral("OffBit-101Bold")));
+    EXPECT_TRUE(matchesPostScriptName(u"Neutral Face"_s, u"Regular"_s, u"NeutralFaceRegular"_s));
+    EXPECT_TRUE(matchesPostScriptName(u"OffBit 101"_s, u"Bold"_s, u"OffBit-101Bold"_s));
+    EXPECT_FALSE(matchesPostScriptName(u"OffBit 101"_s, u"Regular"_s, u"OffBit-101Bold"_s));
 }
 
 TEST(ShippedImages, thePlateKeepsItsProportions) {
     ::Test::guiApplication();
-    const auto plate = tinted(QStringLiteral("panel-strip"), lineStrong);
+    const auto plate = tinted(u"panel-strip"_s, lineStrong);
     ASSERT_TRUE(plate);
     EXPECT_NEAR(plate->size().width(), 387.83, 1e-3);
     EXPECT_NEAR(plate->size().height(), 65.61, 1e-3);
-    const auto logo = image(QStringLiteral("logo"));
+    const auto logo = image(u"logo"_s);
     ASSERT_TRUE(logo);
     EXPECT_EQ(logo->size(), QSizeF(48, 48));
 }

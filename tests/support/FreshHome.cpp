@@ -8,11 +8,11 @@ namespace Test {
 
 FreshHome::FreshHome() {
     QDir().mkpath(root());
-    QDir().mkpath(m_dir.path() + QStringLiteral("/home"));
-    setEnv("HOME", m_dir.path() + QStringLiteral("/home"));
+    QDir().mkpath(at("/home"));
+    setEnv("HOME", at("/home"));
     setEnv("XDG_CONFIG_HOME", configHome());
     setEnv("XDG_DATA_HOME", dataHome());
-    setEnv("XDG_CACHE_HOME", cacheHome());
+    setEnv("XDG_CACHE_HOME", at("/cache"));
 }
 
 FreshHome::~FreshHome() {
@@ -23,29 +23,6 @@ FreshHome::~FreshHome() {
         else
             qunsetenv(it->first.constData());
     }
-}
-
-QString FreshHome::root() const {
-    return m_dir.path() + QStringLiteral("/scratch");
-}
-QString FreshHome::configHome() const {
-    return m_dir.path() + QStringLiteral("/config");
-}
-QString FreshHome::dataHome() const {
-    return m_dir.path() + QStringLiteral("/data");
-}
-QString FreshHome::cacheHome() const {
-    return m_dir.path() + QStringLiteral("/cache");
-}
-QString FreshHome::appData() const {
-    return dataHome() + QStringLiteral("/ODRAVEX Zelkor");
-}
-QString FreshHome::tagsDir() const {
-    return appData() + QStringLiteral("/Tags");
-}
-
-QString FreshHome::preferencesPath() const {
-    return configHome() + QStringLiteral("/ODRAVEX Zelkor/preferences.json");
 }
 
 QString FreshHome::useOwnRuntime() {

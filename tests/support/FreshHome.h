@@ -22,13 +22,12 @@ public:
     FreshHome(const FreshHome&) = delete;
     FreshHome& operator=(const FreshHome&) = delete;
 
-    QString root() const;            // a scratch folder for the test's own files
-    QString configHome() const;      // $XDG_CONFIG_HOME
-    QString dataHome() const;        // $XDG_DATA_HOME
-    QString cacheHome() const;       // $XDG_CACHE_HOME
-    QString appData() const;         // $XDG_DATA_HOME/ODRAVEX Zelkor
-    QString tagsDir() const;         // .../ODRAVEX Zelkor/Tags
-    QString preferencesPath() const; // $XDG_CONFIG_HOME/ODRAVEX Zelkor/preferences.json
+    QString root() const { return at("/scratch"); } // for the test's own files
+    QString configHome() const { return at("/config"); }
+    QString dataHome() const { return at("/data"); }
+    QString appData() const { return at("/data/ODRAVEX Zelkor"); }
+    QString tagsDir() const { return at("/data/ODRAVEX Zelkor/Tags"); }
+    QString preferencesPath() const { return at("/config/ODRAVEX Zelkor/preferences.json"); }
 
     // For a launched window: a private runtime folder (its single-instance socket)
     // and the offscreen platform. Returns the folder.
@@ -38,6 +37,8 @@ public:
     void setEnv(const char* name, const std::optional<QString>& value);
 
 private:
+    QString at(const char* path) const { return m_dir.path() + QLatin1String(path); }
+
     QTemporaryDir m_dir;
     std::vector<std::pair<QByteArray, std::optional<QByteArray>>> m_saved;
 };

@@ -30,18 +30,11 @@
 namespace Test {
 
 // Before the application exists, every folder it may write to points into a
-// temporary folder of this process: never the real home.
+// home of this process's own, and it draws offscreen.
 inline QApplication& guiApplication() {
-    static QTemporaryDir folder;
+    static FreshHome home;
     static QApplication* app = [] {
-        const QString runtime = folder.path() + QStringLiteral("/runtime");
-        QDir().mkpath(runtime);
-        QFile::setPermissions(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-        qputenv("XDG_RUNTIME_DIR", runtime.toLocal8Bit());
-        qputenv("XDG_CONFIG_HOME", (folder.path() + QStringLiteral("/config")).toLocal8Bit());
-        qputenv("XDG_DATA_HOME", (folder.path() + QStringLiteral("/data")).toLocal8Bit());
-        if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
-            qputenv("QT_QPA_PLATFORM", "offscreen");
+        home.useOwnRuntime();
         static int argc = 1;
         static char name[] = "zelkor-test";
         static char* argv[] = {name, nullptr};
@@ -156,6 +149,18 @@ protected:
         QDir().mkpath(QFileInfo(path).path());
         writeFile(path, bytes);
         return path;
+    }
+    // A clip in the tag library.
+    QString clip(const QString& name) {
+        const QString path = Tags::dir() + QLatin1Char('/') + name;
+        writeFile(path, "RIFF");
+        return path;
+    }
+    // `area` as the view draws it now.
+    QImage shown(const QRectF& area) { return view().snapshot(1).copy(area.toAlignedRect()); }
+    // Whether `area` shows the library as it is, as a view made now would.
+    bool current(const QRectF& area) {
+        return shown(area) == HUDView(services()).snapshot(1).copy(area.toAlignedRect());
     }
 
     FreshHome home;
