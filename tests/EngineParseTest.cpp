@@ -128,12 +128,12 @@ TEST(EnginePlacement, copiesRepeatWhileTheyEndByHalfASecondAfterTheTrackAndNever
     }
 }
 
-// Without the track's format: the delays in milliseconds, the clip's end as it is.
 TEST(EnginePlacement, theGraphFadesEachCopyAndMixesThemUnderTheTrack) {
     // The clip's gain is clamped between -40 and 12 dB.
     EXPECT_DOUBLE_EQ(Engine::clipGain(-5, -14, -20), 1);
     EXPECT_DOUBLE_EQ(Engine::clipGain(-9, -70, -10), -40);
     EXPECT_DOUBLE_EQ(Engine::clipGain(-1, -8, -30), 12);
+    // Without the track's format: the delays in milliseconds, the clip's end as it is.
     EXPECT_EQ(Engine::filterGraph({-3.25, {0.5, 30.5, 60.5}, 3, 0.97, std::nullopt}),
               u"[1:a]volume=-3.25dB,asetpts=N/SR/TB,afade=t=in:d=0.005:curve=hsin,areverse,"
               "asetpts=N/SR/TB,afade=t=in:d=0.005:curve=hsin,areverse,asetpts=N/SR/TB,"
