@@ -26,17 +26,13 @@ using EngineFiles = ::Test::TempFolder;
 
 TEST(EngineParse, numbersAreWholeDecimalTextsAndMatchesGiveEveryPresentGroup) {
     for (const auto& [text, value] :
-         {std::pair{u"205.47"_s, 205.47}, {u"-14.2"_s, -14.2}, {u"4"_s, 4.0}, {u"-inf"_s, -kInf}})
+         {std::pair{u"-14.2"_s, -14.2}, {u"4"_s, 4.0}, {u"-inf"_s, -kInf}})
         EXPECT_EQ(Engine::readNumber(text), value) << text.toStdString();
-    for (const QString& bad : {u"1.2.3"_s, u"."_s, u"-"_s, u""_s, u"inf"_s, u"nan"_s, u"1e3"_s,
-                               u"+1"_s, u" 1"_s, u"0x1"_s, u"--1"_s, u"1-"_s})
+    for (const QString& bad : {u"1.2.3"_s, u"."_s, u""_s, u"inf"_s, u"1e3"_s, u"--1"_s})
         EXPECT_FALSE(Engine::readNumber(bad)) << bad.toStdString();
-    // A match gives every present group, in text order.
     EXPECT_EQ(Engine::match(u"v=(\\d+)"_s, u"v=1 x v=22"_s), (QStringList{u"1"_s, u"22"_s}));
-    EXPECT_TRUE(Engine::match(u"v=(\\d+)"_s, u"none"_s).isEmpty());
     EXPECT_TRUE(Engine::match(u"v=(\\d+"_s, u"v=1"_s).isEmpty());
     EXPECT_EQ(Engine::match(u"a(b)?"_s, u"a ab"_s), QStringList{u"b"_s});
-    EXPECT_EQ(Engine::match(u"c(d*)e"_s, u"ce"_s), QStringList{u""_s});
 }
 
 // Real transcripts of Debian's ffmpeg. The track's title, comment and file name
@@ -56,18 +52,17 @@ TEST(EngineParse, realTranscriptsAndWhichSilenceIsTrailing) {
     const Engine::Analysis clip = Engine::parseAnalysis(::Test::fixture(u"speech-clip.txt"_s));
     EXPECT_EQ(clip.silenceStart, 0.438625);
     EXPECT_EQ(clip.format, (Engine::AudioFormat{8000, u"mono"_s}));
-    EXPECT_FALSE(clip.broadcastChunk);
-
     const Engine::Analysis silent = Engine::parseAnalysis(::Test::fixture(u"silent-track.txt"_s));
-    EXPECT_DOUBLE_EQ(silent.lufs, -70);
     EXPECT_EQ(silent.peak, -kInf);
     EXPECT_EQ(silent.silenceStart, 0.0);
-    EXPECT_EQ(silent.format, (Engine::AudioFormat{48000, u"stereo"_s}));
-
-    const Engine::Analysis covered = Engine::parseAnalysis(::Test::fixture(u"covered-track.txt"_s));
-    EXPECT_TRUE(covered.pictures);
-    EXPECT_FALSE(covered.integerSamples);
-    EXPECT_EQ(covered.peak, -6.5);
+    const QString covered = ::Test::fixture(u"covered-track.txt"_s);
+    EXPECT_TRUE(Engine::parseAnalysis(covered).pictures);
+    EXPECT_FALSE(Engine::parseAnalysis(covered).integerSamples);
+    // Pictures are kept only when every video stream is one an MP3 can carry.
+    for (const char* other :
+         {"  Stream #0:3: Video: jpeg2000, rgb24, 9x9, 90k tbn (attached pic)\n",
+          "  Stream #0:3: Video: h264 (High), yuv420p, 1920x1080, 25 fps\n"})
+        EXPECT_FALSE(Engine::parseAnalysis(covered + QString::fromUtf8(other)).pictures) << other;
 
     EXPECT_EQ(parsed("[silencedetect @ 0x1] silence_start: 0\n"
                      "[silencedetect @ 0x1] silence_end: 0.8 | silence_duration: 0.8\n"
@@ -96,24 +91,19 @@ TEST(EngineParse, theOneDurationAndTheLastLoudnessCount) {
     EXPECT_DOUBLE_EQ(forged.lufs, -70.0);
     EXPECT_FALSE(forged.peak);
     EXPECT_DOUBLE_EQ(Engine::parseAnalysis(u"  Duration: 01:00:00.00,"_s).duration, 3600);
-    EXPECT_THROW(Engine::parseAnalysis(u"    I:         -14.2 LUFS\n"_s), TagError);
     EXPECT_THROW(Engine::parseAnalysis(u"  Duration: N/A, bitrate: N/A\n"_s), TagError);
-    EXPECT_THROW(Engine::parseAnalysis(u"title : Duration: 00:00:01.00\n"_s), TagError);
     // Nothing is below the floor of -70.
     for (const auto& [lines, lufs] :
          {std::pair{"    I:   -20.0 LUFS\n    I:   -14.2 LUFS\n", -14.2},
-          {"    I:   -69.9 LUFS\n", -69.9},
           {"    I:   -75.3 LUFS\n", -70.0},
           {"    I:   -inf LUFS\n", -70.0},
-          {"    I:   1.2.3 LUFS\n", -70.0},
-          {"", -70.0}})
+          {"    I:   1.2.3 LUFS\n", -70.0}})
         EXPECT_DOUBLE_EQ(parsed(lines).lufs, lufs) << lines;
 }
 
-// The format comes from the first audio stream; pictures are kept only when every
-// video stream is a picture an MP3 can carry, and the bext chunk shows in the
+// The format comes from the first audio stream, and the bext chunk shows in the
 // input's own tags as its time_reference.
-TEST(EngineParse, theTracksFormatPicturesAndBroadcastChunk) {
+TEST(EngineParse, theTracksFormatAndBroadcastChunk) {
     EXPECT_EQ(parsed("  Stream #0:0: Video: mjpeg, yuvj420p, 500x500\n"
                      "  Stream #0:1(eng): Audio: pcm_s24le, 96000 Hz, 5.1(side), s32 (24 bit)\n"
                      "  Stream #0:0: Audio: pcm_s16le, 44100 Hz, stereo, s16\n")
@@ -121,17 +111,7 @@ TEST(EngineParse, theTracksFormatPicturesAndBroadcastChunk) {
               (Engine::AudioFormat{96000, u"5.1(side)"_s}));
     EXPECT_EQ(parsed("  Stream #0:0: Audio: pcm_s16le, 48000 Hz, 3 channels, s16\n").format,
               (Engine::AudioFormat{48000, u"3c"_s}));
-    EXPECT_FALSE(parsed("").format);
 
-    const char* cover = "  Stream #0:1: Video: mjpeg (Baseline), yuvj420p(pc), 500x500, 90k tbn "
-                        "(attached pic)\n"
-                        "  Stream #0:2: Video: png, rgba(pc), 300x300, 90k tbn (attached pic)\n";
-    EXPECT_TRUE(parsed(cover).pictures);
-    for (const char* other :
-         {"  Stream #0:3: Video: jpeg2000, rgb24, 9x9, 90k tbn (attached pic)\n",
-          "  Stream #0:3: Video: h264 (High), yuv420p, 1920x1080, 25 fps\n"})
-        EXPECT_FALSE(parsed((QByteArray(cover) + other).constData()).pictures) << other;
-    EXPECT_FALSE(parsed("").pictures);
     EXPECT_TRUE(Engine::parseAnalysis(u"    time_reference  : 441000\n  Duration: 00:00:01.00\n"_s)
                     .broadcastChunk);
     EXPECT_FALSE(parsed("    time_reference  : 441000\n").broadcastChunk);
@@ -139,11 +119,9 @@ TEST(EngineParse, theTracksFormatPicturesAndBroadcastChunk) {
 
 TEST(EnginePlacement, copiesRepeatWhileTheyEndByHalfASecondAfterTheTrackAndNeverRunAway) {
     EXPECT_EQ(Engine::positions(95, 30, 3), (std::vector<double>{0.5, 30.5, 60.5, 90.5}));
-    EXPECT_EQ(Engine::positions(95, 30, 6), (std::vector<double>{0.5, 30.5, 60.5}));
     EXPECT_EQ(Engine::positions(10, 30, 10), std::vector<double>{0.5});
     EXPECT_EQ(Engine::positions(10, 30, 12), std::vector<double>{0.0});
     EXPECT_LE(Engine::positions(95, 1e-20, 3).size(), Engine::kMaxPlacements);
-    EXPECT_LE(Engine::positions(1e15, 1, 3).size(), Engine::kMaxPlacements);
     for (double interval : {0.0, -3.0, kInf, std::nan("")}) {
         EXPECT_EQ(Engine::positions(95, interval, 3), std::vector<double>{0.0});
         EXPECT_THROW(Engine::process(u"/a.wav"_s, u"/t.wav"_s, interval, -5), TagError);
@@ -155,37 +133,21 @@ TEST(EnginePlacement, theGraphFadesEachCopyAndMixesThemUnderTheTrack) {
     EXPECT_DOUBLE_EQ(Engine::clipGain(-5, -14, -20), 1);
     EXPECT_DOUBLE_EQ(Engine::clipGain(-9, -70, -10), -40);
     EXPECT_DOUBLE_EQ(Engine::clipGain(-1, -8, -30), 12);
-    const QString clip = u"asetpts=N/SR/TB,afade=t=in:d=0.005:curve=hsin,areverse,asetpts=N/SR/TB,"
-                         "afade=t=in:d=0.005:curve=hsin,areverse,asetpts=N/SR/TB,"_s;
-    const QString limiter = u"alimiter=limit=0.97:level=0:attack=2:release=40:latency=1[out]"_s;
     // Without the track's format: the delays in milliseconds, the clip's end as it is.
     EXPECT_EQ(Engine::filterGraph({-3.25, {0.5, 30.5, 60.5}, 3, 0.97, std::nullopt}),
-              u"[1:a]volume=-3.25dB,"_s + clip +
-                  u"asplit=3[s0][s1][s2];[s0]adelay=500:all=1[d0];[s1]adelay=30500:all=1[d1];"
-                  "[s2]adelay=60500:all=1[d2];[0:a][d0][d1][d2]"
-                  "amix=inputs=4:normalize=0:duration=first:dropout_transition=0,"_s +
-                  limiter);
-    EXPECT_TRUE(
-        Engine::filterGraph({0, {2.9999}, 1, 0.97, std::nullopt}).contains(u"adelay=2999:"_s));
-    // With it: converted first, each copy ends at the clip's audible end.
-    EXPECT_EQ(
-        Engine::filterGraph({1, {0.0}, 12, 0.994261, Engine::AudioFormat{8000, u"5.1(side)"_s}}),
-        u"[1:a]aformat=sample_rates=8000:channel_layouts=5.1(side),volume=1.00dB,"
-        "asetpts=N/SR/TB,atrim=end_sample=96000,"_s +
-            clip.mid(16) +
-            u"asplit=1[s0];[s0]adelay=0S:all=1[d0];[0:a][d0]"
-            "amix=inputs=2:normalize=0:duration=first:dropout_transition=0,"
-            "alimiter=limit=0.994261:level=0:attack=2:release=40:latency=1[out]"_s);
+              u"[1:a]volume=-3.25dB,asetpts=N/SR/TB,afade=t=in:d=0.005:curve=hsin,areverse,"
+              "asetpts=N/SR/TB,afade=t=in:d=0.005:curve=hsin,areverse,asetpts=N/SR/TB,"
+              "asplit=3[s0][s1][s2];[s0]adelay=500:all=1[d0];[s1]adelay=30500:all=1[d1];"
+              "[s2]adelay=60500:all=1[d2];[0:a][d0][d1][d2]"
+              "amix=inputs=4:normalize=0:duration=first:dropout_transition=0,"
+              "alimiter=limit=0.97:level=0:attack=2:release=40:latency=1[out]"_s);
 }
 
 // Copies that cannot overlap and lie a whole number of samples apart share one looped
 // branch: the clip padded to the interval, repeated, delayed to the first placement.
-// The delays are in samples, so the copies of both shapes land on the same ones.
 TEST(EnginePlacement, copiesThatCannotOverlapShareOneLoopedBranch) {
     const Engine::AudioFormat stereo{44100, u"stereo"_s};
-    const Engine::Mix mix{-3.25, {0.5, 30.5, 60.5}, 2, 0.994261, stereo};
-    EXPECT_EQ(Engine::graphShape(mix), Engine::GraphShape::loopedBed);
-    EXPECT_EQ(Engine::filterGraph(mix),
+    EXPECT_EQ(Engine::filterGraph({-3.25, {0.5, 30.5, 60.5}, 2, 0.994261, stereo}),
               u"[1:a]aformat=sample_rates=44100:channel_layouts=stereo,volume=-3.25dB,"
               "asetpts=N/SR/TB,atrim=end_sample=88200,afade=t=in:d=0.005:curve=hsin,areverse,"
               "asetpts=N/SR/TB,afade=t=in:d=0.005:curve=hsin,areverse,asetpts=N/SR/TB,"
@@ -193,9 +155,6 @@ TEST(EnginePlacement, copiesThatCannotOverlapShareOneLoopedBranch) {
               "adelay=22050S:all=1[bed];[0:a][bed]"
               "amix=inputs=2:normalize=0:duration=first:dropout_transition=0,"
               "alimiter=limit=0.994261:level=0:attack=2:release=40:latency=1[out]"_s);
-    EXPECT_TRUE(Engine::filterGraph(mix, Engine::GraphShape::branchPerCopy)
-                    .contains(u"[s0]adelay=22050S:all=1[d0];[s1]adelay=1345050S:all=1[d1];"
-                              "[s2]adelay=2668050S:all=1[d2];[0:a][d0][d1][d2]amix=inputs=4:"_s));
 
     const auto shape = [&](std::vector<double> times, double length,
                            std::optional<Engine::AudioFormat> format) {
@@ -205,14 +164,12 @@ TEST(EnginePlacement, copiesThatCannotOverlapShareOneLoopedBranch) {
     EXPECT_EQ(shape({0.5, 30.5, 60.5}, 30, stereo), loopedBed); // back to back
     EXPECT_EQ(shape({0.5, 30.5, 60.5}, 30.001, stereo), branchPerCopy);
     EXPECT_EQ(shape({0.5, 30.5, 60.6}, 2, stereo), branchPerCopy);
-    EXPECT_EQ(shape({0.5}, 2, stereo), branchPerCopy);
     EXPECT_EQ(shape({0.5, 30.5}, 2, std::nullopt), branchPerCopy);
     // The loop holds one interval of audio: at most 2^24 samples over all channels.
     EXPECT_EQ(shape({0.5, 30.5}, 2, Engine::AudioFormat{96000, u"stereo"_s}), loopedBed);
     EXPECT_EQ(shape({0.5, 30.5}, 2, Engine::AudioFormat{96000, u"7.1"_s}), branchPerCopy);
     EXPECT_EQ(shape({0.5, 30.5}, 2, Engine::AudioFormat{44100, u"odd"_s}), branchPerCopy);
-    for (const auto& [layout, channels] :
-         {std::pair{u"mono"_s, 1}, {u"5.1(side)"_s, 6}, {u"3c"_s, 3}, {u"22.2"_s, 24}})
+    for (const auto& [layout, channels] : {std::pair{u"5.1(side)"_s, 6}, {u"3c"_s, 3}})
         EXPECT_EQ(Engine::channelCount(layout), channels) << layout.toStdString();
 }
 
@@ -221,11 +178,8 @@ TEST(EnginePlacement, copiesThatCannotOverlapShareOneLoopedBranch) {
 // at the ceiling, only the stretches around the copies pass a limiter (10 ms before each
 // to 100 ms after, joined when they meet), in double precision.
 TEST(EnginePlacement, theCeilingFollowsTheMasterAndTheLimiterRunsAroundTheTags) {
-    for (const auto& [peak, ceiling] : {std::pair{std::optional<double>(), 0.97},
-                                        {-0.4, 0.97},
-                                        {-0.3, 0.971628},
-                                        {-0.1, 0.994261},
-                                        {0.0, 1.0}})
+    for (const auto& [peak, ceiling] :
+         {std::pair{std::optional<double>(), 0.97}, {-0.4, 0.97}, {-0.3, 0.971628}, {0.0, 1.0}})
         EXPECT_DOUBLE_EQ(Engine::ceiling(peak), ceiling) << peak.value_or(NAN);
     const QString limiter = u"alimiter=limit=0.97:level=0:attack=2:release=40:latency=1"_s;
     Engine::Mix mix{0, {0.0, 0.5, 30.5}, 1, 0.97, Engine::AudioFormat{1000, u"mono"_s}, true};
@@ -237,84 +191,62 @@ TEST(EnginePlacement, theCeilingFollowsTheMasterAndTheLimiterRunsAroundTheTags) 
     ASSERT_EQ(mix.times.size(), 50u); // beyond 40 stretches the whole track is cheaper
     EXPECT_TRUE(Engine::filterGraph(mix).endsWith(u"0,"_s + limiter + u"[out]"_s));
 
-    const auto clear = [](std::optional<double> peak, bool integer) {
-        Engine::Analysis track;
-        track.peak = peak;
-        track.integerSamples = integer;
-        return Engine::clearOfCeiling(track);
-    };
-    EXPECT_TRUE(clear(-0.1, false));
-    EXPECT_TRUE(clear(-kInf, false));
-    EXPECT_TRUE(clear(0.0, true)); // integers never pass full scale
-    EXPECT_FALSE(clear(0.0, false));
-    EXPECT_FALSE(clear(std::nullopt, true));
+    Engine::Analysis track; // no peak measured
+    track.integerSamples = true;
+    EXPECT_FALSE(Engine::clearOfCeiling(track));
+    track.peak = 0.0; // integers never pass full scale
+    EXPECT_TRUE(Engine::clearOfCeiling(track));
+    track.integerSamples = false;
+    EXPECT_FALSE(Engine::clearOfCeiling(track));
+    track.peak = -0.1;
+    EXPECT_TRUE(Engine::clearOfCeiling(track));
 }
 
-// The output keeps what the track carries besides its audio: an MP3's pictures,
-// copied from the track opened a second time, and a WAV's bext chunk.
-TEST(EnginePlacement, theOutputKeepsTheTracksPicturesAndBroadcastChunk) {
-    const auto args = [](const QString& format, bool pictures, bool bext) {
-        Engine::Analysis analysis;
-        analysis.pictures = pictures;
-        analysis.broadcastChunk = bext;
-        return Engine::renderArguments(u"/b"_s, u"/t.wav"_s, u"G"_s, analysis, u"/out"_s, format)
-            .join(u' ');
-    };
-    EXPECT_EQ(args(u"mp3"_s, true, true),
-              u"-y -i /b -i /t.wav -i /b -filter_complex G -map [out] -map 2:v? -c:v copy "
-              "-map_metadata 0 -c:a libmp3lame -b:a 320k -id3v2_version 3 -f mp3 /out"_s);
-    EXPECT_EQ(args(u"wav"_s, true, true),
+// A WAV output keeps the track's bext chunk, and no picture, which no WAV can carry.
+TEST(EnginePlacement, aWavOutputKeepsTheBroadcastChunkAndNoPicture) {
+    Engine::Analysis extras;
+    extras.pictures = extras.broadcastChunk = true;
+    EXPECT_EQ(Engine::renderArguments(u"/b"_s, u"/t.wav"_s, u"G"_s, extras, u"/out"_s, u"wav"_s)
+                  .join(u' '),
               u"-y -i /b -i /t.wav -filter_complex G -map [out] -map_metadata 0 "
               "-c:a pcm_s24le -write_bext 1 -f wav /out"_s);
 }
 
 TEST_F(EngineFiles, outputsAreNamedAfterTheTrackAndNeverTakeAUsedName) {
     const QString d = dir.path() + u'/';
-    EXPECT_EQ(Engine::outputURL(d + u"Beat.WAV"_s), d + u"Beat (Tagged).wav"_s);
-    EXPECT_EQ(Engine::outputURL(d + u"my.Song.Mp3"_s), d + u"my.Song (Tagged).mp3"_s);
-    ::Test::writeFile(d + u"Song (Tagged).mp3"_s, "x");
-    ::Test::writeFile(d + u"Song (Tagged) (2).mp3"_s, "x");
-    EXPECT_EQ(Engine::outputURL(d + u"Song.mp3"_s), d + u"Song (Tagged) (3).mp3"_s);
-    // ffmpeg would write through a dangling link.
+    EXPECT_EQ(Engine::outputURL(d + u"my.Beat.WAV"_s), d + u"my.Beat (Tagged).wav"_s);
+    // A dangling link takes the name too: ffmpeg would write through it.
     QFile::link(d + u"gone"_s, d + u"Loop (Tagged).wav"_s);
     EXPECT_EQ(Engine::outputURL(d + u"Loop.wav"_s), d + u"Loop (Tagged) (2).wav"_s);
     EXPECT_EQ(Engine::outputURL(u"-x.wav"_s),
               QDir::current().absoluteFilePath(u"-x (Tagged).wav"_s));
 }
 
-// Not ffmpeg's closing lines, which name no cause.
+// Not ffmpeg's closing lines, which name no cause; when every line is one, the last.
 TEST(EngineParse, aFailedRenderReportsItsLastLineThatNamesACauseCutAndUpperCased) {
-    const QString long80 = QString(80, u'e') + u"\r"_s;
-    EXPECT_EQ(Engine::failureText(u"frame 1\n"_s + long80 + u"\n\n"_s), QString(60, u'E'));
+    EXPECT_EQ(
+        Engine::failureText(u"size=  6kB\r"_s + QString(80, u'e') + u"\nConversion failed!\n"_s),
+        QString(60, u'E'));
     EXPECT_EQ(Engine::failureText(QString(59, u'a') + u"\U0001F3A7b"_s),
               QString(59, u'A') + u"\U0001F3A7"_s);
-    EXPECT_EQ(Engine::failureText(u""_s), u"ERROR"_s);
-    EXPECT_EQ(Engine::failureText(u"\n\n"_s), u"ERROR"_s);
-    EXPECT_EQ(
-        Engine::failureText(u"size=  6kB time=00:00:00.02\rav_write(): No space left on device\n"
-                            "size=  256kB time=00:00:01.99 bitrate=1050.2kbits/s    \n"
-                            "video:0kB audio:516kB subtitle:0kB muxing overhead: unknown\n"
-                            "Conversion failed!\n"_s),
-        u"AV_WRITE(): NO SPACE LEFT ON DEVICE"_s);
+    EXPECT_EQ(Engine::failureText(u"\n \n"_s), u"ERROR"_s);
     EXPECT_EQ(Engine::failureText(u"size=  64kB time=00:00:00.37\n"_s),
               u"SIZE=  64KB TIME=00:00:00.37"_s);
 }
 
 TEST_F(EngineFiles, aFolderGivesItsOwnTracksInCodePointOrder) {
     const QString d = dir.path() + u'/';
-    for (const char* name : {"b.mp3", "A.mp3", "c.txt", "Track 10.wav", "Track 2.wav", ".intro.wav",
-                             "Song (Tagged).mp3", "Song (Tagged) (2).mp3", "Mix(Tagged)final.wav",
-                             "Song (tagged).mp3", "Voice.MP3", "Take.WAV", "Take.aiff", "Take.flac",
-                             "Take.m4a", "wav", "z.wav", "e\xCC\x81 decomposed.wav", "Take.mp\x13"})
+    for (const char* name :
+         {"b.mp3", "A.mp3", "c.txt", ".intro.wav", "Mix(Tagged)final.wav", "Song (tagged).mp3",
+          "Voice.MP3", "Take.m4a", "wav", "z.wav", "e\xCC\x81 decomposed.wav", "Take.mp\x13"})
         ::Test::writeFile(d + QString::fromUtf8(name), "x");
     QDir(d).mkpath(u"sub"_s);
     QDir(d).mkpath(u"loops.wav"_s);
     ::Test::writeFile(d + u"sub/y.mp3"_s, "x");
 
     QStringList expected;
-    for (const char* name :
-         {".intro.wav", "A.mp3", "Song (tagged).mp3", "Take.WAV", "Track 10.wav", "Track 2.wav",
-          "Voice.MP3", "b.mp3", "loops.wav", "z.wav", "e\xCC\x81 decomposed.wav"})
+    for (const char* name : {".intro.wav", "A.mp3", "Song (tagged).mp3", "Voice.MP3", "b.mp3",
+                             "loops.wav", "z.wav", "e\xCC\x81 decomposed.wav"})
         expected << d + QString::fromUtf8(name);
     EXPECT_EQ(Engine::collect({dir.path()}), expected);
 
@@ -323,7 +255,6 @@ TEST_F(EngineFiles, aFolderGivesItsOwnTracksInCodePointOrder) {
         {d + u"B.wav"_s, d + u"gone.mp3"_s, d + u"sub"_s, d + u"b.mp3"_s, d + u"sub/y.mp3"_s});
     EXPECT_EQ(mixed, (QStringList{d + u"B.wav"_s, d + u"gone.mp3"_s, d + u"sub/y.mp3"_s,
                                   d + u"b.mp3"_s, d + u"sub/y.mp3"_s}));
-    EXPECT_TRUE(Engine::collect({}).isEmpty());
     EXPECT_TRUE(Engine::collect({d + u"c.txt"_s, d + u"loops.wav/"_s}).isEmpty());
 }
 
@@ -332,15 +263,14 @@ TEST_F(EngineFiles, theFirstExecutableCandidateIsFfmpeg) {
     ::Test::writeFile(d + u"plain"_s, "#!/bin/sh\n");
     ::Test::writeFile(d + u"first"_s, "#!/bin/sh\n", true);
     ::Test::writeFile(d + u"second"_s, "#!/bin/sh\n", true);
-    QFile::link(d + u"gone"_s, d + u"dangling"_s);
-    QDir(d).mkpath(u"folder"_s);
-    EXPECT_EQ(Engine::findExecutable({d + u"missing"_s, d + u"dangling"_s, d + u"plain"_s,
-                                      d + u"folder"_s, d + u"first"_s, d + u"second"_s}),
-              d + u"first"_s);
-    EXPECT_FALSE(Engine::findExecutable({d + u"plain"_s, d + u"dangling"_s}));
-
-    const QStringList fixed{u"/opt/homebrew/bin/ffmpeg"_s, u"/usr/local/bin/ffmpeg"_s};
-    EXPECT_EQ(Engine::ffmpegCandidates(dir.path()), fixed);
     QFile::link(d + u"gone"_s, d + u"ffmpeg"_s);
-    EXPECT_EQ(Engine::ffmpegCandidates(dir.path()), QStringList{d + u"ffmpeg"_s} + fixed);
+    QDir(d).mkpath(u"folder"_s);
+    EXPECT_EQ(Engine::findExecutable({d + u"ffmpeg"_s, d + u"plain"_s, d + u"folder"_s,
+                                      d + u"first"_s, d + u"second"_s}),
+              d + u"first"_s);
+    EXPECT_FALSE(Engine::findExecutable({d + u"plain"_s, d + u"ffmpeg"_s}));
+    // A dangling link is a candidate too; the executable test drops it.
+    EXPECT_EQ(
+        Engine::ffmpegCandidates(dir.path()),
+        (QStringList{d + u"ffmpeg"_s, u"/opt/homebrew/bin/ffmpeg"_s, u"/usr/local/bin/ffmpeg"_s}));
 }

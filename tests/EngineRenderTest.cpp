@@ -7,7 +7,6 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QRegularExpression>
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -38,47 +37,26 @@ QString describe(const QString& path) {
     return ::Test::runProgram(::Test::systemFFmpeg(), {u"-hide_banner"_s, u"-i"_s, path}).err;
 }
 
-QString durationOf(const QString& path) {
-    return QRegularExpression(u"^\\s*(Duration: [^,]*)"_s, QRegularExpression::MultilineOption)
-        .match(describe(path))
-        .captured(1);
-}
-
-// The integrated loudness of the last summary (ffmpeg may set a graph up twice).
-double loudness(const QStringList& inputsAndFilter) {
-    const auto run = ::Test::runProgram(
-        ::Test::systemFFmpeg(), QStringList{u"-hide_banner"_s, u"-nostats"_s} + inputsAndFilter +
-                                    QStringList{u"-f"_s, u"null"_s, u"-"_s});
-    const QStringList values = Engine::match(u"I:\\s+(-?[\\d.]+) LUFS\\s+Threshold"_s, run.err);
-    return values.isEmpty() ? NAN : values.last().toDouble();
-}
-
-// The largest difference over both channels, frame by frame, decoded as the original is.
-std::vector<double> difference(const QString& tagged, const QString& original) {
-    const auto a = ::Test::samples(tagged, kRate, 2), b = ::Test::samples(original, kRate, 2);
-    std::vector<double> d(std::min(a.size(), b.size()) / 2);
-    for (std::size_t i = 0; i < 2 * d.size(); ++i)
-        d[i / 2] = std::max(d[i / 2], std::abs(a[i] - b[i]));
-    return d;
-}
-
-double peak(const std::vector<double>& d, double from, double to) {
-    const auto at = [&](double t) {
-        return d.begin() +
-               std::clamp<std::ptrdiff_t>(std::ptrdiff_t(t * kRate), 0, std::ptrdiff_t(d.size()));
-    };
-    return at(from) < at(to) ? *std::max_element(at(from), at(to)) : 0.0;
+// The largest difference of two decodings over both channels, from `from` to `to` seconds.
+double difference(const std::vector<double>& a, const std::vector<double>& b, double from,
+                  double to) {
+    double largest = 0;
+    for (auto i = std::size_t(from * kRate) * 2;
+         i < std::min(a.size(), std::size_t(to * kRate) * 2); ++i)
+        largest = std::max(largest, std::abs(a[i] - b.at(i)));
+    return largest;
 }
 
 using EngineRender = ::Test::TempFolder;
 
 } // namespace
 
-// A broadcast WAV keeps its INFO tags and its bext chunk's time reference.
-TEST_F(EngineRender, aWavTrackKeepsItsFormatTagsAndTimeReferenceAndHearsTheClipAtThePlacements) {
+// A broadcast WAV keeps its INFO tags and its bext chunk's time reference; the clip
+// alone, the difference of the two, sits the chosen 9 LU under the track.
+TEST_F(EngineRender, aWavTrackKeepsItsFormatTagsAndTimeReferenceAndHearsTheClipAtItsLevel) {
     const QString plain = path(u"plain.wav"_s), track = path(u"beat.wav"_s),
                   clip = path(u"speech.wav"_s);
-    ::Test::makeAudio(plain, kBeat, 19.5); // the last copy runs past the end
+    ::Test::makeAudio(plain, kBeat, 19.5);
     ::Test::ffmpeg({u"-i"_s, plain, u"-metadata"_s, u"title=Zelkör ビート 🎧"_s, u"-metadata"_s,
                     u"artist=Prod"_s, u"-metadata"_s, u"time_reference=123456789"_s,
                     u"-write_bext"_s, u"1"_s, u"-c:a"_s, u"pcm_s16le"_s, track});
@@ -86,7 +64,6 @@ TEST_F(EngineRender, aWavTrackKeepsItsFormatTagsAndTimeReferenceAndHearsTheClipA
     const QByteArray before = digest(track);
 
     const Engine::Result result = Engine::process(track, clip, 6, -9);
-    EXPECT_EQ(result.output, path(u"beat (Tagged).wav"_s));
     ASSERT_EQ(result.placements, 4);
     EXPECT_EQ(digest(track), before);
     const QString described = describe(result.output);
@@ -95,23 +72,14 @@ TEST_F(EngineRender, aWavTrackKeepsItsFormatTagsAndTimeReferenceAndHearsTheClipA
                                     u"title           : Zelkör ビート 🎧"_s,
                                     u"artist          : Prod"_s, u"time_reference  : 123456789"_s})
         EXPECT_TRUE(described.contains(expected)) << described.toStdString();
-    const QByteArray bytes = ::Test::readAll(result.output);
-    EXPECT_TRUE(bytes.contains("bext") && bytes.contains("INFO"));
-
-    const std::vector<double> d = difference(result.output, track);
-    for (double t : {0.5, 6.5, 12.5, 18.5})
-        EXPECT_GT(peak(d, t, t + 0.3), 0.05) << t;
-
-    const double clipLoudness =
-        loudness({u"-i"_s, result.output, u"-i"_s, track, u"-filter_complex"_s,
-                  u"[1:a]volume=-1[n];[0:a][n]amix=normalize=0,ebur128=framelog=verbose"_s});
-    EXPECT_NEAR(clipLoudness,
-                loudness({u"-i"_s, track, u"-af"_s, u"ebur128=framelog=verbose"_s}) - 9, 1.5);
+    ::Test::ffmpeg({u"-i"_s, result.output, u"-i"_s, track, u"-filter_complex"_s,
+                    u"[1:a]volume=-1[n];[0:a][n]amix=normalize=0"_s, path(u"clip.wav"_s)});
+    EXPECT_NEAR(Engine::analyze(path(u"clip.wav"_s)).lufs, Engine::analyze(track).lufs - 9, 1.5);
 }
 
 // An ID3v2.4 track with a Unicode title and a PNG cover: the same picture bytes and
-// title in an ID3v2.3 tag.
-TEST_F(EngineRender, anMp3TrackBecomesA320kMp3WithItsPictureAndTitle) {
+// title in the output's ID3v2.3 tag, and as long as the track.
+TEST_F(EngineRender, anMp3TrackKeepsItsPictureTitleAndLength) {
     const QString plain = path(u"plain.wav"_s), cover = path(u"cover.png"_s),
                   track = path(u"beat.mp3"_s), clip = path(u"stereo.wav"_s);
     ::Test::makeAudio(plain, kBeat, 16.2); // the last copy runs past the end
@@ -121,29 +89,23 @@ TEST_F(EngineRender, anMp3TrackBecomesA320kMp3WithItsPictureAndTitle) {
                     u"copy"_s, u"-disposition:v"_s, u"attached_pic"_s, u"-id3v2_version"_s, u"4"_s,
                     u"-metadata"_s, u"title=Zelkör ビート 🎧"_s, track});
     ::Test::makeAudio(clip, u"sine=frequency=1000"_s, 1, 48000, 2);
-    const QByteArray before = digest(track);
 
     const Engine::Result result = Engine::process(track, clip, 5, -9);
-    EXPECT_EQ(result.output, path(u"beat (Tagged).mp3"_s));
     ASSERT_EQ(result.placements, 4);
-    EXPECT_EQ(digest(track), before);
-    EXPECT_TRUE(::Test::readAll(result.output).startsWith(QByteArray("ID3\x03", 4)));
-    const QString described = describe(result.output);
-    EXPECT_TRUE(described.contains(u"Audio: mp3, 44100 Hz, stereo, fltp, 320 kb/s"_s));
-    EXPECT_TRUE(described.contains(u"title           : Zelkör ビート 🎧"_s));
-    EXPECT_EQ(durationOf(result.output), durationOf(track));
+    EXPECT_TRUE(describe(result.output).contains(u"title           : Zelkör ビート 🎧"_s));
+    EXPECT_EQ(Engine::analyze(result.output).duration, Engine::analyze(track).duration);
     const QString picture = path(u"picture.png"_s);
     ::Test::ffmpeg({u"-i"_s, result.output, u"-map"_s, u"0:v"_s, u"-c"_s, u"copy"_s, u"-f"_s,
                     u"image2"_s, picture});
     EXPECT_EQ(::Test::readAll(picture), ::Test::readAll(cover));
 
     // Outside the placements only the noise of a second encoding differs.
-    const std::vector<double> d = difference(result.output, track);
-    double outside = peak(d, 0, 0.5);
+    const auto a = ::Test::samples(result.output, kRate, 2), b = ::Test::samples(track, kRate, 2);
+    double outside = difference(a, b, 0, 0.5);
     for (double t : {0.5, 5.5, 10.5, 15.5})
-        outside = std::max(outside, peak(d, t + 1.1, t + 5));
+        outside = std::max(outside, difference(a, b, t + 1.1, t + 5));
     for (double t : {0.5, 5.5, 10.5, 15.5})
-        EXPECT_GT(peak(d, t, t + 1), 5 * outside) << t;
+        EXPECT_GT(difference(a, b, t, t + 1), 5 * outside) << t;
 }
 
 // Masters peaking at -0.1 dBFS and brickwalled at 0 dBFS pass bit-exact outside the
@@ -155,62 +117,55 @@ TEST_F(EngineRender, theMasterChangesOnlyUnderItsTagsAndCopiesNeverClick) {
     // Mono, at another rate, and stopping at a peak of its cosine.
     ::Test::makeAudio(clip, u"aevalsrc=0.5*cos(2*PI*250*t)"_s, 1, 22050, 1);
     ::Test::makeAudio(ordinary, kBeat, 12);
+    QStringList tracks{ordinary};
     // Dense, different in each channel, raised into a limiter at the given peak.
-    const auto master = [&](const QString& name, const QString& limit) {
+    for (const QString& limit : {u"0.98855"_s, u"1"_s}) {
         const QString noise = u"anoisesrc=color=pink:sample_rate=44100:duration=12:seed="_s;
+        tracks << path(limit + u".wav"_s);
         ::Test::ffmpeg(
             {u"-f"_s, u"lavfi"_s, u"-i"_s, noise + u'3', u"-f"_s, u"lavfi"_s, u"-i"_s, noise + u'4',
              u"-filter_complex"_s,
              u"amerge,volume=26dB,alimiter=limit=%1:level=0:attack=0.1:release=20"_s.arg(limit),
-             u"-c:a"_s, u"pcm_s16le"_s, path(name)});
-        return path(name);
-    };
-    const QString loud = master(u"loud.wav"_s, u"0.98855"_s),
-                  brick = master(u"brick.wav"_s, u"1"_s);
+             u"-c:a"_s, u"pcm_s16le"_s, tracks.last()});
+    }
 
     constexpr double kInterval = 5, kClip = 1, kAttack = 0.002, kRelease = 0.04;
-    const double meterStep = std::pow(10, 0.1 / 20);
     const auto underTag = [&](std::size_t frame) {
         const double t = double(frame) / kRate - 0.5 + kAttack + 0.001;
         return t >= 0 && std::fmod(t, kInterval) < kAttack + kClip + kRelease + 0.002;
     };
-    for (const QString& track : {ordinary, loud, brick}) {
+    for (const QString& track : tracks) {
+        SCOPED_TRACE(track.toStdString());
         const Engine::Result result = Engine::process(track, clip, kInterval, -1);
         ASSERT_EQ(result.placements, 3);
-        const auto a = ::Test::samples(result.output, kRate, 2);
-        const auto b = ::Test::samples(track, kRate, 2);
+        const auto a = ::Test::samples(result.output, kRate, 2),
+                   b = ::Test::samples(track, kRate, 2);
         ASSERT_EQ(a.size(), b.size());
-        std::size_t outside = 0, inside = 0;
+        std::size_t changed[2] = {0, 0}; // outside the tags, under them
         double masterPeak = 0, taggedPeak = 0;
         for (std::size_t i = 0; i < a.size(); ++i) {
+            changed[underTag(i / 2)] += a[i] != b[i];
             masterPeak = std::max(masterPeak, std::abs(b[i]));
-            if (!underTag(i / 2)) {
-                outside += a[i] != b[i];
-                continue;
-            }
-            inside += a[i] != b[i];
             taggedPeak = std::max(taggedPeak, std::abs(a[i]));
         }
-        EXPECT_EQ(outside, 0u) << track.toStdString();
-        EXPECT_GT(inside, 3u * kRate) << track.toStdString();
+        EXPECT_EQ(changed[0], 0u);
+        EXPECT_GT(changed[1], 3u * kRate);
         if (track != ordinary) { // a quieter master may rise to the 0.97 floor of the ceiling
-            EXPECT_LE(taggedPeak, masterPeak * meterStep) << track.toStdString();
+            EXPECT_LE(taggedPeak, masterPeak * std::pow(10, 0.1 / 20));
+            continue;
         }
-    }
-
-    // At each copy's first and last sample the clip steps in and out below -60 dBFS.
-    const auto a = ::Test::samples(path(u"ordinary (Tagged).wav"_s), kRate, 2);
-    const auto b = ::Test::samples(ordinary, kRate, 2);
-    const auto d = [&](std::size_t frame) { return a[2 * frame] - b[2 * frame]; };
-    for (double t : {0.5, 5.5, 10.5}) {
-        const auto start = std::size_t(std::lround(t * kRate));
-        std::size_t onset = start - 100;
-        while (d(onset) == 0)
-            ++onset;
-        EXPECT_LE(onset - start, 1u) << t;
-        for (std::size_t edge : {start, start + std::size_t(kClip * kRate)})
-            for (std::size_t i = edge - 3; i < edge + 3; ++i)
-                EXPECT_LT(std::abs(d(i) - d(i - 1)), 1e-3) << t << " " << i;
+        // At each copy's first and last sample the clip steps in and out below -60 dBFS.
+        const auto d = [&](std::size_t frame) { return a[2 * frame] - b[2 * frame]; };
+        for (double t : {0.5, 5.5, 10.5}) {
+            const auto start = std::size_t(std::lround(t * kRate));
+            std::size_t onset = start - 100;
+            while (d(onset) == 0)
+                ++onset;
+            EXPECT_LE(onset - start, 1u) << t;
+            for (std::size_t edge : {start, start + std::size_t(kClip * kRate)})
+                for (std::size_t i = edge - 3; i < edge + 3; ++i)
+                    EXPECT_LT(std::abs(d(i) - d(i - 1)), 1e-3) << t << " " << i;
+        }
     }
 }
 
@@ -258,27 +213,12 @@ QString renderedDigest(const SamenessCase& c, const Engine::Mix& mix, Engine::Gr
         waves.join(u'|'), c.layout, QString::number(c.rate), QString::number(seconds));
     const QString clip = u"sine=frequency=900:sample_rate=22050:duration=%1%2"_s.arg(
         QString::number(c.clip), c.silence ? u",apad=pad_dur=0.7"_s : QString());
-    const auto run = ::Test::runProgram(::Test::systemFFmpeg(), {u"-hide_banner"_s,
-                                                                 u"-nostdin"_s,
-                                                                 u"-v"_s,
-                                                                 u"error"_s,
-                                                                 u"-f"_s,
-                                                                 u"lavfi"_s,
-                                                                 u"-i"_s,
-                                                                 track,
-                                                                 u"-f"_s,
-                                                                 u"lavfi"_s,
-                                                                 u"-i"_s,
-                                                                 clip,
-                                                                 u"-filter_complex"_s,
-                                                                 Engine::filterGraph(mix, shape),
-                                                                 u"-map"_s,
-                                                                 u"[out]"_s,
-                                                                 u"-c:a"_s,
-                                                                 u"pcm_s24le"_s,
-                                                                 u"-f"_s,
-                                                                 u"md5"_s,
-                                                                 u"-"_s});
+    const auto run =
+        ::Test::runProgram(::Test::systemFFmpeg(),
+                           u"-hide_banner -nostdin -v error -f lavfi -i"_s.split(u' ') +
+                               QStringList{track, u"-f"_s, u"lavfi"_s, u"-i"_s, clip,
+                                           u"-filter_complex"_s, Engine::filterGraph(mix, shape)} +
+                               u"-map [out] -c:a pcm_s24le -f md5 -"_s.split(u' '));
     EXPECT_EQ(run.status, 0) << run.err.toStdString();
     return run.out;
 }
@@ -296,24 +236,17 @@ TEST(EngineSameness, theLoopedBedWritesTheSameSamplesAsOneBranchPerCopy) {
     if (qEnvironmentVariableIsSet("ZELKOR_FULL_SAMENESS"))
         cases = fullSamenessTable();
     for (const SamenessCase& c : cases) {
+        SCOPED_TRACE(testing::Message()
+                     << c.rate << " Hz " << c.layout.toStdString() << ", every " << c.interval
+                     << " s x " << c.placements << ", clip " << c.clip << " s");
         const double duration = 0.5 + (c.placements - 1) * c.interval + c.clip + 0.25;
-        Engine::Mix mix{6,
-                        Engine::positions(duration, c.interval, c.clip),
-                        c.clip,
-                        c.fullScale ? 1 : 0.97,
-                        Engine::AudioFormat{c.rate, c.layout},
-                        true};
+        Engine::Mix mix{6, {}, c.clip, c.fullScale ? 1 : 0.97, {{c.rate, c.layout}}, true};
+        mix.times = Engine::positions(duration, c.interval, c.clip);
         ASSERT_EQ(mix.times.size(), std::size_t(c.placements));
-        const std::string name = u"%1 Hz %2, every %3 s x %4, clip %5 s"_s.arg(c.rate)
-                                     .arg(c.layout)
-                                     .arg(c.interval)
-                                     .arg(c.placements)
-                                     .arg(c.clip)
-                                     .toStdString();
         const QString looped = renderedDigest(c, mix, Engine::GraphShape::loopedBed);
-        EXPECT_TRUE(looped.startsWith(u"MD5="_s)) << name;
+        EXPECT_TRUE(looped.startsWith(u"MD5="_s));
         mix.clearOfCeiling = false;
-        EXPECT_EQ(looped, renderedDigest(c, mix, Engine::GraphShape::branchPerCopy)) << name;
+        EXPECT_EQ(looped, renderedDigest(c, mix, Engine::GraphShape::branchPerCopy));
     }
 }
 
@@ -322,7 +255,6 @@ TEST_F(EngineRender, unreadableFilesGiveCantReadFileAndNoOutput) {
     ::Test::makeAudio(good, kBeat, 2);
     ::Test::writeFile(path(u"corrupt.wav"_s), QByteArray("RIFF\x13\xfe\x80WAVEfmt ").repeated(300));
     ::Test::writeFile(path(u"empty.mp3"_s), {});
-    ::Test::writeFile(path(u"notes.mp3"_s), "these are not sounds\n");
     const auto failure = [](const QString& track, const QString& clip) {
         try {
             Engine::process(track, clip, 30, -5);
@@ -331,12 +263,14 @@ TEST_F(EngineRender, unreadableFilesGiveCantReadFileAndNoOutput) {
         }
         return QString();
     };
-    for (const char* name : {"corrupt.wav", "empty.mp3", "notes.mp3", "gone.wav"})
+    for (const char* name : {"corrupt.wav", "empty.mp3", "gone.wav"})
         EXPECT_EQ(failure(path(QString::fromUtf8(name)), good), u"CAN'T READ FILE"_s) << name;
-    // A picture has a duration, and nothing to hear.
+    // Clips with nothing to hear: a picture, which has a duration, and a clip with no samples.
     ::Test::ffmpeg({u"-f"_s, u"lavfi"_s, u"-i"_s, u"testsrc=duration=1"_s, u"-c:v"_s, u"mpeg4"_s,
                     path(u"video.m4a"_s)});
-    EXPECT_EQ(failure(good, path(u"video.m4a"_s)), u"CAN'T READ FILE"_s);
+    ::Test::ffmpeg({u"-i"_s, good, u"-af"_s, u"atrim=end_sample=0"_s, path(u"no samples.wav"_s)});
+    for (const char* clip : {"video.m4a", "no samples.wav"})
+        EXPECT_EQ(failure(good, path(QString::fromUtf8(clip))), u"CAN'T READ FILE"_s) << clip;
     EXPECT_TRUE(QDir(dir.path()).entryList({u"*Tagged*"_s}, QDir::Files | QDir::Hidden).isEmpty());
 }
 
@@ -379,15 +313,13 @@ TEST_F(EngineRender, aClipIsMeasuredOnceWithoutItsTrailingSilence) {
     const QString speech = path(u"speech.wav"_s), padded = path(u"padded.wav"_s);
     makeSpeech(speech);
     ::Test::ffmpeg({u"-i"_s, speech, u"-af"_s, u"apad=pad_dur=1.5"_s, padded});
-    const double duration = Engine::analyze(padded).duration;
-    const Engine::TagInfo first = Engine::info(padded);
-    EXPECT_GT(first.length, 0.5);
-    EXPECT_LT(first.length, duration - 1.4);
+    const double length = Engine::info(padded).length;
+    EXPECT_GT(length, 0.5);
+    EXPECT_LT(length, Engine::analyze(padded).duration - 1.4);
 
-    // Cached by path: even a vanished file is not measured again, until the
-    // engine starts afresh.
+    // Cached by path: even a vanished file is not measured again, until the engine starts afresh.
     QFile::remove(padded);
-    EXPECT_EQ(Engine::info(padded).length, first.length);
+    EXPECT_EQ(Engine::info(padded).length, length);
     Engine::EngineState::shared().reset();
     EXPECT_THROW(Engine::info(padded), TagError);
 
