@@ -1,17 +1,13 @@
 // The engine end to end: the real ffmpeg tags audio generated here.
 #include "engine/Engine.h"
-#include "engine/EngineState.h"
 #include "support/TestSupport.h"
 
-#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
-#include <QFileInfo>
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <gtest/gtest.h>
-#include <thread>
 
 using namespace Qt::StringLiterals;
 
@@ -26,10 +22,6 @@ void makeSpeech(const QString& path) {
                                            {u"-w"_s, path + u".wav"_s, u"Zelkor on the beat"_s});
     ASSERT_EQ(spoken.status, 0) << spoken.err.toStdString();
     ::Test::ffmpeg({u"-i"_s, path + u".wav"_s, u"-ar"_s, u"8000"_s, path});
-}
-
-QByteArray digest(const QString& path) {
-    return QCryptographicHash::hash(::Test::readAll(path), QCryptographicHash::Sha256);
 }
 
 // What ffmpeg prints about a file: its duration and stream lines.
@@ -61,11 +53,11 @@ TEST_F(EngineRender, aWavTrackKeepsItsFormatTagsAndTimeReferenceAndHearsTheClipA
                     u"artist=Prod"_s, u"-metadata"_s, u"time_reference=123456789"_s,
                     u"-write_bext"_s, u"1"_s, u"-c:a"_s, u"pcm_s16le"_s, track});
     makeSpeech(clip);
-    const QByteArray before = digest(track);
+    const QByteArray before = ::Test::readAll(track);
 
     const Engine::Result result = Engine::process(track, clip, 6, -9);
     ASSERT_EQ(result.placements, 4);
-    EXPECT_EQ(digest(track), before);
+    EXPECT_TRUE(::Test::readAll(track) == before); // the original untouched
     const QString described = describe(result.output);
     for (const QString& expected : {u"Duration: 00:00:19.50"_s,
                                     u"Audio: pcm_s24le ([1][0][0][0] / 0x0001), 44100 Hz, stereo"_s,
@@ -83,8 +75,7 @@ TEST_F(EngineRender, anMp3TrackKeepsItsPictureTitleAndLength) {
     const QString plain = path(u"plain.wav"_s), cover = path(u"cover.png"_s),
                   track = path(u"beat.mp3"_s), clip = path(u"stereo.wav"_s);
     ::Test::makeAudio(plain, kBeat, 16.2); // the last copy runs past the end
-    ::Test::ffmpeg(
-        {u"-f"_s, u"lavfi"_s, u"-i"_s, u"testsrc=size=64x48"_s, u"-frames:v"_s, u"1"_s, cover});
+    ::Test::ffmpeg(u"-f lavfi -i testsrc=size=64x48 -frames:v 1"_s.split(u' ') << cover);
     ::Test::ffmpeg({u"-i"_s, plain, u"-i"_s, cover, u"-map"_s, u"0"_s, u"-map"_s, u"1"_s, u"-c:v"_s,
                     u"copy"_s, u"-disposition:v"_s, u"attached_pic"_s, u"-id3v2_version"_s, u"4"_s,
                     u"-metadata"_s, u"title=Zelkör ビート 🎧"_s, track});
@@ -253,8 +244,6 @@ TEST(EngineSameness, theLoopedBedWritesTheSameSamplesAsOneBranchPerCopy) {
 TEST_F(EngineRender, unreadableFilesGiveCantReadFileAndNoOutput) {
     const QString good = path(u"good.wav"_s);
     ::Test::makeAudio(good, kBeat, 2);
-    ::Test::writeFile(path(u"corrupt.wav"_s), QByteArray("RIFF\x13\xfe\x80WAVEfmt ").repeated(300));
-    ::Test::writeFile(path(u"empty.mp3"_s), {});
     const auto failure = [](const QString& track, const QString& clip) {
         try {
             Engine::process(track, clip, 30, -5);
@@ -263,11 +252,10 @@ TEST_F(EngineRender, unreadableFilesGiveCantReadFileAndNoOutput) {
         }
         return QString();
     };
-    for (const char* name : {"corrupt.wav", "empty.mp3", "gone.wav"})
-        EXPECT_EQ(failure(path(QString::fromUtf8(name)), good), u"CAN'T READ FILE"_s) << name;
+    EXPECT_EQ(failure(path(u"gone.wav"_s), good), u"CAN'T READ FILE"_s);
     // Clips with nothing to hear: a picture, which has a duration, and a clip with no samples.
-    ::Test::ffmpeg({u"-f"_s, u"lavfi"_s, u"-i"_s, u"testsrc=duration=1"_s, u"-c:v"_s, u"mpeg4"_s,
-                    path(u"video.m4a"_s)});
+    ::Test::ffmpeg(u"-f lavfi -i testsrc=duration=1 -c:v mpeg4"_s.split(u' ')
+                   << path(u"video.m4a"_s));
     ::Test::ffmpeg({u"-i"_s, good, u"-af"_s, u"atrim=end_sample=0"_s, path(u"no samples.wav"_s)});
     for (const char* clip : {"video.m4a", "no samples.wav"})
         EXPECT_EQ(failure(good, path(QString::fromUtf8(clip))), u"CAN'T READ FILE"_s) << clip;
@@ -317,40 +305,13 @@ TEST_F(EngineRender, aClipIsMeasuredOnceWithoutItsTrailingSilence) {
     EXPECT_GT(length, 0.5);
     EXPECT_LT(length, Engine::analyze(padded).duration - 1.4);
 
-    // Cached by path: even a vanished file is not measured again, until the engine starts afresh.
+    // Cached by path: even a vanished file is not measured again.
     QFile::remove(padded);
     EXPECT_EQ(Engine::info(padded).length, length);
-    Engine::EngineState::shared().reset();
-    EXPECT_THROW(Engine::info(padded), TagError);
 
     // A blip followed by silence still counts half a second; a failure is not cached.
     const QString blip = path(u"blip.wav"_s);
     EXPECT_THROW(Engine::info(blip), TagError);
     ::Test::makeAudio(blip, u"aevalsrc=0.3*sin(2*PI*440*t)*lt(t\\,0.2)"_s, 1.5, 44100, 1);
     EXPECT_EQ(Engine::info(blip).length, 0.5);
-}
-
-// In-process, where the thread sanitizer sees the engine's shared state: one
-// analysis of the clip, and no two jobs on one output name.
-TEST_F(EngineRender, callsFromManyThreadsShareOneClipAnalysisAndDistinctNames) {
-    const QString track = path(u"beat.wav"_s), clip = path(u"tag.wav"_s);
-    ::Test::makeAudio(track, kBeat, 12);
-    ::Test::makeAudio(clip, u"sine=frequency=1200"_s, 0.8, 22050, 1);
-    std::vector<Engine::TagInfo> infos(4);
-    std::vector<QString> outputs(4);
-    std::vector<std::thread> threads;
-    for (std::size_t i = 0; i < 4; ++i)
-        threads.emplace_back([&, i] {
-            infos[i] = Engine::info(clip);
-            outputs[i] = Engine::process(track, clip, 5, -5).output;
-        });
-    for (std::thread& thread : threads)
-        thread.join();
-    for (const Engine::TagInfo& info : infos) {
-        EXPECT_EQ(info.lufs, infos[0].lufs);
-        EXPECT_EQ(info.length, infos[0].length);
-    }
-    std::sort(outputs.begin(), outputs.end());
-    EXPECT_EQ(std::unique(outputs.begin(), outputs.end()), outputs.end());
-    EXPECT_TRUE(QFileInfo::exists(path(u"beat (Tagged) (4).wav"_s)));
 }
