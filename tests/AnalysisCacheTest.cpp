@@ -22,8 +22,7 @@ void awaitSettled(const QString& path) {
 }
 
 QStringList entries() {
-    QDir folder(Engine::AnalysisCache::folder());
-    return folder.entryList(QDir::Files | QDir::Hidden);
+    return QDir(Engine::AnalysisCache::folder()).entryList(QDir::Files | QDir::Hidden);
 }
 
 struct Counting {
@@ -128,5 +127,4 @@ TEST(AnalysisCache, aSecondRunMeasuresNothingUnlessFfmpegIsAnotherOrItIsTurnedOf
     EXPECT_EQ(tag(first), 2);
     EXPECT_EQ(tag(other), 2);
     EXPECT_EQ(tag(first, {u"--no-cache"_s}), 4);
-    EXPECT_EQ(QDir(home.root()).entryList({u"beat (Tagged)*"_s}).size(), 4);
 }
