@@ -31,9 +31,8 @@ namespace {
 
 // What only the parse shows: "--" ends the options, the first snapshot path counts.
 TEST(LaunchArguments, filesAfterADoubleDashAndTheFirstSnapshotPathCount) {
-    const LaunchOptions options =
-        parseArguments({u"zelkor"_s, u"/music"_s, u"--snapshot"_s, u"a.png"_s,
-                        u"--snapshot=b.png"_s, u"--"_s, u"--odd.wav"_s});
+    const LaunchOptions options = parseArguments(
+        u"zelkor /music --snapshot a.png --snapshot=b.png -- --odd.wav"_s.split(u' '));
     EXPECT_TRUE(options.error.isEmpty());
     EXPECT_EQ(options.snapshot, u"a.png"_s);
     EXPECT_EQ(options.files, (QStringList{u"/music"_s, QDir::currentPath() + u"/--odd.wav"_s}));

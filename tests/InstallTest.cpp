@@ -73,10 +73,9 @@ TEST(Install, writesExactlyItsManifestWhereTheDesktopLooksAndUninstallTakesItBac
     ::Test::FreshHome home;
     const QString stage = home.root() + u"/stage"_s;
     const QString prefix = stage + u"/opt/zelkor"_s;
-    const ::Test::Process install = runTool(
-        u"cmake"_s,
-        {u"--install"_s, kBuild, u"--component"_s, u"zelkor"_s, u"--prefix"_s, u"/opt/zelkor"_s},
-        {u"DESTDIR="_s + stage});
+    const QStringList options = u"--component zelkor --prefix /opt/zelkor"_s.split(u' ');
+    const ::Test::Process install =
+        runTool(u"cmake"_s, QStringList{u"--install"_s, kBuild} + options, {u"DESTDIR="_s + stage});
     ASSERT_EQ(install.status, 0) << install.err.toStdString();
     const QStringList manifest = manifestUnder(stage);
     EXPECT_EQ(filesUnder(stage), manifest);
