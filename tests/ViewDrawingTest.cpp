@@ -28,10 +28,6 @@ QRect extent(const QImage& image, const QRect& box, const std::function<bool(QCo
     return found;
 }
 
-double middleY(const QRect& extent) {
-    return QRectF(extent).center().y();
-}
-
 // Pixels brighter than the background.
 QRect lit(const QImage& image, const QRect& box, int threshold = 40) {
     return extent(image, box, [threshold](QColor c) {
@@ -57,7 +53,7 @@ void expectDrawn(const QImage& image, const Text& text, int threshold = 40) {
     const double bearing = std::max(3.0, text.style.size / 8);
     EXPECT_NEAR(ink.left(), text.x, bearing) << text.string.toStdString();
     EXPECT_NEAR(ink.right() + 1, text.right(), bearing) << text.string.toStdString();
-    EXPECT_NEAR(middleY(ink), text.line, 1.0) << text.string.toStdString();
+    EXPECT_NEAR(QRectF(ink).center().y(), text.line, 1.0) << text.string.toStdString();
 }
 
 class ViewDrawing : public ::Test::ViewFixture {
@@ -84,7 +80,9 @@ TEST_F(ViewDrawing, eachStateShowsItsDecisivePixels) {
     const HUDLayout::Zone* z = &view().layout().zone;
     EXPECT_TRUE(is(t->statusSquare.center(), over(lineStrong, black))); // grey
     EXPECT_EQ(z->headline.string, u"ADD A TAG"_s);
-    expectDrawn(image, z->headline, 120);
+    // The shipped logo, drawn where the layout put it.
+    EXPECT_TRUE(
+        lit(image, view().layout().header.logo.value_or(QRectF()).toAlignedRect()).isValid());
     EXPECT_EQ(t->text.string, u"NO TAG \u2014 ADD YOUR TAG FILE"_s);
     EXPECT_TRUE(lit(image, box(t->text)).isValid());
     EXPECT_FALSE(lit(image, box(t->text), 200).isValid()); // dim, never white
@@ -139,7 +137,7 @@ TEST_F(ViewDrawing, eachStateShowsItsDecisivePixels) {
                            static_cast<int>(z->counterLine) - 25, 300, 50);
     const QRect firstDigit(lit(image, counterBox).left(), counterBox.top(), 16,
                            counterBox.height());
-    EXPECT_NEAR(middleY(lit(image, firstDigit)), z->counterLine, 1.0);
+    EXPECT_NEAR(QRectF(lit(image, firstDigit)).center().y(), z->counterLine, 1.0);
 }
 
 TEST_F(ViewDrawing, logShowsTheLastFourWithALongNameShortened) {
@@ -206,7 +204,6 @@ TEST_F(ViewDrawing, hitsFollowTheDrawingOrderAndTheChosenSegmentsAreWhite) {
         EXPECT_TRUE(i < 2 || (chosen ? near(inside, white) : near(inside, black, 0))) << i;
     }
     EXPECT_EQ(layout.header.every.string, u"EVERY / 45S"_s);
-    EXPECT_EQ(layout.zone.footer.string, u"EVERY 45S // HIGH"_s);
 }
 
 namespace {
@@ -245,15 +242,13 @@ TEST(ViewText, widthLeavesOutTheLastKernAndShorteningFollowsTheRoundByRoundRule)
     EXPECT_NEAR(HUDView::width(u"ABCD"_s, kerned), HUDView::width(u"ABCD"_s, plain) + 3 * 0.890625,
                 1e-6);
 
-    // Shortening agrees with the round-by-round rule and stops at the minimum
-    // (7 for the log, 5 for the tag row).
+    // Every room, with the log's minimum of 7: a text of exactly 7 characters
+    // is still shortened once.
     for (const QString& text :
          {u"> AN EXTREMELY LONG BEAT NAME.wav"_s,
           u"e\u0301e\u0301e\u0301e\u0301e\u0301e\u0301e\u0301e\u0301"_s,
-          u"BEAT \U0001F3B9\U0001F3B9\U0001F3B9 FINAL FINAL.mp3"_s, u"ABCD"_s})
-        for (const int minimum : {5, 7})
-            for (qsizetype room = 0; room <= graphemes(text) + 1; ++room)
-                EXPECT_EQ(HUDLayout::shortened(text, minimum, atMost(room)),
-                          reference(text, minimum, atMost(room)))
-                    << text.toStdString() << " " << minimum << " " << room;
+          u"BEAT \U0001F3B9\U0001F3B9\U0001F3B9 FINAL FINAL.mp3"_s, u"ABCDEFG"_s})
+        for (qsizetype room = 0; room <= graphemes(text) + 1; ++room)
+            EXPECT_EQ(HUDLayout::shortened(text, 7, atMost(room)), reference(text, 7, atMost(room)))
+                << text.toStdString() << " " << room;
 }

@@ -43,8 +43,6 @@ protected:
         return titles;
     }
 
-    const LogLine& last() { return view().state().log.back(); }
-
     // The answer ("copy" or "none") followed by the hover flags that are set.
     template<typename Event = QDragMoveEvent>
     std::string drag(QPoint at, const QStringList& paths) {
@@ -122,12 +120,11 @@ TEST_F(ViewClicks, theDropZoneAsksForATagFirstThenForTracks) {
 
     click(view(), centre); // cancelled: nothing starts
     EXPECT_FALSE(view().state().busy);
-    file(u"beats/beat.wav"_s, "RIFF");
-    panels.tracks = QStringList{home.root() + u"/beats"_s};
+    panels.tracks = QStringList{file(u"beat.wav"_s, "RIFF")};
     click(view(), centre);
     EXPECT_EQ(panels.tagPanels, 1);
     EXPECT_EQ(panels.trackPanels, 2);
-    EXPECT_EQ(view().state().progress, (HUDView::Progress{0, 1})); // a batch over the folder
+    EXPECT_EQ(view().state().progress, (HUDView::Progress{0, 1})); // a batch over the track
 }
 
 TEST_F(TagMenu, listsTheClipsWithTheSelectedOneCheckedPicksRemovesAndAddsThem) {
@@ -144,7 +141,7 @@ TEST_F(TagMenu, listsTheClipsWithTheSelectedOneCheckedPicksRemovesAndAddsThem) {
 
     // Removing the selected clip falls back to the first left, then to none.
     choose(u"Remove “a”"_s);
-    EXPECT_EQ(last(), (LogLine{u"TAG REMOVED: A"_s, u"TRASH"_s, dim}));
+    EXPECT_EQ(view().state().log.back(), (LogLine{u"TAG REMOVED: A"_s, u"TRASH"_s, dim}));
     EXPECT_EQ(tags.selected(), b);
     EXPECT_TRUE(current(view().tagRowRect()));
     choose(u"Remove “b”"_s);
@@ -155,7 +152,7 @@ TEST_F(TagMenu, listsTheClipsWithTheSelectedOneCheckedPicksRemovesAndAddsThem) {
     EXPECT_EQ(viewer.shown.at(1), QStringList{Tags::dir()});
     panels.tag = home.root() + u"/gone.WAV"_s;
     choose(u"Add Tag…"_s);
-    EXPECT_EQ(last(), (LogLine{u"gone.WAV"_s, u"CAN'T ADD TAG"_s, errColor}));
+    EXPECT_EQ(view().state().log.back(), (LogLine{u"gone.WAV"_s, u"CAN'T ADD TAG"_s, errColor}));
     EXPECT_EQ(tags.selected(), std::nullopt);
 }
 
@@ -188,14 +185,13 @@ TEST_F(DragDrop, oneClipTargetsTheRowAndItsBandOnlyTracksTheRestAndABusyViewNoth
 
 TEST_F(DragDrop, onlyAChangeOfTargetOrLeavingRedraws) {
     const QStringList wav{file(u"beat.wav"_s)};
-    const auto passes = [&](const std::function<void()>& work) { return repaints(view(), work); };
-    EXPECT_EQ(passes([&] { drag<QDragEnterEvent>(zone, wav); }), 1);
-    EXPECT_EQ(passes([&] { drag(zone + QPoint(10, 10), wav); }), 0);
-    EXPECT_EQ(passes([&] { drag(band, wav); }), 1);
-    EXPECT_EQ(passes([&] { drag(band + QPoint(10, 4), wav); }), 0);
-    EXPECT_EQ(passes([&] { leave(); }), 1);
+    EXPECT_EQ(repaints(view(), [&] { drag<QDragEnterEvent>(zone, wav); }), 1);
+    EXPECT_EQ(repaints(view(), [&] { drag(zone + QPoint(10, 10), wav); }), 0);
+    EXPECT_EQ(repaints(view(), [&] { drag(band, wav); }), 1);
+    EXPECT_EQ(repaints(view(), [&] { drag(band + QPoint(10, 4), wav); }), 0);
+    EXPECT_EQ(repaints(view(), [&] { leave(); }), 1);
     EXPECT_EQ(drag<QDragEnterEvent>(zone, {}), "none"); // nothing lit, yet leaving redraws
-    EXPECT_EQ(passes([&] { leave(); }), 1);
+    EXPECT_EQ(repaints(view(), [&] { leave(); }), 1);
 }
 
 TEST_F(DragDrop, aClipDroppedOnTheRowIsAddedAndArmedAndAFolderDroppedElsewhereStartsABatch) {
