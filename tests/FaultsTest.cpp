@@ -63,8 +63,8 @@ protected:
 // The fake runs the real ffmpeg, then changes the analysed track as its name says;
 // a render of "killed" writes a little and dies as the kernel's OOM killer would,
 // and so does an analysis of "dies measuring", and the clip's first analysis, half-way
-// through their text. A FIFO and a device fail at once, and the batch goes on.
-TEST_F(Faults, aBatchGoesOnPastKilledRunsFifosDevicesAndTracksThatChangeUnderIt) {
+// through their text. A FIFO fails at once, never hanging ffmpeg, and the batch goes on.
+TEST_F(Faults, aBatchGoesOnPastKilledRunsFifosAndTracksThatChangeUnderIt) {
     const QString share = ::Test::resourcesWith(home.root(), R"(in=; prev=
 for arg; do [ "$prev" = -i ] && [ -z "$in" ] && in=$arg; prev=$arg; out=$arg; done
 case " $* " in *" -filter_complex "*)
@@ -89,19 +89,15 @@ esac
 exit $status
 )");
     QDir().mkpath(path(u"gone"_s));
-    ::Test::writeFile(path(u"notes.txt"_s), "a file, not a folder");
-    const QStringList tracks{path(u"0 first.wav"_s),          path(u"a killed.wav"_s),
-                             path(u"b vanished.wav"_s),       path(u"c folder.wav"_s),
-                             path(u"gone/d.wav"_s),           path(u"notes.txt/e.wav"_s),
-                             path(u"f dies measuring.wav"_s), path(u"g fifo.mp3"_s),
-                             path(u"h zero.wav"_s),           path(u"i.wav"_s)};
+    const QStringList tracks{path(u"0 first.wav"_s),    path(u"a killed.wav"_s),
+                             path(u"b vanished.wav"_s), path(u"c folder.wav"_s),
+                             path(u"gone/d.wav"_s),     path(u"e dies measuring.wav"_s),
+                             path(u"f fifo.mp3"_s),     path(u"g.wav"_s)};
     ::Test::makeAudio(tracks[0], u"sine=frequency=220"_s, 3);
     for (const QString& track : tracks.mid(1))
         QFile::copy(tracks[0], track);
-    QFile::remove(tracks[7]);
-    ASSERT_EQ(::mkfifo(QFile::encodeName(tracks[7]).constData(), 0644), 0);
-    QFile::remove(tracks[8]);
-    QFile::link(u"/dev/zero"_s, tracks[8]);
+    QFile::remove(tracks[6]);
+    ASSERT_EQ(::mkfifo(QFile::encodeName(tracks[6]).constData(), 0644), 0);
     const QByteArray original = digest(tracks[1]);
 
     const auto run = zelkorTag(QStringList{u"--tag"_s, clip, u"--interval"_s, u"5"_s} + tracks,
@@ -110,15 +106,14 @@ exit $status
     const QStringList lines = run.out.split(u'\n', Qt::SkipEmptyParts);
     ASSERT_EQ(lines.size(), tracks.size()) << run.out.toStdString();
     EXPECT_EQ(lines[1], u"a killed.wav  SIZE=      64KB TIME=00:00:00.37 BITRATE=1411.2KBITS/S"_s);
-    for (int i : {2, 3, 4})
-        EXPECT_TRUE(lines[i].startsWith(QFileInfo(tracks[i]).fileName() + u"  "_s));
-    for (int i : {0, 6, 7, 8})
+    for (int i : {2, 3, 4}) // their failure depends on when the change lands
+        EXPECT_TRUE(lines[i].startsWith(QFileInfo(tracks[i]).fileName() + u"  "_s) &&
+                    !lines[i].contains(u"OK"_s))
+            << lines[i].toStdString();
+    for (int i : {0, 5, 6})
         EXPECT_EQ(lines[i], QFileInfo(tracks[i]).fileName() + u"  CAN'T READ FILE"_s);
-    EXPECT_EQ(lines[5], tracks[5] + u"  NOT FOUND"_s); // given as a PATH, it does not exist
-    for (int i = 0; i < 9; ++i)
-        EXPECT_FALSE(lines[i].contains(u"OK"_s)) << lines[i].toStdString();
-    EXPECT_EQ(lines[9], u"i.wav  1 TAGS  OK  -> "_s + path(u"i (Tagged).wav"_s));
-    EXPECT_EQ(taggedIn(home.root()), u"i (Tagged).wav"_s);
+    EXPECT_EQ(lines[7], u"g.wav  1 TAGS  OK  -> "_s + path(u"g (Tagged).wav"_s));
+    EXPECT_EQ(taggedIn(home.root()), u"g (Tagged).wav"_s);
     EXPECT_EQ(digest(tracks[1]), original);
 }
 
@@ -143,11 +138,33 @@ TEST_F(Faults, aFullDiskOrAReadOnlyFolderFailsTheTrackAndLeavesTheOriginal) {
     EXPECT_EQ(digest(track), original);
 }
 
-// Each run adds a clip, which writes the selection: nothing the user had there is
-// replaced without a copy kept, and a run that fails keeps no copy of the clip.
-TEST_F(Faults, preferencesThatCannotBeKeptAsideOrReadAreNeverReplacedWithoutACopy) {
-    const QString corrupt = prefs + u".corrupt"_s;
+// The library commands on a broken home. Each run adds a clip, which writes the
+// selection: nothing the user had there is replaced without a copy kept, and a run
+// that fails keeps no copy of the clip.
+TEST_F(Faults, aBrokenHomeIsNeverReplacedWithoutACopyAndAClipNameMayHoldANewline) {
+    const QString beat = path(u"beat.wav"_s), corrupt = prefs + u".corrupt"_s;
     const QStringList add{u"--add-tag"_s, clip};
+    ::Test::makeAudio(beat, u"sine=frequency=220"_s, 3);
+    // A file in place of the tags folder: no clip to list, to tag with or to add.
+    QDir().mkpath(home.appData());
+    ::Test::writeFile(home.tagsDir(), "mine");
+    EXPECT_EQ(zelkorTag({u"--list-tags"_s}).out, u""_s);
+    const auto untagged = zelkorTag({beat});
+    EXPECT_EQ(untagged.status, 1);
+    EXPECT_EQ(untagged.out, u"ADD YOUR TAG FILE FIRST  NO TAG\n"_s);
+    EXPECT_EQ(zelkorTag(add).out, u"voice.wav  CAN'T ADD TAG\n"_s);
+    EXPECT_EQ(text(home.tagsDir()), u"mine"_s);
+
+    // Put right, the library takes a clip whose name holds a line break.
+    QFile::remove(home.tagsDir());
+    const QString split = path(u"my\ntag.wav"_s);
+    QFile::copy(clip, split);
+    EXPECT_EQ(zelkorTag({u"--add-tag"_s, split}).status, 0);
+    EXPECT_EQ(zelkorTag({u"--list-tags"_s}).out, u"* my\ntag.wav\n"_s);
+    const auto tagged = zelkorTag({u"--interval"_s, u"5"_s, beat});
+    EXPECT_EQ(tagged.status, 0) << tagged.out.toStdString();
+    EXPECT_TRUE(QFileInfo::exists(path(u"beat (Tagged).wav"_s)));
+
     // With no way to keep it aside, the garbage stays where it is.
     QDir().mkpath(corrupt);
     ::Test::writeFile(prefs, "garbage");
@@ -176,28 +193,6 @@ TEST_F(Faults, preferencesThatCannotBeKeptAsideOrReadAreNeverReplacedWithoutACop
     EXPECT_EQ(text(corrupt), uR"({"level": 2})"_s);
     // No failed run kept its copy of the clip.
     EXPECT_EQ(QJsonDocument::fromJson(::Test::readAll(prefs))[u"tag"_s], u"voice.wav"_s);
-}
-
-TEST_F(Faults, aFileInPlaceOfTheTagsFolderIsLeftAloneAndANewlineInAClipNameWorks) {
-    const QString beat = path(u"beat.wav"_s);
-    ::Test::makeAudio(beat, u"sine=frequency=220"_s, 3);
-    QDir().mkpath(home.appData());
-    ::Test::writeFile(home.tagsDir(), "mine");
-    EXPECT_EQ(zelkorTag({u"--list-tags"_s}).out, u""_s);
-    const auto untagged = zelkorTag({beat});
-    EXPECT_EQ(untagged.status, 1);
-    EXPECT_EQ(untagged.out, u"ADD YOUR TAG FILE FIRST  NO TAG\n"_s);
-    EXPECT_EQ(zelkorTag({u"--add-tag"_s, clip}).out, u"voice.wav  CAN'T ADD TAG\n"_s);
-    EXPECT_EQ(text(home.tagsDir()), u"mine"_s);
-
-    QFile::remove(home.tagsDir());
-    const QString split = path(u"my\ntag.wav"_s);
-    QFile::copy(clip, split);
-    EXPECT_EQ(zelkorTag({u"--add-tag"_s, split}).status, 0);
-    EXPECT_EQ(zelkorTag({u"--list-tags"_s}).out, u"* my\ntag.wav\n"_s);
-    const auto tagged = zelkorTag({u"--interval"_s, u"5"_s, beat});
-    EXPECT_EQ(tagged.status, 0) << tagged.out.toStdString();
-    EXPECT_TRUE(QFileInfo::exists(path(u"beat (Tagged).wav"_s)));
 }
 
 // A signal while the second of three tracks renders: Ctrl-C or a kill (SIGTERM), a
