@@ -23,8 +23,7 @@ LogLine logLine(const Batch::Outcome& outcome) {
     const QString name = QFileInfo(outcome.track).fileName();
     if (!outcome.result)
         return {name, outcome.error, errColor};
-    return {name, StatusTexts::tagged(outcome.result->placements),
-            purple};
+    return {name, StatusTexts::tagged(outcome.result->placements), purple};
 }
 
 } // namespace
