@@ -69,11 +69,11 @@ TEST_F(EngineRender, aWavTrackKeepsItsFormatTagsAndTimeReferenceAndHearsTheClipA
     EXPECT_NEAR(Engine::analyze(path(u"clip.wav"_s)).lufs, Engine::analyze(track).lufs - 9, 1.5);
 }
 
-// An ID3v2.4 track with a Unicode title and a PNG cover: the same picture bytes and
-// title in the output's ID3v2.3 tag, and as long as the track.
+// An ID3v2.4 track with a Unicode title and a PNG cover, its extension in capitals:
+// the same picture bytes and title in the output's ID3v2.3 tag, and as long as the track.
 TEST_F(EngineRender, anMp3TrackKeepsItsPictureTitleAndLength) {
     const QString plain = path(u"plain.wav"_s), cover = path(u"cover.png"_s),
-                  track = path(u"beat.mp3"_s), clip = path(u"stereo.wav"_s);
+                  track = path(u"beat.MP3"_s), clip = path(u"stereo.wav"_s);
     ::Test::makeAudio(plain, kBeat, 16.2); // the last copy runs past the end
     ::Test::ffmpeg(u"-f lavfi -i testsrc=size=64x48 -frames:v 1"_s.split(u' ') << cover);
     ::Test::ffmpeg({u"-i"_s, plain, u"-i"_s, cover, u"-map"_s, u"0"_s, u"-map"_s, u"1"_s, u"-c:v"_s,
@@ -83,6 +83,7 @@ TEST_F(EngineRender, anMp3TrackKeepsItsPictureTitleAndLength) {
 
     const Engine::Result result = Engine::process(track, clip, 5, -9);
     ASSERT_EQ(result.placements, 4);
+    EXPECT_EQ(result.output, path(u"beat (Tagged).mp3"_s));
     EXPECT_TRUE(describe(result.output).contains(u"title           : Zelkör ビート 🎧"_s));
     EXPECT_EQ(Engine::analyze(result.output).duration, Engine::analyze(track).duration);
     const QString picture = path(u"picture.png"_s);
