@@ -26,8 +26,10 @@ using namespace Qt::StringLiterals;
 class SingleInstanceLaunch : public ::testing::Test {
 protected:
     ~SingleInstanceLaunch() override {
-        for (auto& process : running)
-            process->kill(), process->waitForFinished();
+        for (auto& process : running) {
+            process->kill();
+            process->waitForFinished();
+        }
     }
 
     // `zelkor args...` started in `folder`, left running; a beat named in args is made first.

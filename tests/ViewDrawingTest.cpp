@@ -123,7 +123,10 @@ TEST_F(ViewDrawing, eachStateShowsItsDecisivePixels) {
 
     // The bar: 3 of 12 lights 7 of 30 cells; none of an empty batch, all past the end.
     const auto cellsLit = [&](long long done, long long total) {
-        image = render([=](auto& s) { s.busy = true, s.progress = {done, total}; });
+        image = render([=](auto& s) {
+            s.busy = true;
+            s.progress = {done, total};
+        });
         int count = 0;
         for (const QRectF& cell : z->cells)
             count += is(cell.center(), purple) ? 1 : is(cell.center(), over(line, black)) ? 0 : 99;

@@ -74,8 +74,14 @@ public:
 // Counts the panels it opens and answers with what the test set.
 class ScriptedPanels final : public OpenPanels {
 public:
-    std::optional<QString> chooseTag(QWidget&) override { return ++tagPanels, tag; }
-    std::optional<QStringList> chooseTracks(QWidget&) override { return ++trackPanels, tracks; }
+    std::optional<QString> chooseTag(QWidget&) override {
+        ++tagPanels;
+        return tag;
+    }
+    std::optional<QStringList> chooseTracks(QWidget&) override {
+        ++trackPanels;
+        return tracks;
+    }
     std::optional<QString> tag;
     std::optional<QStringList> tracks;
     int tagPanels = 0;
