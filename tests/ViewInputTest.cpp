@@ -1,5 +1,6 @@
 // The main view's input through Qt's own events: clicks on the regions the
 // drawing left behind, the tag menu, drags of file URLs, and the track chooser.
+#include "engine/Engine.h"
 #include "model/Settings.h"
 #include "model/Tags.h"
 #include "platform/TrackDialog.h"
@@ -43,14 +44,15 @@ protected:
         return titles;
     }
 
-    // The answer ("copy" or "none") followed by the hover flags that are set.
+    // The answer ("copy" or "none") followed by the hover flags that are set. The
+    // paths go as a file manager sends them: their bytes, escaped, in a uri-list.
     template<typename Event = QDragMoveEvent>
     std::string drag(QPoint at, const QStringList& paths) {
         QMimeData data;
-        QList<QUrl> urls;
+        QByteArray list;
         for (const QString& path : paths)
-            urls << QUrl::fromLocalFile(path);
-        data.setUrls(urls);
+            list += "file://" + Engine::encodeName(path).toPercentEncoding("/") + "\r\n";
+        data.setData(u"text/uri-list"_s, list);
         Event event(at, Qt::CopyAction | Qt::MoveAction, &data, Qt::LeftButton, Qt::NoModifier);
         QCoreApplication::sendEvent(&view(), &event);
         std::string answer =
@@ -204,8 +206,11 @@ TEST_F(DragDrop, aClipDroppedOnTheRowIsAddedAndArmedAndAFolderDroppedElsewhereSt
               (std::vector<LogLine>{{u"TAG ADDED: VOICE"_s, u"ARMED"_s, purple}}));
     EXPECT_TRUE(current(view().tagRowRect()));
 
+    // A folder whose name is Latin-1, from an old drive.
     file(u"beats/beat.wav"_s);
-    const QStringList folder{home.root() + u"/beats"_s};
+    const QByteArray latin = Engine::encodeName(home.root()) + "/beats \xe9";
+    ASSERT_EQ(::rename(Engine::encodeName(home.root() + u"/beats"_s).constData(), latin), 0);
+    const QStringList folder{Engine::decodeName(latin)};
     drag<QDragEnterEvent>(zone, folder);
     EXPECT_EQ(drag<QDropEvent>(zone, folder), "copy");
     EXPECT_EQ(view().state().progress, (HUDView::Progress{0, 1})); // a batch over the folder

@@ -13,13 +13,22 @@
 #include <QMimeData>
 #include <QUrl>
 
+// From the list's own bytes: QUrl decodes a name's escapes as UTF-8 and would turn a
+// byte of a Latin-1 name into U+FFFD, the name of another file.
 QStringList HUDView::urls(const QMimeData* data) {
     QStringList paths;
     if (!data)
         return paths;
-    for (const QUrl& url : data->urls())
-        if (url.isLocalFile())
+    for (const QByteArray& line : data->data(QStringLiteral("text/uri-list")).split('\n')) {
+        const QUrl url = QUrl::fromEncoded(line.trimmed());
+        if (!url.isLocalFile())
+            continue;
+        if (url.host().isEmpty() || url.host() == QLatin1String("localhost"))
+            paths << Engine::decodeName(
+                QByteArray::fromPercentEncoding(url.path(QUrl::FullyEncoded).toLatin1()));
+        else
             paths << url.toLocalFile();
+    }
     return paths;
 }
 
