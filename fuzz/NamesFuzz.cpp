@@ -17,7 +17,7 @@ bool hasMarker(const QString& path) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     // Any name, UTF-8 or not, survives the trip through a QString.
     const QByteArray bytes(reinterpret_cast<const char*>(data), static_cast<qsizetype>(size));
-    if (Engine::encodeName(Engine::decodeName(bytes)) != bytes)
+    if (Names::encode(Names::decode(bytes)) != bytes)
         std::abort();
 
     // Names under a folder that does not exist: nothing is read from the disk.

@@ -2,7 +2,7 @@
 // child process that draws its window offscreen, writes the PNG and quits.
 #include "app/AppDelegate.h"
 #include "app/FrameAutosave.h"
-#include "engine/TagError.h"
+#include "base/TagError.h"
 #include "platform/Preferences.h"
 #include "style/Palette.h"
 #include "support/FreshHome.h"

@@ -290,9 +290,9 @@ TEST_F(EngineRender, oddNamesAndAQuotedDurationWorkEndToEnd) {
     const QStringList tracks =
         Engine::collect({QDir::current().relativeFilePath(path(u"latin"_s))});
     ASSERT_EQ(tracks.size(), 2);
-    EXPECT_EQ(Engine::encodeName(Engine::absoluteName(tracks[0])), latin + ".wav");
+    EXPECT_EQ(Names::encode(Names::absolute(tracks[0])), latin + ".wav");
     const Engine::Result tagged = Engine::process(tracks[0], clip, 5, -5);
-    EXPECT_EQ(Engine::encodeName(tagged.output), latin + " (Tagged).wav");
+    EXPECT_EQ(Names::encode(tagged.output), latin + " (Tagged).wav");
     EXPECT_EQ(tagged.placements, 3);
     EXPECT_EQ(Engine::process(tracks[1], clip, 5, -5).placements, 1);
     EXPECT_EQ(QDir(path(u"latin"_s)).count(), 4u); // two tracks, two outputs

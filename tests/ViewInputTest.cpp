@@ -51,7 +51,7 @@ protected:
         QMimeData data;
         QByteArray list;
         for (const QString& path : paths)
-            list += "file://" + Engine::encodeName(path).toPercentEncoding("/") + "\r\n";
+            list += "file://" + Names::encode(path).toPercentEncoding("/") + "\r\n";
         data.setData(u"text/uri-list"_s, list);
         Event event(at, Qt::CopyAction | Qt::MoveAction, &data, Qt::LeftButton, Qt::NoModifier);
         QCoreApplication::sendEvent(&view(), &event);
@@ -208,9 +208,9 @@ TEST_F(DragDrop, aClipDroppedOnTheRowIsAddedAndArmedAndAFolderDroppedElsewhereSt
 
     // A folder whose name is Latin-1, from an old drive.
     file(u"beats/beat.wav"_s);
-    const QByteArray latin = Engine::encodeName(home.root()) + "/beats \xe9";
-    ASSERT_EQ(::rename(Engine::encodeName(home.root() + u"/beats"_s).constData(), latin), 0);
-    const QStringList folder{Engine::decodeName(latin)};
+    const QByteArray latin = Names::encode(home.root()) + "/beats \xe9";
+    ASSERT_EQ(::rename(Names::encode(home.root() + u"/beats"_s).constData(), latin), 0);
+    const QStringList folder{Names::decode(latin)};
     drag<QDragEnterEvent>(zone, folder);
     EXPECT_EQ(drag<QDropEvent>(zone, folder), "copy");
     EXPECT_EQ(view().state().progress, (HUDView::Progress{0, 1})); // a batch over the folder

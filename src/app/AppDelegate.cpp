@@ -5,8 +5,8 @@
 #include "app/FrameAutosave.h"
 #include "app/MenuBar.h"
 
+#include "base/TagError.h"
 #include "engine/Batch.h"
-#include "engine/TagError.h"
 #include "model/Tags.h"
 #include "platform/AppName.h"
 #include "platform/FileViewer.h"

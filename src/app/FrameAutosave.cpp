@@ -1,7 +1,7 @@
 // The window frame in the preferences, as {x, y, width, height}.
 #include "app/FrameAutosave.h"
 
-#include "engine/TagError.h"
+#include "base/TagError.h"
 #include "platform/Preferences.h"
 
 #include <QEvent>

@@ -63,7 +63,7 @@ int main(int argc, char** argv) {
     // Read before Qt is asked for a display, which --help and --version need not have.
     QStringList arguments;
     for (int i = 0; i < argc; ++i)
-        arguments << Engine::decodeName(argv[i]); // a name need not be UTF-8
+        arguments << Names::decode(argv[i]); // a name need not be UTF-8
     const LaunchOptions options = parseArguments(arguments);
     if (!options.error.isEmpty()) {
         print(stderr, QStringLiteral("zelkor: %1 (see --help)\n").arg(options.error));

@@ -1,6 +1,6 @@
 // Expanding zelkor-tag's PATHs: the window's rules for a folder's own tracks,
 // and, when asked, a walk down its sub-folders. Names are bytes (Engine's
-// decodeName and encodeName), so every look at the disk goes through them.
+// Names::decode and Names::encode), so every look at the disk goes through them.
 #include "cli/Inputs.h"
 
 #include "engine/Engine.h"
@@ -22,7 +22,7 @@ enum class Kind { none, folder, file };
 
 Kind kindOf(const QString& path) {
     struct stat info = {};
-    if (::stat(Engine::encodeName(path).constData(), &info) != 0)
+    if (::stat(Names::encode(path).constData(), &info) != 0)
         return Kind::none;
     return S_ISDIR(info.st_mode) ? Kind::folder : Kind::file;
 }
@@ -34,8 +34,8 @@ QString folderOf(const QString& path) {
 // The path with every link resolved, to know a folder met twice.
 QByteArray realPath(const QString& path) {
     char real[PATH_MAX];
-    return ::realpath(Engine::encodeName(path).constData(), real) ? QByteArray(real)
-                                                                  : Engine::encodeName(path);
+    return ::realpath(Names::encode(path).constData(), real) ? QByteArray(real)
+                                                             : Names::encode(path);
 }
 
 class Walk {
@@ -49,8 +49,7 @@ public:
         // A link back up the tree is walked once; the output folder never.
         const QByteArray real = realPath(folder);
         if (m_seen.contains(real) ||
-            (!m_excluded.isEmpty() &&
-             isWithin(Engine::decodeName(real), Engine::decodeName(m_excluded))))
+            (!m_excluded.isEmpty() && isWithin(Names::decode(real), Names::decode(m_excluded))))
             return;
         m_seen.insert(real);
         for (const QString& track : Engine::collect({folder}))
@@ -74,13 +73,13 @@ private:
 // canonical composition.
 QStringList subFolders(const QString& folder) {
     QStringList folders;
-    DIR* dir = ::opendir(Engine::encodeName(folder).constData());
+    DIR* dir = ::opendir(Names::encode(folder).constData());
     if (!dir)
         return folders;
     while (const dirent* entry = ::readdir(dir)) {
         if (entry->d_name[0] == '.') // hidden, "." and ".." alike
             continue;
-        const QString path = folder + QLatin1Char('/') + Engine::decodeName(entry->d_name);
+        const QString path = folder + QLatin1Char('/') + Names::decode(entry->d_name);
         if (entry->d_type == DT_DIR || ((entry->d_type == DT_LNK || entry->d_type == DT_UNKNOWN) &&
                                         kindOf(path) == Kind::folder))
             folders << path;
@@ -102,7 +101,7 @@ bool isWithin(const QString& path, const QString& folder) {
 std::vector<Input> collect(const QStringList& paths, const Collecting& how) {
     std::vector<Input> inputs;
     for (const QString& path : paths) {
-        const QString absolute = Engine::absoluteName(path);
+        const QString absolute = Names::absolute(path);
         switch (kindOf(path)) {
         case Kind::none:
             inputs.push_back({path, {}, kNotFound});
@@ -131,7 +130,7 @@ QStringList readPaths(std::FILE* in) {
         while (line.endsWith('\n') || line.endsWith('\r'))
             line.chop(1);
         if (!line.isEmpty())
-            paths << Engine::decodeName(line);
+            paths << Names::decode(line);
     }
     return paths;
 }
@@ -144,7 +143,7 @@ QString shownName(const Input& input) {
 
 QString mirroredFolder(const Input& input, const QString& outputDir) {
     const QString below = QDir(input.root).relativeFilePath(folderOf(input.track));
-    return QDir::cleanPath(Engine::absoluteName(outputDir) + QLatin1Char('/') + below);
+    return QDir::cleanPath(Names::absolute(outputDir) + QLatin1Char('/') + below);
 }
 
 } // namespace Cli

@@ -3,8 +3,8 @@
 // and time have settled. Nothing else is polled.
 #include "cli/Watch.h"
 
+#include "base/TagError.h"
 #include "engine/Engine.h"
-#include "engine/TagError.h"
 
 #include <QSocketNotifier>
 #include <cerrno>
@@ -23,13 +23,13 @@ constexpr uint32_t kEvents = IN_CREATE | IN_MOVED_TO | IN_MODIFY | IN_CLOSE_WRIT
 
 std::optional<Watch::Seen> Watch::look(const QString& path) {
     struct stat info = {};
-    if (::stat(Engine::encodeName(path).constData(), &info) != 0 || !S_ISREG(info.st_mode))
+    if (::stat(Names::encode(path).constData(), &info) != 0 || !S_ISREG(info.st_mode))
         return std::nullopt;
     return Seen{info.st_size, info.st_mtim.tv_sec * 1'000'000'000LL + info.st_mtim.tv_nsec, 0};
 }
 
 Watch::Watch(const QString& folder, const Collecting& how, std::function<void(Input)> ready)
-    : m_root(Engine::absoluteName(folder))
+    : m_root(Names::absolute(folder))
     , m_how(how)
     , m_ready(std::move(ready)) {
     m_fd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
@@ -54,7 +54,7 @@ Watch::~Watch() {
 void Watch::add(const QString& folder, bool announce) {
     if (!m_how.excluded.isEmpty() && isWithin(folder, m_how.excluded))
         return;
-    const int wd = ::inotify_add_watch(m_fd, Engine::encodeName(folder).constData(), kEvents);
+    const int wd = ::inotify_add_watch(m_fd, Names::encode(folder).constData(), kEvents);
     if (wd < 0)
         return;
     m_folders.insert(wd, folder);
@@ -93,7 +93,7 @@ void Watch::read() {
                 continue;
             const QByteArray name(event->name);
             const QString path =
-                m_folders.value(event->wd) + QLatin1Char('/') + Engine::decodeName(name);
+                m_folders.value(event->wd) + QLatin1Char('/') + Names::decode(name);
             if (!(event->mask & IN_ISDIR)) {
                 if (!Engine::collect({path}).isEmpty())
                     touched(path);

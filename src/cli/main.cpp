@@ -1,6 +1,7 @@
 // zelkor-tag: tags tracks from the shell, one at a time unless told otherwise,
 // with the window's log lines (or JSON) on standard output; stops cleanly on a
 // signal or a closed output.
+#include "base/Files.h"
 #include "cli/Inputs.h"
 #include "cli/Options.h"
 #include "cli/Report.h"
@@ -11,7 +12,6 @@
 #include "model/Settings.h"
 #include "model/StatusTexts.h"
 #include "model/Tags.h"
-#include "platform/Files.h"
 #include "platform/Preferences.h"
 #include "platform/QuitSignals.h"
 #include "platform/Trash.h"
@@ -40,7 +40,7 @@ constexpr int kBarCells = 30;
 
 // False when the text could not be written whole. Names keep their bytes.
 bool write(std::FILE* stream, const QString& text) {
-    const bool written = std::fputs(Engine::encodeName(text).constData(), stream) >= 0;
+    const bool written = std::fputs(Names::encode(text).constData(), stream) >= 0;
     return std::fflush(stream) == 0 && written;
 }
 
@@ -66,7 +66,7 @@ void onBrokenPipe(int) {}
 
 // Makes `folder` and the folders above it; throws TagError with the system's reason.
 void makeFolders(const QString& folder) {
-    const QByteArray path = Engine::encodeName(folder);
+    const QByteArray path = Names::encode(folder);
     for (qsizetype at = 1; at <= path.size(); ++at) {
         if (at < path.size() && path[at] != '/')
             continue;
@@ -263,7 +263,7 @@ private:
             throw TagError::systemFailed(0, {}, input.problem);
         const Engine::Destination where = destination(input);
         if (m_options.existing == Cli::Existing::skip &&
-            Files::occupied(Engine::encodeName(existing(input))))
+            Files::occupied(Names::encode(existing(input))))
             return std::nullopt;
         if (m_options.dryRun)
             return Engine::plan(input.track, m_clip.path, m_clip.interval, m_clip.levelDB, where);
@@ -278,7 +278,7 @@ private:
         m_anyFailed = m_anyFailed || failed;
         const Cli::Said said{input, outcome, outcome.skipped() ? existing(input) : QString(),
                              m_options.dryRun,
-                             m_clip.path.isEmpty() ? QString() : Engine::absoluteName(m_clip.path)};
+                             m_clip.path.isEmpty() ? QString() : Names::absolute(m_clip.path)};
         m_progress.clear();
         if ((failed || !m_options.quiet) && m_outputError == 0 &&
             !write(stdout, (m_options.json ? Cli::jsonLine(said) : Cli::textLine(said)) +
@@ -343,9 +343,8 @@ int tagAll(const Cli::Options& options) {
     QStringList paths;
     for (const QString& path : options.paths)
         paths << (path == QLatin1String("-") ? Cli::readPaths(stdin) : QStringList{path});
-    const Cli::Collecting how{options.recursive, options.outputDir
-                                                     ? Engine::absoluteName(*options.outputDir)
-                                                     : QString()};
+    const Cli::Collecting how{options.recursive,
+                              options.outputDir ? Names::absolute(*options.outputDir) : QString()};
     std::vector<Cli::Input> inputs = Cli::collect(paths, how);
     if (options.watch && !QFileInfo(*options.watch).isDir()) {
         write(stderr,
@@ -411,7 +410,7 @@ int main(int argc, char** argv) {
     // From argv itself: QCoreApplication::arguments() would lose a name's stray bytes.
     QStringList arguments;
     for (int i = 1; i < argc; ++i)
-        arguments << Engine::decodeName(argv[i]);
+        arguments << Names::decode(argv[i]);
     const auto parsed = Cli::parse(arguments);
     if (const auto* error = std::get_if<Cli::UsageError>(&parsed)) {
         write(stderr, QStringLiteral("zelkor-tag: %1 (see --help)\n").arg(error->message));

@@ -128,7 +128,7 @@ std::optional<double> readNumber(QStringView text) {
 
 QStringList analysisArguments(const QString& path) {
     // No pictures decoded: the audio is all that is measured.
-    return {QStringLiteral("-nostats"), QStringLiteral("-i"),   absoluteName(path),
+    return {QStringLiteral("-nostats"), QStringLiteral("-i"),   Names::absolute(path),
             QStringLiteral("-vn"),      QStringLiteral("-af"),  kAnalysisFilter,
             QStringLiteral("-f"),       QStringLiteral("null"), QStringLiteral("-")};
 }

@@ -83,7 +83,7 @@ struct Stamp {
 
 std::optional<Stamp> stampOf(const QString& path) {
     struct stat info {};
-    if (::stat(encodeName(path).constData(), &info) != 0)
+    if (::stat(Names::encode(path).constData(), &info) != 0)
         return std::nullopt;
     return Stamp{info.st_dev,          info.st_ino,          info.st_size,
                  timeOf(info.st_mtim), timeOf(info.st_ctim), S_ISREG(info.st_mode)};
@@ -325,7 +325,7 @@ Analysis kept(const QString& path, const std::function<Analysis(const QString&)>
     const std::optional<QString>& program = ffmpeg();
     if (!enabled || !program)
         return measure(path);
-    const QString file = absoluteName(path);
+    const QString file = Names::absolute(path);
     const std::optional<Stamp> stamp = stampOf(file);
     const Time statedAt = now();
     const std::optional<Stamp> programStamp = stampOf(*program);

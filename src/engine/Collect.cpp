@@ -14,41 +14,9 @@ namespace Engine {
 
 namespace {
 
-constexpr char16_t kEscapes = 0xDC00; // + the byte, 0x80 to 0xFF
-
-bool continuation(std::uint8_t byte, std::uint8_t low = 0x80, std::uint8_t high = 0xBF) {
-    return byte >= low && byte <= high;
-}
-
-// The length of the well-formed UTF-8 sequence at `at` (no overlong forms, no
-// surrogates, nothing above U+10FFFF), or 0.
-qsizetype sequenceAt(QByteArrayView bytes, qsizetype at) {
-    const auto byte = [&](qsizetype i) {
-        return at + i < bytes.size() ? static_cast<std::uint8_t>(bytes[at + i]) : std::uint8_t(0);
-    };
-    const std::uint8_t lead = byte(0);
-    if (lead < 0x80)
-        return 1;
-    if (lead >= 0xC2 && lead <= 0xDF)
-        return continuation(byte(1)) ? 2 : 0;
-    if (lead >= 0xE0 && lead <= 0xEF) {
-        const bool second = lead == 0xE0   ? continuation(byte(1), 0xA0)
-                            : lead == 0xED ? continuation(byte(1), 0x80, 0x9F)
-                                           : continuation(byte(1));
-        return second && continuation(byte(2)) ? 3 : 0;
-    }
-    if (lead >= 0xF0 && lead <= 0xF4) {
-        const bool second = lead == 0xF0   ? continuation(byte(1), 0x90)
-                            : lead == 0xF4 ? continuation(byte(1), 0x80, 0x8F)
-                                           : continuation(byte(1));
-        return second && continuation(byte(2)) && continuation(byte(3)) ? 4 : 0;
-    }
-    return 0;
-}
-
 bool isFolder(const QString& path) {
     struct stat info = {};
-    return ::stat(encodeName(path).constData(), &info) == 0 && S_ISDIR(info.st_mode);
+    return ::stat(Names::encode(path).constData(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
 constexpr std::array kAudioExts{QLatin1String("mp3"), QLatin1String("wav")};
@@ -76,7 +44,7 @@ bool isTrackName(std::string_view name) {
 }
 
 bool isTrack(const QString& path) {
-    const QByteArray name = encodeName(path.mid(path.lastIndexOf(QLatin1Char('/')) + 1));
+    const QByteArray name = Names::encode(path.mid(path.lastIndexOf(QLatin1Char('/')) + 1));
     return isTrackName(std::string_view(name.constData(), static_cast<std::size_t>(name.size())));
 }
 
@@ -84,7 +52,7 @@ bool isTrack(const QString& path) {
 // until it returns false. readdir without a stat per entry: a drag hovering over a
 // big folder asks this on every move.
 template<typename Take> void eachTrackName(const QString& folder, Take take) {
-    DIR* dir = opendir(encodeName(folder).constData());
+    DIR* dir = opendir(Names::encode(folder).constData());
     if (!dir)
         return;
     while (const dirent* entry = readdir(dir)) {
@@ -120,8 +88,8 @@ QStringList folderTracks(const QString& folder) {
             tracks.push_back({stored, stored});
             return true;
         }
-        const QString decoded = decodeName(QByteArrayView(name.data(), name.size()));
-        const QByteArray composed = encodeName(decoded.normalized(QString::NormalizationForm_C));
+        const QString decoded = Names::decode(QByteArrayView(name.data(), name.size()));
+        const QByteArray composed = Names::encode(decoded.normalized(QString::NormalizationForm_C));
         tracks.push_back({keep(std::string_view(composed.data(), composed.size())), stored});
         return true;
     });
@@ -142,52 +110,13 @@ QStringList folderTracks(const QString& folder) {
         if (track.key.at == track.name.at)
             path.append(QLatin1String(name.data(), size));
         else
-            path.append(decodeName(QByteArrayView(name.data(), size)));
+            path.append(Names::decode(QByteArrayView(name.data(), size)));
         paths << std::move(path);
     }
     return paths;
 }
 
 } // namespace
-
-QString decodeName(QByteArrayView bytes) {
-    QString text;
-    qsizetype run = 0; // start of the well-formed bytes not yet decoded
-    for (qsizetype at = 0; at < bytes.size();) {
-        if (const qsizetype length = sequenceAt(bytes, at)) {
-            at += length;
-            continue;
-        }
-        text += QString::fromUtf8(bytes.sliced(run, at - run));
-        text += QChar(static_cast<char16_t>(kEscapes + static_cast<std::uint8_t>(bytes[at])));
-        run = ++at;
-    }
-    return run == 0 ? QString::fromUtf8(bytes) : text + QString::fromUtf8(bytes.sliced(run));
-}
-
-QByteArray encodeName(const QString& path) {
-    QByteArray bytes;
-    qsizetype run = 0; // start of the text not yet encoded
-    for (qsizetype at = 0; at < path.size(); ++at) {
-        const char16_t unit = path[at].unicode();
-        if (QChar::isHighSurrogate(unit) && at + 1 < path.size() &&
-            QChar::isLowSurrogate(path[at + 1].unicode())) {
-            ++at; // a character beyond U+FFFF, not an escaped byte
-            continue;
-        }
-        if (unit < kEscapes + 0x80 || unit > kEscapes + 0xFF)
-            continue;
-        bytes += QStringView(path).sliced(run, at - run).toUtf8();
-        bytes += static_cast<char>(unit - kEscapes);
-        run = at + 1;
-    }
-    return run == 0 ? path.toUtf8() : bytes + QStringView(path).sliced(run).toUtf8();
-}
-
-QString absoluteName(const QString& path) {
-    return QDir::cleanPath(
-        path.startsWith(QLatin1Char('/')) ? path : QDir::currentPath() + QLatin1Char('/') + path);
-}
 
 bool hasTracks(const QStringList& paths) {
     return std::any_of(paths.begin(), paths.end(), [](const QString& path) {

@@ -3,7 +3,8 @@
 // file paths; everything handed to ffmpeg is made absolute first.
 #pragma once
 
-#include "engine/TagError.h"
+#include "base/Names.h"
+#include "base/TagError.h"
 
 #include <QRegularExpression>
 #include <QString>
@@ -41,7 +42,7 @@ constexpr qsizetype kOutputKept = 1 << 20;
 void stopAll();
 
 // A file this process holds open for ffmpeg. ffmpeg is told its path, or, when
-// the name is not text (encodeName), /proc/self/fd/N with N passed down to it.
+// the name is not text (Names::encode), /proc/self/fd/N with N passed down to it.
 class OpenFile {
 public:
     OpenFile() = default;
@@ -245,17 +246,6 @@ Result plan(const QString& track, const QString& tag, double interval, double le
             const Destination& destination);
 
 // --- input collection ------------------------------------------------------
-
-// File names are bytes, and not always UTF-8. A byte that is not part of valid
-// UTF-8 decodes to the lone surrogate U+DC00 + byte (which valid UTF-8 never
-// gives), so every name survives the trip through a QString. Every path the
-// engine touches goes through these, never QFile::encodeName (which would turn
-// such a byte into U+FFFD, the name of another file).
-QString decodeName(QByteArrayView bytes);
-QByteArray encodeName(const QString& path);
-// The absolute, cleaned form of a path, as QFileInfo::absoluteFilePath gives it,
-// without QFileInfo's trip through QFile::encodeName for a relative one.
-QString absoluteName(const QString& path);
 
 QStringList collect(const QStringList& paths);
 // Whether collect would find any track; stops at the first (a drag asks on every move).

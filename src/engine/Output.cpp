@@ -1,8 +1,8 @@
 // Naming outputs, and making them appear whole: ffmpeg writes a hidden, locked
 // temporary file beside the final name, which the file takes in one step once
 // ffmpeg has succeeded, never replacing what another run put there meanwhile.
+#include "base/Files.h"
 #include "engine/Engine.h"
-#include "platform/Files.h"
 
 #include <QFileInfo>
 #include <QRandomGenerator>
@@ -36,11 +36,11 @@ QByteArray numbered(const QByteArray& stem, int n) {
 }
 
 QByteArray withExtension(const QByteArray& name, const QString& extension) {
-    return extension.isEmpty() ? name : name + '.' + encodeName(extension);
+    return extension.isEmpty() ? name : name + '.' + Names::encode(extension);
 }
 
 QByteArray folderOf(const QString& folder) {
-    QByteArray bytes = encodeName(absoluteName(folder));
+    QByteArray bytes = Names::encode(Names::absolute(folder));
     if (!bytes.endsWith('/'))
         bytes += '/';
     return bytes;
@@ -124,21 +124,21 @@ QString outputURL(const QString& track) {
 }
 
 QString outputURL(const QString& track, const Destination& destination) {
-    const QFileInfo info(absoluteName(track));
+    const QFileInfo info(Names::absolute(track));
     const QByteArray folder =
         folderOf(destination.folder.isEmpty() ? info.absolutePath() : destination.folder);
-    const QByteArray stem = encodeName(info.completeBaseName() + kOutputSuffix);
+    const QByteArray stem = Names::encode(info.completeBaseName() + kOutputSuffix);
     const QString ext = destination.format.isEmpty() ? info.suffix().toLower() : destination.format;
     int n = 1;
     while (destination.collision == Collision::nextNumber &&
            Files::occupied(folder + withExtension(numbered(stem, n), ext)))
         ++n;
-    return decodeName(folder + withExtension(numbered(stem, n), ext));
+    return Names::decode(folder + withExtension(numbered(stem, n), ext));
 }
 
 PendingOutput::PendingOutput(const QString& folder, const QString& stem)
     : m_folder(folderOf(folder))
-    , m_stem(encodeName(stem)) {
+    , m_stem(Names::encode(stem)) {
     removeDeadTemps(m_folder);
     const QByteArray prefix = m_folder + '.' + shortened(m_stem) + kTempMark.data() +
                               QByteArray::number(::getpid()) + '-';
@@ -154,7 +154,7 @@ PendingOutput::PendingOutput(const QString& folder, const QString& stem)
         // A sweep that came between the creation and the lock has removed it.
         if (sameFile(fd, temp)) {
             m_temp = temp;
-            m_file = OpenFile(fd, decodeName(temp));
+            m_file = OpenFile(fd, Names::decode(temp));
             return;
         }
         ::close(fd);
@@ -194,7 +194,7 @@ QString PendingOutput::commit(const QString& extension, Collision collision) {
         ::fsync(dir);
         ::close(dir);
     }
-    return decodeName(target);
+    return Names::decode(target);
 }
 
 } // namespace Engine

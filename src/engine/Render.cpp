@@ -314,7 +314,7 @@ Prepared prepare(const QString& given, const QString& tag, double interval, doub
         throw TagError::badLevel();
 
     // Absolute from here on: QFileInfo would lose the stray bytes of a relative name.
-    Prepared prepared{absoluteName(given), {}, 0, {}};
+    Prepared prepared{Names::absolute(given), {}, 0, {}};
     const TagInfo clip = info(tag);
     prepared.analysis = analyze(prepared.track);
     prepared.gain = clipGain(levelDB, prepared.analysis.lufs, clip.lufs);
@@ -345,7 +345,7 @@ Result process(const QString& given, const QString& tag, double interval, double
     const Analysis& analysis = prepared.analysis;
 
     // Opened again: the cached clip, or the track, may have become a FIFO since.
-    const QString clipFile = absoluteName(tag);
+    const QString clipFile = Names::absolute(tag);
     const OpenFile trackFile = openInput(track), tagFile = openInput(clipFile);
     const QFileInfo named(track);
     PendingOutput out(destination.folder.isEmpty() ? named.absolutePath() : destination.folder,

@@ -1,8 +1,8 @@
 // Finding ffmpeg, opening the files it reads, running it as a child process
 // that dies with this one, and reading its text.
+#include "base/Files.h"
 #include "engine/Engine.h"
 #include "engine/EngineState.h"
-#include "platform/Files.h"
 #include "platform/Resources.h"
 
 #include <QFileInfo>
@@ -119,9 +119,9 @@ bool isStopping() {
 
 OpenFile::OpenFile(int fd, const QString& path)
     : m_fd(fd)
-    , m_argument(absoluteName(path)) {
+    , m_argument(Names::absolute(path)) {
     // QProcess would hand ffmpeg another name (U+FFFD's bytes) for a name that is not text.
-    if (encodeName(m_argument) != m_argument.toUtf8()) {
+    if (Names::encode(m_argument) != m_argument.toUtf8()) {
         m_argument = QStringLiteral("/proc/self/fd/%1").arg(fd);
         m_passDown = true;
     }
@@ -152,7 +152,7 @@ OpenFile& OpenFile::operator=(OpenFile&& other) noexcept {
 }
 
 OpenFile openInput(const QString& path) {
-    const QByteArray name = encodeName(absoluteName(path));
+    const QByteArray name = Names::encode(Names::absolute(path));
     // A FIFO or a device would hang ffmpeg, or feed it without end: looked at
     // before it is opened, and again once it is.
     struct stat info = {};

@@ -2,7 +2,7 @@
 // the file browser's order, with the selection and seeding flag in the
 // preferences.
 #include "model/Tags.h"
-#include "platform/Files.h"
+#include "base/Files.h"
 #include "platform/Preferences.h"
 #include "platform/Resources.h"
 #include "platform/Trash.h"

@@ -2,9 +2,9 @@
 // file: cached reads keyed on the file's identity, and read-modify-write
 // updates under a lock file, replaced atomically.
 #include "platform/Preferences.h"
-#include "engine/TagError.h"
+#include "base/Files.h"
+#include "base/TagError.h"
 #include "platform/AppName.h"
-#include "platform/Files.h"
 #include "platform/UserFolders.h"
 
 #include <QDir>

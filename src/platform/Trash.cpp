@@ -1,7 +1,7 @@
 // The freedesktop home trash, written here rather than through Qt, whose entries
 // hold the original path unencoded, so a restore reads "%41" in a name as "A".
 #include "platform/Trash.h"
-#include "platform/Files.h"
+#include "base/Files.h"
 #include "platform/UserFolders.h"
 
 #include <QDateTime>

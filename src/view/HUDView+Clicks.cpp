@@ -2,7 +2,7 @@
 // which asks for a tag clip first and for tracks once there is one.
 #include "view/HUDView.h"
 
-#include "engine/TagError.h"
+#include "base/TagError.h"
 #include "platform/OpenPanels.h"
 
 #include <QMouseEvent>

@@ -24,7 +24,7 @@ QStringList HUDView::urls(const QMimeData* data) {
         if (!url.isLocalFile())
             continue;
         if (url.host().isEmpty() || url.host() == QLatin1String("localhost"))
-            paths << Engine::decodeName(
+            paths << Names::decode(
                 QByteArray::fromPercentEncoding(url.path(QUrl::FullyEncoded).toLatin1()));
         else
             paths << url.toLocalFile();

@@ -1,7 +1,7 @@
 // The view's state, its construction, the blink timer and the paint entry.
 #include "view/HUDView.h"
 
-#include "engine/TagError.h"
+#include "base/TagError.h"
 #include "model/Settings.h"
 #include "model/Tags.h"
 #include "style/Fonts.h"

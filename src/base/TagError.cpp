@@ -1,5 +1,5 @@
 // The messages of the program's errors.
-#include "engine/TagError.h"
+#include "base/TagError.h"
 
 #include <cstring>
 

@@ -1,6 +1,7 @@
 // Checked file writes: a hidden temporary file beside the target, every write
 // and the flush to disk checked, then the name taken in one step.
-#include "platform/Files.h"
+#include "base/Files.h"
+#include "base/Names.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -25,7 +26,7 @@ constexpr int kNameAttempts = 64;
 }
 
 QByteArray native(const QString& path) {
-    return QFile::encodeName(path);
+    return Names::encode(path);
 }
 
 // Six random letters and digits: never a track's or a clip's extension.

@@ -3,7 +3,7 @@
 // "CAN'T COPY VOICE.WAV: NOT A DIRECTORY".
 #pragma once
 
-#include "engine/TagError.h"
+#include "base/TagError.h"
 
 #include <QByteArray>
 #include <QString>
