@@ -1,5 +1,6 @@
 # make run: install what is missing, build, and run Zelkor (the headless demo without a display).
-# make test: the same set-up, then the whole test suite.
+# make test: the same set-up, then the whole test suite, with the tree's formatting
+#   and its layers checked.
 #   (also the suite under AddressSanitizer and UndefinedBehaviorSanitizer, the
 #   threaded tests under ThreadSanitizer, and a short run of each fuzz target)
 # make bench: the published speed figures, each against its target.
@@ -25,7 +26,7 @@ SANITIZER_ENV := ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:die_after_fork=0:suppressions=$(CURDIR)/tests/sanitizers/tsan.supp
 
-.PHONY: all deps configure build run demo test test-asan test-tsan fuzz fuzz-smoke bench bench-long sameness install uninstall deb format clean
+.PHONY: all deps configure build run demo test format-check test-asan test-tsan fuzz fuzz-smoke bench bench-long sameness install uninstall deb format clean
 
 all: build
 
@@ -48,9 +49,13 @@ run: build
 demo: build
 	@scripts/demo $(BUILD)/bin/zelkor-tag demo
 
-test: build
+test: build format-check
 	@ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
 	@$(MAKE) --no-print-directory test-asan test-tsan fuzz-smoke
+
+# The tree as the project's .clang-format lays it out; make format fixes it.
+format-check: deps
+	@git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run -Werror
 
 test-asan: deps
 	@test -f build-asan/build.ninja || cmake -S . -B build-asan -G Ninja -DZELKOR_BENCH=OFF -DZELKOR_SANITIZE=address,undefined
