@@ -8,6 +8,7 @@
 #include <QRandomGenerator>
 #include <cctype>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <dirent.h>
 #include <fcntl.h>
@@ -29,14 +30,6 @@ constexpr int kTempAttempts = 100;
 
 [[noreturn]] void fail(int code) {
     throw TagError::systemFailed(code);
-}
-
-QByteArray numbered(const QByteArray& stem, int n) {
-    return n == 1 ? stem : stem + " (" + QByteArray::number(n) + ')';
-}
-
-QByteArray withExtension(const QByteArray& name, const QString& extension) {
-    return extension.isEmpty() ? name : name + '.' + Names::encode(extension);
 }
 
 QByteArray folderOf(const QString& folder) {
@@ -127,13 +120,15 @@ QString outputURL(const QString& track, const Destination& destination) {
     const QFileInfo info(Names::absolute(track));
     const QByteArray folder =
         folderOf(destination.folder.isEmpty() ? info.absolutePath() : destination.folder);
-    const QByteArray stem = Names::encode(info.completeBaseName() + kOutputSuffix);
+    const QString stem = info.completeBaseName() + kOutputSuffix;
     const QString ext = destination.format.isEmpty() ? info.suffix().toLower() : destination.format;
-    int n = 1;
-    while (destination.collision == Collision::nextNumber &&
-           Files::occupied(folder + withExtension(numbered(stem, n), ext)))
-        ++n;
-    return Names::decode(folder + withExtension(numbered(stem, n), ext));
+    const auto taken = [&](const QString& name) {
+        return Files::occupied(folder + Names::encode(name)) ? EEXIST : 0;
+    };
+    // With Collision::replace the first name, taken or not.
+    const int last = destination.collision == Collision::nextNumber ? INT_MAX : 1;
+    return Names::decode(folder +
+                         Names::encode(Files::claimNumbered(stem, ext, taken, last).first));
 }
 
 PendingOutput::PendingOutput(const QString& folder, const QString& stem)
@@ -172,18 +167,18 @@ QString PendingOutput::commit(const QString& extension, Collision collision) {
     // otherwise hold an empty or partial file.
     if (::fsync(m_file.fd()) != 0)
         fail(errno);
+    const QString stem = Names::decode(m_stem);
     QByteArray target;
     int error = 0;
     if (collision == Collision::replace) {
-        target = m_folder + withExtension(m_stem, extension);
+        target = m_folder + Names::encode(Files::numberedName(stem, extension, 1));
         error = ::rename(m_temp.constData(), target.constData()) == 0 ? 0 : errno;
     } else {
-        for (int n = 1;; ++n) {
-            target = m_folder + withExtension(numbered(m_stem, n), extension);
-            error = Files::moveNew(m_temp, target);
-            if (error != EEXIST)
-                break;
-        }
+        const auto [name, moved] = Files::claimNumbered(stem, extension, [&](const QString& name) {
+            return Files::moveNew(m_temp, m_folder + Names::encode(name));
+        });
+        target = m_folder + Names::encode(name);
+        error = moved;
     }
     if (error != 0)
         fail(error);

@@ -16,15 +16,6 @@ namespace {
 
 constexpr int kMaxNumber = 10000;
 
-// "clip.wav", 3 -> "clip (3).wav"; a name without an extension gets the number at its end.
-QString numbered(const QString& name, int number) {
-    if (number == 1)
-        return name;
-    const qsizetype dot = name.lastIndexOf(QLatin1Char('.'));
-    const qsizetype at = dot > 0 ? dot : name.size();
-    return name.left(at) + QStringLiteral(" (%1)").arg(number) + name.mid(at);
-}
-
 // The entry's text: the path as the file system's bytes, escaped as in a URL
 // ('/' and the unreserved characters kept), and the local time of the deletion.
 QByteArray trashInfo(const QString& original) {
@@ -57,26 +48,25 @@ std::optional<QString> HomeTrash::moveToTrash(const QString& path) {
     for (const QString& folder : {m_folder, files, info})
         ::mkdir(QFile::encodeName(folder).constData(), 0700);
 
-    for (int number = 1; number <= kMaxNumber; ++number) {
-        const QString name = numbered(source.fileName(), number);
-        const QString entry = info + QLatin1Char('/') + name + QStringLiteral(".trashinfo");
-        // The entry is made first, whole and under a name nobody holds: it claims
-        // the name against every other program trashing a file of the same name.
-        try {
-            Files::create(entry, trashInfo(original));
-        } catch (const TagError& error) {
-            if (error.code() == EEXIST)
-                continue;
-            return std::nullopt;
-        }
-        const QString inTrash = files + QLatin1Char('/') + name;
-        const int moved = Files::moveNew(original, inTrash);
-        if (moved == 0)
-            return inTrash;
-        ::unlink(QFile::encodeName(entry).constData());
-        // Only a name left taken by a broken entry is worth another try.
-        if (moved != EEXIST)
-            return std::nullopt;
-    }
-    return std::nullopt;
+    // Each entry is made first, whole and under a name nobody holds: it claims the
+    // name against every other program trashing a file of the same name.
+    const auto [name, answer] = Files::claimNumbered(
+        source.fileName(),
+        [&](const QString& name) {
+            const QString entry = info + QLatin1Char('/') + name + QStringLiteral(".trashinfo");
+            try {
+                Files::create(entry, trashInfo(original));
+            } catch (const TagError& error) {
+                return error.code() == EEXIST ? EEXIST : EIO;
+            }
+            const int moved = Files::moveNew(original, files + QLatin1Char('/') + name);
+            // Only a name left taken by a broken entry is worth another try.
+            if (moved != 0)
+                ::unlink(QFile::encodeName(entry).constData());
+            return moved;
+        },
+        kMaxNumber);
+    if (answer != 0)
+        return std::nullopt;
+    return files + QLatin1Char('/') + name;
 }
