@@ -2,6 +2,7 @@
 // ffmpeg, named by a hash of that identity and holding it whole, renamed into
 // place once written, so processes sharing the folder never see half an entry.
 #include "engine/AnalysisCache.h"
+#include "base/Files.h"
 #include "platform/AppName.h"
 #include "platform/UserFolders.h"
 
@@ -254,20 +255,6 @@ bool makeFolder(const QString& path) {
     return QFileInfo(path).isDir();
 }
 
-bool writeAll(int fd, const QByteArray& bytes) {
-    qsizetype done = 0;
-    while (done < bytes.size()) {
-        const ssize_t written =
-            ::write(fd, bytes.constData() + done, static_cast<size_t>(bytes.size() - done));
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written <= 0)
-            return false;
-        done += written;
-    }
-    return true;
-}
-
 // A hit touches its entry, so the oldest times are the least recently used.
 void evictIfFull(const QString& folder) {
     const QDir::Filters files = QDir::Files | QDir::Hidden;
@@ -282,8 +269,8 @@ void evictIfFull(const QString& folder) {
         QFile::remove(used[i].second);
 }
 
-// Written beside its name and renamed over it. No sync: a crash can only leave
-// an entry that reads as damaged, and that is measured again.
+// No sync: a crash can only leave an entry that reads as damaged, and that is
+// measured again.
 void write(const QString& entry, const QJsonArray& key, const Analysis& analysis) {
     const QString folder = AnalysisCache::folder();
     if (!makeFolder(folder))
@@ -292,14 +279,9 @@ void write(const QString& entry, const QJsonArray& key, const Analysis& analysis
         QJsonDocument(QJsonObject{{QStringLiteral("key"), key},
                                   {QStringLiteral("figures"), figuresOf(analysis)}})
             .toJson(QJsonDocument::Compact);
-    QByteArray temporary = QFile::encodeName(folder + QStringLiteral("/.entry-XXXXXX"));
-    const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
-    if (fd < 0)
-        return;
-    const bool written = writeAll(fd, bytes);
-    if (::close(fd) != 0 || !written ||
-        ::rename(temporary.constData(), QFile::encodeName(entry).constData()) != 0) {
-        ::unlink(temporary.constData());
+    try {
+        Files::replace(entry, bytes, Files::Sync::cached);
+    } catch (const TagError&) {
         return;
     }
     evictIfFull(folder);

@@ -5,7 +5,6 @@
 #include "engine/Engine.h"
 
 #include <QFileInfo>
-#include <QRandomGenerator>
 #include <cctype>
 #include <cerrno>
 #include <climits>
@@ -92,15 +91,6 @@ void removeDeadTemps(const QByteArray& folder) {
     ::closedir(dir);
 }
 
-QByteArray randomPart() {
-    static constexpr char kAlphabet[] =
-        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
-    QByteArray part(kRandomLength, '\0');
-    for (char& c : part)
-        c = kAlphabet[QRandomGenerator::global()->bounded(int(sizeof kAlphabet - 1))];
-    return part;
-}
-
 QByteArray shortened(const QByteArray& stem) {
     if (stem.size() <= kTempStemBytes)
         return stem;
@@ -138,7 +128,7 @@ PendingOutput::PendingOutput(const QString& folder, const QString& stem)
     const QByteArray prefix = m_folder + '.' + shortened(m_stem) + kTempMark.data() +
                               QByteArray::number(::getpid()) + '-';
     for (int attempt = 0; attempt < kTempAttempts; ++attempt) {
-        const QByteArray temp = prefix + randomPart() + kTempEnd.data();
+        const QByteArray temp = prefix + Files::randomLetters(kRandomLength) + kTempEnd.data();
         const int fd = ::open(temp.constData(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
         if (fd < 0) {
             if (errno == EEXIST)
