@@ -46,15 +46,8 @@ constexpr long kNanosecondsPerSecond = 1'000'000'000;
 constexpr std::chrono::milliseconds kSettleTime{100};
 constexpr std::chrono::milliseconds kCoarseSettleTime{2500};
 
-struct Time {
-    long long seconds = 0;
-    long nanoseconds = 0;
-    auto operator<=>(const Time&) const = default;
-};
-
-Time timeOf(const timespec& t) {
-    return {t.tv_sec, t.tv_nsec};
-}
+using Files::Time;
+using Stamp = Files::Identity;
 
 Time before(Time t, std::chrono::nanoseconds span) {
     t.seconds -= span.count() / kNanosecondsPerSecond;
@@ -70,30 +63,10 @@ QString text(const Time& t) {
     return QStringLiteral("%1.%2").arg(t.seconds).arg(t.nanoseconds, 9, 10, QLatin1Char('0'));
 }
 
-// What changes when a file does: a new file under the name changes the inode,
-// a write changes the change time even when the modification time is set back.
-struct Stamp {
-    unsigned long long device = 0;
-    unsigned long long inode = 0;
-    long long size = 0;
-    Time modified;
-    Time changed;
-    bool regular = false;
-    bool operator==(const Stamp&) const = default;
-};
-
-std::optional<Stamp> stampOf(const QString& path) {
-    struct stat info {};
-    if (::stat(Names::encode(path).constData(), &info) != 0)
-        return std::nullopt;
-    return Stamp{info.st_dev,          info.st_ino,          info.st_size,
-                 timeOf(info.st_mtim), timeOf(info.st_ctim), S_ISREG(info.st_mode)};
-}
-
 Time now() {
     timespec t{};
     ::clock_gettime(CLOCK_REALTIME, &t);
-    return timeOf(t);
+    return {t.tv_sec, t.tv_nsec};
 }
 
 // Whether any change after `at` must show in the file's times.
@@ -308,9 +281,9 @@ Analysis kept(const QString& path, const std::function<Analysis(const QString&)>
     if (!enabled || !program)
         return measure(path);
     const QString file = Names::absolute(path);
-    const std::optional<Stamp> stamp = stampOf(file);
+    const std::optional<Stamp> stamp = Files::identity(file);
     const Time statedAt = now();
-    const std::optional<Stamp> programStamp = stampOf(*program);
+    const std::optional<Stamp> programStamp = Files::identity(*program);
     if (!stamp || !stamp->regular || !programStamp)
         return measure(path);
 
@@ -322,13 +295,13 @@ Analysis kept(const QString& path, const std::function<Analysis(const QString&)>
     }
     const Analysis measured = measure(path);
     // Not kept when the file changed while ffmpeg read it, or might change unseen.
-    if (settledAt(*stamp, statedAt) && stampOf(file) == stamp)
+    if (settledAt(*stamp, statedAt) && Files::identity(file) == stamp)
         write(entry, key, measured);
     return measured;
 }
 
 bool settled(const QString& path) {
-    const std::optional<Stamp> stamp = stampOf(path);
+    const std::optional<Stamp> stamp = Files::identity(path);
     return stamp && settledAt(*stamp, now());
 }
 
