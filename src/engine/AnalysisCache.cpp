@@ -3,6 +3,7 @@
 // place once written, so processes sharing the folder never see half an entry.
 #include "engine/AnalysisCache.h"
 #include "base/Files.h"
+#include "base/Names.h"
 #include "platform/AppName.h"
 #include "platform/UserFolders.h"
 
@@ -216,18 +217,6 @@ std::optional<Analysis> read(const QString& entry, const QJsonArray& key) {
     return analysisFrom(object.value(QStringLiteral("figures")).toObject());
 }
 
-// The base-directory rules ask for 0700: the entries name the user's files.
-bool makeFolder(const QString& path) {
-    const QByteArray name = QFile::encodeName(path);
-    if (::mkdir(name.constData(), 0700) != 0 && errno == ENOENT) {
-        const QString parent = QFileInfo(path).path();
-        if (parent == path || !makeFolder(parent))
-            return false;
-        ::mkdir(name.constData(), 0700);
-    }
-    return QFileInfo(path).isDir();
-}
-
 // A hit touches its entry, so the oldest times are the least recently used.
 void evictIfFull(const QString& folder) {
     const QDir::Filters files = QDir::Files | QDir::Hidden;
@@ -246,13 +235,13 @@ void evictIfFull(const QString& folder) {
 // measured again.
 void write(const QString& entry, const QJsonArray& key, const Analysis& analysis) {
     const QString folder = AnalysisCache::folder();
-    if (!makeFolder(folder))
-        return;
     const QByteArray bytes =
         QJsonDocument(QJsonObject{{QStringLiteral("key"), key},
                                   {QStringLiteral("figures"), figuresOf(analysis)}})
             .toJson(QJsonDocument::Compact);
     try {
+        // The base-directory rules ask for 0700: the entries name the user's files.
+        Files::makeFolders(folder, 0700);
         Files::replace(entry, bytes, Files::Sync::cached);
     } catch (const TagError&) {
         return;

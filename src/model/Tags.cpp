@@ -69,7 +69,11 @@ bool Tags::isClip(const QString& path) {
 
 QString Tags::dir() {
     const QString folder = UserFolders::appDataDir() + QStringLiteral("/Tags");
-    QDir().mkpath(folder);
+    try {
+        Files::makeFolders(folder);
+    } catch (const TagError&) {
+        // Shows as an empty library, and as the reason a clip cannot be added.
+    }
     return folder;
 }
 

@@ -3,6 +3,7 @@
 // updates under a lock file, replaced atomically.
 #include "platform/Preferences.h"
 #include "base/Files.h"
+#include "base/Names.h"
 #include "base/TagError.h"
 #include "platform/AppName.h"
 #include "platform/UserFolders.h"
@@ -142,7 +143,11 @@ QJsonObject PreferencesFile::values() const {
 }
 
 void PreferencesFile::update(const std::function<void(QJsonObject&)>& change) {
-    QDir().mkpath(QFileInfo(m_path).absolutePath());
+    try {
+        Files::makeFolders(Names::folderOf(m_path));
+    } catch (const TagError&) {
+        // The write below fails with the reason.
+    }
     // Serialises read-modify-write between processes; stale locks of crashed
     // processes are taken over by QLockFile.
     QLockFile lock(m_path + QStringLiteral(".lock"));

@@ -2,6 +2,7 @@
 // hold the original path unencoded, so a restore reads "%41" in a name as "A".
 #include "platform/Trash.h"
 #include "base/Files.h"
+#include "base/Names.h"
 #include "platform/UserFolders.h"
 
 #include <QDateTime>
@@ -44,9 +45,14 @@ std::optional<QString> HomeTrash::moveToTrash(const QString& path) {
     const QString files = m_folder + QStringLiteral("/files");
     const QString info = m_folder + QStringLiteral("/info");
     // The trash is the user's alone; a failure shows when the entry is made.
-    QDir().mkpath(QFileInfo(m_folder).path());
-    for (const QString& folder : {m_folder, files, info})
-        ::mkdir(QFile::encodeName(folder).constData(), 0700);
+    const std::pair<QString, mode_t> folders[] = {
+        {Names::folderOf(m_folder), 0777}, {m_folder, 0700}, {files, 0700}, {info, 0700}};
+    for (const auto& [folder, mode] : folders) {
+        try {
+            Files::makeFolders(folder, mode);
+        } catch (const TagError&) {
+        }
+    }
 
     // Each entry is made first, whole and under a name nobody holds: it claims the
     // name against every other program trashing a file of the same name.
