@@ -4,7 +4,6 @@
 #include "base/Files.h"
 #include "engine/Engine.h"
 
-#include <QFileInfo>
 #include <cctype>
 #include <cerrno>
 #include <climits>
@@ -107,13 +106,15 @@ QString outputURL(const QString& track) {
 }
 
 QString outputURL(const QString& track, const Destination& destination) {
-    const QFileInfo info(Names::absolute(track));
+    const QString name = Names::fileName(Names::absolute(track));
+    const qsizetype dot = name.lastIndexOf(QLatin1Char('.'));
     const QByteArray folder =
-        folderOf(destination.folder.isEmpty() ? info.absolutePath() : destination.folder);
-    const QString stem = info.completeBaseName() + kOutputSuffix;
-    const QString ext = destination.format.isEmpty() ? info.suffix().toLower() : destination.format;
-    const auto taken = [&](const QString& name) {
-        return Files::occupied(folder + Names::encode(name)) ? EEXIST : 0;
+        folderOf(destination.folder.isEmpty() ? Names::folderOf(track) : destination.folder);
+    const QString stem = (dot < 0 ? name : name.left(dot)) + kOutputSuffix;
+    const QString suffix = dot < 0 ? QString() : name.mid(dot + 1).toLower();
+    const QString ext = destination.format.isEmpty() ? suffix : destination.format;
+    const auto taken = [&](const QString& candidate) {
+        return Files::occupied(folder + Names::encode(candidate)) ? EEXIST : 0;
     };
     // With Collision::replace the first name, taken or not.
     const int last = destination.collision == Collision::nextNumber ? INT_MAX : 1;
