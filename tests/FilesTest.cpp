@@ -76,6 +76,7 @@ TEST(Files, namesSortByCodePointAfterComposition) {
     Files::sortByName(paths);
     EXPECT_EQ(paths, QStringList({u"/m/B"_s, u"/m/b"_s, u"/m/e\u0301"_s, u"/m/\u00e9t"_s,
                                   Names::decode("/m/\xE9")}));
+    EXPECT_EQ(Files::orderKey("\xE1\x84\x82\xE1\x85\xA1"), "\xEB\x82\x98"); // jamo composed
 }
 
 } // namespace
