@@ -20,10 +20,6 @@ constexpr QLatin1String kSelectionKey("tag");
 constexpr QLatin1String kSeededKey("seeded");
 constexpr QLatin1String kDefaultTagsFolder("DefaultTags");
 
-QString fileNameOf(const QString& path) {
-    return Names::fileName(path);
-}
-
 // A leading dot starts a hidden name, not an extension.
 qsizetype extensionDot(const QString& fileName) {
     const qsizetype dot = fileName.lastIndexOf(QLatin1Char('.'));
@@ -62,7 +58,7 @@ const QSet<QString>& Tags::exts() {
 }
 
 bool Tags::isClip(const QString& path) {
-    return exts().contains(extensionOf(fileNameOf(path)).toLower());
+    return exts().contains(extensionOf(Names::fileName(path)).toLower());
 }
 
 QString Tags::dir() {
@@ -101,7 +97,7 @@ std::optional<QString> Tags::selected() const {
         // Names typed on another system may arrive decomposed (NFD).
         const QString wanted = stored->normalized(QString::NormalizationForm_C);
         for (const QString& clip : clips)
-            if (fileNameOf(clip).normalized(QString::NormalizationForm_C) == wanted)
+            if (Names::fileName(clip).normalized(QString::NormalizationForm_C) == wanted)
                 return clip;
     }
     return clips.first();
@@ -109,17 +105,17 @@ std::optional<QString> Tags::selected() const {
 
 void Tags::setSelected(const std::optional<QString>& path) {
     if (path)
-        m_preferences.setString(kSelectionKey, fileNameOf(*path));
+        m_preferences.setString(kSelectionKey, Names::fileName(*path));
     else
         m_preferences.remove(kSelectionKey);
 }
 
 QString Tags::name(const QString& path) {
-    return baseNameOf(fileNameOf(path)).toUpper();
+    return baseNameOf(Names::fileName(path)).toUpper();
 }
 
 QString Tags::add(const QString& path) {
-    const QString fileName = fileNameOf(path);
+    const QString fileName = Names::fileName(path);
     // A file the listing would leave out would be copied in and never seen again.
     if (!isClip(fileName))
         throw TagError::systemFailed(EINVAL, QStringLiteral("CAN'T ADD %1").arg(fileName.toUpper()),
@@ -161,7 +157,7 @@ void Tags::seedDefaults() {
     const QString defaults = Resources::path(kDefaultTagsFolder) + QLatin1Char('/');
     QSet<QString> present;
     for (const QString& clip : all())
-        present.insert(fileNameOf(clip));
+        present.insert(Names::fileName(clip));
 
     const QString folder = dir();
     for (const QString& resourceName : Files::names(defaults)) {
