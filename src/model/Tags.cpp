@@ -3,15 +3,13 @@
 // preferences.
 #include "model/Tags.h"
 #include "base/Files.h"
+#include "base/Names.h"
 #include "platform/Preferences.h"
 #include "platform/Resources.h"
 #include "platform/Trash.h"
 #include "platform/UserFolders.h"
 
 #include <QCollator>
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
 #include <QLocale>
 #include <algorithm>
 #include <cerrno>
@@ -21,10 +19,6 @@ namespace {
 constexpr QLatin1String kSelectionKey("tag");
 constexpr QLatin1String kSeededKey("seeded");
 constexpr QLatin1String kDefaultTagsFolder("DefaultTags");
-
-QString fileNameOf(const QString& path) {
-    return QFileInfo(path).fileName();
-}
 
 // A leading dot starts a hidden name, not an extension.
 qsizetype extensionDot(const QString& fileName) {
@@ -40,15 +34,6 @@ QString extensionOf(const QString& fileName) {
 QString baseNameOf(const QString& fileName) {
     const qsizetype dot = extensionDot(fileName);
     return dot < 0 ? fileName : fileName.left(dot);
-}
-
-// "Voice.WAV", 2 -> "Voice (2).WAV": the extension keeps its letter case.
-QString numberedName(const QString& fileName, int number) {
-    const QString extension = extensionOf(fileName);
-    QString name = baseNameOf(fileName) + QStringLiteral(" (%1)").arg(number);
-    if (!extension.isEmpty())
-        name += QLatin1Char('.') + extension;
-    return name;
 }
 
 // The file browser's order: the user's language, digits by value, case ignored.
@@ -73,19 +58,23 @@ const QSet<QString>& Tags::exts() {
 }
 
 bool Tags::isClip(const QString& path) {
-    return exts().contains(extensionOf(fileNameOf(path)).toLower());
+    return exts().contains(extensionOf(Names::fileName(path)).toLower());
 }
 
 QString Tags::dir() {
     const QString folder = UserFolders::appDataDir() + QStringLiteral("/Tags");
-    QDir().mkpath(folder);
+    try {
+        Files::makeFolders(folder);
+    } catch (const TagError&) {
+        // Shows as an empty library, and as the reason a clip cannot be added.
+    }
     return folder;
 }
 
 QStringList Tags::all() {
     const QString folder = dir();
-    QStringList names = QDir(folder).entryList(
-        QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Unsorted);
+    // By their bytes: QDir would read a Latin-1 name as another file's.
+    QStringList names = Files::names(folder);
     names.removeIf([](const QString& name) { return !isClip(name); });
 
     const QCollator collator = browserCollator();
@@ -108,7 +97,7 @@ std::optional<QString> Tags::selected() const {
         // Names typed on another system may arrive decomposed (NFD).
         const QString wanted = stored->normalized(QString::NormalizationForm_C);
         for (const QString& clip : clips)
-            if (fileNameOf(clip).normalized(QString::NormalizationForm_C) == wanted)
+            if (Names::fileName(clip).normalized(QString::NormalizationForm_C) == wanted)
                 return clip;
     }
     return clips.first();
@@ -116,44 +105,42 @@ std::optional<QString> Tags::selected() const {
 
 void Tags::setSelected(const std::optional<QString>& path) {
     if (path)
-        m_preferences.setString(kSelectionKey, fileNameOf(*path));
+        m_preferences.setString(kSelectionKey, Names::fileName(*path));
     else
         m_preferences.remove(kSelectionKey);
 }
 
 QString Tags::name(const QString& path) {
-    return baseNameOf(fileNameOf(path)).toUpper();
+    return baseNameOf(Names::fileName(path)).toUpper();
 }
 
 QString Tags::add(const QString& path) {
-    const QString fileName = fileNameOf(path);
+    const QString fileName = Names::fileName(path);
     // A file the listing would leave out would be copied in and never seen again.
     if (!isClip(fileName))
         throw TagError::systemFailed(EINVAL, QStringLiteral("CAN'T ADD %1").arg(fileName.toUpper()),
                                      QStringLiteral("NOT A TAG CLIP"));
-    const QString folder = dir();
-    for (int number = 1;; ++number) {
-        const QString destination =
-            folder + QLatin1Char('/') + (number == 1 ? fileName : numberedName(fileName, number));
-        if (Files::occupied(destination))
-            continue;
+    const QString folder = dir() + QLatin1Char('/');
+    // A name found free may be taken by another program before the copy lands.
+    const auto copyTo = [&](const QString& name) {
         try {
-            Files::copy(path, destination);
+            Files::copy(path, folder + name);
+            return 0;
         } catch (const TagError& error) {
-            // Another program took the name since it was found free.
             if (error.code() == EEXIST)
-                continue;
+                return EEXIST;
             throw;
         }
-        try {
-            setSelected(destination);
-        } catch (const TagError&) {
-            // A copy nobody selected would claim an addition that did not happen.
-            QFile::remove(destination);
-            throw;
-        }
-        return destination;
+    };
+    const QString destination = folder + Files::claimNumbered(fileName, copyTo).first;
+    try {
+        setSelected(destination);
+    } catch (const TagError&) {
+        // A copy nobody selected would claim an addition that did not happen.
+        Files::remove(destination);
+        throw;
     }
+    return destination;
 }
 
 void Tags::seedDefaults() {
@@ -167,18 +154,17 @@ void Tags::seedDefaults() {
         return;
     }
 
-    const QDir defaults(Resources::path(kDefaultTagsFolder));
-    const QStringList resourceNames = defaults.entryList(QDir::Files | QDir::Hidden, QDir::Name);
+    const QString defaults = Resources::path(kDefaultTagsFolder) + QLatin1Char('/');
     QSet<QString> present;
     for (const QString& clip : all())
-        present.insert(fileNameOf(clip));
+        present.insert(Names::fileName(clip));
 
     const QString folder = dir();
-    for (const QString& resourceName : resourceNames) {
+    for (const QString& resourceName : Files::names(defaults)) {
         if (!isClip(resourceName) || present.contains(resourceName))
             continue;
         try {
-            Files::copy(defaults.filePath(resourceName), folder + QLatin1Char('/') + resourceName);
+            Files::copy(defaults + resourceName, folder + QLatin1Char('/') + resourceName);
         } catch (const TagError&) {
             // A default that cannot be copied is simply missing from the library.
         }

@@ -3,13 +3,11 @@
 // updates under a lock file, replaced atomically.
 #include "platform/Preferences.h"
 #include "base/Files.h"
+#include "base/Names.h"
 #include "base/TagError.h"
 #include "platform/AppName.h"
 #include "platform/UserFolders.h"
 
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
 #include <QHash>
 #include <QJsonDocument>
 #include <QJsonParseError>
@@ -17,7 +15,7 @@
 #include <QMutex>
 #include <cerrno>
 #include <cstdio>
-#include <sys/stat.h>
+#include <limits>
 
 namespace {
 
@@ -27,25 +25,7 @@ constexpr int kLockWaitMs = 2000;
 
 // Every write is a new file renamed into place, so a write by anyone changes
 // the inode as well as the times; size and times catch in-place edits.
-struct Stamp {
-    dev_t device = 0;
-    ino_t inode = 0;
-    off_t size = 0;
-    long long modifiedSeconds = 0;
-    long long modifiedNanoseconds = 0;
-    long long changedSeconds = 0;
-    long long changedNanoseconds = 0;
-    bool operator==(const Stamp&) const = default;
-};
-
-std::optional<Stamp> stampOf(const QString& path) {
-    struct stat info {};
-    if (::stat(QFile::encodeName(path).constData(), &info) != 0)
-        return std::nullopt;
-    return Stamp{info.st_dev,         info.st_ino,          info.st_size,
-                 info.st_mtim.tv_sec, info.st_mtim.tv_nsec, info.st_ctim.tv_sec,
-                 info.st_ctim.tv_nsec};
-}
+using Stamp = Files::Identity;
 
 struct Contents {
     QJsonObject object;
@@ -53,14 +33,17 @@ struct Contents {
 };
 
 Contents readFile(const QString& path) {
-    QFile file(path);
+    const std::optional<QByteArray> bytes =
+        Files::read(path, std::numeric_limits<qsizetype>::max());
     // A file there that cannot be read holds the user's keys all the same: keep
     // it aside like an unparsable one. A folder there is left alone, and no write
     // can replace it.
-    if (!file.open(QIODevice::ReadOnly))
-        return {{}, QFileInfo(path).exists() && !QFileInfo(path).isDir()};
+    if (!bytes) {
+        const std::optional<Files::Identity> there = Files::identity(path);
+        return {{}, there && !there->folder};
+    }
     QJsonParseError error{};
-    const QJsonDocument document = QJsonDocument::fromJson(file.readAll(), &error);
+    const QJsonDocument document = QJsonDocument::fromJson(*bytes, &error);
     if (error.error != QJsonParseError::NoError || !document.isObject())
         return {{}, true};
     return {document.object(), false};
@@ -143,7 +126,7 @@ QString PreferencesFile::corruptPath() const {
 QJsonObject PreferencesFile::values() const {
     // Stat before reading: a file replaced in between is then stored under the
     // older stamp and read again next time, never the other way round.
-    const std::optional<Stamp> stamp = stampOf(m_path);
+    const std::optional<Stamp> stamp = Files::identity(m_path);
     if (!stamp) {
         remember(m_path, std::nullopt, {});
         return {};
@@ -161,7 +144,11 @@ QJsonObject PreferencesFile::values() const {
 }
 
 void PreferencesFile::update(const std::function<void(QJsonObject&)>& change) {
-    QDir().mkpath(QFileInfo(m_path).absolutePath());
+    try {
+        Files::makeFolders(Names::folderOf(m_path));
+    } catch (const TagError&) {
+        // The write below fails with the reason.
+    }
     // Serialises read-modify-write between processes; stale locks of crashed
     // processes are taken over by QLockFile.
     QLockFile lock(m_path + QStringLiteral(".lock"));
@@ -170,12 +157,12 @@ void PreferencesFile::update(const std::function<void(QJsonObject&)>& change) {
     Contents current = readFile(m_path);
     // Never replace what could not be kept aside.
     if (current.corrupt &&
-        std::rename(QFile::encodeName(m_path).constData(),
-                    QFile::encodeName(corruptPath()).constData()) != 0 &&
+        std::rename(Names::encode(m_path).constData(), Names::encode(corruptPath()).constData()) !=
+            0 &&
         errno != ENOENT) {
         const int code = errno;
         throw TagError::systemFailed(code, QStringLiteral("CAN'T SAVE ") +
-                                               QFileInfo(corruptPath()).fileName().toUpper());
+                                               Names::fileName(corruptPath()).toUpper());
     }
     change(current.object);
     // Forgotten before the write: whatever is on disk after it, failed or not,
@@ -185,5 +172,5 @@ void PreferencesFile::update(const std::function<void(QJsonObject&)>& change) {
 }
 
 QString PreferencesFile::watchedFolder() const {
-    return QFileInfo(m_path).absolutePath();
+    return Names::folderOf(m_path);
 }
