@@ -131,6 +131,10 @@ TEST_F(BatchCore, stoppingEndsTheRunningFfmpegAndBeginsNoFurtherTrack) {
         ::Test::makeAudio(tracks.last(), u"sine=frequency=220"_s, seconds, 44100, 1);
     }
     ::Test::makeAudio(path(u"tag.wav"_s), u"sine=frequency=880"_s, 0.5);
+    Engine::Job job;
+    job.clip = path(u"tag.wav"_s);
+    job.interval = 20;
+    job.levelDB = -5;
     std::vector<Batch::Outcome> outcomes;
     int ends = 0;
     std::unique_ptr<Batch> batch;
@@ -138,7 +142,7 @@ TEST_F(BatchCore, stoppingEndsTheRunningFfmpegAndBeginsNoFurtherTrack) {
     {
         const std::lock_guard lock(made);
         batch = std::make_unique<Batch>(
-            Batch::Work{tracks, path(u"tag.wav"_s), 20, -5, 2},
+            Batch::Work{job, Engine::plan(job, tracks), 2},
             [&](const Batch::Outcome& outcome) {
                 outcomes.push_back(outcome);
                 const std::lock_guard ready(made);
@@ -155,6 +159,7 @@ TEST_F(BatchCore, stoppingEndsTheRunningFfmpegAndBeginsNoFurtherTrack) {
     ASSERT_EQ(outcomes.size(), 2u);
     EXPECT_EQ(outcomes[0].index, 0);
     EXPECT_TRUE(outcomes[0].result);
+    EXPECT_TRUE(outcomes[1].stopped());
     EXPECT_EQ(outcomes[1].error, u"STOPPED"_s);
     EXPECT_EQ(QDir(dir.path()).entryList({u"*Tagged*"_s}, QDir::Files | QDir::Hidden),
               QStringList{u"short (Tagged).wav"_s});

@@ -1,6 +1,9 @@
 // The engine's pure parts: reading ffmpeg's text, placing the clip, building the
 // graph, naming outputs, collecting tracks and choosing the ffmpeg to run.
-#include "engine/Engine.h"
+#include "engine/Analysis.h"
+#include "engine/Collect.h"
+#include "engine/Render.h"
+#include "engine/Runner.h"
 #include "support/TestSupport.h"
 
 #include <QDir>

@@ -1,7 +1,7 @@
 // The tag library on real folders: listing order, selection, adding, seeding
 // and removing to the desktop's trash.
 #include "model/Tags.h"
-#include "engine/Engine.h"
+#include "engine/Analysis.h"
 #include "platform/Preferences.h"
 #include "platform/Trash.h"
 #include "support/FreshHome.h"

@@ -5,6 +5,7 @@
 #include "app/FrameAutosave.h"
 #include "app/MenuBar.h"
 
+#include "base/Names.h"
 #include "base/TagError.h"
 #include "engine/Batch.h"
 #include "model/Tags.h"
@@ -43,7 +44,7 @@ LaunchOptions parseArguments(const QStringList& arguments) {
     for (qsizetype i = 1; i < arguments.size(); ++i) {
         const QString& argument = arguments[i];
         if (onlyFiles || !argument.startsWith(QLatin1Char('-')) || argument == QLatin1String("-")) {
-            options.files << QFileInfo(argument).absoluteFilePath();
+            options.files << Names::absolute(argument);
         } else if (argument == QLatin1String("--")) {
             onlyFiles = true;
         } else if (argument == QLatin1String("--help") || argument == QLatin1String("-h")) {

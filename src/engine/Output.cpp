@@ -1,8 +1,9 @@
 // Naming outputs, and making them appear whole: ffmpeg writes a hidden, locked
 // temporary file beside the final name, which the file takes in one step once
 // ffmpeg has succeeded, never replacing what another run put there meanwhile.
+#include "engine/Output.h"
+
 #include "base/Files.h"
-#include "engine/Engine.h"
 
 #include <QFileInfo>
 #include <QRandomGenerator>
@@ -119,18 +120,29 @@ QByteArray shortened(const QByteArray& stem) {
 
 } // namespace
 
-QString outputURL(const QString& track) {
-    return outputURL(track, Destination{});
+QString OutputName::path() const {
+    return Names::decode(folderOf(folder) + withExtension(Names::encode(stem), extension));
+}
+
+// On the name's text alone: nothing here looks at the disk.
+OutputName outputName(const QString& track, const Destination& destination) {
+    const QFileInfo info(Names::absolute(track));
+    return {
+        Names::absolute(destination.folder.isEmpty() ? info.absolutePath() : destination.folder),
+        info.completeBaseName() + kOutputSuffix,
+        destination.format.isEmpty() ? info.suffix().toLower() : destination.format};
 }
 
 QString outputURL(const QString& track, const Destination& destination) {
-    const QFileInfo info(Names::absolute(track));
-    const QByteArray folder =
-        folderOf(destination.folder.isEmpty() ? info.absolutePath() : destination.folder);
-    const QByteArray stem = Names::encode(info.completeBaseName() + kOutputSuffix);
-    const QString ext = destination.format.isEmpty() ? info.suffix().toLower() : destination.format;
+    return outputURL(outputName(track, destination), destination.collision);
+}
+
+QString outputURL(const OutputName& name, Collision collision) {
+    const QByteArray folder = folderOf(name.folder);
+    const QByteArray stem = Names::encode(name.stem);
+    const QString& ext = name.extension;
     int n = 1;
-    while (destination.collision == Collision::nextNumber &&
+    while (collision == Collision::nextNumber &&
            Files::occupied(folder + withExtension(numbered(stem, n), ext)))
         ++n;
     return Names::decode(folder + withExtension(numbered(stem, n), ext));
