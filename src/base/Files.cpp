@@ -1,18 +1,21 @@
-// Checked file writes: a hidden temporary file beside the target, every write
-// and the flush to disk checked, then the name taken in one step.
+// Checked file writes (a hidden temporary file beside the target, every write
+// and the flush to disk checked, then the name taken in one step), numbered
+// names, identities, folders and the order of names.
 #include "base/Files.h"
 #include "base/Names.h"
 
-#include <QFile>
-#include <QFileInfo>
 #include <QRandomGenerator>
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
+#include <dirent.h>
 #include <fcntl.h>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <utility>
+#include <vector>
 
 namespace Files {
 
@@ -29,15 +32,28 @@ QByteArray native(const QString& path) {
     return Names::encode(path);
 }
 
-// Six random letters and digits: never a track's or a clip's extension.
-QString randomSuffix() {
-    static constexpr char kAlphabet[] =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
-    QString suffix;
-    for (int i = 0; i < 6; ++i)
-        suffix += QLatin1Char(
-            kAlphabet[QRandomGenerator::global()->bounded(static_cast<int>(sizeof kAlphabet - 1))]);
-    return suffix;
+constexpr int kSuffixLetters = 6;
+
+// A leading dot starts a hidden name, not an extension.
+qsizetype extensionDot(const QString& fileName) {
+    const qsizetype dot = fileName.lastIndexOf(QLatin1Char('.'));
+    return dot > 0 ? dot : -1;
+}
+
+template<typename Name>
+std::pair<QString, int> claimEach(Name nameFor, const std::function<int(const QString&)>& claim,
+                                  int last) {
+    QString name;
+    int answer = EEXIST;
+    for (int number = 1; number <= last && answer == EEXIST; ++number) {
+        name = nameFor(number);
+        answer = claim(name);
+    }
+    return {name, answer};
+}
+
+Time timeOf(const timespec& t) {
+    return {t.tv_sec, t.tv_nsec};
 }
 
 // Closed when it goes out of scope.
@@ -60,12 +76,13 @@ private:
 // A hidden temporary file in the target's folder, removed unless it took a name.
 class Staged {
 public:
-    Staged(const QString& target, QString action)
-        : m_action(std::move(action)) {
-        const QFileInfo info(target);
-        const QString stem = info.absolutePath() + QStringLiteral("/.") + info.fileName();
+    Staged(const QString& target, QString action, Sync sync = Sync::durable)
+        : m_action(std::move(action))
+        , m_sync(sync) {
+        const QByteArray stem = native(Names::folderOf(target) + QStringLiteral("/.") +
+                                       Names::fileName(target) + QLatin1Char('.'));
         for (int attempt = 0;; ++attempt) {
-            m_path = native(stem + QLatin1Char('.') + randomSuffix());
+            m_path = stem + randomLetters(kSuffixLetters);
             m_fd = ::open(m_path.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
             if (m_fd >= 0)
                 return;
@@ -110,13 +127,14 @@ private:
     // On the disk before it takes the name: a power cut then leaves the old file
     // or the new one, never an empty one.
     void finish() {
-        if (::fsync(m_fd) != 0)
+        if (m_sync == Sync::durable && ::fsync(m_fd) != 0)
             fail(m_action, errno);
         if (::close(std::exchange(m_fd, -1)) != 0 && errno != EINTR)
             fail(m_action, errno);
     }
 
     QString m_action;
+    Sync m_sync;
     QByteArray m_path;
     int m_fd = -1;
     bool m_placed = false;
@@ -165,7 +183,7 @@ int moveNew(const QString& from, const QString& to) {
 }
 
 void copy(const QString& from, const QString& to) {
-    const QString action = QStringLiteral("CAN'T COPY ") + QFileInfo(from).fileName().toUpper();
+    const QString action = QStringLiteral("CAN'T COPY ") + Names::fileName(from).toUpper();
     if (occupied(to))
         fail(action, EEXIST);
     // Opened without waiting for a writer, so a FIFO is refused rather than
@@ -197,18 +215,143 @@ void copy(const QString& from, const QString& to) {
 }
 
 void create(const QString& path, const QByteArray& contents) {
-    Staged file(path, QStringLiteral("CAN'T SAVE ") + QFileInfo(path).fileName().toUpper());
+    Staged file(path, QStringLiteral("CAN'T SAVE ") + Names::fileName(path).toUpper());
     file.write(contents.constData(), static_cast<std::size_t>(contents.size()));
     file.placeNew(path);
 }
 
-void replace(const QString& path, const QByteArray& contents) {
+void replace(const QString& path, const QByteArray& contents, Sync sync) {
     // Through a link to the file it names, as an editor saves: the link stays.
-    const QFileInfo info(path);
-    const QString target = info.isSymLink() ? info.symLinkTarget() : path;
-    Staged file(target, QStringLiteral("CAN'T SAVE ") + info.fileName().toUpper());
+    QString target = path;
+    const QByteArray name = native(path);
+    struct stat info {};
+    if (::lstat(name.constData(), &info) == 0 && S_ISLNK(info.st_mode)) {
+        QByteArray link(PATH_MAX, '\0');
+        const ssize_t length = ::readlink(name.constData(), link.data(), link.size());
+        if (length > 0) {
+            link.truncate(length);
+            target = Names::decode(link);
+            if (!target.startsWith(QLatin1Char('/')))
+                target = Names::folderOf(path) + QLatin1Char('/') + target;
+            target = Names::absolute(target);
+        }
+    }
+    Staged file(target, QStringLiteral("CAN'T SAVE ") + Names::fileName(path).toUpper(), sync);
     file.write(contents.constData(), static_cast<std::size_t>(contents.size()));
     file.replace(target);
+}
+
+std::optional<QByteArray> read(const QString& path, qsizetype limit) {
+    Descriptor file(::open(native(path).constData(), O_RDONLY | O_CLOEXEC));
+    if (file.get() < 0)
+        return std::nullopt;
+    QByteArray bytes;
+    std::array<char, kChunk> buffer;
+    while (bytes.size() < limit) {
+        const auto wanted = static_cast<std::size_t>(
+            std::min<qsizetype>(limit - bytes.size(), static_cast<qsizetype>(buffer.size())));
+        const ssize_t got = ::read(file.get(), buffer.data(), wanted);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0)
+            return std::nullopt;
+        if (got == 0)
+            break;
+        bytes.append(buffer.data(), got);
+    }
+    return bytes;
+}
+
+bool remove(const QString& path) {
+    return ::unlink(native(path).constData()) == 0;
+}
+
+QString numberedName(const QString& stem, const QString& extension, int number) {
+    QString name = number == 1 ? stem : stem + QStringLiteral(" (%1)").arg(number);
+    if (!extension.isEmpty())
+        name += QLatin1Char('.') + extension;
+    return name;
+}
+
+QString numberedName(const QString& fileName, int number) {
+    if (number == 1)
+        return fileName;
+    const qsizetype dot = extensionDot(fileName);
+    const qsizetype at = dot < 0 ? fileName.size() : dot;
+    return fileName.left(at) + QStringLiteral(" (%1)").arg(number) + fileName.mid(at);
+}
+
+std::pair<QString, int> claimNumbered(const QString& stem, const QString& extension,
+                                      const std::function<int(const QString&)>& claim, int last) {
+    return claimEach([&](int number) { return numberedName(stem, extension, number); }, claim,
+                     last);
+}
+
+std::pair<QString, int> claimNumbered(const QString& fileName,
+                                      const std::function<int(const QString&)>& claim, int last) {
+    return claimEach([&](int number) { return numberedName(fileName, number); }, claim, last);
+}
+
+std::optional<Identity> identity(const QString& path) {
+    struct stat info {};
+    if (::stat(native(path).constData(), &info) != 0)
+        return std::nullopt;
+    return Identity{info.st_dev,          info.st_ino,          info.st_size,
+                    timeOf(info.st_mtim), timeOf(info.st_ctim), S_ISREG(info.st_mode),
+                    S_ISDIR(info.st_mode)};
+}
+
+void makeFolders(const QString& folder, mode_t mode) {
+    const QByteArray path = native(folder);
+    for (qsizetype at = 1; at <= path.size(); ++at) {
+        if (at < path.size() && path[at] != '/')
+            continue;
+        if (::mkdir(path.left(at).constData(), mode) != 0 && errno != EEXIST)
+            throw TagError::systemFailed(errno, QStringLiteral("CAN'T CREATE %1").arg(folder));
+    }
+}
+
+QStringList names(const QString& folder) {
+    QStringList found;
+    DIR* dir = ::opendir(native(folder).constData());
+    if (!dir)
+        return found;
+    while (const dirent* entry = ::readdir(dir)) {
+        const std::string_view name(entry->d_name);
+        if (name != "." && name != "..")
+            found << Names::decode(QByteArrayView(name.data(), qsizetype(name.size())));
+    }
+    ::closedir(dir);
+    return found;
+}
+
+QByteArray randomLetters(int count) {
+    static constexpr char kAlphabet[] =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+    QByteArray letters(count, '\0');
+    for (char& letter : letters)
+        letter = kAlphabet[QRandomGenerator::global()->bounded(int(sizeof kAlphabet - 1))];
+    return letters;
+}
+
+QByteArray orderKey(QByteArrayView name) {
+    if (std::all_of(name.begin(), name.end(),
+                    [](char c) { return static_cast<unsigned char>(c) < 0x80; }))
+        return name.toByteArray();
+    // UTF-8 bytes sort in code-point order.
+    return Names::encode(Names::decode(name).normalized(QString::NormalizationForm_C));
+}
+
+void sortByName(QStringList& paths) {
+    std::vector<std::pair<QByteArray, QString>> keyed;
+    keyed.reserve(static_cast<std::size_t>(paths.size()));
+    for (QString& path : paths)
+        keyed.emplace_back(orderKey(native(path)), std::move(path));
+    std::stable_sort(keyed.begin(), keyed.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    paths.clear();
+    for (auto& [key, path] : keyed)
+        paths << std::move(path);
 }
 
 } // namespace Files

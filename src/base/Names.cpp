@@ -2,6 +2,7 @@
 #include "base/Names.h"
 
 #include <QDir>
+#include <algorithm>
 #include <cstdint>
 
 namespace Names {
@@ -79,6 +80,15 @@ QByteArray encode(const QString& path) {
 QString absolute(const QString& path) {
     return QDir::cleanPath(
         path.startsWith(QLatin1Char('/')) ? path : QDir::currentPath() + QLatin1Char('/') + path);
+}
+
+QString fileName(const QString& path) {
+    return path.mid(path.lastIndexOf(QLatin1Char('/')) + 1);
+}
+
+QString folderOf(const QString& path) {
+    const QString whole = absolute(path);
+    return whole.left(std::max(qsizetype(1), whole.lastIndexOf(QLatin1Char('/'))));
 }
 
 } // namespace Names

@@ -16,5 +16,9 @@ QByteArray encode(const QString& path);
 // The absolute, cleaned form of a path, as QFileInfo::absoluteFilePath gives it,
 // without QFileInfo's trip through QFile::encodeName for a relative one.
 QString absolute(const QString& path);
+// "/music/voice.wav" -> "voice.wav": the part after the last slash.
+QString fileName(const QString& path);
+// "/music/voice.wav" -> "/music": the absolute folder the name is in.
+QString folderOf(const QString& path);
 
 } // namespace Names

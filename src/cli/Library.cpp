@@ -1,7 +1,7 @@
 // The library commands, on the same Tags, preferences and trash as the window.
 #include "cli/Library.h"
 
-#include "base/Names.h"
+#include "base/Files.h"
 #include "cli/Console.h"
 #include "model/Settings.h"
 #include "model/StatusTexts.h"
@@ -10,7 +10,6 @@
 #include "platform/Trash.h"
 
 #include <algorithm>
-#include <sys/stat.h>
 
 namespace Cli {
 
@@ -18,8 +17,8 @@ namespace {
 
 // By the name's own bytes: a clip's name need not be UTF-8.
 bool isFile(const QString& path) {
-    struct stat info = {};
-    return ::stat(Names::encode(path).constData(), &info) == 0 && S_ISREG(info.st_mode);
+    const std::optional<Files::Identity> file = Files::identity(path);
+    return file && file->regular;
 }
 
 QString fileName(const QString& path) {

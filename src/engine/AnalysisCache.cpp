@@ -2,6 +2,8 @@
 // ffmpeg, named by a hash of that identity and holding it whole, renamed into
 // place once written, so processes sharing the folder never see half an entry.
 #include "engine/AnalysisCache.h"
+#include "base/Files.h"
+#include "base/Names.h"
 #include "platform/AppName.h"
 #include "platform/UserFolders.h"
 
@@ -45,15 +47,8 @@ constexpr long kNanosecondsPerSecond = 1'000'000'000;
 constexpr std::chrono::milliseconds kSettleTime{100};
 constexpr std::chrono::milliseconds kCoarseSettleTime{2500};
 
-struct Time {
-    long long seconds = 0;
-    long nanoseconds = 0;
-    auto operator<=>(const Time&) const = default;
-};
-
-Time timeOf(const timespec& t) {
-    return {t.tv_sec, t.tv_nsec};
-}
+using Files::Time;
+using Stamp = Files::Identity;
 
 Time before(Time t, std::chrono::nanoseconds span) {
     t.seconds -= span.count() / kNanosecondsPerSecond;
@@ -69,30 +64,10 @@ QString text(const Time& t) {
     return QStringLiteral("%1.%2").arg(t.seconds).arg(t.nanoseconds, 9, 10, QLatin1Char('0'));
 }
 
-// What changes when a file does: a new file under the name changes the inode,
-// a write changes the change time even when the modification time is set back.
-struct Stamp {
-    unsigned long long device = 0;
-    unsigned long long inode = 0;
-    long long size = 0;
-    Time modified;
-    Time changed;
-    bool regular = false;
-    bool operator==(const Stamp&) const = default;
-};
-
-std::optional<Stamp> stampOf(const QString& path) {
-    struct stat info {};
-    if (::stat(Names::encode(path).constData(), &info) != 0)
-        return std::nullopt;
-    return Stamp{info.st_dev,          info.st_ino,          info.st_size,
-                 timeOf(info.st_mtim), timeOf(info.st_ctim), S_ISREG(info.st_mode)};
-}
-
 Time now() {
     timespec t{};
     ::clock_gettime(CLOCK_REALTIME, &t);
-    return timeOf(t);
+    return {t.tv_sec, t.tv_nsec};
 }
 
 // Whether any change after `at` must show in the file's times.
@@ -242,32 +217,6 @@ std::optional<Analysis> read(const QString& entry, const QJsonArray& key) {
     return analysisFrom(object.value(QStringLiteral("figures")).toObject());
 }
 
-// The base-directory rules ask for 0700: the entries name the user's files.
-bool makeFolder(const QString& path) {
-    const QByteArray name = QFile::encodeName(path);
-    if (::mkdir(name.constData(), 0700) != 0 && errno == ENOENT) {
-        const QString parent = QFileInfo(path).path();
-        if (parent == path || !makeFolder(parent))
-            return false;
-        ::mkdir(name.constData(), 0700);
-    }
-    return QFileInfo(path).isDir();
-}
-
-bool writeAll(int fd, const QByteArray& bytes) {
-    qsizetype done = 0;
-    while (done < bytes.size()) {
-        const ssize_t written =
-            ::write(fd, bytes.constData() + done, static_cast<size_t>(bytes.size() - done));
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written <= 0)
-            return false;
-        done += written;
-    }
-    return true;
-}
-
 // A hit touches its entry, so the oldest times are the least recently used.
 void evictIfFull(const QString& folder) {
     const QDir::Filters files = QDir::Files | QDir::Hidden;
@@ -282,24 +231,19 @@ void evictIfFull(const QString& folder) {
         QFile::remove(used[i].second);
 }
 
-// Written beside its name and renamed over it. No sync: a crash can only leave
-// an entry that reads as damaged, and that is measured again.
+// No sync: a crash can only leave an entry that reads as damaged, and that is
+// measured again.
 void write(const QString& entry, const QJsonArray& key, const Analysis& analysis) {
     const QString folder = AnalysisCache::folder();
-    if (!makeFolder(folder))
-        return;
     const QByteArray bytes =
         QJsonDocument(QJsonObject{{QStringLiteral("key"), key},
                                   {QStringLiteral("figures"), figuresOf(analysis)}})
             .toJson(QJsonDocument::Compact);
-    QByteArray temporary = QFile::encodeName(folder + QStringLiteral("/.entry-XXXXXX"));
-    const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
-    if (fd < 0)
-        return;
-    const bool written = writeAll(fd, bytes);
-    if (::close(fd) != 0 || !written ||
-        ::rename(temporary.constData(), QFile::encodeName(entry).constData()) != 0) {
-        ::unlink(temporary.constData());
+    try {
+        // The base-directory rules ask for 0700: the entries name the user's files.
+        Files::makeFolders(folder, 0700);
+        Files::replace(entry, bytes, Files::Sync::cached);
+    } catch (const TagError&) {
         return;
     }
     evictIfFull(folder);
@@ -326,9 +270,9 @@ Analysis kept(const QString& path, const std::function<Analysis(const QString&)>
     if (!enabled || !program)
         return measure(path);
     const QString file = Names::absolute(path);
-    const std::optional<Stamp> stamp = stampOf(file);
+    const std::optional<Stamp> stamp = Files::identity(file);
     const Time statedAt = now();
-    const std::optional<Stamp> programStamp = stampOf(*program);
+    const std::optional<Stamp> programStamp = Files::identity(*program);
     if (!stamp || !stamp->regular || !programStamp)
         return measure(path);
 
@@ -340,13 +284,13 @@ Analysis kept(const QString& path, const std::function<Analysis(const QString&)>
     }
     const Analysis measured = measure(path);
     // Not kept when the file changed while ffmpeg read it, or might change unseen.
-    if (settledAt(*stamp, statedAt) && stampOf(file) == stamp)
+    if (settledAt(*stamp, statedAt) && Files::identity(file) == stamp)
         write(entry, key, measured);
     return measured;
 }
 
 bool settled(const QString& path) {
-    const std::optional<Stamp> stamp = stampOf(path);
+    const std::optional<Stamp> stamp = Files::identity(path);
     return stamp && settledAt(*stamp, now());
 }
 

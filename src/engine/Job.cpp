@@ -7,8 +7,6 @@
 #include "engine/Render.h"
 
 #include <QDir>
-#include <cerrno>
-#include <sys/stat.h>
 
 namespace Engine {
 
@@ -34,17 +32,6 @@ QString formatName(Format format) {
         break;
     }
     return {};
-}
-
-// Makes `folder` and the folders above it; throws TagError with the system's reason.
-void makeFolders(const QString& folder) {
-    const QByteArray path = Names::encode(folder);
-    for (qsizetype at = 1; at <= path.size(); ++at) {
-        if (at < path.size() && path[at] != '/')
-            continue;
-        if (::mkdir(path.left(at).constData(), 0777) != 0 && errno != EEXIST)
-            throw TagError::systemFailed(errno, QStringLiteral("CAN'T CREATE %1").arg(folder));
-    }
 }
 
 } // namespace
@@ -85,7 +72,7 @@ std::optional<Result> tag(const Job& job, const Planned& track) {
     if (job.dryRun)
         return preview(input.track, job.clip, job.interval, job.levelDB, track.output, collision);
     if (!job.mirrorUnder.isEmpty())
-        makeFolders(track.output.folder);
+        Files::makeFolders(track.output.folder);
     return process(input.track, job.clip, job.interval, job.levelDB, track.output, collision);
 }
 

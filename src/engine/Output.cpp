@@ -6,9 +6,9 @@
 #include "base/Files.h"
 
 #include <QFileInfo>
-#include <QRandomGenerator>
 #include <cctype>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <dirent.h>
 #include <fcntl.h>
@@ -30,14 +30,6 @@ constexpr int kTempAttempts = 100;
 
 [[noreturn]] void fail(int code) {
     throw TagError::systemFailed(code);
-}
-
-QByteArray numbered(const QByteArray& stem, int n) {
-    return n == 1 ? stem : stem + " (" + QByteArray::number(n) + ')';
-}
-
-QByteArray withExtension(const QByteArray& name, const QString& extension) {
-    return extension.isEmpty() ? name : name + '.' + Names::encode(extension);
 }
 
 QByteArray folderOf(const QString& folder) {
@@ -100,15 +92,6 @@ void removeDeadTemps(const QByteArray& folder) {
     ::closedir(dir);
 }
 
-QByteArray randomPart() {
-    static constexpr char kAlphabet[] =
-        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
-    QByteArray part(kRandomLength, '\0');
-    for (char& c : part)
-        c = kAlphabet[QRandomGenerator::global()->bounded(int(sizeof kAlphabet - 1))];
-    return part;
-}
-
 QByteArray shortened(const QByteArray& stem) {
     if (stem.size() <= kTempStemBytes)
         return stem;
@@ -121,7 +104,7 @@ QByteArray shortened(const QByteArray& stem) {
 } // namespace
 
 QString OutputName::path() const {
-    return Names::decode(folderOf(folder) + withExtension(Names::encode(stem), extension));
+    return Names::decode(folderOf(folder) + Names::encode(Files::numberedName(stem, extension, 1)));
 }
 
 // On the name's text alone: nothing here looks at the disk.
@@ -139,13 +122,13 @@ QString outputURL(const QString& track, const Destination& destination) {
 
 QString outputURL(const OutputName& name, Collision collision) {
     const QByteArray folder = folderOf(name.folder);
-    const QByteArray stem = Names::encode(name.stem);
-    const QString& ext = name.extension;
-    int n = 1;
-    while (collision == Collision::nextNumber &&
-           Files::occupied(folder + withExtension(numbered(stem, n), ext)))
-        ++n;
-    return Names::decode(folder + withExtension(numbered(stem, n), ext));
+    const auto taken = [&](const QString& candidate) {
+        return Files::occupied(folder + Names::encode(candidate)) ? EEXIST : 0;
+    };
+    // With Collision::replace the first name, taken or not.
+    const int last = collision == Collision::nextNumber ? INT_MAX : 1;
+    return Names::decode(
+        folder + Names::encode(Files::claimNumbered(name.stem, name.extension, taken, last).first));
 }
 
 PendingOutput::PendingOutput(const QString& folder, const QString& stem)
@@ -155,7 +138,7 @@ PendingOutput::PendingOutput(const QString& folder, const QString& stem)
     const QByteArray prefix = m_folder + '.' + shortened(m_stem) + kTempMark.data() +
                               QByteArray::number(::getpid()) + '-';
     for (int attempt = 0; attempt < kTempAttempts; ++attempt) {
-        const QByteArray temp = prefix + randomPart() + kTempEnd.data();
+        const QByteArray temp = prefix + Files::randomLetters(kRandomLength) + kTempEnd.data();
         const int fd = ::open(temp.constData(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
         if (fd < 0) {
             if (errno == EEXIST)
@@ -184,18 +167,18 @@ QString PendingOutput::commit(const QString& extension, Collision collision) {
     // otherwise hold an empty or partial file.
     if (::fsync(m_file.fd()) != 0)
         fail(errno);
+    const QString stem = Names::decode(m_stem);
     QByteArray target;
     int error = 0;
     if (collision == Collision::replace) {
-        target = m_folder + withExtension(m_stem, extension);
+        target = m_folder + Names::encode(Files::numberedName(stem, extension, 1));
         error = ::rename(m_temp.constData(), target.constData()) == 0 ? 0 : errno;
     } else {
-        for (int n = 1;; ++n) {
-            target = m_folder + withExtension(numbered(m_stem, n), extension);
-            error = Files::moveNew(m_temp, target);
-            if (error != EEXIST)
-                break;
-        }
+        const auto [name, moved] = Files::claimNumbered(stem, extension, [&](const QString& name) {
+            return Files::moveNew(m_temp, m_folder + Names::encode(name));
+        });
+        target = m_folder + Names::encode(name);
+        error = moved;
     }
     if (error != 0)
         fail(error);

@@ -42,15 +42,6 @@ QString baseNameOf(const QString& fileName) {
     return dot < 0 ? fileName : fileName.left(dot);
 }
 
-// "Voice.WAV", 2 -> "Voice (2).WAV": the extension keeps its letter case.
-QString numberedName(const QString& fileName, int number) {
-    const QString extension = extensionOf(fileName);
-    QString name = baseNameOf(fileName) + QStringLiteral(" (%1)").arg(number);
-    if (!extension.isEmpty())
-        name += QLatin1Char('.') + extension;
-    return name;
-}
-
 // The file browser's order: the user's language, digits by value, case ignored.
 QCollator browserCollator() {
     QLocale locale;
@@ -78,7 +69,11 @@ bool Tags::isClip(const QString& path) {
 
 QString Tags::dir() {
     const QString folder = UserFolders::appDataDir() + QStringLiteral("/Tags");
-    QDir().mkpath(folder);
+    try {
+        Files::makeFolders(folder);
+    } catch (const TagError&) {
+        // Shows as an empty library, and as the reason a clip cannot be added.
+    }
     return folder;
 }
 
@@ -131,29 +126,27 @@ QString Tags::add(const QString& path) {
     if (!isClip(fileName))
         throw TagError::systemFailed(EINVAL, QStringLiteral("CAN'T ADD %1").arg(fileName.toUpper()),
                                      QStringLiteral("NOT A TAG CLIP"));
-    const QString folder = dir();
-    for (int number = 1;; ++number) {
-        const QString destination =
-            folder + QLatin1Char('/') + (number == 1 ? fileName : numberedName(fileName, number));
-        if (Files::occupied(destination))
-            continue;
+    const QString folder = dir() + QLatin1Char('/');
+    // A name found free may be taken by another program before the copy lands.
+    const auto copyTo = [&](const QString& name) {
         try {
-            Files::copy(path, destination);
+            Files::copy(path, folder + name);
+            return 0;
         } catch (const TagError& error) {
-            // Another program took the name since it was found free.
             if (error.code() == EEXIST)
-                continue;
+                return EEXIST;
             throw;
         }
-        try {
-            setSelected(destination);
-        } catch (const TagError&) {
-            // A copy nobody selected would claim an addition that did not happen.
-            QFile::remove(destination);
-            throw;
-        }
-        return destination;
+    };
+    const QString destination = folder + Files::claimNumbered(fileName, copyTo).first;
+    try {
+        setSelected(destination);
+    } catch (const TagError&) {
+        // A copy nobody selected would claim an addition that did not happen.
+        QFile::remove(destination);
+        throw;
     }
+    return destination;
 }
 
 void Tags::seedDefaults() {

@@ -3,6 +3,7 @@
 // updates under a lock file, replaced atomically.
 #include "platform/Preferences.h"
 #include "base/Files.h"
+#include "base/Names.h"
 #include "base/TagError.h"
 #include "platform/AppName.h"
 #include "platform/UserFolders.h"
@@ -17,7 +18,6 @@
 #include <QMutex>
 #include <cerrno>
 #include <cstdio>
-#include <sys/stat.h>
 
 namespace {
 
@@ -27,25 +27,7 @@ constexpr int kLockWaitMs = 2000;
 
 // Every write is a new file renamed into place, so a write by anyone changes
 // the inode as well as the times; size and times catch in-place edits.
-struct Stamp {
-    dev_t device = 0;
-    ino_t inode = 0;
-    off_t size = 0;
-    long long modifiedSeconds = 0;
-    long long modifiedNanoseconds = 0;
-    long long changedSeconds = 0;
-    long long changedNanoseconds = 0;
-    bool operator==(const Stamp&) const = default;
-};
-
-std::optional<Stamp> stampOf(const QString& path) {
-    struct stat info {};
-    if (::stat(QFile::encodeName(path).constData(), &info) != 0)
-        return std::nullopt;
-    return Stamp{info.st_dev,         info.st_ino,          info.st_size,
-                 info.st_mtim.tv_sec, info.st_mtim.tv_nsec, info.st_ctim.tv_sec,
-                 info.st_ctim.tv_nsec};
-}
+using Stamp = Files::Identity;
 
 struct Contents {
     QJsonObject object;
@@ -143,7 +125,7 @@ QString PreferencesFile::corruptPath() const {
 QJsonObject PreferencesFile::values() const {
     // Stat before reading: a file replaced in between is then stored under the
     // older stamp and read again next time, never the other way round.
-    const std::optional<Stamp> stamp = stampOf(m_path);
+    const std::optional<Stamp> stamp = Files::identity(m_path);
     if (!stamp) {
         remember(m_path, std::nullopt, {});
         return {};
@@ -161,7 +143,11 @@ QJsonObject PreferencesFile::values() const {
 }
 
 void PreferencesFile::update(const std::function<void(QJsonObject&)>& change) {
-    QDir().mkpath(QFileInfo(m_path).absolutePath());
+    try {
+        Files::makeFolders(Names::folderOf(m_path));
+    } catch (const TagError&) {
+        // The write below fails with the reason.
+    }
     // Serialises read-modify-write between processes; stale locks of crashed
     // processes are taken over by QLockFile.
     QLockFile lock(m_path + QStringLiteral(".lock"));

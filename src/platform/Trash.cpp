@@ -2,6 +2,7 @@
 // hold the original path unencoded, so a restore reads "%41" in a name as "A".
 #include "platform/Trash.h"
 #include "base/Files.h"
+#include "base/Names.h"
 #include "platform/UserFolders.h"
 
 #include <QDateTime>
@@ -15,15 +16,6 @@
 namespace {
 
 constexpr int kMaxNumber = 10000;
-
-// "clip.wav", 3 -> "clip (3).wav"; a name without an extension gets the number at its end.
-QString numbered(const QString& name, int number) {
-    if (number == 1)
-        return name;
-    const qsizetype dot = name.lastIndexOf(QLatin1Char('.'));
-    const qsizetype at = dot > 0 ? dot : name.size();
-    return name.left(at) + QStringLiteral(" (%1)").arg(number) + name.mid(at);
-}
 
 // The entry's text: the path as the file system's bytes, escaped as in a URL
 // ('/' and the unreserved characters kept), and the local time of the deletion.
@@ -53,30 +45,34 @@ std::optional<QString> HomeTrash::moveToTrash(const QString& path) {
     const QString files = m_folder + QStringLiteral("/files");
     const QString info = m_folder + QStringLiteral("/info");
     // The trash is the user's alone; a failure shows when the entry is made.
-    QDir().mkpath(QFileInfo(m_folder).path());
-    for (const QString& folder : {m_folder, files, info})
-        ::mkdir(QFile::encodeName(folder).constData(), 0700);
-
-    for (int number = 1; number <= kMaxNumber; ++number) {
-        const QString name = numbered(source.fileName(), number);
-        const QString entry = info + QLatin1Char('/') + name + QStringLiteral(".trashinfo");
-        // The entry is made first, whole and under a name nobody holds: it claims
-        // the name against every other program trashing a file of the same name.
+    const std::pair<QString, mode_t> folders[] = {
+        {Names::folderOf(m_folder), 0777}, {m_folder, 0700}, {files, 0700}, {info, 0700}};
+    for (const auto& [folder, mode] : folders) {
         try {
-            Files::create(entry, trashInfo(original));
-        } catch (const TagError& error) {
-            if (error.code() == EEXIST)
-                continue;
-            return std::nullopt;
+            Files::makeFolders(folder, mode);
+        } catch (const TagError&) {
         }
-        const QString inTrash = files + QLatin1Char('/') + name;
-        const int moved = Files::moveNew(original, inTrash);
-        if (moved == 0)
-            return inTrash;
-        ::unlink(QFile::encodeName(entry).constData());
-        // Only a name left taken by a broken entry is worth another try.
-        if (moved != EEXIST)
-            return std::nullopt;
     }
-    return std::nullopt;
+
+    // Each entry is made first, whole and under a name nobody holds: it claims the
+    // name against every other program trashing a file of the same name.
+    const auto [name, answer] = Files::claimNumbered(
+        source.fileName(),
+        [&](const QString& name) {
+            const QString entry = info + QLatin1Char('/') + name + QStringLiteral(".trashinfo");
+            try {
+                Files::create(entry, trashInfo(original));
+            } catch (const TagError& error) {
+                return error.code() == EEXIST ? EEXIST : EIO;
+            }
+            const int moved = Files::moveNew(original, files + QLatin1Char('/') + name);
+            // Only a name left taken by a broken entry is worth another try.
+            if (moved != 0)
+                ::unlink(QFile::encodeName(entry).constData());
+            return moved;
+        },
+        kMaxNumber);
+    if (answer != 0)
+        return std::nullopt;
+    return files + QLatin1Char('/') + name;
 }

@@ -1,8 +1,11 @@
 // Temporary homes for tests of the preferences and the tag library.
 #include "support/FreshHome.h"
+#include "base/Names.h"
 
 #include <QDir>
 #include <QFile>
+#include <filesystem>
+#include <system_error>
 
 namespace Test {
 
@@ -23,6 +26,9 @@ FreshHome::~FreshHome() {
         else
             qunsetenv(it->first.constData());
     }
+    // By bytes: QTemporaryDir leaves a name that is not UTF-8 behind.
+    std::error_code ignored;
+    std::filesystem::remove_all(Names::encode(m_dir.path()).toStdString(), ignored);
 }
 
 QString FreshHome::useOwnRuntime() {
