@@ -1,5 +1,5 @@
-// The file-system rules every part shares: numbered names, claiming one, folders,
-// identities, listings by bytes and the order of names.
+// The file-system rules every part shares: numbered names and claiming one,
+// folders, identities, listings by bytes and the order of names.
 #include "base/Files.h"
 #include "base/Names.h"
 #include "support/FreshHome.h"
@@ -8,74 +8,58 @@
 #include <cerrno>
 #include <sys/stat.h>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 const QString kLatin1Name = Names::decode("voix\xE9.wav");
 
 TEST(Files, numberedNames) {
-    struct Row {
-        QString name;
-        int number;
-        QString expected;
-    };
-    for (const Row& row : std::initializer_list<Row>{
-             {QStringLiteral("Voice.WAV"), 1, QStringLiteral("Voice.WAV")},
-             {QStringLiteral("Voice.WAV"), 2, QStringLiteral("Voice (2).WAV")},
-             {QStringLiteral("a.b.wav"), 10, QStringLiteral("a.b (10).wav")},
-             {QStringLiteral("notes"), 3, QStringLiteral("notes (3)")},
-             {QStringLiteral(".wav"), 2, QStringLiteral(".wav (2)")},
-             {QStringLiteral("clip."), 2, QStringLiteral("clip (2).")},
-         })
-        EXPECT_EQ(Files::numberedName(row.name, row.number), row.expected)
-            << row.name.toStdString();
-    EXPECT_EQ(Files::numberedName(QStringLiteral("beat (Tagged)"), QStringLiteral("mp3"), 2),
-              QStringLiteral("beat (Tagged) (2).mp3"));
-    EXPECT_EQ(Files::numberedName(QStringLiteral("beat.x"), QString(), 1),
-              QStringLiteral("beat.x"));
+    const std::pair<QString, int> rows[] = {
+        {u"Voice.WAV"_s, 1}, {u"a.b.wav"_s, 10}, {u"notes"_s, 3}, {u".wav"_s, 2}, {u"clip."_s, 2}};
+    const QStringList expected{u"Voice.WAV"_s, u"a.b (10).wav"_s, u"notes (3)"_s, u".wav (2)"_s,
+                               u"clip (2)."_s};
+    for (std::size_t i = 0; i < std::size(rows); ++i)
+        EXPECT_EQ(Files::numberedName(rows[i].first, rows[i].second), expected[qsizetype(i)]);
+    EXPECT_EQ(Files::numberedName(u"b (Tagged)"_s, u"mp3"_s, 2), u"b (Tagged) (2).mp3"_s);
+    EXPECT_EQ(Files::numberedName(u"b.x"_s, QString(), 1), u"b.x"_s);
 }
 
-TEST(Files, claimingGoesOnPastTakenNamesOnlyUpToTheLast) {
+TEST(Files, aClaimGoesOnPastTakenNamesUpToTheLast) {
     QStringList offered;
     const auto takenTwice = [&](const QString& name) {
         offered << name;
         return offered.size() < 3 ? EEXIST : 0;
     };
-    EXPECT_EQ(Files::claimNumbered(QStringLiteral("v.wav"), takenTwice),
-              std::pair(QStringLiteral("v (3).wav"), 0));
-    EXPECT_EQ(offered, QStringList({QStringLiteral("v.wav"), QStringLiteral("v (2).wav"),
-                                    QStringLiteral("v (3).wav")}));
+    EXPECT_EQ(Files::claimNumbered(u"v.wav"_s, takenTwice), std::pair(u"v (3).wav"_s, 0));
+    EXPECT_EQ(offered, QStringList({u"v.wav"_s, u"v (2).wav"_s, u"v (3).wav"_s}));
     const auto refused = [](const QString&) { return EACCES; };
-    EXPECT_EQ(Files::claimNumbered(QStringLiteral("v"), QStringLiteral("wav"), refused).second,
-              EACCES);
+    EXPECT_EQ(Files::claimNumbered(u"v"_s, u"wav"_s, refused), std::pair(u"v.wav"_s, EACCES));
     const auto taken = [](const QString&) { return EEXIST; };
-    EXPECT_EQ(Files::claimNumbered(QStringLiteral("v.wav"), taken, 4),
-              std::pair(QStringLiteral("v (4).wav"), EEXIST));
+    EXPECT_EQ(Files::claimNumbered(u"v.wav"_s, taken, 4), std::pair(u"v (4).wav"_s, EEXIST));
 }
 
 TEST(Files, foldersAreMadeWithTheirParentsOrTheFailureSaysWhich) {
     const ::Test::FreshHome home;
-    const QString deep = home.root() + QStringLiteral("/a/") + kLatin1Name + QStringLiteral("/c");
+    const QString deep = home.root() + u"/a/"_s + kLatin1Name + u"/c"_s;
     Files::makeFolders(deep, 0700);
     Files::makeFolders(deep);
-    const std::optional<Files::Identity> made = Files::identity(deep);
-    ASSERT_TRUE(made && made->folder);
     struct stat info {};
     ASSERT_EQ(::stat(Names::encode(deep).constData(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0700u);
-
-    Files::create(home.root() + QStringLiteral("/file"), "x");
+    Files::create(home.root() + u"/file"_s, "x");
     try {
-        Files::makeFolders(home.root() + QStringLiteral("/file/sub"));
-        FAIL() << "made a folder under a file";
+        Files::makeFolders(home.root() + u"/file/sub"_s);
+        ADD_FAILURE() << "made a folder under a file";
     } catch (const TagError& error) {
         EXPECT_EQ(error.errorDescription(),
-                  QStringLiteral("CAN'T CREATE %1/file/sub: NOT A DIRECTORY").arg(home.root()));
+                  u"CAN'T CREATE %1/file/sub: NOT A DIRECTORY"_s.arg(home.root()));
     }
 }
 
 TEST(Files, anIdentityChangesWithEveryWriteAndNamesAreListedByTheirBytes) {
     const ::Test::FreshHome home;
-    const QString path = home.root() + QLatin1Char('/') + kLatin1Name;
+    const QString path = home.root() + u'/' + kLatin1Name;
     EXPECT_FALSE(Files::identity(path));
     Files::create(path, "one");
     const std::optional<Files::Identity> first = Files::identity(path);
@@ -87,12 +71,11 @@ TEST(Files, anIdentityChangesWithEveryWriteAndNamesAreListedByTheirBytes) {
 }
 
 TEST(Files, namesSortByCodePointAfterComposition) {
-    QStringList paths{QStringLiteral("/m/b"), Names::decode("/m/\xE9"), QStringLiteral("/m/B"),
-                      QString::fromUtf8("/m/e\xCC\x81"), QString::fromUtf8("/m/\xC3\xA9t")};
+    QStringList paths{u"/m/b"_s, Names::decode("/m/\xE9"), u"/m/B"_s, u"/m/e\u0301"_s,
+                      u"/m/\u00e9t"_s};
     Files::sortByName(paths);
-    EXPECT_EQ(paths, QStringList({QStringLiteral("/m/B"), QStringLiteral("/m/b"),
-                                  QString::fromUtf8("/m/e\xCC\x81"),
-                                  QString::fromUtf8("/m/\xC3\xA9t"), Names::decode("/m/\xE9")}));
+    EXPECT_EQ(paths, QStringList({u"/m/B"_s, u"/m/b"_s, u"/m/e\u0301"_s, u"/m/\u00e9t"_s,
+                                  Names::decode("/m/\xE9")}));
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 // The installation and the Debian package: where a Linux desktop looks for the
 // programs, their entry, icons, AppStream entry, man pages and completions; an
 // install that writes exactly its manifest and an uninstall that takes it all
-// back; the package checked by lintian and run from the folder it lies in.
+// back; the package run from the folder it lies in (make deb runs lintian).
 #include "support/FreshHome.h"
 #include "support/TestSupport.h"
 
@@ -141,7 +141,7 @@ TEST(Install, writesExactlyItsManifestWhereTheDesktopLooksAndUninstallTakesItBac
               QStringList());
 }
 
-TEST(Install, debianPackageHoldsEverythingPassesLintianAndRunsFromWhereItIsUnpacked) {
+TEST(Install, debianPackageHoldsEverythingAndRunsFromWhereItIsUnpacked) {
     if (!ZELKOR_PACKAGE_TEST)
         GTEST_SKIP() << "a sanitized build: the package is built and checked by the plain build";
     ::Test::FreshHome home;
@@ -152,9 +152,6 @@ TEST(Install, debianPackageHoldsEverythingPassesLintianAndRunsFromWhereItIsUnpac
     const QStringList debs = QDir(out).entryList({u"zelkor_*.deb"_s});
     ASSERT_EQ(debs.size(), 1);
     const QString deb = out + u'/' + debs.first();
-
-    const ::Test::Process lintian = runTool(u"lintian"_s, {u"--fail-on"_s, u"error"_s, deb});
-    EXPECT_EQ(lintian.status, 0) << lintian.out.toStdString();
 
     const QString root = home.root() + u"/root"_s;
     ASSERT_EQ(runTool(u"dpkg-deb"_s, {u"-x"_s, deb, root}).status, 0);

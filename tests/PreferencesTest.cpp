@@ -1,6 +1,8 @@
 // The non-GUI platform pieces on real files: the preferences store, the settings
 // kept in it, the desktop's trash, and what a full disk leaves of them.
 #include "platform/Preferences.h"
+#include "base/Files.h"
+#include "base/Names.h"
 #include "model/Settings.h"
 #include "model/Tags.h"
 #include "platform/Trash.h"
@@ -85,24 +87,25 @@ TEST(Trash, eachEntryDecodesToTheExactPathAndOnlyAFileThatIsThereGoes) {
     const QRegularExpression entry(u"^\\[Trash Info\\]\nPath=([A-Za-z0-9._~/%-]+)\n"
                                    u"DeletionDate=\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\n$"_s);
     QString moved;
-    for (const char* name :
-         {"tag %41 v2.wav", "a#b c.wav", "Caf\u00e9 \u00fc\u266a.wav", "a#b c.wav"}) {
-        const QString path = tags + u'/' + QString::fromUtf8(name);
-        ::Test::writeFile(path, name);
+    for (const char* name : {"tag %41 v2.wav", "a#b c.wav", "Caf\u00e9 \u00fc\u266a.wav",
+                             "caf\xE9.wav", "a#b c.wav"}) {
+        const QString path = tags + u'/' + Names::decode(name);
+        Files::create(path, name);
         moved = trash.moveToTrash(path).value_or(QString());
-        EXPECT_FALSE(QFileInfo::exists(path));
-        EXPECT_EQ(::Test::readAll(moved), QByteArray(name));
+        EXPECT_FALSE(Files::occupied(path));
+        EXPECT_EQ(Files::read(moved, 100), QByteArray(name));
         const QString text = QString::fromLatin1(
-            ::Test::readAll(folder + u"/info/"_s + QFileInfo(moved).fileName() + u".trashinfo"_s));
+            Files::read(folder + u"/info/"_s + Names::fileName(moved) + u".trashinfo"_s, 1000)
+                .value_or(""));
         const QRegularExpressionMatch match = entry.match(text);
         ASSERT_TRUE(match.hasMatch()) << text.toStdString();
-        EXPECT_EQ(QFile::decodeName(QByteArray::fromPercentEncoding(match.captured(1).toLatin1())),
+        EXPECT_EQ(Names::decode(QByteArray::fromPercentEncoding(match.captured(1).toLatin1())),
                   path);
     }
     EXPECT_EQ(moved, folder + u"/files/a#b c (2).wav"_s); // the same name trashed twice
 
     EXPECT_EQ(trash.moveToTrash(tags + u"/gone.wav"_s), std::nullopt);
-    EXPECT_EQ(QDir(folder + u"/info"_s).entryList(QDir::Files).size(), 4);
+    EXPECT_EQ(Files::names(folder + u"/info"_s).size(), 5);
 }
 
 TEST(Settings, choicesAreKeptInTheFileAndReadAsTheDefaultWhenFreshOrOutOfTheTable) {

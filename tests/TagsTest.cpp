@@ -1,6 +1,8 @@
 // The tag library on real folders: listing order, selection, adding, seeding
 // and removing to the desktop's trash.
 #include "model/Tags.h"
+#include "base/Files.h"
+#include "base/Names.h"
 #include "engine/Analysis.h"
 #include "platform/Preferences.h"
 #include "platform/Trash.h"
@@ -73,20 +75,25 @@ TEST_F(TagsTest, clipsListInNaturalOrderAndTheSelectionIsAFileNameThatFallsBackT
     EXPECT_EQ(stored(), std::nullopt);
 }
 
-TEST_F(TagsTest, removingGoesToTheTrashAndAddingNumbersCopies) {
-    tags.remove(inLibrary(u"a.wav"_s, "the a clip"));
-    EXPECT_EQ(::Test::readAll(home.dataHome() + u"/Trash/files/a.wav"_s), QByteArray("the a clip"));
-
-    // Added copies take the first free numbered name, its extension in its own letter
-    // case, and are selected.
-    const QString voice = put(home.root(), u"Voice.WAV"_s, "spoken");
-    for (const QString& name : {u"Voice.WAV"_s, u"Voice (2).WAV"_s}) {
-        const QString copy = tags.add(voice);
-        EXPECT_EQ(copy, home.tagsDir() + u'/' + name);
-        EXPECT_EQ(::Test::readAll(copy), QByteArray("spoken"));
+// A clip from an old drive, its name in Latin-1: added, listed, selected and
+// trashed under its own bytes.
+TEST_F(TagsTest, addedCopiesTakeTheFirstFreeNumberedNameAndAreSelectedUnderTheirBytes) {
+    const QString voice = home.root() + u'/' + Names::decode("voix\xE9.WAV");
+    Files::create(voice, "spoken");
+    QString copy;
+    for (const QByteArray name : {"voix\xE9.WAV", "voix\xE9 (2).WAV"}) {
+        copy = tags.add(voice);
+        EXPECT_EQ(Names::encode(copy), Names::encode(home.tagsDir()) + '/' + name);
+        EXPECT_EQ(Files::read(copy, 100), QByteArray("spoken"));
         EXPECT_EQ(tags.selected(), copy);
     }
-    EXPECT_TRUE(QFileInfo::exists(voice));
+    EXPECT_EQ(Tags::all().size(), 2);
+    EXPECT_TRUE(Files::occupied(voice));
+
+    tags.remove(copy);
+    EXPECT_EQ(Files::read(home.dataHome() + u"/Trash/files/"_s + Names::fileName(copy), 100),
+              QByteArray("spoken"));
+    EXPECT_EQ(Tags::all().size(), 1);
 }
 
 TEST_F(TagsTest, seedingCopiesTheDefaultsOnceAndLeavesAClipOfTheSameNameAlone) {

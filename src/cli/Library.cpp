@@ -2,6 +2,7 @@
 #include "cli/Library.h"
 
 #include "base/Files.h"
+#include "base/Names.h"
 #include "cli/Console.h"
 #include "model/Settings.h"
 #include "model/StatusTexts.h"
@@ -19,10 +20,6 @@ namespace {
 bool isFile(const QString& path) {
     const std::optional<Files::Identity> file = Files::identity(path);
     return file && file->regular;
-}
-
-QString fileName(const QString& path) {
-    return path.mid(path.lastIndexOf(QLatin1Char('/')) + 1);
 }
 
 } // namespace
@@ -48,14 +45,15 @@ int manageLibrary(const Options& options) {
             }
         }
         if (!added) {
-            write(stdout, QStringLiteral("%1  %2\n").arg(fileName(file), StatusTexts::kCantAddTag));
+            write(stdout,
+                  QStringLiteral("%1  %2\n").arg(Names::fileName(file), StatusTexts::kCantAddTag));
             status = kExitFailed;
         }
     }
     if (options.selectTag) {
         const QStringList clips = Tags::all();
         const auto found = std::find_if(clips.begin(), clips.end(), [&](const QString& clip) {
-            return fileName(clip) == *options.selectTag;
+            return Names::fileName(clip) == *options.selectTag;
         });
         if (found == clips.end()) {
             write(stderr, QStringLiteral("zelkor-tag: no tag named '%1' in the library\n")
@@ -76,7 +74,7 @@ int manageLibrary(const Options& options) {
         for (const QString& clip : Tags::all())
             write(stdout, QStringLiteral("%1 %2\n")
                               .arg(clip == selected ? QLatin1Char('*') : QLatin1Char(' '))
-                              .arg(fileName(clip)));
+                              .arg(Names::fileName(clip)));
     }
     return status;
 }

@@ -8,9 +8,6 @@
 #include "platform/UserFolders.h"
 
 #include <QCryptographicHash>
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -203,14 +200,11 @@ std::optional<Analysis> analysisFrom(const QJsonObject& figures) {
 // --- entries ---------------------------------------------------------------
 
 std::optional<Analysis> read(const QString& entry, const QJsonArray& key) {
-    QFile file(entry);
-    if (!file.open(QIODevice::ReadOnly))
-        return std::nullopt;
-    const QByteArray bytes = file.read(kMaxEntryBytes + 1);
-    if (bytes.size() > kMaxEntryBytes)
+    const std::optional<QByteArray> bytes = Files::read(entry, kMaxEntryBytes + 1);
+    if (!bytes || bytes->size() > kMaxEntryBytes)
         return std::nullopt;
     QJsonParseError error{};
-    const QJsonObject object = QJsonDocument::fromJson(bytes, &error).object();
+    const QJsonObject object = QJsonDocument::fromJson(*bytes, &error).object();
     // The whole identity is kept in the entry: a hash that collides reads as a miss.
     if (error.error != QJsonParseError::NoError || object.value(QStringLiteral("key")) != key)
         return std::nullopt;
@@ -219,16 +213,21 @@ std::optional<Analysis> read(const QString& entry, const QJsonArray& key) {
 
 // A hit touches its entry, so the oldest times are the least recently used.
 void evictIfFull(const QString& folder) {
-    const QDir::Filters files = QDir::Files | QDir::Hidden;
-    if (QDir(folder).entryList(files, QDir::Unsorted).size() <= AnalysisCache::kMaxEntries)
+    const QStringList names = Files::names(folder);
+    if (names.size() <= AnalysisCache::kMaxEntries)
         return;
-    // One stat per entry: QDir's own sort by time asks again at every comparison.
     std::vector<std::pair<qint64, QString>> used;
-    for (const QFileInfo& entry : QDir(folder).entryInfoList(files, QDir::Unsorted))
-        used.emplace_back(entry.lastModified().toMSecsSinceEpoch(), entry.filePath());
+    for (const QString& name : names) {
+        const QString entry = folder + QLatin1Char('/') + name;
+        if (const std::optional<Stamp> stamp = Files::identity(entry); stamp && stamp->regular)
+            used.emplace_back(
+                stamp->modified.seconds * 1000 + stamp->modified.nanoseconds / 1'000'000, entry);
+    }
+    if (used.size() <= AnalysisCache::kMaxEntries)
+        return;
     std::sort(used.begin(), used.end(), std::greater<>());
     for (std::size_t i = kEvictTo; i < used.size(); ++i)
-        QFile::remove(used[i].second);
+        Files::remove(used[i].second);
 }
 
 // No sync: a crash can only leave an entry that reads as damaged, and that is
@@ -279,7 +278,7 @@ Analysis kept(const QString& path, const std::function<Analysis(const QString&)>
     const QJsonArray key = identity(file, *stamp, *program, *programStamp);
     const QString entry = entryPath(key);
     if (std::optional<Analysis> found = read(entry, key)) {
-        ::utimensat(AT_FDCWD, QFile::encodeName(entry).constData(), nullptr, 0);
+        ::utimensat(AT_FDCWD, Names::encode(entry).constData(), nullptr, 0);
         return *found;
     }
     const Analysis measured = measure(path);

@@ -12,13 +12,9 @@ namespace Engine {
 
 namespace {
 
-QString folderOf(const QString& path) {
-    return path.left(std::max<qsizetype>(path.lastIndexOf(QLatin1Char('/')), 1));
-}
-
 // The folder under `outputDir` that mirrors the track's own below its root.
 QString mirroredFolder(const Input& input, const QString& outputDir) {
-    const QString below = QDir(input.root).relativeFilePath(folderOf(input.track));
+    const QString below = QDir(input.root).relativeFilePath(Names::folderOf(input.track));
     return QDir::cleanPath(Names::absolute(outputDir) + QLatin1Char('/') + below);
 }
 

@@ -5,7 +5,6 @@
 
 #include "base/Files.h"
 
-#include <QFileInfo>
 #include <cctype>
 #include <cerrno>
 #include <climits>
@@ -109,11 +108,14 @@ QString OutputName::path() const {
 
 // On the name's text alone: nothing here looks at the disk.
 OutputName outputName(const QString& track, const Destination& destination) {
-    const QFileInfo info(Names::absolute(track));
-    return {
-        Names::absolute(destination.folder.isEmpty() ? info.absolutePath() : destination.folder),
-        info.completeBaseName() + kOutputSuffix,
-        destination.format.isEmpty() ? info.suffix().toLower() : destination.format};
+    const QString absolute = Names::absolute(track);
+    const QString name = Names::fileName(absolute);
+    const qsizetype dot = name.lastIndexOf(QLatin1Char('.'));
+    const QString suffix = dot < 0 ? QString() : name.mid(dot + 1).toLower();
+    return {Names::absolute(destination.folder.isEmpty() ? Names::folderOf(absolute)
+                                                         : destination.folder),
+            (dot < 0 ? name : name.left(dot)) + kOutputSuffix,
+            destination.format.isEmpty() ? suffix : destination.format};
 }
 
 QString outputURL(const QString& track, const Destination& destination) {

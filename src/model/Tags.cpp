@@ -3,15 +3,13 @@
 // preferences.
 #include "model/Tags.h"
 #include "base/Files.h"
+#include "base/Names.h"
 #include "platform/Preferences.h"
 #include "platform/Resources.h"
 #include "platform/Trash.h"
 #include "platform/UserFolders.h"
 
 #include <QCollator>
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
 #include <QLocale>
 #include <algorithm>
 #include <cerrno>
@@ -23,7 +21,7 @@ constexpr QLatin1String kSeededKey("seeded");
 constexpr QLatin1String kDefaultTagsFolder("DefaultTags");
 
 QString fileNameOf(const QString& path) {
-    return QFileInfo(path).fileName();
+    return Names::fileName(path);
 }
 
 // A leading dot starts a hidden name, not an extension.
@@ -79,8 +77,8 @@ QString Tags::dir() {
 
 QStringList Tags::all() {
     const QString folder = dir();
-    QStringList names = QDir(folder).entryList(
-        QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Unsorted);
+    // By their bytes: QDir would read a Latin-1 name as another file's.
+    QStringList names = Files::names(folder);
     names.removeIf([](const QString& name) { return !isClip(name); });
 
     const QCollator collator = browserCollator();
@@ -143,7 +141,7 @@ QString Tags::add(const QString& path) {
         setSelected(destination);
     } catch (const TagError&) {
         // A copy nobody selected would claim an addition that did not happen.
-        QFile::remove(destination);
+        Files::remove(destination);
         throw;
     }
     return destination;
@@ -160,18 +158,17 @@ void Tags::seedDefaults() {
         return;
     }
 
-    const QDir defaults(Resources::path(kDefaultTagsFolder));
-    const QStringList resourceNames = defaults.entryList(QDir::Files | QDir::Hidden, QDir::Name);
+    const QString defaults = Resources::path(kDefaultTagsFolder) + QLatin1Char('/');
     QSet<QString> present;
     for (const QString& clip : all())
         present.insert(fileNameOf(clip));
 
     const QString folder = dir();
-    for (const QString& resourceName : resourceNames) {
+    for (const QString& resourceName : Files::names(defaults)) {
         if (!isClip(resourceName) || present.contains(resourceName))
             continue;
         try {
-            Files::copy(defaults.filePath(resourceName), folder + QLatin1Char('/') + resourceName);
+            Files::copy(defaults + resourceName, folder + QLatin1Char('/') + resourceName);
         } catch (const TagError&) {
             // A default that cannot be copied is simply missing from the library.
         }

@@ -1,6 +1,7 @@
 // The desktop's file manager, reached over D-Bus, and the fallback that opens
 // the first file's folder with the desktop's folder handler.
 #include "platform/FileViewer.h"
+#include "base/Names.h"
 
 #include <QCoreApplication>
 #include <QDBusConnection>
@@ -121,7 +122,7 @@ private:
     // Asks the desktop which program opens folders, and opens the folder only
     // with a program that is not Zelkor.
     void openFolderOf(const QString& path) {
-        const QString folder = QFileInfo(path).absolutePath();
+        const QString folder = Names::folderOf(path);
         const QString query = QStandardPaths::findExecutable(QStringLiteral("xdg-mime"));
         const QString opener = QStandardPaths::findExecutable(QStringLiteral("xdg-open"));
         if (query.isEmpty() || opener.isEmpty()) {

@@ -8,9 +8,6 @@
 #include "platform/AppName.h"
 #include "platform/UserFolders.h"
 
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
 #include <QHash>
 #include <QJsonDocument>
 #include <QJsonParseError>
@@ -18,6 +15,7 @@
 #include <QMutex>
 #include <cerrno>
 #include <cstdio>
+#include <limits>
 
 namespace {
 
@@ -35,14 +33,17 @@ struct Contents {
 };
 
 Contents readFile(const QString& path) {
-    QFile file(path);
+    const std::optional<QByteArray> bytes =
+        Files::read(path, std::numeric_limits<qsizetype>::max());
     // A file there that cannot be read holds the user's keys all the same: keep
     // it aside like an unparsable one. A folder there is left alone, and no write
     // can replace it.
-    if (!file.open(QIODevice::ReadOnly))
-        return {{}, QFileInfo(path).exists() && !QFileInfo(path).isDir()};
+    if (!bytes) {
+        const std::optional<Files::Identity> there = Files::identity(path);
+        return {{}, there && !there->folder};
+    }
     QJsonParseError error{};
-    const QJsonDocument document = QJsonDocument::fromJson(file.readAll(), &error);
+    const QJsonDocument document = QJsonDocument::fromJson(*bytes, &error);
     if (error.error != QJsonParseError::NoError || !document.isObject())
         return {{}, true};
     return {document.object(), false};
@@ -156,12 +157,12 @@ void PreferencesFile::update(const std::function<void(QJsonObject&)>& change) {
     Contents current = readFile(m_path);
     // Never replace what could not be kept aside.
     if (current.corrupt &&
-        std::rename(QFile::encodeName(m_path).constData(),
-                    QFile::encodeName(corruptPath()).constData()) != 0 &&
+        std::rename(Names::encode(m_path).constData(), Names::encode(corruptPath()).constData()) !=
+            0 &&
         errno != ENOENT) {
         const int code = errno;
         throw TagError::systemFailed(code, QStringLiteral("CAN'T SAVE ") +
-                                               QFileInfo(corruptPath()).fileName().toUpper());
+                                               Names::fileName(corruptPath()).toUpper());
     }
     change(current.object);
     // Forgotten before the write: whatever is on disk after it, failed or not,
@@ -171,5 +172,5 @@ void PreferencesFile::update(const std::function<void(QJsonObject&)>& change) {
 }
 
 QString PreferencesFile::watchedFolder() const {
-    return QFileInfo(m_path).absolutePath();
+    return Names::folderOf(m_path);
 }

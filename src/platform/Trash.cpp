@@ -6,9 +6,6 @@
 #include "platform/UserFolders.h"
 
 #include <QDateTime>
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
 #include <cerrno>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,7 +17,7 @@ constexpr int kMaxNumber = 10000;
 // The entry's text: the path as the file system's bytes, escaped as in a URL
 // ('/' and the unreserved characters kept), and the local time of the deletion.
 QByteArray trashInfo(const QString& original) {
-    return "[Trash Info]\nPath=" + QFile::encodeName(original).toPercentEncoding("/") +
+    return "[Trash Info]\nPath=" + Names::encode(original).toPercentEncoding("/") +
            "\nDeletionDate=" +
            QDateTime::currentDateTime()
                .toString(QStringLiteral("yyyy-MM-dd'T'HH:mm:ss"))
@@ -38,10 +35,9 @@ QString HomeTrash::userFolder() {
 }
 
 std::optional<QString> HomeTrash::moveToTrash(const QString& path) {
-    const QFileInfo source(path);
     if (!Files::occupied(path))
         return std::nullopt;
-    const QString original = source.absoluteFilePath();
+    const QString original = Names::absolute(path);
     const QString files = m_folder + QStringLiteral("/files");
     const QString info = m_folder + QStringLiteral("/info");
     // The trash is the user's alone; a failure shows when the entry is made.
@@ -57,7 +53,7 @@ std::optional<QString> HomeTrash::moveToTrash(const QString& path) {
     // Each entry is made first, whole and under a name nobody holds: it claims the
     // name against every other program trashing a file of the same name.
     const auto [name, answer] = Files::claimNumbered(
-        source.fileName(),
+        Names::fileName(original),
         [&](const QString& name) {
             const QString entry = info + QLatin1Char('/') + name + QStringLiteral(".trashinfo");
             try {
@@ -68,7 +64,7 @@ std::optional<QString> HomeTrash::moveToTrash(const QString& path) {
             const int moved = Files::moveNew(original, files + QLatin1Char('/') + name);
             // Only a name left taken by a broken entry is worth another try.
             if (moved != 0)
-                ::unlink(QFile::encodeName(entry).constData());
+                Files::remove(entry);
             return moved;
         },
         kMaxNumber);
