@@ -1,5 +1,7 @@
 // zelkor-tag as a child process: its lines, exit codes and usage errors, with the
 // real ffmpeg, and with a fake one for what the real one cannot show.
+#include "base/Names.h"
+#include "support/FreshHome.h"
 #include "support/TestSupport.h"
 
 #include <QDir>
@@ -190,6 +192,28 @@ TEST_F(ZelkorTag, jobsWriteWhatOneAtATimeWritesInTrackOrder) {
     EXPECT_EQ(again.status, 0);
     EXPECT_EQ(again.out, u""_s);
     EXPECT_FALSE(QFileInfo::exists(runs)); // skipped before anything was measured
+}
+
+// A clip whose name is not UTF-8 is added, selected and used by its bytes.
+TEST_F(ZelkorTag, aClipNamedInLatin1IsAddedSelectedAndUsed) {
+    ::Test::FreshHome home;
+    ::Test::makeAudio(path(u"beat.wav"_s), u"sine=frequency=220"_s, 1);
+    ASSERT_EQ(::rename(Names::encode(clip), Names::encode(dir.path()) + "/voix \xe9.wav"), 0);
+    const auto run = ::Test::runProgram(
+        u"/bin/sh"_s, {u"-c"_s,
+                       u"cd \"$1\" && clip=$(printf 'voix \\351.wav') && \"$0\" --add-tag \"$clip\""
+                       " && \"$0\" --select-tag \"$clip\" && \"$0\" beat.wav &&"
+                       " \"$0\" -t \"$clip\" beat.wav"_s,
+                       ::Test::binary(u"zelkor-tag"_s), dir.path()});
+    EXPECT_EQ(run.status, 0) << run.out.toStdString() << run.err.toStdString();
+    const QStringList said = lines(run.out);
+    ASSERT_EQ(said.size(), 4);
+    EXPECT_TRUE(said[0].startsWith(u"TAG ADDED: VOIX "_s) && said[0].endsWith(u"  ARMED"_s));
+    EXPECT_TRUE(said[1].startsWith(u"TAG SELECTED: VOIX "_s));
+    EXPECT_EQ(said.mid(2),
+              (QStringList{u"beat.wav  1 TAGS  OK  -> "_s + path(u"beat (Tagged).wav"_s),
+                           u"beat.wav  1 TAGS  OK  -> "_s + path(u"beat (Tagged) (2).wav"_s)}));
+    ::rename(Names::encode(dir.path()) + "/voix \xe9.wav", Names::encode(clip)); // for the clean-up
 }
 
 // PATHs that do not exist or are no track get their own lines, in their place
