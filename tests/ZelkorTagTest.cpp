@@ -330,6 +330,14 @@ TEST_F(ZelkorTag, replaceSwapsInOnlyAWholeRenderAndJsonTellsWhatWasWritten) {
     EXPECT_EQ(high[1], json(uR"({"track": "%1", "status": "error", "error": "CAN'T READ FILE",
         "clip": "%2", "output": null, "placements": null, "gain_db": null,
         "track_lufs": null})"_s.arg(notes, clip)));
+
+    // A folder under the name fails the track, leaving it and no hidden file.
+    QFile::remove(output);
+    QDir().mkpath(output);
+    ::Test::writeFile(output + u"/inside"_s, "x");
+    EXPECT_EQ(tag({u"--replace"_s}).at(0)[u"error"_s], u"IS A DIRECTORY"_s);
+    EXPECT_EQ(tree(dir.path()).filter(u"beat"_s),
+              (QStringList{u"beat (Tagged).wav/inside"_s, u"beat.wav"_s}));
 }
 
 // A track written slowly, in chunks, is tagged once it is whole, and once; the
