@@ -5,7 +5,6 @@
 #include "engine/AnalysisCache.h"
 #include "engine/EngineState.h"
 
-#include <QFileInfo>
 #include <algorithm>
 #include <charconv>
 #include <cmath>
