@@ -1,15 +1,12 @@
 // The window's batches through the real engine and the real ffmpeg on generated
-// audio: its log lines, progress, files shown and end sound; and the runner under
-// it on its own, stopped from another thread.
+// audio: its log lines, progress, files shown and end sound. (A batch stopped
+// mid-render is the signal test's, in FaultsTest.)
 #include "engine/Batch.h"
-#include "engine/EngineState.h"
 #include "model/Settings.h"
 #include "style/Palette.h"
 #include "support/GuiSupport.h"
 
 #include <gtest/gtest.h>
-#include <mutex>
-#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 using namespace Style;
@@ -92,67 +89,4 @@ TEST_F(BatchRunner, aViewClosedDuringABatchIsLeftAlone) {
     QCoreApplication::processEvents();
     EXPECT_TRUE(sounds.played.isEmpty());
     EXPECT_TRUE(viewer.shown.empty());
-}
-
-namespace {
-
-// This process's children still running.
-int children() {
-    int count = 0;
-    const QByteArray parent = QByteArray::number(::getpid());
-    for (const QString& pid : QDir(u"/proc"_s).entryList({u"[0-9]*"_s}))
-        // "pid (name) state ppid ...": the name may hold blanks, so read after its ')'.
-        if (const QByteArray stat = ::Test::readAll(u"/proc/%1/stat"_s.arg(pid));
-            stat.mid(stat.lastIndexOf(')') + 2).split(' ').value(1) == parent)
-            ++count;
-    return count;
-}
-
-using BatchCore = ::Test::TempFolder;
-
-} // namespace
-
-// Without a window, stopped from its first outcome as zelkor-tag is when its output
-// goes: the running ffmpeg ends, what it wrote goes, no further track begins, and the
-// end still comes, once.
-TEST_F(BatchCore, stoppingEndsTheRunningFfmpegAndBeginsNoFurtherTrack) {
-    QStringList tracks;
-    for (const auto& [name, seconds] :
-         {std::pair{u"short.wav"_s, 1}, {u"long.wav"_s, 300}, {u"later.wav"_s, 1}}) {
-        tracks << path(name);
-        ::Test::makeAudio(tracks.last(), u"sine=frequency=220"_s, seconds, 44100, 1);
-    }
-    ::Test::makeAudio(path(u"tag.wav"_s), u"sine=frequency=880"_s, 0.5);
-    Engine::Job job;
-    job.clip = path(u"tag.wav"_s);
-    job.interval = 20;
-    job.levelDB = -5;
-    std::vector<Batch::Outcome> outcomes;
-    int ends = 0;
-    std::unique_ptr<Batch> batch;
-    std::mutex made; // the callback may come before make_unique has returned
-    {
-        const std::lock_guard lock(made);
-        batch = std::make_unique<Batch>(
-            Batch::Work{job, Engine::plan(job, tracks), 2},
-            [&](const Batch::Outcome& outcome) {
-                outcomes.push_back(outcome);
-                const std::lock_guard ready(made);
-                batch->stop();
-            },
-            [&] { ++ends; });
-    }
-    batch->wait();
-    EXPECT_EQ(children(), 0);
-    batch.reset();
-    Engine::EngineState::shared().reset(); // stopping is for good otherwise
-
-    EXPECT_EQ(ends, 1);
-    ASSERT_EQ(outcomes.size(), 2u);
-    EXPECT_EQ(outcomes[0].index, 0);
-    EXPECT_TRUE(outcomes[0].result);
-    EXPECT_TRUE(outcomes[1].stopped());
-    EXPECT_EQ(outcomes[1].error, u"STOPPED"_s);
-    EXPECT_EQ(QDir(dir.path()).entryList({u"*Tagged*"_s}, QDir::Files | QDir::Hidden),
-              QStringList{u"short (Tagged).wav"_s});
 }
