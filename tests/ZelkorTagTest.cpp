@@ -216,6 +216,30 @@ TEST_F(ZelkorTag, aClipNamedInLatin1IsAddedSelectedAndUsed) {
     ::rename(Names::encode(dir.path()) + "/voix \xe9.wav", Names::encode(clip)); // for the clean-up
 }
 
+// On a terminal the progress line is drawn before the first track, redrawn after
+// each track's line and cleared at the end; -q draws none.
+TEST_F(ZelkorTag, theProgressLineIsDrawnOnlyOnATerminalAndNotWhenQuiet) {
+    ::Test::makeAudio(path(u"a.wav"_s), u"sine=frequency=220"_s, 1);
+    ::Test::writeFile(path(u"b.wav"_s), "x");
+    const auto onTerminal = [&](const QString& quiet) {
+        return ::Test::runProgram(u"script"_s,
+                                  {u"-qec"_s,
+                                   u"cd '%1' && '%2' %3 -t tag.wav a.wav b.wav"_s.arg(
+                                       dir.path(), ::Test::binary(u"zelkor-tag"_s), quiet),
+                                   u"/dev/null"_s})
+            .out;
+    };
+    const auto bar = [](const char* count, int filled) {
+        return u"\r%1 ["_s.arg(QLatin1String(count)) + QString(filled, u'#') +
+               QString(30 - filled, u'.') + u"]"_s;
+    };
+    const QString clear = u"\r\x1b[K"_s, failed = u"b.wav  CAN'T READ FILE\r\n"_s;
+    EXPECT_EQ(onTerminal({}), bar("00/02", 0) + clear + u"a.wav  1 TAGS  OK  -> "_s +
+                                  path(u"a (Tagged).wav"_s) + u"\r\n"_s + bar("01/02", 15) + clear +
+                                  failed + bar("02/02", 30) + clear);
+    EXPECT_EQ(onTerminal(u"-q"_s), failed);
+}
+
 // PATHs that do not exist or are no track get their own lines, in their place
 // among the tracks, which are still tagged; "-" reads more PATHs, one a line.
 TEST_F(ZelkorTag, missingAndNonTrackPathsGetTheirLinesAndTheOthersAreTagged) {
