@@ -7,7 +7,7 @@
 
 namespace {
 
-Batch::Outcome run(const Batch::Work& work, qsizetype index) {
+Batch::Outcome outcomeOf(const Batch::Work& work, qsizetype index) {
     const Engine::Planned& planned = work.tracks[static_cast<std::size_t>(index)];
     Batch::Outcome outcome{index, planned.input.track, std::nullopt, {}, {}};
     try {
@@ -79,7 +79,7 @@ void Batch::takeTracks() {
                 break;
             index = m_next++;
         }
-        Outcome outcome = run(m_work, index);
+        Outcome outcome = outcomeOf(m_work, index);
         {
             const std::lock_guard lock(m_mutex);
             // The signal that stopped the batch may have reached ffmpeg first; an
