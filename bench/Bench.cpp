@@ -1,7 +1,9 @@
 // zelkor-bench: measures the figures the README publishes, each against its
 // target. Nothing here fails a build; it only prints.
+#include "engine/Analysis.h"
 #include "engine/Batch.h"
-#include "engine/Engine.h"
+#include "engine/Collect.h"
+#include "engine/Render.h"
 #include "platform/FileViewer.h"
 #include "platform/Preferences.h"
 #include "platform/Sounds.h"

@@ -1,5 +1,6 @@
 // Fuzzes everything that turns ffmpeg's text into figures.
-#include "engine/Engine.h"
+#include "engine/Analysis.h"
+#include "engine/Render.h"
 
 #include <cmath>
 #include <cstdint>

@@ -1,5 +1,6 @@
 // Fuzzes input collection, output naming and the byte names with arbitrary file names.
-#include "engine/Engine.h"
+#include "engine/Collect.h"
+#include "engine/Output.h"
 
 #include <cstdint>
 #include <cstdlib>

@@ -1,6 +1,10 @@
 // The engine's pure parts: reading ffmpeg's text, placing the clip, building the
 // graph, naming outputs, collecting tracks and choosing the ffmpeg to run.
+#include "engine/Analysis.h"
+#include "engine/Collect.h"
 #include "engine/Engine.h"
+#include "engine/Render.h"
+#include "engine/Runner.h"
 #include "support/TestSupport.h"
 
 #include <QDir>
@@ -103,41 +107,47 @@ TEST(EngineParse, theTracksFormatAndBroadcastChunk) {
     EXPECT_FALSE(parsed("    time_reference  : 441000\n").broadcastChunk);
 }
 
-TEST(EnginePlacement, copiesRepeatWhileTheyEndByHalfASecondAfterTheTrackAndNeverRunAway) {
-    EXPECT_EQ(Engine::positions(95, 30, 3), (std::vector<double>{0.5, 30.5, 60.5, 90.5}));
-    EXPECT_EQ(Engine::positions(10, 30, 10), std::vector<double>{0.5});
-    EXPECT_EQ(Engine::positions(10, 30, 12), std::vector<double>{0.0});
-    EXPECT_LE(Engine::positions(95, 1e-20, 3).size(), Engine::kMaxPlacements);
-    for (double interval : {0.0, -3.0, kInf, std::nan("")})
+// Copies repeat while they end by half a second after the track; a nonsense
+// duration, interval or clip length gives the one fallback copy, never a runaway.
+TEST(EnginePlacement, copiesRepeatWhileTheyFitAndNonsenseGivesTheFallback) {
+    const double nan = std::nan("");
+    for (const auto& [duration, interval, clip, times] :
+         std::vector<std::tuple<double, double, double, std::vector<double>>>{
+             {95, 30, 3, {0.5, 30.5, 60.5, 90.5}},
+             {10, 30, 10, {0.5}},
+             {10, 30, 12, {0.0}},
+             {95, 0, 3, {0.0}},
+             {95, -3, 3, {0.0}},
+             {95, kInf, 3, {0.0}},
+             {95, nan, 3, {0.0}},
+             {kInf, 30, 3, {0.0}},
+             {nan, 30, 3, {0.0}},
+             {95, 30, kInf, {0.0}}})
+        EXPECT_EQ(Engine::positions(duration, interval, clip), times)
+            << duration << " " << interval << " " << clip;
+    EXPECT_EQ(Engine::positions(95, 1e-20, 3).size(), Engine::kMaxPlacements);
+    for (double interval : {0.0, -3.0, kInf, nan})
         EXPECT_THROW(Engine::process(u"/a.wav"_s, u"/t.wav"_s, interval, -5), TagError);
-}
-
-TEST(EnginePlacement, theGraphFadesEachCopyAndMixesThemUnderTheTrack) {
     // The clip's gain is clamped between -40 and 12 dB.
-    EXPECT_DOUBLE_EQ(Engine::clipGain(-9, -70, -10), -40);
-    EXPECT_DOUBLE_EQ(Engine::clipGain(-1, -8, -30), 12);
-    // Without the track's format: the delays in milliseconds, the clip's end as it is.
-    EXPECT_EQ(Engine::filterGraph({-3.25, {0.5, 30.5, 60.5}, 3, 0.97, std::nullopt}),
-              u"[1:a]volume=-3.25dB,asetpts=N/SR/TB,afade=t=in:d=0.005:curve=hsin,areverse,"
-              "asetpts=N/SR/TB,afade=t=in:d=0.005:curve=hsin,areverse,asetpts=N/SR/TB,"
-              "asplit=3[s0][s1][s2];[s0]adelay=500:all=1[d0];[s1]adelay=30500:all=1[d1];"
-              "[s2]adelay=60500:all=1[d2];[0:a][d0][d1][d2]"
-              "amix=inputs=4:normalize=0:duration=first:dropout_transition=0,"
-              "alimiter=limit=0.97:level=0:attack=2:release=40:latency=1[out]"_s);
+    for (const auto& [level, track, tag, gain] : {std::tuple{-9.0, -70.0, -10.0, -40.0},
+                                                  {-1.0, -8.0, -30.0, 12.0},
+                                                  {-5.0, -14.0, -20.0, 1.0}})
+        EXPECT_DOUBLE_EQ(Engine::clipGain(level, track, tag), gain);
 }
 
-// Copies that cannot overlap and lie a whole number of samples apart share one looped
-// branch: the clip padded to the interval, repeated, delayed to the first placement.
-TEST(EnginePlacement, copiesThatCannotOverlapShareOneLoopedBranch) {
+// Each copy is faded, delayed to its placement and mixed under the track; copies that
+// cannot overlap and lie a whole number of samples apart share one looped branch.
+TEST(EnginePlacement, copiesAreDelayedToTheirPlacesOrShareOneLoopedBranch) {
+    const QString apart = Engine::filterGraph({-3.25, {0.5, 30.5, 60.5}, 3, 0.97, std::nullopt});
+    for (const char* part : {"volume=-3.25dB", "adelay=500:all=1", "adelay=30500:all=1",
+                             "adelay=60500:all=1", "amix=inputs=4", "alimiter=limit=0.97:"})
+        EXPECT_TRUE(apart.contains(QLatin1String(part))) << part;
     const Engine::AudioFormat stereo{44100, u"stereo"_s};
-    EXPECT_EQ(Engine::filterGraph({-3.25, {0.5, 30.5, 60.5}, 2, 0.994261, stereo}),
-              u"[1:a]aformat=sample_rates=44100:channel_layouts=stereo,volume=-3.25dB,"
-              "asetpts=N/SR/TB,atrim=end_sample=88200,afade=t=in:d=0.005:curve=hsin,areverse,"
-              "asetpts=N/SR/TB,afade=t=in:d=0.005:curve=hsin,areverse,asetpts=N/SR/TB,"
-              "apad=whole_len=1323000,atrim=end_sample=1323000,aloop=loop=2:size=1323000,"
-              "adelay=22050S:all=1[bed];[0:a][bed]"
-              "amix=inputs=2:normalize=0:duration=first:dropout_transition=0,"
-              "alimiter=limit=0.994261:level=0:attack=2:release=40:latency=1[out]"_s);
+    const QString looped = Engine::filterGraph({-3.25, {0.5, 30.5, 60.5}, 2, 0.994261, stereo});
+    for (const char* part :
+         {"atrim=end_sample=88200", "apad=whole_len=1323000", "aloop=loop=2:size=1323000",
+          "adelay=22050S", "amix=inputs=2", "alimiter=limit=0.994261:"})
+        EXPECT_TRUE(looped.contains(QLatin1String(part))) << part;
 
     const auto shape = [&](std::vector<double> times, double length,
                            std::optional<Engine::AudioFormat> format) {
@@ -249,8 +259,48 @@ TEST_F(EngineFiles, theFirstExecutableCandidateIsFfmpeg) {
     EXPECT_EQ(Engine::findExecutable({d + u"ffmpeg"_s, d + u"plain"_s, d + u"folder"_s,
                                       d + u"first"_s, d + u"second"_s}),
               d + u"first"_s);
-    // A dangling link is a candidate too; the executable test drops it.
-    EXPECT_EQ(
-        Engine::ffmpegCandidates(dir.path()),
-        (QStringList{d + u"ffmpeg"_s, u"/opt/homebrew/bin/ffmpeg"_s, u"/usr/local/bin/ffmpeg"_s}));
+}
+
+// A run's plan names every output before the first render, on the names alone:
+// beside the track, or under the output folder as the track lies below its root.
+TEST(EngineJob, thePlanNamesEachOutputBesideItsTrackOrMirrored) {
+    using Engine::Format;
+    struct Row {
+        QString mirror;
+        Format format;
+        Engine::Input input;
+        Engine::OutputName output;
+    };
+    const std::vector<Row> rows{
+        {{},
+         Format::same,
+         {u"/m/a/Beat.One.WAV"_s, u"/m"_s, {}},
+         {u"/m/a"_s, u"Beat.One (Tagged)"_s, u"wav"_s}},
+        {{}, Format::mp3, {u"/m/b.wav"_s, {}, {}}, {u"/m"_s, u"b (Tagged)"_s, u"mp3"_s}},
+        {u"/out"_s,
+         Format::wav,
+         {u"/m/1/2/c.mp3"_s, u"/m"_s, {}},
+         {u"/out/1/2"_s, u"c (Tagged)"_s, u"wav"_s}},
+        {u"/out/"_s,
+         Format::same,
+         {u"/m/d.mp3"_s, u"/m"_s, {}},
+         {u"/out"_s, u"d (Tagged)"_s, u"mp3"_s}},
+        {u"/out"_s, Format::same, {u"/e.wav"_s, {}, {}}, {u"/"_s, u"e (Tagged)"_s, u"wav"_s}},
+        {u"/out"_s, Format::same, {u"gone"_s, {}, TagError::notFound()}, {}},
+    };
+    for (const Row& row : rows) {
+        Engine::Job job;
+        job.mirrorUnder = row.mirror;
+        job.format = row.format;
+        const Engine::Plan plan = Engine::plan(job, std::vector<Engine::Input>{row.input});
+        ASSERT_EQ(plan.size(), 1u);
+        EXPECT_EQ(plan[0].output, row.output)
+            << row.input.track.toStdString() << " -> " << plan[0].output.folder.toStdString() << " "
+            << plan[0].output.stem.toStdString();
+    }
+    Engine::Job job;
+    job.taken = Engine::Taken::skip;
+    const Engine::Plan planned = Engine::plan(job, {u"/nowhere/f.wav"_s});
+    EXPECT_EQ(planned[0].output.path(), u"/nowhere/f (Tagged).wav"_s);
+    EXPECT_THROW(Engine::tag(job, {{u"x"_s, {}, TagError::notATrack()}, {}}), TagError);
 }

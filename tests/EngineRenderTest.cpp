@@ -1,5 +1,7 @@
 // The engine end to end: the real ffmpeg tags audio generated here.
-#include "engine/Engine.h"
+#include "engine/Analysis.h"
+#include "engine/Collect.h"
+#include "engine/Render.h"
 #include "support/TestSupport.h"
 
 #include <QDir>

@@ -279,34 +279,3 @@ exec "$real" "$@"
         EXPECT_EQ(taggedIn(home.root()), u"a (Tagged).wav"_s);
     }
 }
-
-// Two runs over one folder at once: every track is written twice, under eight names.
-TEST_F(Faults, twoRunsOverOneFolderNeverClaimOneName) {
-    const QString music = path(u"music"_s);
-    QDir().mkpath(music);
-    for (int i = 0; i < 4; ++i)
-        ::Test::makeAudio(music + u"/beat %1.wav"_s.arg(i),
-                          u"sine=frequency=%1"_s.arg(200 + 50 * i), 2 + i);
-    QProcess runs[2];
-    for (QProcess& run : runs)
-        run.start(::Test::binary(u"zelkor-tag"_s),
-                  {u"--tag"_s, clip, u"--interval"_s, u"5"_s, music});
-    QStringList outputs;
-    for (QProcess& run : runs) {
-        ASSERT_TRUE(run.waitForFinished(60'000));
-        EXPECT_EQ(run.exitCode(), 0);
-        const QStringList lines =
-            QString::fromUtf8(run.readAllStandardOutput()).split(u'\n', Qt::SkipEmptyParts);
-        ASSERT_EQ(lines.size(), 4);
-        for (const QString& line : lines)
-            outputs << line.section(u"  OK  -> "_s, 1);
-    }
-    outputs.removeDuplicates();
-    EXPECT_EQ(outputs.size(), 8) << outputs.join(u'\n').toStdString();
-    EXPECT_EQ(taggedIn(music).count(u'|'), 7) << taggedIn(music).toStdString();
-    for (const QString& output : outputs) {
-        const int i = QFileInfo(output).fileName().mid(5, 1).toInt();
-        EXPECT_EQ(::Test::samples(output, 44100, 2).size(), (2u + i) * 44100 * 2)
-            << output.toStdString();
-    }
-}

@@ -3,6 +3,7 @@
 // the socket left by a crashed instance does not stop the next launch, and
 // files pass only between processes of the same user.
 #include "app/SingleInstance.h"
+#include "base/Names.h"
 #include "support/GuiSupport.h"
 
 #include <QDataStream>
@@ -70,6 +71,20 @@ TEST_F(SingleInstanceLaunch, aSecondLaunchHandsItsFilesToTheFirstAndACrashedOnes
     QProcess& next = launch({u"next.wav"_s}, home.root());
     EXPECT_TRUE(appears(home.root() + u"/next (Tagged).wav"_s));
     EXPECT_EQ(next.state(), QProcess::Running);
+}
+
+// A relative name that is not UTF-8 reaches the window by its bytes, as an absolute one does.
+TEST_F(SingleInstanceLaunch, aRelativeNameThatIsNotUtf8IsTagged) {
+    const QByteArray folder = Names::encode(home.root()) + '/';
+    ::Test::makeAudio(home.root() + u"/beat.wav"_s, u"sine=frequency=220"_s, 3);
+    ASSERT_EQ(::rename(folder + "beat.wav", folder + "beat \xe9.wav"), 0);
+    auto& process = running.emplace_back(std::make_unique<QProcess>());
+    process->setWorkingDirectory(home.root());
+    process->start(u"/bin/sh"_s, {u"-c"_s, u"exec \"$0\" \"$(printf 'beat \\351.wav')\""_s,
+                                  ::Test::binary(u"zelkor"_s)});
+    struct stat info = {};
+    EXPECT_TRUE(::Test::waitUntil(
+        [&] { return ::stat(folder + "beat \xe9 (Tagged).wav", &info) == 0; }, 60'000));
 }
 
 namespace {
@@ -185,6 +200,6 @@ TEST(SingleInstancePath, withoutARuntimeFolderTheSocketSitsInAFolderOnlyTheUserC
         EXPECT_EQ(SingleInstance::defaultPath(), QString());
     }
     ASSERT_EQ(rmdir(name.constData()), 0);
-    ASSERT_EQ(symlink(QFile::encodeName(home.root()).constData(), name.constData()), 0);
+    ASSERT_EQ(symlink(Names::encode(home.root()).constData(), name.constData()), 0);
     EXPECT_EQ(SingleInstance::defaultPath(), QString());
 }

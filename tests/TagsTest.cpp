@@ -3,7 +3,7 @@
 #include "model/Tags.h"
 #include "base/Files.h"
 #include "base/Names.h"
-#include "engine/Engine.h"
+#include "engine/Analysis.h"
 #include "platform/Preferences.h"
 #include "platform/Trash.h"
 #include "support/FreshHome.h"

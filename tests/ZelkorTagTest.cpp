@@ -1,5 +1,7 @@
 // zelkor-tag as a child process: its lines, exit codes and usage errors, with the
 // real ffmpeg, and with a fake one for what the real one cannot show.
+#include "base/Names.h"
+#include "support/FreshHome.h"
 #include "support/TestSupport.h"
 
 #include <QDir>
@@ -192,6 +194,52 @@ TEST_F(ZelkorTag, jobsWriteWhatOneAtATimeWritesInTrackOrder) {
     EXPECT_FALSE(QFileInfo::exists(runs)); // skipped before anything was measured
 }
 
+// A clip whose name is not UTF-8 is added, selected and used by its bytes.
+TEST_F(ZelkorTag, aClipNamedInLatin1IsAddedSelectedAndUsed) {
+    ::Test::FreshHome home;
+    ::Test::makeAudio(path(u"beat.wav"_s), u"sine=frequency=220"_s, 1);
+    ASSERT_EQ(::rename(Names::encode(clip), Names::encode(dir.path()) + "/voix \xe9.wav"), 0);
+    const auto run = ::Test::runProgram(
+        u"/bin/sh"_s, {u"-c"_s,
+                       u"cd \"$1\" && clip=$(printf 'voix \\351.wav') && \"$0\" --add-tag \"$clip\""
+                       " && \"$0\" --select-tag \"$clip\" && \"$0\" beat.wav &&"
+                       " \"$0\" -t \"$clip\" beat.wav"_s,
+                       ::Test::binary(u"zelkor-tag"_s), dir.path()});
+    EXPECT_EQ(run.status, 0) << run.out.toStdString() << run.err.toStdString();
+    const QStringList said = lines(run.out);
+    ASSERT_EQ(said.size(), 4);
+    EXPECT_TRUE(said[0].startsWith(u"TAG ADDED: VOIX "_s) && said[0].endsWith(u"  ARMED"_s));
+    EXPECT_TRUE(said[1].startsWith(u"TAG SELECTED: VOIX "_s));
+    EXPECT_EQ(said.mid(2),
+              (QStringList{u"beat.wav  1 TAGS  OK  -> "_s + path(u"beat (Tagged).wav"_s),
+                           u"beat.wav  1 TAGS  OK  -> "_s + path(u"beat (Tagged) (2).wav"_s)}));
+    ::rename(Names::encode(dir.path()) + "/voix \xe9.wav", Names::encode(clip)); // for the clean-up
+}
+
+// On a terminal the progress line is drawn before the first track, redrawn after
+// each track's line and cleared at the end; -q draws none.
+TEST_F(ZelkorTag, theProgressLineIsDrawnOnlyOnATerminalAndNotWhenQuiet) {
+    ::Test::makeAudio(path(u"a.wav"_s), u"sine=frequency=220"_s, 1);
+    ::Test::writeFile(path(u"b.wav"_s), "x");
+    const auto onTerminal = [&](const QString& quiet) {
+        return ::Test::runProgram(u"script"_s,
+                                  {u"-qec"_s,
+                                   u"cd '%1' && '%2' %3 -t tag.wav a.wav b.wav"_s.arg(
+                                       dir.path(), ::Test::binary(u"zelkor-tag"_s), quiet),
+                                   u"/dev/null"_s})
+            .out;
+    };
+    const auto bar = [](const char* count, int filled) {
+        return u"\r%1 ["_s.arg(QLatin1String(count)) + QString(filled, u'#') +
+               QString(30 - filled, u'.') + u"]"_s;
+    };
+    const QString clear = u"\r\x1b[K"_s, failed = u"b.wav  CAN'T READ FILE\r\n"_s;
+    EXPECT_EQ(onTerminal({}), bar("00/02", 0) + clear + u"a.wav  1 TAGS  OK  -> "_s +
+                                  path(u"a (Tagged).wav"_s) + u"\r\n"_s + bar("01/02", 15) + clear +
+                                  failed + bar("02/02", 30) + clear);
+    EXPECT_EQ(onTerminal(u"-q"_s), failed);
+}
+
 // PATHs that do not exist or are no track get their own lines, in their place
 // among the tracks, which are still tagged; "-" reads more PATHs, one a line.
 TEST_F(ZelkorTag, missingAndNonTrackPathsGetTheirLinesAndTheOthersAreTagged) {
@@ -306,6 +354,14 @@ TEST_F(ZelkorTag, replaceSwapsInOnlyAWholeRenderAndJsonTellsWhatWasWritten) {
     EXPECT_EQ(high[1], json(uR"({"track": "%1", "status": "error", "error": "CAN'T READ FILE",
         "clip": "%2", "output": null, "placements": null, "gain_db": null,
         "track_lufs": null})"_s.arg(notes, clip)));
+
+    // A folder under the name fails the track, leaving it and no hidden file.
+    QFile::remove(output);
+    QDir().mkpath(output);
+    ::Test::writeFile(output + u"/inside"_s, "x");
+    EXPECT_EQ(tag({u"--replace"_s}).at(0)[u"error"_s], u"IS A DIRECTORY"_s);
+    EXPECT_EQ(tree(dir.path()).filter(u"beat"_s),
+              (QStringList{u"beat (Tagged).wav/inside"_s, u"beat.wav"_s}));
 }
 
 // A track written slowly, in chunks, is tagged once it is whole, and once; the

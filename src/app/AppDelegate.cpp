@@ -5,6 +5,8 @@
 #include "app/FrameAutosave.h"
 #include "app/MenuBar.h"
 
+#include "base/CommandLine.h"
+#include "base/Names.h"
 #include "base/TagError.h"
 #include "engine/Batch.h"
 #include "model/Tags.h"
@@ -37,36 +39,31 @@
 #include <cstdio>
 
 LaunchOptions parseArguments(const QStringList& arguments) {
+    using Kind = CommandLine::Refusal::Kind;
     LaunchOptions options;
-    const QString snapshotFlag = QStringLiteral("--snapshot");
-    bool onlyFiles = false;
-    for (qsizetype i = 1; i < arguments.size(); ++i) {
-        const QString& argument = arguments[i];
-        if (onlyFiles || !argument.startsWith(QLatin1Char('-')) || argument == QLatin1String("-")) {
-            options.files << QFileInfo(argument).absoluteFilePath();
-        } else if (argument == QLatin1String("--")) {
-            onlyFiles = true;
-        } else if (argument == QLatin1String("--help") || argument == QLatin1String("-h")) {
+    const QString noSnapshot = QStringLiteral("--snapshot needs the PATH of a PNG file");
+    const auto take = [&](const CommandLine::Option& option,
+                          const QString& value) -> std::optional<QString> {
+        if (option.letter == 'h')
             options.help = true;
-        } else if (argument == QLatin1String("--version")) {
+        else if (option.name == QLatin1String("version"))
             options.version = true;
-        } else if (argument == snapshotFlag || argument.startsWith(snapshotFlag + u'=')) {
-            std::optional<QString> path;
-            if (argument != snapshotFlag)
-                path = argument.mid(snapshotFlag.size() + 1);
-            else if (i + 1 < arguments.size())
-                path = arguments[++i];
-            if (!path || path->isEmpty()) {
-                options.error = QStringLiteral("--snapshot needs the PATH of a PNG file");
-                return options;
-            }
-            if (!options.snapshot)
-                options.snapshot = path;
-        } else {
-            options.error = QStringLiteral("unknown option '%1'").arg(argument);
-            return options;
-        }
-    }
+        else if (value.isEmpty())
+            return noSnapshot;
+        else if (!options.snapshot) // the first counts
+            options.snapshot = value;
+        return std::nullopt;
+    };
+    const std::optional<CommandLine::Refusal> refusal = CommandLine::read(
+        arguments.mid(1),
+        {{'h', QLatin1String("help"), false},
+         {0, QLatin1String("version"), false},
+         {0, QLatin1String("snapshot"), true}},
+        false, take, [&options](const QString& file) { options.files << Names::absolute(file); });
+    if (refusal)
+        options.error = refusal->kind == Kind::needsValue || refusal->kind == Kind::refused
+                            ? noSnapshot
+                            : QStringLiteral("unknown option '%1'").arg(refusal->argument);
     return options;
 }
 

@@ -3,6 +3,8 @@
 // the kernel who is at the other end of the socket before trusting it.
 #include "app/SingleInstance.h"
 
+#include "base/Names.h"
+
 #include <QDataStream>
 #include <QDir>
 #include <QFile>
@@ -57,7 +59,7 @@ bool handOver(const QString& path, const QStringList& files) {
 // The folder at `path`, made with mode 0700 when missing; when it exists it
 // must be a real folder (not a link) owned by this user, and is made private.
 bool ensurePrivateFolder(const QString& path) {
-    const QByteArray name = QFile::encodeName(path);
+    const QByteArray name = Names::encode(path);
     if (mkdir(name.constData(), kPrivateMode) != 0 && errno != EEXIST)
         return false;
     const int folder = open(name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);

@@ -4,7 +4,7 @@
 #include "app/MenuBar.h"
 #include "app/SingleInstance.h"
 
-#include "engine/Engine.h"
+#include "base/Names.h"
 #include "platform/AppName.h"
 #include "platform/FileViewer.h"
 #include "platform/Menus.h"

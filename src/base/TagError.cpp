@@ -22,6 +22,10 @@ QString messageOf(TagError::Kind kind) {
         return QStringLiteral("LEVEL MUST BE A NUMBER OF DB");
     case Kind::tooManyTags:
         return QStringLiteral("TOO MANY TAGS FOR THIS TRACK");
+    case Kind::notFound:
+        return QStringLiteral("NOT FOUND");
+    case Kind::notATrack:
+        return QStringLiteral("NOT A TRACK");
     case Kind::ffmpegFailed:
     case Kind::systemFailed:
         break; // their reason is given

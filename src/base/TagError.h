@@ -18,6 +18,8 @@ public:
         badLevel,
         tooManyTags,
         systemFailed, // the system refused, in its own words, maybe naming what was tried
+        notFound,     // a path given to tag names nothing
+        notATrack,    // a path given to tag names a file that is no track
     };
 
     static TagError ffmpegFailed(QString message) {
@@ -30,6 +32,8 @@ public:
     static TagError badInterval() { return TagError(Kind::badInterval); }
     static TagError badLevel() { return TagError(Kind::badLevel); }
     static TagError tooManyTags() { return TagError(Kind::tooManyTags); }
+    static TagError notFound() { return TagError(Kind::notFound); }
+    static TagError notATrack() { return TagError(Kind::notATrack); }
     // The system's text for the errno value `code` as the reason: "NO SPACE LEFT ON
     // DEVICE", or with `action`, "CAN'T COPY VOICE.WAV: NO SPACE LEFT ON DEVICE".
     static TagError systemFailed(int code, QString action = {});

@@ -3,7 +3,7 @@
 // Names::decode and Names::encode), so every look at the disk goes through them.
 #include "cli/Inputs.h"
 
-#include "engine/Engine.h"
+#include "engine/Collect.h"
 
 #include <QDir>
 #include <QFile>
@@ -69,6 +69,10 @@ private:
 
 } // namespace
 
+bool isFolder(const QString& path) {
+    return kindOf(path) == Kind::folder;
+}
+
 // Links to folders count; the order is the window's: code points after
 // canonical composition.
 QStringList subFolders(const QString& folder) {
@@ -104,14 +108,14 @@ std::vector<Input> collect(const QStringList& paths, const Collecting& how) {
         const QString absolute = Names::absolute(path);
         switch (kindOf(path)) {
         case Kind::none:
-            inputs.push_back({path, {}, kNotFound});
+            inputs.push_back({path, {}, TagError::notFound()});
             break;
         case Kind::folder:
             Walk(how, inputs).folder(absolute, absolute);
             break;
         case Kind::file:
-            if (Engine::collect({path}).isEmpty())
-                inputs.push_back({path, {}, kNotATrack});
+            if (!Engine::isTrack(path))
+                inputs.push_back({path, {}, TagError::notATrack()});
             else
                 inputs.push_back({absolute, folderOf(absolute), {}});
             break;
@@ -139,11 +143,6 @@ QString shownName(const Input& input) {
     if (input.root.isEmpty())
         return input.track;
     return QDir(input.root).relativeFilePath(input.track);
-}
-
-QString mirroredFolder(const Input& input, const QString& outputDir) {
-    const QString below = QDir(input.root).relativeFilePath(folderOf(input.track));
-    return QDir::cleanPath(Names::absolute(outputDir) + QLatin1Char('/') + below);
 }
 
 } // namespace Cli

@@ -3,6 +3,8 @@
 // for its own line.
 #pragma once
 
+#include "engine/Engine.h"
+
 #include <QString>
 #include <QStringList>
 #include <cstdio>
@@ -10,14 +12,8 @@
 
 namespace Cli {
 
-struct Input {
-    QString track;   // absolute; for a PATH that is no track, the PATH as given
-    QString root;    // the folder the PATH names, or a file PATH's own folder
-    QString problem; // "NOT FOUND" or "NOT A TRACK"; empty for a track
-};
-
-inline const QString kNotFound = QStringLiteral("NOT FOUND");
-inline const QString kNotATrack = QStringLiteral("NOT A TRACK");
+// A PATH's root is the folder it names, or a file PATH's own folder.
+using Input = Engine::Input;
 
 struct Collecting {
     bool recursive = false;
@@ -28,6 +24,8 @@ struct Collecting {
 // order (Engine::collect); recursive, then each sub-folder in name order, depth
 // first, hidden ones and `excluded` left out.
 std::vector<Input> collect(const QStringList& paths, const Collecting& how);
+// Whether `path` names a folder, after following links.
+bool isFolder(const QString& path);
 // A folder's sub-folders, hidden ones left out, in the order the window sorts names.
 QStringList subFolders(const QString& folder);
 // Whether `path` lies in the folder `folder` or below it.
@@ -36,7 +34,5 @@ bool isWithin(const QString& path, const QString& folder);
 QStringList readPaths(std::FILE* in);
 // The track as its line names it: its path below its root.
 QString shownName(const Input& input);
-// The folder under `outputDir` that mirrors the track's own below its root.
-QString mirroredFolder(const Input& input, const QString& outputDir);
 
 } // namespace Cli

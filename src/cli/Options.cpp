@@ -1,6 +1,7 @@
 // Parsing zelkor-tag's options: long forms, short forms that combine ("-rj4"),
 // and values after a blank or "="; every refusal names the option and the value.
 #include "cli/Options.h"
+#include "base/CommandLine.h"
 #include "model/Settings.h"
 
 #include <cmath>
@@ -40,9 +41,7 @@ Problem existing(Options& options, Existing wanted) {
 }
 
 struct Option {
-    char letter; // 0: a long form only
-    QLatin1String name;
-    bool takesValue;
+    CommandLine::Option spelled;
     std::function<Problem(Options&, const QString&)> apply;
 };
 
@@ -99,91 +98,39 @@ const std::vector<Option>& options() {
     return all;
 }
 
-const Option* named(QStringView name) {
-    for (const Option& option : options())
-        if (option.name == name)
-            return &option;
-    return nullptr;
-}
-
-const Option* lettered(QChar letter) {
-    for (const Option& option : options())
-        if (option.letter != 0 && letter == QLatin1Char(option.letter))
-            return &option;
-    return nullptr;
-}
-
 } // namespace
 
 std::variant<Options, UsageError> parse(const QStringList& arguments) {
+    std::vector<CommandLine::Option> spelled;
+    for (const Option& option : options())
+        spelled.push_back(option.spelled);
     Options result;
     // A refused value is named with its option; a flag's refusal says it all.
-    const auto apply = [&result](const Option& option, const QString& value) -> Problem {
+    // `given` is one of `spelled`, which lists the options in their order.
+    const auto take = [&](const CommandLine::Option& given, const QString& value) {
+        const Option& option = options()[static_cast<std::size_t>(&given - spelled.data())];
         const Problem problem = option.apply(result, value);
-        if (problem && option.takesValue)
-            return QStringLiteral("invalid --%1 '%2': %3").arg(option.name, value, *problem);
+        if (problem && given.takesValue)
+            return Problem(
+                QStringLiteral("invalid --%1 '%2': %3").arg(given.name, value, *problem));
         return problem;
     };
-    bool onlyPaths = false;
-    for (qsizetype i = 0; i < arguments.size(); ++i) {
-        const QString& argument = arguments[i];
-        if (onlyPaths || !argument.startsWith(QLatin1Char('-')) || argument == QLatin1String("-")) {
-            result.paths << argument;
-            continue;
-        }
-        if (argument == QLatin1String("--")) {
-            onlyPaths = true;
-            continue;
-        }
-        // The value after the option, or after "=" or a short option's letter.
-        const auto valueFor = [&](const Option& option,
-                                  std::optional<QString> attached) -> std::optional<QString> {
-            if (attached || !option.takesValue)
-                return attached;
-            if (i + 1 < arguments.size())
-                return arguments[++i];
-            return std::nullopt;
-        };
-        const auto missing = [](const QString& given) {
-            return UsageError{QStringLiteral("option '%1' needs a value").arg(given)};
-        };
-
-        if (argument.startsWith(QLatin1String("--"))) {
-            const qsizetype eq = argument.indexOf(QLatin1Char('='));
-            const QString given = eq > 0 ? argument.left(eq) : argument;
-            const Option* option = named(QStringView(given).mid(2));
-            if (!option)
-                return UsageError{QStringLiteral("unknown option '%1'").arg(given)};
-            if (eq > 0 && !option->takesValue)
-                return UsageError{QStringLiteral("option '%1' takes no value").arg(given)};
-            const std::optional<QString> value =
-                valueFor(*option, eq > 0 ? std::optional(argument.mid(eq + 1)) : std::nullopt);
-            if (option->takesValue && !value)
-                return missing(given);
-            if (const Problem problem = apply(*option, value.value_or(QString())))
-                return UsageError{*problem};
-            continue;
-        }
-
-        // -abc: letters that take no value, the last of them (or one with the rest
-        // of the word as its value, as in -j4) perhaps taking one.
-        for (qsizetype at = 1; at < argument.size(); ++at) {
-            const Option* option = lettered(argument[at]);
-            if (!option)
-                return UsageError{QStringLiteral("unknown option '-%1'").arg(argument[at])};
-            std::optional<QString> attached;
-            if (option->takesValue && at + 1 < argument.size())
-                attached = argument.mid(at + 1);
-            const std::optional<QString> value = valueFor(*option, attached);
-            if (option->takesValue && !value)
-                return missing(QStringLiteral("-") + argument[at]);
-            if (const Problem problem = apply(*option, value.value_or(QString())))
-                return UsageError{*problem};
-            if (option->takesValue)
-                break;
-        }
+    using Kind = CommandLine::Refusal::Kind;
+    const std::optional<CommandLine::Refusal> refusal = CommandLine::read(
+        arguments, spelled, true, take, [&result](const QString& path) { result.paths << path; });
+    if (!refusal)
+        return result;
+    switch (refusal->kind) {
+    case Kind::unknown:
+        return UsageError{QStringLiteral("unknown option '%1'").arg(refusal->given)};
+    case Kind::needsValue:
+        return UsageError{QStringLiteral("option '%1' needs a value").arg(refusal->given)};
+    case Kind::takesNoValue:
+        return UsageError{QStringLiteral("option '%1' takes no value").arg(refusal->given)};
+    case Kind::refused:
+        break;
     }
-    return result;
+    return UsageError{refusal->message};
 }
 
 QString usage() {

@@ -1,6 +1,8 @@
 // The command line of zelkor-tag.
 #pragma once
 
+#include "engine/Engine.h"
+
 #include <QString>
 #include <QStringList>
 #include <optional>
@@ -8,15 +10,8 @@
 
 namespace Cli {
 
-// The output's format: the track's own rule (MP3 for MP3, WAV otherwise), or one for all.
-enum class Format { same, mp3, wav };
-
-// What happens when a track's output name without a number is taken already.
-enum class Existing {
-    nextNumber, // "NAME (Tagged) (2).EXT", as the window does
-    skip,       // the track is not analysed nor written again
-    replace,    // the new output replaces the earlier one once it is complete
-};
+using Format = Engine::Format;
+using Existing = Engine::Taken;
 
 struct Options {
     std::optional<QString> tag;

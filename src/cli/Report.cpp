@@ -26,13 +26,11 @@ QString seconds(double value) {
 
 QString textLine(const Said& said) {
     const Batch::Outcome& outcome = said.outcome;
-    if (!said.input.problem.isEmpty())
-        return said.input.track + QStringLiteral("  ") + said.input.problem;
-    const QString name = shownName(said.input) + QStringLiteral("  ");
-    if (outcome.skipped())
-        return name + QStringLiteral("SKIPPED  -> ") + said.existing;
-    if (!outcome.result)
+    const QString name = shownName(said.track.input) + QStringLiteral("  ");
+    if (outcome.failed())
         return name + outcome.error;
+    if (outcome.skipped())
+        return name + QStringLiteral("SKIPPED  -> ") + said.track.output.path();
     const Engine::Result& result = *outcome.result;
     if (!said.dryRun)
         return name + StatusTexts::tagged(result.placements) + QStringLiteral("  -> ") +
@@ -50,7 +48,7 @@ QString textLine(const Said& said) {
 QString jsonLine(const Said& said) {
     const Batch::Outcome& outcome = said.outcome;
     const std::optional<Engine::Result>& result = outcome.result;
-    QJsonObject object{{QStringLiteral("track"), said.input.track},
+    QJsonObject object{{QStringLiteral("track"), said.track.input.track},
                        {QStringLiteral("clip"),
                         said.clip.isEmpty() ? QJsonValue(QJsonValue::Null) : QJsonValue(said.clip)},
                        {QStringLiteral("output"), QJsonValue::Null},
@@ -60,13 +58,12 @@ QString jsonLine(const Said& said) {
                        {QStringLiteral("error"), QJsonValue::Null}};
     if (said.dryRun)
         object.insert(QStringLiteral("dry_run"), true);
-    if (!said.input.problem.isEmpty() || (!result && !outcome.skipped())) {
+    if (outcome.failed()) {
         object.insert(QStringLiteral("status"), QStringLiteral("error"));
-        object.insert(QStringLiteral("error"),
-                      said.input.problem.isEmpty() ? outcome.error : said.input.problem);
+        object.insert(QStringLiteral("error"), outcome.error);
     } else if (outcome.skipped()) {
         object.insert(QStringLiteral("status"), QStringLiteral("skipped"));
-        object.insert(QStringLiteral("output"), said.existing);
+        object.insert(QStringLiteral("output"), said.track.output.path());
     } else {
         QJsonArray times;
         for (const double time : result->times)

@@ -9,9 +9,8 @@
 namespace Cli {
 
 struct Said {
-    const Input& input;
+    const Engine::Planned& track; // for a track skipped, its output names the one it has
     const Batch::Outcome& outcome;
-    QString existing; // for a track skipped: the output it already has
     bool dryRun = false;
     QString clip;
 };

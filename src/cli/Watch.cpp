@@ -4,7 +4,7 @@
 #include "cli/Watch.h"
 
 #include "base/TagError.h"
-#include "engine/Engine.h"
+#include "engine/Collect.h"
 
 #include <QSocketNotifier>
 #include <cerrno>
@@ -95,7 +95,7 @@ void Watch::read() {
             const QString path =
                 m_folders.value(event->wd) + QLatin1Char('/') + Names::decode(name);
             if (!(event->mask & IN_ISDIR)) {
-                if (!Engine::collect({path}).isEmpty())
+                if (Engine::isTrack(path))
                     touched(path);
             } else if (m_how.recursive && !name.startsWith('.') &&
                        (event->mask & (IN_CREATE | IN_MOVED_TO))) {

@@ -1,23 +1,18 @@
 // zelkor-tag: tags tracks from the shell, one at a time unless told otherwise,
 // with the window's log lines (or JSON) on standard output; stops cleanly on a
 // signal or a closed output.
-#include "base/Files.h"
+#include "cli/Console.h"
 #include "cli/Inputs.h"
+#include "cli/Library.h"
 #include "cli/Options.h"
 #include "cli/Report.h"
 #include "cli/Watch.h"
 #include "engine/AnalysisCache.h"
 #include "engine/Batch.h"
 #include "engine/Engine.h"
-#include "model/Settings.h"
-#include "model/StatusTexts.h"
-#include "model/Tags.h"
-#include "platform/Preferences.h"
 #include "platform/QuitSignals.h"
-#include "platform/Trash.h"
 
 #include <QCoreApplication>
-#include <QFileInfo>
 #include <QSocketNotifier>
 #include <QThread>
 #include <cerrno>
@@ -31,18 +26,7 @@
 
 namespace {
 
-constexpr int kExitOk = 0;
-constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
-// A run ended by a signal exits with this plus the signal's number, as a shell reports it.
-constexpr int kExitSignalled = 128;
-constexpr int kBarCells = 30;
-
-// False when the text could not be written whole. Names keep their bytes.
-bool write(std::FILE* stream, const QString& text) {
-    const bool written = std::fputs(Names::encode(text).constData(), stream) >= 0;
-    return std::fflush(stream) == 0 && written;
-}
+using namespace Cli;
 
 // A handler rather than SIG_IGN, which ffmpeg would inherit: a write to a closed
 // pipe then fails with EPIPE instead of ending the program half-way.
@@ -64,133 +48,22 @@ void onBrokenPipe(int) {}
     std::_Exit(kExitSignalled + signal);
 }
 
-// Makes `folder` and the folders above it; throws TagError with the system's reason.
-void makeFolders(const QString& folder) {
-    const QByteArray path = Names::encode(folder);
-    for (qsizetype at = 1; at <= path.size(); ++at) {
-        if (at < path.size() && path[at] != '/')
-            continue;
-        if (::mkdir(path.left(at).constData(), 0777) != 0 && errno != EEXIST)
-            throw TagError::systemFailed(errno, QStringLiteral("CAN'T CREATE %1").arg(folder));
-    }
-}
-
-// The "03/12 [####......]" line on a terminal, redrawn in place.
-class Progress {
-public:
-    explicit Progress(bool wanted)
-        : m_shown(wanted && isatty(STDERR_FILENO)) {}
-
-    void grow(qsizetype tracks) {
-        if (m_shown) {
-            m_total += tracks;
-            show();
-        }
-    }
-    void step() {
-        if (m_shown) {
-            ++m_done;
-            show();
-        }
-    }
-    void clear() {
-        if (m_shown)
-            write(stderr, QStringLiteral("\r\033[K"));
-    }
-
-private:
-    void show() {
-        const int width = std::max(2, static_cast<int>(QString::number(m_total).size()));
-        const int filled = static_cast<int>(kBarCells * m_done / std::max<qsizetype>(m_total, 1));
-        write(stderr, QStringLiteral("\r%1/%2 [%3%4]")
-                          .arg(m_done, width, 10, QLatin1Char('0'))
-                          .arg(m_total, width, 10, QLatin1Char('0'))
-                          .arg(QString(filled, QLatin1Char('#')))
-                          .arg(QString(kBarCells - filled, QLatin1Char('.'))));
-    }
-
-    bool m_shown;
-    qsizetype m_total = 0;
-    qsizetype m_done = 0;
-};
-
-// The library commands: add, select, list, in that order, as the window would.
-int manageLibrary(const Cli::Options& options) {
-    PreferencesFile preferences(PreferencesFile::userPath());
-    HomeTrash trash(HomeTrash::userFolder());
-    Tags tags(preferences, trash);
-    tags.seedDefaults();
-    int status = kExitOk;
-    if (options.addTag) {
-        const QString& file = *options.addTag;
-        bool added = false;
-        if (Tags::isClip(file) && QFileInfo(file).isFile()) {
-            try {
-                const QString stored = tags.add(file);
-                write(stdout,
-                      QStringLiteral("%1  %2\n")
-                          .arg(StatusTexts::tagAdded(Tags::name(stored)), StatusTexts::kArmed));
-                added = true;
-            } catch (const std::exception& error) {
-                write(stderr, QStringLiteral("zelkor-tag: %1\n").arg(describeError(error)));
-            }
-        }
-        if (!added) {
-            write(stdout, QStringLiteral("%1  %2\n")
-                              .arg(QFileInfo(file).fileName(), StatusTexts::kCantAddTag));
-            status = kExitFailed;
-        }
-    }
-    if (options.selectTag) {
-        const QStringList clips = Tags::all();
-        const auto found = std::find_if(clips.begin(), clips.end(), [&](const QString& clip) {
-            return QFileInfo(clip).fileName() == *options.selectTag;
-        });
-        if (found == clips.end()) {
-            write(stderr, QStringLiteral("zelkor-tag: no tag named '%1' in the library\n")
-                              .arg(*options.selectTag));
-            status = kExitFailed;
-        } else {
-            try {
-                tags.setSelected(*found);
-                write(stdout, StatusTexts::tagSelected(Tags::name(*found)) + QLatin1Char('\n'));
-            } catch (const TagError& error) {
-                write(stderr, QStringLiteral("zelkor-tag: %1\n").arg(error.errorDescription()));
-                status = kExitFailed;
-            }
-        }
-    }
-    if (options.listTags) {
-        const std::optional<QString> selected = tags.selected();
-        for (const QString& clip : Tags::all())
-            write(stdout, QStringLiteral("%1 %2\n")
-                              .arg(clip == selected ? QLatin1Char('*') : QLatin1Char(' '))
-                              .arg(QFileInfo(clip).fileName()));
-    }
-    return status;
-}
-
 // One run over the inputs: a batch at a time, more inputs queued while one runs
 // (a watched folder's), every line in input order. Lives on the main thread;
 // the batch's callbacks touch only what they alone write while it runs.
 class Tagging {
 public:
-    struct Clip {
-        QString path;
-        double interval = 0;
-        double levelDB = 0;
-    };
-
-    Tagging(const Cli::Options& options, Clip clip, bool watching)
+    Tagging(const Options& options, Engine::Job job, bool watching)
         : m_options(options)
-        , m_clip(std::move(clip))
+        , m_job(std::move(job))
+        , m_clip(m_job.clip.isEmpty() ? QString() : Names::absolute(m_job.clip))
         , m_watching(watching)
         , m_progress(!options.quiet && !watching) {}
 
-    void add(std::vector<Cli::Input> inputs) {
+    void add(std::vector<Input> inputs) {
+        m_progress.grow(static_cast<qsizetype>(inputs.size()));
         m_queue.insert(m_queue.end(), std::make_move_iterator(inputs.begin()),
                        std::make_move_iterator(inputs.end()));
-        m_progress.grow(static_cast<qsizetype>(inputs.size()));
         if (!m_batch)
             next();
     }
@@ -225,87 +98,38 @@ private:
         }
         if (m_queue.empty())
             return;
-        m_running = std::exchange(m_queue, {});
-        QStringList tracks;
-        for (const Cli::Input& input : m_running)
-            tracks << input.track;
         const int jobs = m_options.jobs == 0 ? QThread::idealThreadCount() : m_options.jobs;
+        m_running = Engine::plan(m_job, std::exchange(m_queue, {}));
         m_batch = std::make_unique<Batch>(
-            Batch::Work{tracks, m_clip.path, m_clip.interval, m_clip.levelDB, jobs},
+            Batch::Work{m_job, m_running, jobs},
             [this](const Batch::Outcome& outcome) { report(outcome); },
             [this] {
                 QMetaObject::invokeMethod(
                     qApp, [this] { next(); }, Qt::QueuedConnection);
-            },
-            [this](qsizetype index) { return tagOne(m_running[static_cast<std::size_t>(index)]); });
+            });
     }
 
-    // The output's name without a number, which an earlier run may have taken.
-    QString existing(const Cli::Input& input) const {
-        Engine::Destination unnumbered = destination(input);
-        unnumbered.collision = Engine::Collision::replace;
-        return Engine::outputURL(input.track, unnumbered);
-    }
-
-    Engine::Destination destination(const Cli::Input& input) const {
-        Engine::Destination destination;
-        if (m_options.outputDir)
-            destination.folder = Cli::mirroredFolder(input, *m_options.outputDir);
-        if (m_options.existing == Cli::Existing::replace)
-            destination.collision = Engine::Collision::replace;
-        destination.format = format(m_options.format);
-        return destination;
-    }
-
-    // On the batch's threads.
-    std::optional<Engine::Result> tagOne(const Cli::Input& input) const {
-        if (!input.problem.isEmpty())
-            throw TagError::systemFailed(0, {}, input.problem);
-        const Engine::Destination where = destination(input);
-        if (m_options.existing == Cli::Existing::skip &&
-            Files::occupied(Names::encode(existing(input))))
-            return std::nullopt;
-        if (m_options.dryRun)
-            return Engine::plan(input.track, m_clip.path, m_clip.interval, m_clip.levelDB, where);
-        if (!where.folder.isEmpty())
-            makeFolders(where.folder);
-        return Engine::process(input.track, m_clip.path, m_clip.interval, m_clip.levelDB, where);
-    }
-
+    // On the batch's threads, one at a time.
     void report(const Batch::Outcome& outcome) {
-        const Cli::Input& input = m_running[static_cast<std::size_t>(outcome.index)];
-        const bool failed = !input.problem.isEmpty() || (!outcome.result && !outcome.skipped());
-        m_anyFailed = m_anyFailed || failed;
-        const Cli::Said said{input, outcome, outcome.skipped() ? existing(input) : QString(),
-                             m_options.dryRun,
-                             m_clip.path.isEmpty() ? QString() : Names::absolute(m_clip.path)};
+        m_anyFailed = m_anyFailed || outcome.failed();
+        const Said said{m_running[static_cast<std::size_t>(outcome.index)], outcome, m_job.dryRun,
+                        m_clip};
         m_progress.clear();
-        if ((failed || !m_options.quiet) && m_outputError == 0 &&
-            !write(stdout, (m_options.json ? Cli::jsonLine(said) : Cli::textLine(said)) +
-                               QLatin1Char('\n'))) {
+        if ((outcome.failed() || !m_options.quiet) && m_outputError == 0 &&
+            !write(stdout,
+                   (m_options.json ? jsonLine(said) : textLine(said)) + QLatin1Char('\n'))) {
             m_outputError = errno != 0 ? errno : EIO;
             m_batch->stop();
         }
         m_progress.step();
     }
 
-    static QString format(Cli::Format format) {
-        switch (format) {
-        case Cli::Format::mp3:
-            return QStringLiteral("mp3");
-        case Cli::Format::wav:
-            return QStringLiteral("wav");
-        case Cli::Format::same:
-            break;
-        }
-        return {};
-    }
-
-    const Cli::Options& m_options;
-    const Clip m_clip;
+    const Options& m_options;
+    const Engine::Job m_job;
+    const QString m_clip; // as the JSON lines name it
     const bool m_watching;
-    std::vector<Cli::Input> m_queue;
-    std::vector<Cli::Input> m_running; // read by the running batch
+    std::vector<Input> m_queue;
+    Engine::Plan m_running; // read by the running batch
     std::unique_ptr<Batch> m_batch;
     int m_stoppedBy = 0;
     // Written by the batch's callbacks, which never run two at a time, and read
@@ -315,38 +139,24 @@ private:
     Progress m_progress;
 };
 
-// The clip, interval and level: the options', or the library's and the window's.
-std::optional<Tagging::Clip> chooseClip(const Cli::Options& options) {
-    PreferencesFile preferences(PreferencesFile::userPath());
-    std::optional<QString> chosen = options.tag;
-    if (!chosen) {
-        HomeTrash trash(HomeTrash::userFolder());
-        Tags tags(preferences, trash);
-        tags.seedDefaults();
-        chosen = tags.selected();
-    }
-    if (!chosen) {
-        write(options.json ? stderr : stdout,
-              QStringLiteral("%1  %2\n").arg(StatusTexts::kAddTagFirst, StatusTexts::kNoTag));
-        return std::nullopt;
-    }
-    if (!QFileInfo(*chosen).isFile()) {
-        write(stderr, QStringLiteral("zelkor-tag: no tag clip at '%1'\n").arg(*chosen));
-        return std::nullopt;
-    }
-    const Settings settings(preferences);
-    return Tagging::Clip{*chosen, options.interval.value_or(settings.interval()),
-                         options.levelDB.value_or(settings.levelDB())};
+// Where the outputs go and what a taken name does, by the options.
+Engine::Job jobOf(const Options& options) {
+    Engine::Job job;
+    job.mirrorUnder = options.outputDir.value_or(QString());
+    job.format = options.format;
+    job.taken = options.existing;
+    job.dryRun = options.dryRun;
+    return job;
 }
 
-int tagAll(const Cli::Options& options) {
+int tagAll(const Options& options) {
     QStringList paths;
     for (const QString& path : options.paths)
-        paths << (path == QLatin1String("-") ? Cli::readPaths(stdin) : QStringList{path});
-    const Cli::Collecting how{options.recursive,
-                              options.outputDir ? Names::absolute(*options.outputDir) : QString()};
-    std::vector<Cli::Input> inputs = Cli::collect(paths, how);
-    if (options.watch && !QFileInfo(*options.watch).isDir()) {
+        paths << (path == QLatin1String("-") ? readPaths(stdin) : QStringList{path});
+    const Collecting how{options.recursive,
+                         options.outputDir ? Names::absolute(*options.outputDir) : QString()};
+    std::vector<Input> inputs = collect(paths, how);
+    if (options.watch && !isFolder(*options.watch)) {
         write(stderr,
               QStringLiteral("zelkor-tag: no folder to watch at '%1'\n").arg(*options.watch));
         return kExitFailed;
@@ -357,14 +167,13 @@ int tagAll(const Cli::Options& options) {
     }
     // Without a track to tag, the clip is not needed for the lines of PATHs that are none.
     const bool anyTrack =
-        options.watch || std::any_of(inputs.begin(), inputs.end(), [](const Cli::Input& input) {
-            return input.problem.isEmpty();
-        });
-    const std::optional<Tagging::Clip> clip = anyTrack ? chooseClip(options) : Tagging::Clip{};
-    if (!clip)
+        options.watch || std::any_of(inputs.begin(), inputs.end(),
+                                     [](const Input& input) { return !input.problem; });
+    Engine::Job job = jobOf(options);
+    if (anyTrack && !chooseClip(options, job))
         return kExitFailed;
 
-    Tagging tagging(options, *clip, options.watch.has_value());
+    Tagging tagging(options, std::move(job), options.watch.has_value());
     // SIGINT, SIGTERM (a kill), SIGHUP (the terminal closed), SIGQUIT and a reader
     // of standard output that went away all stop the run: its ffmpeg runs end,
     // their partial outputs go, the tracks already written stay.
@@ -385,9 +194,8 @@ int tagAll(const Cli::Options& options) {
     }
     if (options.watch) {
         try {
-            auto* watch = new Cli::Watch(*options.watch, how, [&tagging](Cli::Input input) {
-                tagging.add({std::move(input)});
-            });
+            auto* watch = new Watch(*options.watch, how,
+                                    [&tagging](Input input) { tagging.add({std::move(input)}); });
             watch->setParent(&listening);
         } catch (const std::exception& error) {
             write(stderr, QStringLiteral("zelkor-tag: can't watch '%1': %2\n")
@@ -411,14 +219,14 @@ int main(int argc, char** argv) {
     QStringList arguments;
     for (int i = 1; i < argc; ++i)
         arguments << Names::decode(argv[i]);
-    const auto parsed = Cli::parse(arguments);
-    if (const auto* error = std::get_if<Cli::UsageError>(&parsed)) {
+    const auto parsed = parse(arguments);
+    if (const auto* error = std::get_if<UsageError>(&parsed)) {
         write(stderr, QStringLiteral("zelkor-tag: %1 (see --help)\n").arg(error->message));
         return kExitUsage;
     }
-    const Cli::Options& options = std::get<Cli::Options>(parsed);
+    const Options& options = std::get<Options>(parsed);
     if (options.help) {
-        write(stdout, Cli::usage());
+        write(stdout, usage());
         return kExitOk;
     }
     if (options.version) {

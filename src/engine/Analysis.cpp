@@ -1,11 +1,10 @@
 // Measuring a file with one ffmpeg pass: duration, loudness, sample peak,
 // trailing silence, the audio format and the extras an output keeps, read from
 // ffmpeg's own lines only (a title or a file name may quote any of them).
+#include "engine/Analysis.h"
 #include "engine/AnalysisCache.h"
-#include "engine/Engine.h"
 #include "engine/EngineState.h"
 
-#include <QFileInfo>
 #include <algorithm>
 #include <charconv>
 #include <cmath>

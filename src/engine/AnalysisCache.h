@@ -2,7 +2,8 @@
 // (another clip, another level) measures nothing twice.
 #pragma once
 
-#include "engine/Engine.h"
+#include "engine/Analysis.h"
+#include "engine/Runner.h"
 
 #include <functional>
 

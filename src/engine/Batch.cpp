@@ -7,32 +7,35 @@
 
 namespace {
 
-Batch::Outcome tagOne(const Batch::Work& work, const Batch::TagOne& custom, qsizetype index) {
-    Batch::Outcome outcome{index, work.tracks[index], std::nullopt, {}};
+Batch::Outcome outcomeOf(const Batch::Work& work, qsizetype index) {
+    const Engine::Planned& planned = work.tracks[static_cast<std::size_t>(index)];
+    Batch::Outcome outcome{index, planned.input.track, std::nullopt, {}, {}};
     try {
-        outcome.result =
-            custom ? custom(index)
-                   : Engine::process(outcome.track, work.tag, work.interval, work.levelDB);
+        outcome.result = Engine::tag(work.job, planned);
         return outcome;
+    } catch (const TagError& error) {
+        outcome.failure = error.kind();
+        outcome.error = error.errorDescription();
     } catch (const std::exception& error) {
         outcome.error = describeError(error);
     } catch (...) {
     }
-    if (outcome.error.isEmpty()) // a failure is never taken for a skip
+    if (!outcome.failure)
+        outcome.failure = TagError::Kind::systemFailed;
+    if (outcome.error.isEmpty())
         outcome.error = QStringLiteral("FAILED");
     return outcome;
 }
 
 } // namespace
 
-Batch::Batch(Work work, OnTrack onTrack, OnEnd onEnd, TagOne tagOne)
+Batch::Batch(Work work, OnTrack onTrack, OnEnd onEnd)
     : m_work(std::move(work))
     , m_onTrack(std::move(onTrack))
     , m_onEnd(std::move(onEnd))
-    , m_tagOne(std::move(tagOne))
-    , m_ready(static_cast<std::size_t>(m_work.tracks.size())) {
-    const auto wanted = static_cast<std::size_t>(
-        std::clamp<qsizetype>(m_work.tracks.size(), 1, std::max(m_work.jobs, 1)));
+    , m_ready(m_work.tracks.size()) {
+    const auto wanted = std::clamp<std::size_t>(m_work.tracks.size(), 1,
+                                                static_cast<std::size_t>(std::max(m_work.jobs, 1)));
     // The threads wait for this lock before their first track, so the count of
     // those that really started is right before any of them can end.
     const std::lock_guard lock(m_mutex);
@@ -72,16 +75,20 @@ void Batch::takeTracks() {
         qsizetype index = 0;
         {
             const std::lock_guard lock(m_mutex);
-            if (m_stopped || m_next == m_work.tracks.size())
+            if (m_stopped || m_next == std::ssize(m_work.tracks))
                 break;
             index = m_next++;
         }
-        Outcome outcome = tagOne(m_work, m_tagOne, index);
+        Outcome outcome = outcomeOf(m_work, index);
         {
             const std::lock_guard lock(m_mutex);
-            // The signal that stopped the batch may have reached ffmpeg first.
-            if (m_stopped && !outcome.result)
+            // The signal that stopped the batch may have reached ffmpeg first; an
+            // input that is no track says so all the same.
+            if (m_stopped && !outcome.result &&
+                !m_work.tracks[static_cast<std::size_t>(index)].input.problem) {
+                outcome.failure = TagError::Kind::stopped;
                 outcome.error = TagError::stopped().errorDescription();
+            }
             m_ready[static_cast<std::size_t>(index)] = std::move(outcome);
         }
         deliver();
@@ -107,7 +114,7 @@ void Batch::deliver() {
         std::optional<Outcome> outcome;
         {
             const std::lock_guard lock(m_mutex);
-            if (m_delivered == m_work.tracks.size())
+            if (m_delivered == std::ssize(m_work.tracks))
                 return;
             std::optional<Outcome>& next = m_ready[static_cast<std::size_t>(m_delivered)];
             if (!next)

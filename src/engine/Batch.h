@@ -16,21 +16,22 @@
 class Batch {
 public:
     struct Work {
-        QStringList tracks;
-        QString tag;
-        double interval = 0;
-        double levelDB = 0;
+        Engine::Job job;
+        Engine::Plan tracks;
         int jobs = 1; // tracks tagged at once, at least 1
     };
 
-    // One track's end: the file written, or the text the user sees for the
-    // failure, or neither for a track skipped.
+    // One track's end: the file written, or the failure (its kind, and the text
+    // the user sees), or neither for a track skipped.
     struct Outcome {
         qsizetype index = 0; // the track's position in Work::tracks
         QString track;
         std::optional<Engine::Result> result;
+        std::optional<TagError::Kind> failure; // systemFailed for an error of no kind
         QString error;
-        bool skipped() const { return !result && error.isEmpty(); }
+        bool failed() const { return failure.has_value(); }
+        bool stopped() const { return failure == TagError::Kind::stopped; }
+        bool skipped() const { return !result && !failed(); }
     };
 
     // Called on the batch's own threads, never two at a time: once per track in
@@ -38,13 +39,9 @@ public:
     // the batch; they may stop it.
     using OnTrack = std::function<void(const Outcome&)>;
     using OnEnd = std::function<void()>;
-    // Tags the track at this index in place of Engine::process with the work's
-    // clip, interval and level, as zelkor-tag does to write elsewhere, skip or
-    // only analyse. Returns nothing for a track it skipped; throws as process does.
-    using TagOne = std::function<std::optional<Engine::Result>(qsizetype index)>;
 
     // Starts at once.
-    Batch(Work work, OnTrack onTrack, OnEnd onEnd, TagOne tagOne = {});
+    Batch(Work work, OnTrack onTrack, OnEnd onEnd);
     // Stops the batch if it still runs, and waits for its threads.
     ~Batch();
     Batch(const Batch&) = delete;
@@ -65,7 +62,6 @@ private:
     Work m_work;
     OnTrack m_onTrack;
     OnEnd m_onEnd;
-    TagOne m_tagOne;
 
     std::mutex m_mutex;   // guards what follows, up to the threads
     qsizetype m_next = 0; // the next track to begin

@@ -1,5 +1,7 @@
 // Expanding dropped files and folders into the ordered list of tracks.
-#include "engine/Engine.h"
+#include "engine/Collect.h"
+
+#include "base/Names.h"
 
 #include <QDir>
 #include <algorithm>
@@ -41,11 +43,6 @@ bool isTrackName(std::string_view name) {
                    });
         });
     return accepted && name.substr(0, dot).find("(Tagged)") == std::string_view::npos;
-}
-
-bool isTrack(const QString& path) {
-    const QByteArray name = Names::encode(path.mid(path.lastIndexOf(QLatin1Char('/')) + 1));
-    return isTrackName(std::string_view(name.constData(), static_cast<std::size_t>(name.size())));
 }
 
 // Calls `take` with each track's name in the folder, in the folder's own order,
@@ -117,6 +114,11 @@ QStringList folderTracks(const QString& folder) {
 }
 
 } // namespace
+
+bool isTrack(const QString& path) {
+    const QByteArray name = Names::encode(path.mid(path.lastIndexOf(QLatin1Char('/')) + 1));
+    return isTrackName(std::string_view(name.constData(), static_cast<std::size_t>(name.size())));
+}
 
 bool hasTracks(const QStringList& paths) {
     return std::any_of(paths.begin(), paths.end(), [](const QString& path) {

@@ -5,7 +5,7 @@
 // state: a finished render claims its name with one atomic rename.
 #pragma once
 
-#include "engine/Engine.h"
+#include "engine/Analysis.h"
 
 #include <QHash>
 #include <functional>

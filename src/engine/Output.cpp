@@ -1,8 +1,9 @@
 // Naming outputs, and making them appear whole: ffmpeg writes a hidden, locked
 // temporary file beside the final name, which the file takes in one step once
 // ffmpeg has succeeded, never replacing what another run put there meanwhile.
+#include "engine/Output.h"
+
 #include "base/Files.h"
-#include "engine/Engine.h"
 
 #include <cctype>
 #include <cerrno>
@@ -101,25 +102,35 @@ QByteArray shortened(const QByteArray& stem) {
 
 } // namespace
 
-QString outputURL(const QString& track) {
-    return outputURL(track, Destination{});
+QString OutputName::path() const {
+    return Names::decode(folderOf(folder) + Names::encode(Files::numberedName(stem, extension, 1)));
+}
+
+// On the name's text alone: nothing here looks at the disk.
+OutputName outputName(const QString& track, const Destination& destination) {
+    const QString absolute = Names::absolute(track);
+    const QString name = Names::fileName(absolute);
+    const qsizetype dot = name.lastIndexOf(QLatin1Char('.'));
+    const QString suffix = dot < 0 ? QString() : name.mid(dot + 1).toLower();
+    return {Names::absolute(destination.folder.isEmpty() ? Names::folderOf(absolute)
+                                                         : destination.folder),
+            (dot < 0 ? name : name.left(dot)) + kOutputSuffix,
+            destination.format.isEmpty() ? suffix : destination.format};
 }
 
 QString outputURL(const QString& track, const Destination& destination) {
-    const QString name = Names::fileName(Names::absolute(track));
-    const qsizetype dot = name.lastIndexOf(QLatin1Char('.'));
-    const QByteArray folder =
-        folderOf(destination.folder.isEmpty() ? Names::folderOf(track) : destination.folder);
-    const QString stem = (dot < 0 ? name : name.left(dot)) + kOutputSuffix;
-    const QString suffix = dot < 0 ? QString() : name.mid(dot + 1).toLower();
-    const QString ext = destination.format.isEmpty() ? suffix : destination.format;
+    return outputURL(outputName(track, destination), destination.collision);
+}
+
+QString outputURL(const OutputName& name, Collision collision) {
+    const QByteArray folder = folderOf(name.folder);
     const auto taken = [&](const QString& candidate) {
         return Files::occupied(folder + Names::encode(candidate)) ? EEXIST : 0;
     };
     // With Collision::replace the first name, taken or not.
-    const int last = destination.collision == Collision::nextNumber ? INT_MAX : 1;
-    return Names::decode(folder +
-                         Names::encode(Files::claimNumbered(stem, ext, taken, last).first));
+    const int last = collision == Collision::nextNumber ? INT_MAX : 1;
+    return Names::decode(
+        folder + Names::encode(Files::claimNumbered(name.stem, name.extension, taken, last).first));
 }
 
 PendingOutput::PendingOutput(const QString& folder, const QString& stem)

@@ -1,7 +1,6 @@
 // Placing the clip over a track and rendering the tagged file with one ffmpeg run.
-#include "engine/Engine.h"
+#include "engine/Render.h"
 
-#include <QFileInfo>
 #include <QHash>
 #include <QRegularExpression>
 #include <QSet>
@@ -292,10 +291,6 @@ QString withoutName(QString text, const QString& name) {
 
 } // namespace
 
-Result process(const QString& track, const QString& tag, double interval, double levelDB) {
-    return process(track, tag, interval, levelDB, Destination{});
-}
-
 namespace {
 
 // The measurements and placements a render is made of.
@@ -332,14 +327,20 @@ Result resultOf(const QString& output, const Prepared& prepared) {
 
 } // namespace
 
-Result plan(const QString& track, const QString& tag, double interval, double levelDB,
-            const Destination& destination) {
+Result preview(const QString& track, const QString& tag, double interval, double levelDB,
+               const OutputName& output, Collision collision) {
     const Prepared prepared = prepare(track, tag, interval, levelDB);
-    return resultOf(outputURL(prepared.track, destination), prepared);
+    return resultOf(outputURL(output, collision), prepared);
+}
+
+Result process(const QString& track, const QString& tag, double interval, double levelDB,
+               const Destination& destination) {
+    return process(track, tag, interval, levelDB, outputName(track, destination),
+                   destination.collision);
 }
 
 Result process(const QString& given, const QString& tag, double interval, double levelDB,
-               const Destination& destination) {
+               const OutputName& output, Collision collision) {
     const Prepared prepared = prepare(given, tag, interval, levelDB);
     const QString& track = prepared.track;
     const Analysis& analysis = prepared.analysis;
@@ -347,20 +348,16 @@ Result process(const QString& given, const QString& tag, double interval, double
     // Opened again: the cached clip, or the track, may have become a FIFO since.
     const QString clipFile = Names::absolute(tag);
     const OpenFile trackFile = openInput(track), tagFile = openInput(clipFile);
-    const QFileInfo named(track);
-    PendingOutput out(destination.folder.isEmpty() ? named.absolutePath() : destination.folder,
-                      named.completeBaseName() + kOutputSuffix);
+    PendingOutput out(output.folder, output.stem);
     const Mix mix{.gainDB = prepared.gain,
                   .times = prepared.times,
                   .tagLength = prepared.tagLength,
                   .ceiling = ceiling(analysis.peak),
                   .format = analysis.format,
                   .clearOfCeiling = clearOfCeiling(analysis)};
-    const QString extension =
-        destination.format.isEmpty() ? named.suffix().toLower() : destination.format;
     const QStringList args =
         renderArguments(trackFile.argument(), tagFile.argument(), filterGraph(mix), analysis,
-                        out.file().argument(), extension);
+                        out.file().argument(), output.extension);
     std::vector<int> passed;
     for (const OpenFile* file : {&trackFile, &tagFile, &out.file()})
         if (file->passDown())
@@ -371,7 +368,7 @@ Result process(const QString& given, const QString& tag, double interval, double
     if (result.status != 0)
         throw TagError::ffmpegFailed(
             failureText(withoutName(result.output, out.file().argument())));
-    return resultOf(out.commit(extension, destination.collision), prepared);
+    return resultOf(out.commit(output.extension, collision), prepared);
 }
 
 } // namespace Engine

@@ -1,7 +1,7 @@
 // Finding ffmpeg, opening the files it reads, running it as a child process
 // that dies with this one, and reading its text.
+#include "engine/Runner.h"
 #include "base/Files.h"
-#include "engine/Engine.h"
 #include "engine/EngineState.h"
 #include "platform/Resources.h"
 

@@ -4,6 +4,7 @@
 #include "view/HUDView.h"
 
 #include "engine/Batch.h"
+#include "engine/Collect.h"
 #include "model/Settings.h"
 #include "model/StatusTexts.h"
 #include "model/Tags.h"
@@ -60,9 +61,13 @@ void HUDView::start(const QStringList& paths) {
     // Written by the batch's callbacks only, which never run two at a time.
     auto written = std::make_shared<QStringList>();
     const auto total = static_cast<long long>(tracks.size());
+    Engine::Job job;
+    job.clip = *m_tag;
+    job.interval = m_settings.interval();
+    job.levelDB = m_settings.levelDB();
     m_services.batch.reset(); // the last batch has ended: its thread is joined here
     m_services.batch = std::make_unique<Batch>(
-        Batch::Work{tracks, *m_tag, m_settings.interval(), m_settings.levelDB(), 1},
+        Batch::Work{job, Engine::plan(job, tracks), 1},
         [post, written, total](const Batch::Outcome& outcome) {
             if (outcome.result)
                 *written << outcome.result->output;

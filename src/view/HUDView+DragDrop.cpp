@@ -3,7 +3,8 @@
 // target while the drag is over the view.
 #include "view/HUDView.h"
 
-#include "engine/Engine.h"
+#include "base/Names.h"
+#include "engine/Collect.h"
 #include "model/Tags.h"
 
 #include <QDragEnterEvent>

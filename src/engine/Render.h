@@ -1,0 +1,82 @@
+// Placing the tag clip over a track and rendering the mix with ffmpeg.
+#pragma once
+
+#include "engine/Analysis.h"
+#include "engine/Engine.h"
+#include "engine/Output.h"
+
+#include <QString>
+#include <QStringList>
+#include <optional>
+#include <vector>
+
+namespace Engine {
+
+constexpr double kFirstPlacement = 0.5;
+constexpr double kEndTolerance = 0.5;
+constexpr double kFallbackPlacement = 0.0;
+constexpr double kGainFloor = -40;
+constexpr double kGainCeiling = 12;
+constexpr int kErrorTextLength = 60;
+// No tagging job needs more; a larger count means a nonsense interval or duration.
+constexpr std::size_t kMaxPlacements = 100'000;
+
+constexpr double kDefaultCeiling = 0.97;
+constexpr double kFadeSeconds = 0.005;
+// The loop of the one-branch graph holds an interval of the track's audio (about 64 MB).
+constexpr long long kMaxLoopSamples = 1LL << 24;
+// Up to this many tags the limiter runs only on the stretches around them: each stretch
+// costs ffmpeg a little on every frame of the track, so more would cost more than it saves.
+constexpr std::size_t kMaxLimitedStretches = 40;
+
+std::vector<double> positions(double duration, double interval, double tagLength);
+double clipGain(double levelDB, double trackLufs, double tagLufs);
+// The limiter's ceiling: never below the track's own peak, so that it acts only under a tag.
+double ceiling(std::optional<double> peakDB);
+// Whether every sample of the track is known to lie at or under its ceiling.
+bool clearOfCeiling(const Analysis& track);
+
+// Everything the render's filter graph depends on.
+struct Mix {
+    double gainDB = 0;
+    std::vector<double> times;
+    double tagLength = 0; // the clip's audible length: each copy fades out and ends there
+    double ceiling = kDefaultCeiling;
+    std::optional<AudioFormat> format;
+    // Nothing of the track reaches the ceiling, so the limiter can pass what lies between
+    // the tags untouched.
+    bool clearOfCeiling = false;
+};
+enum class GraphShape {
+    branchPerCopy, // one delayed branch per placement, all mixed under the track
+    loopedBed,     // the clip looped once per interval: one branch, a two-input mix
+};
+// The looped bed when copies cannot overlap and lie a whole number of samples apart.
+GraphShape graphShape(const Mix& mix);
+QString filterGraph(const Mix& mix, GraphShape shape);
+inline QString filterGraph(const Mix& mix) {
+    return filterGraph(mix, graphShape(mix));
+}
+// Channels of a layout as ffmpeg names it ("stereo", "5.1(side)", "3c"); 0 when unknown.
+int channelCount(const QString& layout);
+
+// The inputs and the output as ffmpeg is to be given them: absolute paths, or
+// /proc/self/fd/N (OpenFile::argument). The track's analysis says which of its extras
+// (pictures, bext chunk) the output keeps; `format` "mp3" or "wav" chooses the encoder.
+QStringList renderArguments(const QString& track, const QString& tag, const QString& graph,
+                            const Analysis& analysis, const QString& output, const QString& format);
+// The message of a failed render: ffmpeg's last line that names a cause (not a
+// closing line such as "Conversion failed!" or its statistics), cut and upper-cased.
+QString failureText(const QString& output);
+
+// Tags one track into `output`; blocks while ffmpeg runs.
+Result process(const QString& track, const QString& tag, double interval, double levelDB,
+               const OutputName& output, Collision collision);
+Result process(const QString& track, const QString& tag, double interval, double levelDB,
+               const Destination& destination = {});
+// What process would do now, without rendering: the figures, the placements and
+// the output's name. Blocks while the clip and the track are measured.
+Result preview(const QString& track, const QString& tag, double interval, double levelDB,
+               const OutputName& output, Collision collision);
+
+} // namespace Engine

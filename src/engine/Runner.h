@@ -1,0 +1,73 @@
+// Finding and running ffmpeg, and handing it the files it reads and writes.
+// Everything handed to ffmpeg is made absolute first.
+#pragma once
+
+#include "base/Names.h"
+#include "base/TagError.h"
+
+#include <QRegularExpression>
+#include <QString>
+#include <QStringList>
+#include <optional>
+#include <vector>
+
+namespace Engine {
+
+struct RunResult {
+    int status = 0; // 0 on success; non-zero for any failure, a signal included
+    QString output; // standard output and standard error, interleaved
+};
+
+// Where ffmpeg is looked for, in order: the program's own resource, then two
+// fixed install paths. No PATH search.
+QStringList ffmpegCandidates(const QString& resourcesDir);
+// The first candidate that exists and may be executed.
+std::optional<QString> findExecutable(const QStringList& candidates);
+// Searched once per process, on first use.
+const std::optional<QString>& ffmpeg();
+
+// Runs ffmpeg with "-hide_banner -nostdin" and `args`; throws TagError::noFFmpeg
+// when there is none, TagError::systemFailed when it cannot be started. The child dies with
+// this process (so a run must be started by a thread that waits for it, as this
+// call does). `passed` are descriptors the child keeps open, for the arguments
+// of OpenFile::passDown files. Of a run's text the first and the last
+// kOutputKept bytes are kept, whole lines only.
+RunResult run(const QStringList& args, const std::vector<int>& passed = {});
+constexpr qsizetype kOutputKept = 1 << 20;
+// Ends every ffmpeg run in progress and refuses new ones, for quitting: such a
+// run throws TagError::stopped, and a render removes its partial output first.
+void stopAll();
+
+// A file this process holds open for ffmpeg. ffmpeg is told its path, or, when
+// the name is not text (Names::encode), /proc/self/fd/N with N passed down to it.
+class OpenFile {
+public:
+    OpenFile() = default;
+    OpenFile(int fd, const QString& path);
+    ~OpenFile();
+    OpenFile(OpenFile&& other) noexcept;
+    OpenFile& operator=(OpenFile&& other) noexcept;
+
+    int fd() const { return m_fd; } // -1 once closed
+    const QString& argument() const { return m_argument; }
+    bool passDown() const { return m_passDown; }
+    void close();
+
+private:
+    int m_fd = -1;
+    QString m_argument;
+    bool m_passDown = false;
+};
+
+// Opens a track or clip for ffmpeg. Only a regular file (after following links)
+// is accepted: anything else, or a file that cannot be opened, throws
+// TagError::unreadable without touching it further; running out of descriptors
+// throws TagError::systemFailed. A file ffmpeg is given by name is
+// closed again at once.
+OpenFile openInput(const QString& path);
+
+// Capture group 1 of every match, in text order; an invalid pattern gives none.
+QStringList match(const QString& pattern, const QString& text);
+QStringList match(const QRegularExpression& pattern, const QString& text);
+
+} // namespace Engine
