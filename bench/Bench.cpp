@@ -1,11 +1,6 @@
 // zelkor-bench: measures the figures the README publishes, each against its
 // target. Nothing here fails a build; it only prints.
-#include "engine/Batch.h"
 #include "engine/Engine.h"
-#include "platform/FileViewer.h"
-#include "platform/Preferences.h"
-#include "platform/Sounds.h"
-#include "platform/Trash.h"
 #include "style/Fonts.h"
 #include "view/HUDView.h"
 
@@ -179,17 +174,8 @@ void collection(const QString& folder) {
     report("2. input collection, folder of 10,000 files", ms, "ms", "< 10", ms < 10);
 }
 
-struct Silent : Sounds, FileViewer {
-    void play(const QString&) override {}
-    void show(const QStringList&) override {}
-};
-
 void paint() {
-    Silent services;
-    PreferencesFile preferences(PreferencesFile::userPath());
-    HomeTrash trash(HomeTrash::userFolder());
-    std::unique_ptr<Batch> batch;
-    HUDView view({services, services, preferences, trash, batch});
+    HUDView view;
     view.resize(HUDView::kSize);
     view.snapshot(1); // fonts, images and the dot grid are made once, as on screen
     const double ms = medianMs(101, [&] { view.snapshot(1); });

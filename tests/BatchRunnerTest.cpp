@@ -37,7 +37,7 @@ protected:
 
 TEST_F(BatchRunner, aFailingTrackIsLoggedAndTheOthersAreWrittenAndShown) {
     addTag();
-    view().start({track(u"a.wav"_s), file(u"b.wav"_s, "not audio"), track(u"c.wav"_s)});
+    controller().start({track(u"a.wav"_s), file(u"b.wav"_s, "not audio"), track(u"c.wav"_s)});
     EXPECT_TRUE(view().state().busy);
     EXPECT_EQ(view().state().progress, (HUDView::Progress{0, 3}));
     ASSERT_TRUE(finish());
@@ -55,20 +55,20 @@ TEST_F(BatchRunner, aFailingTrackIsLoggedAndTheOthersAreWrittenAndShown) {
 // every track fails nothing is shown. The last two end with Basso.
 TEST_F(BatchRunner, withoutTracksATagOrAnySuccess) {
     QDir().mkpath(home.root() + u"/empty"_s);
-    view().start({home.root() + u"/empty"_s, file(u"notes.txt"_s)});
+    controller().start({home.root() + u"/empty"_s, file(u"notes.txt"_s)});
     EXPECT_FALSE(view().state().busy);
     EXPECT_TRUE(log().empty());
     EXPECT_TRUE(sounds.played.isEmpty());
 
     const QStringList broken{file(u"x.wav"_s), file(u"y.mp3"_s)};
-    view().start(broken);
+    controller().start(broken);
     EXPECT_FALSE(view().state().busy);
     EXPECT_EQ(log(), (std::vector<LogLine>{{u"ADD YOUR TAG FILE FIRST"_s, u"NO TAG"_s, errColor}}));
     EXPECT_EQ(sounds.played, QStringList{u"Basso"_s});
     EXPECT_EQ(view().state().progress, (HUDView::Progress{0, 0}));
 
     addTag();
-    view().start(broken);
+    controller().start(broken);
     ASSERT_TRUE(finish());
     EXPECT_EQ(log().size(), 3u);
     EXPECT_TRUE(viewer.shown.empty());
@@ -83,9 +83,9 @@ TEST_F(BatchRunner, aBatchKeepsItsSettingsAndIgnoresAnotherStart) {
     const QString beat = track(u"beat.wav"_s, 25);
     const QString second = track(u"second.wav"_s);
     settings.setIntervalIndex(0);
-    view().start({beat});
+    controller().start({beat});
     settings.setIntervalIndex(3);
-    view().start({second});
+    controller().start({second});
     ASSERT_TRUE(finish());
     QCoreApplication::processEvents();
     EXPECT_EQ(log(), (std::vector<LogLine>{{u"beat.wav"_s, u"2 TAGS  OK"_s, purple}}));
@@ -94,9 +94,8 @@ TEST_F(BatchRunner, aBatchKeepsItsSettingsAndIgnoresAnotherStart) {
 
 TEST_F(BatchRunner, aViewClosedDuringABatchIsLeftAlone) {
     addTag();
-    view().start({track(u"gone.wav"_s)});
-    m_view.reset();
-    batch->wait();
+    controller().start({track(u"gone.wav"_s)});
+    close();
     QCoreApplication::processEvents();
     EXPECT_TRUE(sounds.played.isEmpty());
     EXPECT_TRUE(viewer.shown.empty());

@@ -138,7 +138,7 @@ TEST_F(TagRow, followsChangesMadeByOtherProgramsWithoutBeingActivated) {
 // What the library would not list is refused by the chooser and zelkor-tag in
 // the same words: a name that is only an extension is a hidden file, not a clip.
 TEST_F(TagRow, oneRuleDecidesWhatATagClipIsForTheChooserAndZelkorTag) {
-    EXPECT_EQ(tagNameFilter(), u"Tag clips (*.aif *.aiff *.flac *.m4a *.mp3 *.wav)"_s);
+    EXPECT_EQ(tagNameFilter(Tags::exts()), u"Tag clips (*.aif *.aiff *.flac *.m4a *.mp3 *.wav)"_s);
     const QString hidden = file(u".wav"_s, "RIFF");
     const ::Test::Process added = ::Test::zelkorTag({u"--add-tag"_s, hidden});
     EXPECT_EQ(added.status, 1);
