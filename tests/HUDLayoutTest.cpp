@@ -1,0 +1,302 @@
+// The window's geometry as a table: sizes and contents in, rectangles out,
+// measured by a fixed-width measure (each character half its style's size,
+// no kern) and without any application object.
+#include "view/HUDLayout.h"
+
+#include <QTextBoundaryFinder>
+#include <gtest/gtest.h>
+
+using namespace Qt::StringLiterals;
+using namespace HUDLayout;
+
+namespace {
+
+double fixedWidth(const QString& text, const Style::TextStyle& style) {
+    return static_cast<double>(text.size()) * style.size / 2;
+}
+
+// A text as a rectangle: where it starts, its line, its width.
+QRectF at(const Text& text) {
+    return {text.x, text.line, text.width, 0};
+}
+
+Content tagged(std::optional<QSizeF> logo = {}, int interval = 1, int level = 1) {
+    return {logo, interval, level, u"VOICE"_s};
+}
+
+struct Row {
+    const char* what;
+    QSizeF size;
+    Content content;
+    std::function<QRectF(const Layout&)> get;
+    QRectF expected;
+};
+
+const QSizeF kNominal(600, 640);
+
+const std::vector<Row> kRows{
+    {"tag row", kNominal, tagged(), [](auto& l) { return l.tagRow.row; }, {16, 94, 568, 30}},
+    {"tag row, wider",
+     {800, 640},
+     tagged(),
+     [](auto& l) { return l.tagRow.row; },
+     {16, 94, 768, 30}},
+    {"drag band", kNominal, tagged(), [](auto& l) { return l.tagRow.band; }, {16, 84, 568, 50}},
+    {"+ ADD TAG ends the row",
+     kNominal,
+     tagged(),
+     [](auto& l) { return l.tagRow.addTag.outline; },
+     {506, 94, 78, 30}},
+    {"tag field, 8 before the button",
+     kNominal,
+     tagged(),
+     [](auto& l) { return l.tagRow.field; },
+     {100, 94, 398, 30}},
+    {"status square",
+     kNominal,
+     tagged(),
+     [](auto& l) { return l.tagRow.statusSquare; },
+     {112, 105, 8, 8}},
+    {"tag text", kNominal, tagged(), [](auto& l) { return at(l.tagRow.text); }, {128, 109, 30, 0}},
+    {"drop zone", kNominal, tagged(), [](auto& l) { return l.zone.rect; }, {16, 140, 568, 300}},
+    {"inner ticks", kNominal, tagged(), [](auto& l) { return l.zone.inner; }, {24, 148, 552, 284}},
+    {"logo at 48 high",
+     kNominal,
+     tagged(QSizeF(200, 100)),
+     [](auto& l) { return l.header.logo.value_or(QRectF()); },
+     {16, 16, 96, 48}},
+    {"title after a logo",
+     kNominal,
+     tagged(QSizeF(96, 48)),
+     [](auto& l) { return at(l.header.title); },
+     {124, 45, 63, 0}},
+    {"title without one",
+     kNominal,
+     tagged(),
+     [](auto& l) { return at(l.header.title); },
+     {76, 45, 63, 0}},
+    {"subtitle",
+     kNominal,
+     tagged(),
+     [](auto& l) { return at(l.header.subtitle); },
+     {151, 45, 39, 0}},
+    {"plate",
+     kNominal,
+     tagged(),
+     [](auto& l) { return l.header.plate; },
+     {334, 18.853, 250, 42.293}},
+    {"plate's interval",
+     kNominal,
+     tagged(),
+     [](auto& l) { return at(l.header.every); },
+     {382, 32.810, 60.5, 0}},
+    {"plate's level",
+     kNominal,
+     tagged(),
+     [](auto& l) { return at(l.header.level); },
+     {464.75, 32.810, 60.5, 0}},
+    {"header rule",
+     kNominal,
+     tagged(),
+     [](auto& l) { return QRectF(l.header.rule.p1(), l.header.rule.p2()); },
+     {16, 78.5, 568, 0}},
+    {"first dot",
+     kNominal,
+     tagged(),
+     [](auto& l) { return l.zone.dots.front(); },
+     {32, 156, 1.2, 1.2}},
+    {"last dot",
+     kNominal,
+     tagged(),
+     [](auto& l) { return l.zone.dots.back(); },
+     {560, 428, 1.2, 1.2}},
+    {"first cell",
+     kNominal,
+     tagged(),
+     [](auto& l) { return l.zone.cells.front(); },
+     {165, 328, 6.1, 14}},
+    {"last cell",
+     kNominal,
+     tagged(),
+     [](auto& l) { return l.zone.cells.back(); },
+     {428.9, 328, 6.1, 14}},
+    {"headline",
+     kNominal,
+     tagged(),
+     [](auto& l) { return at(l.zone.headline); },
+     {260, 286, 80, 0}},
+    {"headline, no tag",
+     kNominal,
+     {},
+     [](auto& l) { return at(l.zone.headline); },
+     {210, 286, 180, 0}},
+    {"headline, hovered",
+     kNominal,
+     tagged(),
+     [](auto& l) { return at(l.zone.hoverHeadline); },
+     {230, 286, 140, 0}},
+    {"processing stays put",
+     kNominal,
+     tagged(),
+     [](auto& l) { return at(l.zone.processing); },
+     {264, 308, 60, 0}},
+    {"plus across",
+     kNominal,
+     tagged(),
+     [](auto& l) { return QRectF(l.zone.plusAcross.p1(), l.zone.plusAcross.p2()); },
+     {286, 228, 28, 0}},
+    {"footer",
+     kNominal,
+     tagged({}, 2, 2),
+     [](auto& l) { return at(l.zone.footer); },
+     {32, 420, 102, 0}},
+    {"saves", kNominal, tagged(), [](auto& l) { return at(l.zone.saves); }, {436, 420, 132, 0}},
+    {"log heading",
+     kNominal,
+     tagged(),
+     [](auto& l) { return at(l.log.heading); },
+     {16, 466, 21, 0}},
+    {"log rule",
+     kNominal,
+     tagged(),
+     [](auto& l) { return QRectF(l.log.rule.p1(), l.log.rule.p2()); },
+     {64, 466.5, 520, 0}},
+    {"waiting line",
+     kNominal,
+     tagged(),
+     [](auto& l) { return at(l.log.waiting); },
+     {16, 490, 114, 0}},
+    {"bottom rule",
+     kNominal,
+     tagged(),
+     [](auto& l) { return QRectF(l.controls.rule.p1(), l.controls.rule.p2()); },
+     {16, 578.5, 568, 0}},
+    {"first interval",
+     kNominal,
+     tagged(),
+     [](auto& l) { return l.controls.intervals.rects.front(); },
+     {100, 594, 42, 30}},
+    {"interval control",
+     kNominal,
+     tagged(),
+     [](auto& l) { return l.controls.intervals.outline; },
+     {100, 594, 168, 30}},
+    {"level control ends at the pad",
+     kNominal,
+     tagged(),
+     [](auto& l) { return l.controls.levels.outline; },
+     {452, 594, 132, 30}},
+    {"level control, wider and taller",
+     {800, 700},
+     tagged(),
+     [](auto& l) { return l.controls.levels.outline; },
+     {652, 654, 132, 30}},
+    {"HIGH",
+     kNominal,
+     tagged(),
+     [](auto& l) { return l.controls.levels.rects.back(); },
+     {536, 594, 48, 30}},
+    {"LEVEL, 14 before it",
+     kNominal,
+     tagged(),
+     [](auto& l) { return at(l.controls.levelLabel); },
+     {408, 609, 30, 0}},
+};
+
+bool near(const QRectF& a, const QRectF& b) {
+    return std::abs(a.x() - b.x()) < 1e-3 && std::abs(a.y() - b.y()) < 1e-3 &&
+           std::abs(a.width() - b.width()) < 1e-3 && std::abs(a.height() - b.height()) < 1e-3;
+}
+
+} // namespace
+
+TEST(HUDLayout, placesEveryElement) {
+    for (const Row& row : kRows) {
+        const QRectF got = row.get(layout(row.size, row.content, fixedWidth));
+        EXPECT_TRUE(near(got, row.expected)) << row.what << ": " << got.x() << ", " << got.y()
+                                             << ", " << got.width() << ", " << got.height();
+    }
+}
+
+TEST(HUDLayout, textsFollowTheSettingsAndTheTag) {
+    const Layout plain = layout(kNominal, {}, fixedWidth);
+    EXPECT_EQ(plain.tagRow.text.string, u"NO TAG \u2014 ADD YOUR TAG FILE"_s);
+    EXPECT_EQ(plain.zone.hint.string, u"CLICK TO CHOOSE YOUR VOICE TAG FILE"_s);
+    EXPECT_EQ(plain.zone.hoverHeadline.string, u"ADD A TAG"_s);
+    const Layout chosen = layout(kNominal, tagged({}, 2, 0), fixedWidth);
+    EXPECT_EQ(chosen.header.every.string, u"EVERY / 45S"_s);
+    EXPECT_EQ(chosen.header.level.string, u"LEVEL / LOW"_s);
+    EXPECT_EQ(chosen.zone.footer.string, u"EVERY 45S // LOW"_s);
+    EXPECT_EQ(chosen.controls.intervals.selected, 2);
+    EXPECT_EQ(chosen.controls.levels.selected, 0);
+    EXPECT_EQ(chosen.zone.dots.size(), 612u);
+    EXPECT_EQ(chosen.tagRow.hoverText.string, u"DROP TO ADD AS TAG"_s);
+
+    // A name too long for the field keeps what fits of 352 points, then "…".
+    const QString name(70, u'N');
+    const Layout long_ = layout(kNominal, {{}, 1, 1, name}, fixedWidth);
+    EXPECT_EQ(long_.tagRow.text.string, name.left(57) + u"\u2026"_s);
+}
+
+TEST(HUDLayout, aLogRowEndsAtTheRightPadAndItsTextStops16BeforeTheStatus) {
+    const Log log = layout(kNominal, {}, fixedWidth).log;
+    const LogRow row = logRow(log, u"beat.wav"_s, u"1 TAGS  OK"_s, fixedWidth);
+    EXPECT_TRUE(near(at(row.status), {524, 0, 60, 0}));
+    EXPECT_EQ(row.text.string, u"> beat.wav"_s);
+    const LogRow shortened = logRow(log, QString(100, u'x'), u"1 TAGS  OK"_s, fixedWidth);
+    EXPECT_EQ(shortened.text.width, 492); // 568 - 60 - 16
+    EXPECT_TRUE(shortened.text.string.endsWith(u"\u2026"_s));
+}
+
+TEST(HUDLayout, countsCellsLogLinesAndEdges) {
+    for (const auto& [done, total, cells] : std::vector<std::tuple<long long, long long, int>>{
+             {0, 0, 0}, {1, 0, 0}, {3, 12, 7}, {12, 12, 30}, {40, 12, 30}, {-1, 5, 0}})
+        EXPECT_EQ(filledCells(done, total), cells) << done << "/" << total;
+    for (const auto& [count, first] :
+         std::vector<std::pair<long long, long long>>{{0, 0}, {3, 0}, {4, 0}, {6, 2}})
+        EXPECT_EQ(firstShownLogLine(count), first) << count;
+    const QRectF r(10, 10, 20, 20);
+    EXPECT_TRUE(contains(r, {10, 10}));
+    EXPECT_FALSE(contains(r, {30, 20}));
+    EXPECT_FALSE(contains(r, {20, 30}));
+    EXPECT_FALSE(contains(r, {9.9, 20}));
+}
+
+namespace {
+
+qsizetype graphemes(const QString& text) {
+    QTextBoundaryFinder finder(QTextBoundaryFinder::Grapheme, text);
+    qsizetype count = 0;
+    while (finder.toNextBoundary() > 0)
+        ++count;
+    return count;
+}
+
+Fits atMost(qsizetype characters) {
+    return [characters](const QString& text) { return graphemes(text) <= characters; };
+}
+
+// The rule as written: drop the last two characters and add "…", one round at a time.
+QString reference(QString text, int minimum, const Fits& fits) {
+    while (!fits(text) && graphemes(text) >= minimum) {
+        QTextBoundaryFinder finder(QTextBoundaryFinder::Grapheme, text);
+        finder.toEnd();
+        finder.toPreviousBoundary();
+        text = text.left(finder.toPreviousBoundary()) + u"\u2026"_s;
+    }
+    return text;
+}
+
+} // namespace
+
+// Every room, with the log's minimum of 7: a text of exactly 7 characters is
+// still shortened once.
+TEST(HUDLayout, shorteningFollowsTheRoundByRoundRule) {
+    for (const QString& text :
+         {u"> AN EXTREMELY LONG BEAT NAME.wav"_s,
+          u"e\u0301e\u0301e\u0301e\u0301e\u0301e\u0301e\u0301e\u0301"_s,
+          u"BEAT \U0001F3B9\U0001F3B9\U0001F3B9 FINAL FINAL.mp3"_s, u"ABCDEFG"_s})
+        for (qsizetype room = 0; room <= graphemes(text) + 1; ++room)
+            EXPECT_EQ(shortened(text, 7, atMost(room)), reference(text, 7, atMost(room)))
+                << text.toStdString() << " " << room;
+}
