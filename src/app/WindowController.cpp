@@ -49,8 +49,10 @@ WindowController::WindowController(HUDView& view, Services services, QObject* pa
     connect(this, &WindowController::progressChanged, &view, &HUDView::setProgress);
     connect(this, &WindowController::tagChanged, &view, &HUDView::setTag);
     connect(this, &WindowController::choicesChanged, &view, &HUDView::setChoices);
-    connect(&view, &HUDView::intervalChosen, this, &WindowController::chooseInterval);
-    connect(&view, &HUDView::levelChosen, this, &WindowController::chooseLevel);
+    connect(&view, &HUDView::intervalChosen, this,
+            [this](int index) { saveChoice([&] { m_settings.setIntervalIndex(index); }); });
+    connect(&view, &HUDView::levelChosen, this,
+            [this](int index) { saveChoice([&] { m_settings.setLevelIndex(index); }); });
     connect(&view, &HUDView::tagFieldClicked, this, &WindowController::tagMenu);
     connect(&view, &HUDView::addTagClicked, this, &WindowController::chooseTag);
     connect(&view, &HUDView::zoneClicked, this, &WindowController::zoneClicked);
@@ -71,18 +73,9 @@ void WindowController::logFailure(const TagError& error) {
 }
 
 // What a click writes may fail to be saved: the old choice stays, and says why.
-void WindowController::chooseInterval(int index) {
+void WindowController::saveChoice(const std::function<void()>& write) {
     try {
-        m_settings.setIntervalIndex(index);
-    } catch (const TagError& error) {
-        logFailure(error);
-    }
-    emit choicesChanged(m_settings.intervalIndex(), m_settings.levelIndex());
-}
-
-void WindowController::chooseLevel(int index) {
-    try {
-        m_settings.setLevelIndex(index);
+        write();
     } catch (const TagError& error) {
         logFailure(error);
     }

@@ -13,6 +13,7 @@
 #include <QPointer>
 #include <QRectF>
 #include <QStringList>
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -65,8 +66,7 @@ signals:
     void choicesChanged(int intervalIndex, int levelIndex);
 
 private:
-    void chooseInterval(int index);
-    void chooseLevel(int index);
+    void saveChoice(const std::function<void()>& write);
     void zoneClicked();
 
     void tagMenu(const QRectF& field);
