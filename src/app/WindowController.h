@@ -55,8 +55,6 @@ public:
     // A write that failed outside the window's own actions (its frame, say).
     void logFailure(const TagError& error);
 
-    bool busy() const { return m_busy; }
-
 signals:
     void logged(const LogLine& line);
     void busyChanged(bool busy);
@@ -88,7 +86,7 @@ private:
     Settings m_settings;
     Tags m_tags;
     std::optional<QString> m_tag; // the selected clip, as last read
-    bool m_busy = false;
+    bool m_busy = false; // a batch runs: starts are dropped until it ends
     QFileSystemWatcher* m_tagWatch = nullptr;
     // Last: at quit it is stopped and joined before anything it reports to goes.
     std::unique_ptr<Batch> m_batch;
