@@ -129,6 +129,36 @@ TEST_F(TagRow, oneRuleDecidesWhatATagClipIsForTheChooserAndZelkorTag) {
     EXPECT_FALSE(QFileInfo::exists(home.tagsDir() + u"/.wav"_s));
 }
 
+// Without a file manager on the bus, the first file's folder goes to the
+// desktop's folder handler: here a script of the test's own that notes it.
+TEST(FileViewerFallback, opensTheFolderWithTheFolderHandler) {
+    ::Test::guiApplication();
+    ::Test::FreshHome home;
+    const QString root = home.root();
+    home.setEnv("DBUS_SESSION_BUS_ADDRESS", u"unix:path="_s + root + u"/no-bus"_s);
+    home.setEnv("DISPLAY", u":99"_s); // xdg-open only asks whether one is named
+    for (const char* name : {"XDG_CURRENT_DESKTOP", "XDG_SESSION_DESKTOP", "DESKTOP_SESSION",
+                             "KDE_FULL_SESSION", "GNOME_DESKTOP_SESSION_ID", "WAYLAND_DISPLAY"})
+        home.setEnv(name, std::nullopt);
+    home.setEnv("XDG_DATA_DIRS", root + u"/no-system-data"_s);
+    home.setEnv("XDG_CONFIG_DIRS", root + u"/no-system-config"_s);
+    const QString apps = home.dataHome() + u"/applications/"_s, opened = root + u"/opened"_s;
+    for (const QString& folder : {apps, home.configHome(), root + u"/one"_s})
+        QDir().mkpath(folder);
+    ::Test::writeFile(root + u"/files"_s,
+                      u"#!/bin/sh\nprintf '%s\\n' \"$1\" >> '%1'\n"_s.arg(opened).toUtf8(), true);
+    ::Test::writeFile(apps + u"files.desktop"_s,
+                      u"[Desktop Entry]\nType=Application\nName=Files\nExec=%1 %F\n"
+                      "MimeType=inode/directory;\n"_s.arg(root + u"/files"_s)
+                          .toUtf8());
+    ::Test::writeFile(home.configHome() + u"/mimeapps.list"_s,
+                      "[Default Applications]\ninode/directory=files.desktop\n");
+    const std::unique_ptr<FileViewer> viewer = makeDesktopFileViewer();
+    viewer->show({root + u"/one/a (Tagged).wav"_s, root + u"/two/b.wav"_s});
+    EXPECT_TRUE(::Test::waitUntil([&] { return QFileInfo::exists(opened); }, 10'000));
+    EXPECT_EQ(::Test::readAll(opened), (root + u"/one\n"_s).toUtf8());
+}
+
 // Zelkor handed a folder would tag it again and show it again without end: the
 // fallback hands folders only to another program.
 TEST(FileViewerFallback, handsAFolderOnlyToAnotherProgram) {
