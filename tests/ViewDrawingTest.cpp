@@ -88,7 +88,7 @@ TEST_F(ViewDrawing, eachStateShowsItsDecisivePixels) {
 
     clip(u"my tag.mp3"_s);
     home.setEnv("ZELKOR_RESOURCES", home.root()); // no logo, no plate
-    m_view.reset();
+    close();
     image = render();
     t = &view().layout().tagRow;
     z = &view().layout().zone;
