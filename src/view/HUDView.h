@@ -55,6 +55,7 @@ public:
     void appendLog(const LogLine& line);
     void setBusy(bool busy);
     void setProgress(long long done, long long total);
+    // The selected clip's name as shown ("VOICE TAG"), none without a clip.
     void setTag(const std::optional<QString>& name);
     void setChoices(int intervalIndex, int levelIndex);
 
