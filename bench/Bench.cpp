@@ -181,17 +181,8 @@ void collection(const QString& folder) {
     report("2. input collection, folder of 10,000 files", ms, "ms", "< 10", ms < 10);
 }
 
-struct Silent : Sounds, FileViewer {
-    void play(const QString&) override {}
-    void show(const QStringList&) override {}
-};
-
 void paint() {
-    Silent services;
-    PreferencesFile preferences(PreferencesFile::userPath());
-    HomeTrash trash(HomeTrash::userFolder());
-    std::unique_ptr<Batch> batch;
-    HUDView view({services, services, preferences, trash, batch});
+    HUDView view;
     view.resize(HUDView::kSize);
     view.snapshot(1); // fonts, images and the dot grid are made once, as on screen
     const double ms = medianMs(101, [&] { view.snapshot(1); });

@@ -101,16 +101,14 @@ TEST_F(Snapshot, drawsTheWindowAsLaunchedAndPrintsNothing) {
 }
 
 TEST_F(Snapshot, thatCannotBeWrittenEndsWithTheReasonAndLeavesNothing) {
-    // A folder that is not there, and a path whose parent is a regular file.
+    // A path whose parent is a regular file.
     const QString file = home.root() + u"/file"_s;
     ::Test::writeFile(file, "x");
-    for (const QString& out : {home.root() + u"/missing/x.png"_s, file + u"/x.png"_s}) {
-        const ::Test::Process run = zelkor({u"--snapshot"_s, out});
-        EXPECT_EQ(run.status, 1);
-        EXPECT_TRUE(run.err.startsWith(u"zelkor: can't write the snapshot "_s + out))
-            << run.err.toStdString();
-        EXPECT_EQ(run.err.count(u'\n'), 1) << run.err.toStdString();
-    }
+    const ::Test::Process run = zelkor({u"--snapshot"_s, file + u"/x.png"_s});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_TRUE(run.err.startsWith(u"zelkor: can't write the snapshot "_s + file + u"/x.png"_s))
+        << run.err.toStdString();
+    EXPECT_EQ(run.err.count(u'\n'), 1) << run.err.toStdString();
     EXPECT_EQ(::Test::readAll(file), QByteArray("x"));
     EXPECT_EQ(QDir(home.root()).entryList(QDir::NoDotAndDotDot | QDir::AllEntries),
               (QStringList{u"file"_s, u"runtime"_s}));

@@ -37,16 +37,16 @@ protected:
 // when every track fails nothing is shown. Failures end with Basso, success Glass.
 TEST_F(BatchRunner, aFailingTrackIsLoggedAndTheOthersAreWrittenAndShown) {
     QDir().mkpath(home.root() + u"/empty"_s);
-    view().start({home.root() + u"/empty"_s, file(u"notes.txt"_s)});
+    controller().start({home.root() + u"/empty"_s, file(u"notes.txt"_s)});
     EXPECT_FALSE(view().state().busy);
     EXPECT_TRUE(log().empty());
     const QString broken = file(u"b.wav"_s, "not audio");
-    view().start({broken});
+    controller().start({broken});
     EXPECT_FALSE(view().state().busy);
     EXPECT_EQ(log(), (std::vector<LogLine>{{u"ADD YOUR TAG FILE FIRST"_s, u"NO TAG"_s, errColor}}));
 
     addTag();
-    view().start({track(u"a.wav"_s), broken, track(u"c.wav"_s)});
+    controller().start({track(u"a.wav"_s), broken, track(u"c.wav"_s)});
     EXPECT_TRUE(view().state().busy);
     EXPECT_EQ(view().state().progress, (HUDView::Progress{0, 3}));
     ASSERT_TRUE(finish());
@@ -57,7 +57,7 @@ TEST_F(BatchRunner, aFailingTrackIsLoggedAndTheOthersAreWrittenAndShown) {
     EXPECT_EQ(view().state().progress, (HUDView::Progress{3, 3}));
     EXPECT_EQ(viewer.shown, (std::vector<QStringList>{{home.root() + u"/a (Tagged).wav"_s,
                                                        home.root() + u"/c (Tagged).wav"_s}}));
-    view().start({broken, file(u"y.mp3"_s)});
+    controller().start({broken, file(u"y.mp3"_s)});
     ASSERT_TRUE(finish());
     EXPECT_EQ(log().size(), 6u);
     EXPECT_EQ(viewer.shown.size(), 1u);
@@ -72,9 +72,9 @@ TEST_F(BatchRunner, aBatchKeepsItsSettingsAndIgnoresAnotherStart) {
     const QString beat = track(u"beat.wav"_s, 25);
     const QString second = track(u"second.wav"_s);
     settings.setIntervalIndex(0);
-    view().start({beat});
+    controller().start({beat});
     settings.setIntervalIndex(3);
-    view().start({second});
+    controller().start({second});
     ASSERT_TRUE(finish());
     QCoreApplication::processEvents();
     EXPECT_EQ(log(), (std::vector<LogLine>{{u"beat.wav"_s, u"2 TAGS  OK"_s, purple}}));
@@ -83,9 +83,8 @@ TEST_F(BatchRunner, aBatchKeepsItsSettingsAndIgnoresAnotherStart) {
 
 TEST_F(BatchRunner, aViewClosedDuringABatchIsLeftAlone) {
     addTag();
-    view().start({track(u"gone.wav"_s)});
-    m_view.reset();
-    batch->wait();
+    controller().start({track(u"gone.wav"_s)});
+    close();
     QCoreApplication::processEvents();
     EXPECT_TRUE(sounds.played.isEmpty());
     EXPECT_TRUE(viewer.shown.empty());

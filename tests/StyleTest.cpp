@@ -68,11 +68,3 @@ TEST(FontNames, familyAndStyleAreMatchedToPostScriptNames) {
     EXPECT_TRUE(matchesPostScriptName(u"OffBit 101"_s, u"Bold"_s, u"OffBit-101Bold"_s));
     EXPECT_FALSE(matchesPostScriptName(u"OffBit 101"_s, u"Regular"_s, u"OffBit-101Bold"_s));
 }
-
-TEST(ShippedImages, thePlateKeepsItsProportions) {
-    ::Test::guiApplication();
-    const auto plate = tinted(u"panel-strip"_s, lineStrong);
-    ASSERT_TRUE(plate);
-    EXPECT_NEAR(plate->size().width(), 387.83, 1e-3);
-    EXPECT_NEAR(plate->size().height(), 65.61, 1e-3);
-}

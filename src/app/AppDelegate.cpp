@@ -4,11 +4,11 @@
 
 #include "app/FrameAutosave.h"
 #include "app/MenuBar.h"
+#include "app/WindowController.h"
 
 #include "base/CommandLine.h"
 #include "base/Names.h"
 #include "base/TagError.h"
-#include "engine/Batch.h"
 #include "model/Tags.h"
 #include "platform/AppName.h"
 #include "platform/FileViewer.h"
@@ -23,7 +23,6 @@
 
 #include <QApplication>
 #include <QBuffer>
-#include <QFileInfo>
 #include <QLayout>
 #include <QMainWindow>
 #include <QPainter>
@@ -167,8 +166,8 @@ AppDelegate::AppDelegate(Services services, std::optional<QString> snapshot)
 AppDelegate::~AppDelegate() = default;
 
 void AppDelegate::open(const QStringList& paths) {
-    if (m_hud)
-        m_hud->start(paths);
+    if (m_controller)
+        m_controller->start(paths);
     else
         m_pending << paths;
 }
@@ -179,7 +178,7 @@ void AppDelegate::didFinishLaunching() {
     buildWindow();
     activate();
     if (!m_pending.isEmpty())
-        m_hud->start(std::exchange(m_pending, {}));
+        m_controller->start(std::exchange(m_pending, {}));
     if (m_snapshot)
         writeSnapshot(*m_snapshot);
 }
@@ -190,8 +189,11 @@ void AppDelegate::buildWindow() {
     m_window->setWindowFlags(Qt::Window | Qt::CustomizeWindowHint | Qt::WindowTitleHint |
                              Qt::WindowSystemMenuHint | Qt::WindowMinimizeButtonHint |
                              Qt::WindowCloseButtonHint);
-    m_hud = new HUDView({*m_services.sounds, *m_services.fileViewer, *m_services.preferences,
-                         *m_services.trash, m_batch, *m_services.menus, *m_services.panels});
+    m_hud = new HUDView;
+    m_controller = std::make_unique<WindowController>(
+        *m_hud, WindowController::Services{*m_services.sounds, *m_services.fileViewer,
+                                           *m_services.preferences, *m_services.trash,
+                                           *m_services.menus, *m_services.panels});
     m_hud->setFixedSize(HUDView::kSize);
     m_window->setWindowTitle(appName);
     QPalette palette = m_window->palette();
@@ -209,11 +211,12 @@ void AppDelegate::buildWindow() {
     if (const QScreen* screen = m_window->screen())
         m_window->move(screen->availableGeometry().center() -
                        QRect(QPoint(), m_window->size().grownBy(margins)).center());
-    (new FrameAutosave(*m_window, QStringLiteral("ZelkorMain"), *m_services.preferences,
-                       [hud = QPointer<HUDView>(m_hud)](const TagError& error) {
-                           if (hud)
-                               hud->logFailure(error);
-                       }))
+    (new FrameAutosave(
+         *m_window, QStringLiteral("ZelkorMain"), *m_services.preferences,
+         [controller = QPointer<WindowController>(m_controller.get())](const TagError& error) {
+             if (controller)
+                 controller->logFailure(error);
+         }))
         ->restore();
     m_window->show();
 }
@@ -228,7 +231,7 @@ void AppDelegate::activate() {
 }
 
 void AppDelegate::writeSnapshot(const QString& path) {
-    const QString target = QFileInfo(path).absoluteFilePath();
+    const QString target = Names::absolute(path);
     const QImage image = m_hud->snapshot(m_hud->devicePixelRatioF());
     QByteArray png;
     QBuffer buffer(&png);

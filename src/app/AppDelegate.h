@@ -7,7 +7,6 @@
 #include <memory>
 #include <optional>
 
-class Batch;
 class FileViewer;
 class HUDView;
 class Menus;
@@ -16,6 +15,7 @@ class Preferences;
 class QMainWindow;
 class Sounds;
 class Trash;
+class WindowController;
 
 // What the command line asks for: files to process and an optional snapshot,
 // or only the help or the version, or nothing at all when it is wrong.
@@ -46,13 +46,14 @@ public:
     AppDelegate(Services services, std::optional<QString> snapshot);
     ~AppDelegate() override;
 
-    // Files opened from the shell: to the view once it exists, kept until then.
+    // Files opened from the shell: to the window once it exists, kept until then.
     void open(const QStringList& paths);
     void didFinishLaunching();
     // Brings the window to the front, out of the task bar if minimised.
     void activate();
 
     HUDView* hud() const { return m_hud; }
+    WindowController* controller() const { return m_controller.get(); }
     QMainWindow* window() const { return m_window.get(); }
 
 private:
@@ -65,9 +66,9 @@ private:
     std::unique_ptr<QMainWindow> m_window;
     HUDView* m_hud = nullptr; // owned by the window
     QStringList m_pending;
-    // The view's batch; declared last so that at quit it is stopped (its ffmpeg
-    // ended, the partial output gone) and joined before the window goes.
-    std::unique_ptr<Batch> m_batch;
+    // Declared last so that at quit its batch is stopped (its ffmpeg ended, the
+    // partial output gone) and joined before the window goes.
+    std::unique_ptr<WindowController> m_controller;
 };
 
 // The whole application in the dark: title bars, menus and dialogs included.

@@ -17,20 +17,12 @@
 
 namespace {
 
-// A file manager that owns the name but never answers would hold a blocking
-// call for 25 s; the fallback should come much sooner. The same bound holds
-// for asking the desktop which program opens folders.
-constexpr int kTimeoutMs = 2000;
-
 // The command of a desktop entry's Exec line, quotes removed and an "env"
 // prefix skipped: "env A=1 /opt/zelkor %F" -> "/opt/zelkor".
-QString execProgram(const QString& entryPath) {
-    QFile file(entryPath);
-    if (!file.open(QIODevice::ReadOnly | QIODevice::Text))
-        return {};
+QString execProgram(const QString& entry) {
     bool inMainGroup = false;
-    while (!file.atEnd()) {
-        const QString line = QString::fromUtf8(file.readLine()).trimmed();
+    for (const QString& raw : entry.split(QLatin1Char('\n'))) {
+        const QString line = raw.trimmed();
         if (line.startsWith(QLatin1Char('[')))
             inMainGroup = line == QLatin1String("[Desktop Entry]");
         if (!inMainGroup || !line.startsWith(QLatin1String("Exec=")))
@@ -46,21 +38,44 @@ QString execProgram(const QString& entryPath) {
     return {};
 }
 
-// Whether the desktop entry `id` (as "xdg-mime query default" names it) is a
-// program other than Zelkor. Zelkor handed a folder would tag it again and
-// show it again, without end; an entry that cannot be found is not trusted.
-bool isOtherProgram(const QString& id) {
+} // namespace
+
+// Zelkor handed a folder would tag it again and show it again, without end; an
+// entry without a program is not trusted.
+bool isOtherProgram(const QString& id, const QString& entry, const QString& self,
+                    const std::function<QString(const QString&)>& resolve) {
     if (id.isEmpty() || id == QLatin1String("zelkor.desktop"))
         return false;
-    const QString entry = QStandardPaths::locate(QStandardPaths::ApplicationsLocation, id);
-    const QString program = entry.isEmpty() ? QString() : execProgram(entry);
+    const QString program = execProgram(entry);
     if (program.isEmpty())
         return false;
-    const QFileInfo self(QCoreApplication::applicationFilePath());
-    const QFileInfo other(
-        program.contains(QLatin1Char('/')) ? program : QStandardPaths::findExecutable(program));
-    return QFileInfo(program).fileName() != self.fileName() &&
-           other.canonicalFilePath() != self.canonicalFilePath();
+    return QFileInfo(program).fileName() != QFileInfo(self).fileName() &&
+           resolve(program) != resolve(self);
+}
+
+namespace {
+
+// A file manager that owns the name but never answers would hold a blocking
+// call for 25 s; the fallback should come much sooner. The same bound holds
+// for asking the desktop which program opens folders.
+constexpr int kTimeoutMs = 2000;
+
+// Whether the desktop entry `id` (as "xdg-mime query default" names it) is a
+// program other than Zelkor, from what the desktop knows of it.
+bool isOtherProgram(const QString& id) {
+    const QString path =
+        id.isEmpty() ? QString() : QStandardPaths::locate(QStandardPaths::ApplicationsLocation, id);
+    QFile file(path);
+    const QString entry = !path.isEmpty() && file.open(QIODevice::ReadOnly | QIODevice::Text)
+                              ? QString::fromUtf8(file.readAll())
+                              : QString();
+    return isOtherProgram(id, entry, QCoreApplication::applicationFilePath(),
+                          [](const QString& program) {
+                              return QFileInfo(program.contains(QLatin1Char('/'))
+                                                   ? program
+                                                   : QStandardPaths::findExecutable(program))
+                                  .canonicalFilePath();
+                          });
 }
 
 // Starts `program` on its own, its output going nowhere: what a folder handler

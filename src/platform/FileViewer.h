@@ -3,6 +3,7 @@
 #pragma once
 
 #include <QStringList>
+#include <functional>
 #include <memory>
 
 class FileViewer {
@@ -15,3 +16,9 @@ public:
 // org.freedesktop.FileManager1.ShowItems on the session bus; when no file
 // manager answers within two seconds, the first file's folder is opened instead.
 std::unique_ptr<FileViewer> makeDesktopFileViewer();
+
+// Whether the folder handler that the desktop entry `id` (its text `entry`)
+// runs may be handed a folder: only a program other than `self`, the running
+// executable. `resolve` gives the real file behind a program's name or path.
+bool isOtherProgram(const QString& id, const QString& entry, const QString& self,
+                    const std::function<QString(const QString&)>& resolve);

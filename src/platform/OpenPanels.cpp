@@ -2,11 +2,9 @@
 #include "platform/OpenPanels.h"
 #include "platform/TrackDialog.h"
 
-#include "model/Tags.h"
-
-QString tagNameFilter() {
+QString tagNameFilter(const QSet<QString>& extensions) {
     QStringList patterns;
-    for (const QString& extension : Tags::exts())
+    for (const QString& extension : extensions)
         patterns << QStringLiteral("*.") + extension;
     patterns.sort();
     return QStringLiteral("Tag clips (") + patterns.join(QLatin1Char(' ')) + QLatin1Char(')');
@@ -16,11 +14,11 @@ namespace {
 
 class FileDialogPanels final : public OpenPanels {
 public:
-    std::optional<QString> chooseTag(QWidget& parent) override {
+    std::optional<QString> chooseTag(QWidget& parent, const QString& nameFilter) override {
         QFileDialog dialog(&parent, QStringLiteral("Choose your voice tag"));
         dialog.setOption(QFileDialog::DontUseNativeDialog);
         dialog.setFileMode(QFileDialog::ExistingFile);
-        dialog.setNameFilter(tagNameFilter());
+        dialog.setNameFilter(nameFilter);
         if (dialog.exec() != QDialog::Accepted || dialog.selectedFiles().isEmpty())
             return std::nullopt;
         return dialog.selectedFiles().first();
@@ -36,7 +34,7 @@ public:
 
 class NoPanels final : public OpenPanels {
 public:
-    std::optional<QString> chooseTag(QWidget&) override { return std::nullopt; }
+    std::optional<QString> chooseTag(QWidget&, const QString&) override { return std::nullopt; }
     std::optional<QStringList> chooseTracks(QWidget&) override { return std::nullopt; }
 };
 

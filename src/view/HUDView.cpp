@@ -1,10 +1,7 @@
-// The view's state, its construction, the blink timer and the paint entry.
+// The view's state, its construction, the blink timer, what it is told, and
+// the paint entry.
 #include "view/HUDView.h"
 
-#include "base/TagError.h"
-#include "model/Settings.h"
-#include "model/Tags.h"
-#include "style/Fonts.h"
 #include "style/Palette.h"
 
 #include <QPaintEvent>
@@ -13,17 +10,15 @@
 
 using namespace Style;
 
-HUDView::HUDView(Services services, QWidget* parent)
+HUDView::HUDView(QWidget* parent)
     : QWidget(parent)
-    , m_services(services)
-    , m_settings(services.preferences)
-    , m_tags(services.preferences, services.trash)
     , m_logo(image(QStringLiteral("logo")))
     , m_plate(tinted(QStringLiteral("panel-strip"), lineStrong)) {
+    if (m_logo)
+        m_content.logo = m_logo->size();
     resize(kSize);
     setAttribute(Qt::WA_OpaquePaintEvent);
     setAcceptDrops(true);
-    watchTag();
     relayout();
     // Parented to the view, so the timer never outlives it.
     m_timer = new QTimer(this);
@@ -37,8 +32,31 @@ void HUDView::setState(State state) {
     update();
 }
 
-void HUDView::logFailure(const TagError& error) {
-    m_state.log.push_back({error.action(), error.reason(), errColor});
+void HUDView::appendLog(const LogLine& line) {
+    m_state.log.push_back(line);
+    update();
+}
+
+void HUDView::setBusy(bool busy) {
+    m_state.busy = busy;
+    update();
+}
+
+void HUDView::setProgress(long long done, long long total) {
+    m_state.progress = {done, total};
+    update();
+}
+
+void HUDView::setTag(const std::optional<QString>& name) {
+    m_content.tagName = name;
+    relayout();
+    update();
+}
+
+void HUDView::setChoices(int intervalIndex, int levelIndex) {
+    m_content.intervalIndex = intervalIndex;
+    m_content.levelIndex = levelIndex;
+    relayout();
     update();
 }
 
@@ -50,17 +68,9 @@ void HUDView::tick() {
         update();
 }
 
-// Everything the drawing shows that takes measuring or reading the settings is
-// done here, so a pass only paints.
+// Everything the drawing shows that takes measuring is done here, so a pass only paints.
 void HUDView::relayout() {
-    HUDLayout::Content content;
-    if (m_logo)
-        content.logo = m_logo->size();
-    content.intervalIndex = m_settings.intervalIndex();
-    content.levelIndex = m_settings.levelIndex();
-    if (m_tag)
-        content.tagName = Tags::name(*m_tag);
-    m_layout = HUDLayout::layout(QSizeF(QWidget::size()), content, &HUDView::width);
+    m_layout = HUDLayout::layout(QSizeF(QWidget::size()), m_content, &HUDView::width);
     m_logRows.clear();
 }
 

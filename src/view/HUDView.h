@@ -1,50 +1,27 @@
-// The main view: the whole user interface, drawn by itself. Its state lives
-// here; each concern has its own HUDView+Concern.cpp.
+// The main view: the whole user interface, drawn by itself. It keeps what it
+// shows (hover and busy flags, progress, the log, the settings and the tag as
+// last told) and reports what the user does; a controller decides what follows.
 #pragma once
 
 #include "view/HUDLayout.h"
 #include "view/LogLine.h"
 
-#include "model/Settings.h"
-#include "model/Tags.h"
-#include "platform/Menus.h"
-#include "platform/OpenPanels.h"
 #include "style/Image.h"
 
 #include <QImage>
 #include <QStringList>
 #include <QWidget>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <vector>
 
-class Batch;
-class FileViewer;
-class Preferences;
-class QFileSystemWatcher;
 class QMimeData;
 class QTimer;
-class Sounds;
-class TagError;
-class Trash;
 
 class HUDView : public QWidget {
-public:
-    // The desktop services the view asks for; owned by the caller, outliving the
-    // view. A view given no menus and panels (to be drawn only) opens none.
-    struct Services {
-        Sounds& sounds;
-        FileViewer& fileViewer;
-        Preferences& preferences;
-        Trash& trash;
-        // Where the caller keeps the view's batch, so that the caller decides when
-        // a running batch is stopped and its thread joined.
-        std::unique_ptr<Batch>& batch;
-        Menus& menus = noMenus();
-        OpenPanels& panels = noPanels();
-    };
+    Q_OBJECT
 
+public:
     struct Progress {
         long long done = 0;
         long long total = 0;
@@ -68,31 +45,28 @@ public:
     static constexpr QSize kSize{600, 640};
     static constexpr int kBlinkIntervalMs = 550;
 
-    explicit HUDView(Services services, QWidget* parent = nullptr);
+    explicit HUDView(QWidget* parent = nullptr);
 
     const State& state() const { return m_state; }
     // Shows a given state as it is (hover flags, a log, a batch's progress).
     void setState(State state);
 
+    // What the controller tells it.
+    void appendLog(const LogLine& line);
+    void setBusy(bool busy);
+    void setProgress(long long done, long long total);
+    // The selected clip's name as shown ("VOICE TAG"), none without a clip.
+    void setTag(const std::optional<QString>& name);
+    void setChoices(int intervalIndex, int levelIndex);
+
     // Rebuilt by every drawing pass: the tag field, "+ ADD TAG", the interval
     // segments, the level segments. Empty after a pass drawn while busy.
     const std::vector<Hit>& hits() const { return m_hits; }
-    // Made when the size, the settings or the selected tag change; fonts are
+    // Made when the size, the settings or the tag shown change; fonts are
     // registered before any view exists.
     const HUDLayout::Layout& layout() const { return m_layout; }
     QRectF tagRowRect() const { return m_layout.tagRow.row; }
     QRectF zoneRect() const { return m_layout.zone.rect; }
-
-    // Expands files and folders into tracks and tags them in the background,
-    // one at a time, logging each; ignored while a batch runs.
-    void start(const QStringList& paths);
-    // Reads the selected tag clip again and redraws when it changed; the drawing
-    // uses what was read last. The view calls it itself whenever the library or
-    // the preferences change on disk, and when its window is activated.
-    bool refreshTag();
-    // A write that failed outside the view's own actions (the window's frame,
-    // say) gets its line in the log.
-    void logFailure(const TagError& error);
 
     // The whole view drawn into an image, as on screen.
     QImage snapshot(qreal devicePixelRatio);
@@ -102,6 +76,17 @@ public:
     // character. width() is the layout's measure.
     static double width(const QString& text, const Style::TextStyle& style);
     static void drawText(QPainter& painter, const HUDLayout::Text& text, const QColor& color);
+
+signals:
+    void intervalChosen(int index);
+    void levelChosen(int index);
+    // The tag field, to open the tag menu under it.
+    void tagFieldClicked(const QRectF& field);
+    void addTagClicked();
+    // A click in the drop zone on no region.
+    void zoneClicked();
+    void clipDropped(const QString& path);
+    void itemsDropped(const QStringList& paths);
 
 protected:
     void paintEvent(QPaintEvent* event) override;
@@ -125,16 +110,7 @@ private:
 
     void relayout();
     void tick();
-    void watchTag();
-
     void click(QPointF at);
-
-    void tagMenu(const QRectF& field);
-    void chooseTag();
-    void pickTag(const std::optional<QString>& clip);
-    void removeTag(const QString& clip);
-    void showTags();
-    void addTag(const QString& path);
 
     // What a drop would do: start a batch (zone) or add a tag clip (tag), never both.
     struct DragTarget {
@@ -145,18 +121,11 @@ private:
     DragTarget dragTarget(const QMimeData* data, QPointF at) const;
     bool dragOver(const QMimeData* data, QPointF at);
 
-    void trackDone(const LogLine& line, long long done, long long total);
-    void finishBatch(const QStringList& written);
-
-    Services m_services;
-    Settings m_settings;
-    Tags m_tags;
     State m_state;
+    HUDLayout::Content m_content;
     std::vector<Hit> m_hits;
     std::optional<Style::Image> m_logo;
     std::optional<Style::Image> m_plate;
-    std::optional<QString> m_tag;
-    QFileSystemWatcher* m_tagWatch = nullptr;
     QImage m_grid; // the drop zone's dots, drawn once per size
     HUDLayout::Layout m_layout;
     // The log entries as shown, by index, each measured when first drawn.

@@ -2,7 +2,7 @@
 // private folders, recording stand-ins for the desktop services, and pixels.
 #pragma once
 
-#include "engine/Batch.h"
+#include "app/WindowController.h"
 #include "model/Settings.h"
 #include "model/Tags.h"
 #include "platform/FileViewer.h"
@@ -74,7 +74,7 @@ public:
 // Counts the panels it opens and answers with what the test set.
 class ScriptedPanels final : public OpenPanels {
 public:
-    std::optional<QString> chooseTag(QWidget&) override {
+    std::optional<QString> chooseTag(QWidget&, const QString&) override {
         ++tagPanels;
         return tag;
     }
@@ -136,18 +136,30 @@ inline bool near(const QColor& seen, const QColor& expected, int tolerance = 3) 
            std::abs(seen.blue() - expected.blue()) <= tolerance;
 }
 
-// A view over recording services in a fresh home. It reads the selected tag
-// when made, so it is made on first use: after the test has added its tags.
+// A view and its controller over recording services in a fresh home. The
+// controller reads the selected tag when made, so both are made on first use:
+// after the test has added its tags.
 class ViewFixture : public testing::Test {
 protected:
     static void SetUpTestSuite() { guiApplication(); }
-    HUDView::Services services() {
-        return {sounds, viewer, preferences, trash, batch, menus, panels};
+    WindowController::Services services() {
+        return {sounds, viewer, preferences, trash, menus, panels};
     }
     HUDView& view() {
-        if (!m_view)
-            m_view = std::make_unique<HUDView>(services());
+        if (!m_view) {
+            m_view = std::make_unique<HUDView>();
+            m_controller = std::make_unique<WindowController>(*m_view, services());
+        }
         return *m_view;
+    }
+    WindowController& controller() {
+        view();
+        return *m_controller;
+    }
+    // The window gone: a running batch stopped and joined.
+    void close() {
+        m_controller.reset();
+        m_view.reset();
     }
     // A file of `bytes` at `name` under the home's scratch folder, its folders made.
     QString file(const QString& name, const QByteArray& bytes = "x") {
@@ -166,7 +178,9 @@ protected:
     QImage shown(const QRectF& area) { return view().snapshot(1).copy(area.toAlignedRect()); }
     // Whether `area` shows the library as it is, as a view made now would.
     bool current(const QRectF& area) {
-        return shown(area) == HUDView(services()).snapshot(1).copy(area.toAlignedRect());
+        HUDView fresh;
+        const WindowController told(fresh, services());
+        return shown(area) == fresh.snapshot(1).copy(area.toAlignedRect());
     }
 
     FreshHome home;
@@ -178,8 +192,8 @@ protected:
     RecordingFileViewer viewer;
     ScriptedMenus menus;
     ScriptedPanels panels;
-    std::unique_ptr<Batch> batch; // stopped and joined after the view has gone
     std::unique_ptr<HUDView> m_view;
+    std::unique_ptr<WindowController> m_controller; // goes first, its batch joined
 };
 
 } // namespace Test

@@ -1,6 +1,7 @@
-// Dragged files: one tag clip over the tag row's band adds it to the library,
-// anything holding a track elsewhere starts a batch. The hover flags light the
-// target while the drag is over the view.
+// Input: clicks on the regions the last drawing pass registered, then on the
+// drop zone; and dragged files, where one tag clip over the tag row's band is
+// a clip to add and anything holding a track elsewhere a batch to start. The
+// hover flags light the target while the drag is over the view.
 #include "view/HUDView.h"
 
 #include "base/Names.h"
@@ -12,7 +13,29 @@
 #include <QDragMoveEvent>
 #include <QDropEvent>
 #include <QMimeData>
+#include <QMouseEvent>
 #include <QUrl>
+
+void HUDView::mousePressEvent(QMouseEvent* event) {
+    if (event->button() == Qt::LeftButton)
+        click(event->position());
+}
+
+void HUDView::click(QPointF at) {
+    if (m_state.busy)
+        return;
+    for (const Hit& hit : m_hits) {
+        if (!HUDLayout::contains(hit.rect, at))
+            continue;
+        // A menu opened by the action repaints while it shows, which rebuilds m_hits.
+        const std::function<void()> action = hit.action;
+        action();
+        update();
+        return;
+    }
+    if (HUDLayout::contains(zoneRect(), at))
+        emit zoneClicked();
+}
 
 // From the list's own bytes: QUrl decodes a name's escapes as UTF-8 and would turn a
 // byte of a Latin-1 name into U+FFFD, the name of another file.
@@ -90,11 +113,12 @@ void HUDView::dropEvent(QDropEvent* event) {
     const QStringList paths = urls(event->mimeData());
     event->setDropAction(Qt::CopyAction);
     event->accept();
+    update();
     // Files handed over from the shell may have started a batch since the last move.
     if (m_state.busy)
-        update();
-    else if (target.tag && !paths.isEmpty())
-        addTag(paths.first());
+        return;
+    if (target.tag && !paths.isEmpty())
+        emit clipDropped(paths.first());
     else
-        start(paths);
+        emit itemsDropped(paths);
 }

@@ -1,0 +1,252 @@
+// The window's actions: the settings chosen, the tag menu and the library's
+// clips picked, added, removed and shown, each leaving its line in the log;
+// and batches, whose guards and lines run on the main thread while the tracks
+// are tagged one at a time in the background.
+#include "app/WindowController.h"
+
+#include "base/Files.h"
+#include "base/Names.h"
+#include "base/TagError.h"
+#include "engine/Batch.h"
+#include "engine/Collect.h"
+#include "model/StatusTexts.h"
+#include "platform/FileViewer.h"
+#include "platform/Preferences.h"
+#include "platform/Sounds.h"
+#include "style/Palette.h"
+#include "view/HUDView.h"
+
+#include <QFileSystemWatcher>
+#include <QGuiApplication>
+#include <QWindow>
+
+using namespace Style;
+
+namespace {
+
+constexpr double kMenuGap = 4;
+
+// The name as the user gave it: "Voice Tag.wav" -> "Voice Tag".
+QString baseName(const QString& path) {
+    const QString name = Names::fileName(path);
+    const qsizetype dot = name.lastIndexOf(QLatin1Char('.'));
+    return dot < 0 ? name : name.left(dot);
+}
+
+LogLine logLine(const Batch::Outcome& outcome) {
+    const QString name = Names::fileName(outcome.track);
+    if (!outcome.result)
+        return {name, outcome.error, errColor};
+    return {name, StatusTexts::tagged(outcome.result->placements), purple};
+}
+
+} // namespace
+
+WindowController::WindowController(HUDView& view, Services services, QObject* parent)
+    : QObject(parent)
+    , m_view(&view)
+    , m_services(services)
+    , m_settings(services.preferences)
+    , m_tags(services.preferences, services.trash) {
+    connect(this, &WindowController::logged, &view, &HUDView::appendLog);
+    connect(this, &WindowController::busyChanged, &view, &HUDView::setBusy);
+    connect(this, &WindowController::progressChanged, &view, &HUDView::setProgress);
+    connect(this, &WindowController::tagChanged, &view, &HUDView::setTag);
+    connect(this, &WindowController::choicesChanged, &view, &HUDView::setChoices);
+    connect(&view, &HUDView::intervalChosen, this,
+            [this](int index) { saveChoice([&] { m_settings.setIntervalIndex(index); }); });
+    connect(&view, &HUDView::levelChosen, this,
+            [this](int index) { saveChoice([&] { m_settings.setLevelIndex(index); }); });
+    connect(&view, &HUDView::tagFieldClicked, this, &WindowController::tagMenu);
+    connect(&view, &HUDView::addTagClicked, this, &WindowController::chooseTag);
+    connect(&view, &HUDView::zoneClicked, this, &WindowController::zoneClicked);
+    connect(&view, &HUDView::clipDropped, this, &WindowController::addTag);
+    connect(&view, &HUDView::itemsDropped, this, &WindowController::start);
+    emit choicesChanged(m_settings.intervalIndex(), m_settings.levelIndex());
+    watchTag();
+}
+
+WindowController::~WindowController() = default;
+
+void WindowController::log(const LogLine& line) {
+    emit logged(line);
+}
+
+void WindowController::logFailure(const TagError& error) {
+    log({error.action(), error.reason(), errColor});
+}
+
+// What a click writes may fail to be saved: the old choice stays, and says why.
+void WindowController::saveChoice(const std::function<void()>& write) {
+    try {
+        write();
+    } catch (const TagError& error) {
+        logFailure(error);
+    }
+    emit choicesChanged(m_settings.intervalIndex(), m_settings.levelIndex());
+}
+
+// The zone asks for what it showed; had that changed unseen, the click only
+// shows the change, rather than opening a chooser the zone never offered.
+void WindowController::zoneClicked() {
+    if (refreshTag())
+        return;
+    if (!m_tag) {
+        chooseTag();
+        return;
+    }
+    if (const std::optional<QStringList> chosen = m_services.panels.chooseTracks(*m_view))
+        start(*chosen);
+}
+
+// The view shows the clip read last rather than listing the library on every
+// pass. zelkor-tag, a file manager or another window may change the library or
+// the selection: the folders are watched (the preferences file is replaced by a
+// rename, which only its folder sees), and coming back to the window reads
+// again in case a change went unseen.
+void WindowController::watchTag() {
+    m_tagWatch = new QFileSystemWatcher(this);
+    connect(m_tagWatch, &QFileSystemWatcher::directoryChanged, this, &WindowController::refreshTag);
+    connect(qApp, &QGuiApplication::focusWindowChanged, this, [this](QWindow* focused) {
+        if (focused && m_view && focused == m_view->window()->windowHandle())
+            refreshTag();
+    });
+    refreshTag();
+}
+
+bool WindowController::refreshTag() {
+    // A folder made or replaced since the last look is watched from now on.
+    for (const QString& folder : {Tags::dir(), m_services.preferences.watchedFolder()})
+        if (!folder.isEmpty() && !m_tagWatch->directories().contains(folder) &&
+            Files::identity(folder).value_or(Files::Identity{}).folder)
+            m_tagWatch->addPath(folder);
+    std::optional<QString> tag = m_tags.selected();
+    if (tag == m_tag)
+        return false;
+    m_tag = std::move(tag);
+    emit tagChanged(m_tag ? std::optional(Tags::name(*m_tag)) : std::nullopt);
+    return true;
+}
+
+void WindowController::tagMenu(const QRectF& field) {
+    const std::optional<QString> selected = m_tags.selected();
+    std::vector<MenuItem> items;
+    std::vector<std::function<void()>> actions;
+    auto add = [&](MenuItem item, std::function<void()> action) {
+        items.push_back(std::move(item));
+        actions.push_back(std::move(action));
+    };
+    const QStringList clips = Tags::all();
+    for (const QString& clip : clips)
+        add({.title = baseName(clip), .checked = clip == selected},
+            [this, clip] { pickTag(clip); });
+    if (!clips.isEmpty())
+        add(MenuItem::separatorItem(), {});
+    add({.title = QStringLiteral("Add Tag\u2026")}, [this] { chooseTag(); });
+    if (selected)
+        add({.title =
+                 QStringLiteral("Remove \u201C") + baseName(*selected) + QStringLiteral("\u201D")},
+            [this, clip = *selected] { removeTag(clip); });
+    add({.title = QStringLiteral("Show Tags Folder")}, [this] { showTags(); });
+
+    const std::optional<int> chosen =
+        m_services.menus.popUp(items, *m_view, QPointF(field.left(), field.bottom() + kMenuGap));
+    if (chosen && *chosen >= 0 && static_cast<std::size_t>(*chosen) < actions.size() &&
+        actions[static_cast<std::size_t>(*chosen)])
+        actions[static_cast<std::size_t>(*chosen)]();
+}
+
+void WindowController::chooseTag() {
+    if (const std::optional<QString> chosen =
+            m_services.panels.chooseTag(*m_view, tagNameFilter(Tags::exts())))
+        addTag(*chosen);
+}
+
+void WindowController::pickTag(const std::optional<QString>& clip) {
+    try {
+        m_tags.setSelected(clip);
+    } catch (const TagError& error) {
+        logFailure(error);
+    }
+    refreshTag();
+}
+
+void WindowController::removeTag(const QString& clip) {
+    m_tags.remove(clip);
+    log({StatusTexts::tagRemoved(Tags::name(clip)), StatusTexts::kTrash, dim});
+    refreshTag();
+}
+
+void WindowController::showTags() {
+    const std::optional<QString> selected = m_tags.selected();
+    m_services.fileViewer.show({selected ? *selected : Tags::dir()});
+}
+
+void WindowController::addTag(const QString& path) {
+    try {
+        const QString stored = m_tags.add(path);
+        log({StatusTexts::tagAdded(Tags::name(stored)), StatusTexts::kArmed, purple});
+    } catch (...) {
+        // The line names the file; the system's reason is not shown.
+        log({Names::fileName(path), StatusTexts::kCantAddTag, errColor});
+    }
+    refreshTag();
+}
+
+void WindowController::start(const QStringList& paths) {
+    const QStringList tracks = Engine::collect(paths);
+    if (tracks.isEmpty() || m_busy)
+        return;
+    refreshTag();
+    if (!m_tag) {
+        log({StatusTexts::kAddTagFirst, StatusTexts::kNoTag, errColor});
+        m_services.sounds.play(QStringLiteral("Basso"));
+        return;
+    }
+    m_busy = true;
+    emit busyChanged(true);
+    emit progressChanged(0, tracks.size());
+    startBatch(tracks, *m_tag);
+}
+
+// Each step is posted to this object on the main thread, in order; steps still
+// pending when it goes are dropped with it, after its batch has been joined.
+void WindowController::startBatch(const QStringList& tracks, const QString& tag) {
+    const auto post = [this](std::function<void()> step) {
+        QMetaObject::invokeMethod(this, std::move(step), Qt::QueuedConnection);
+    };
+    // Written by the batch's callbacks only, which never run two at a time.
+    auto written = std::make_shared<QStringList>();
+    const auto total = static_cast<long long>(tracks.size());
+    Engine::Job job;
+    job.clip = tag;
+    job.interval = m_settings.interval();
+    job.levelDB = m_settings.levelDB();
+    m_batch.reset(); // the last batch has ended: its thread is joined here
+    m_batch = std::make_unique<Batch>(
+        Batch::Work{job, Engine::plan(job, tracks), 1},
+        [this, post, written, total](const Batch::Outcome& outcome) {
+            if (outcome.result)
+                *written << outcome.result->output;
+            post([this, line = logLine(outcome), done = outcome.index + 1, total] {
+                trackDone(line, done, total);
+            });
+        },
+        [this, post, written] { post([this, written = *written] { finishBatch(written); }); });
+}
+
+void WindowController::trackDone(const LogLine& line, long long done, long long total) {
+    log(line);
+    emit progressChanged(done, total);
+}
+
+void WindowController::finishBatch(const QStringList& written) {
+    m_busy = false;
+    emit busyChanged(false);
+    if (written.isEmpty()) {
+        m_services.sounds.play(QStringLiteral("Basso"));
+        return;
+    }
+    m_services.fileViewer.show(written);
+    m_services.sounds.play(QStringLiteral("Glass"));
+}
