@@ -140,7 +140,14 @@ TEST_F(ViewDrawing, eachStateShowsItsDecisivePixelsAndLeavesItsRegions) {
     EXPECT_NEAR(QRectF(lit(image, firstDigit)).center().y(), z->counterLine, 1.0);
 }
 
-TEST_F(ViewDrawing, logShowsTheLastFourWithALongNameShortened) {
+TEST_F(ViewDrawing, logWaitsWithABlinkingCursorThenShowsTheLastFourWithALongNameShortened) {
+    const QRect line = box(view().layout().log.waitingWithCursor);
+    const QRect withCursor = lit(render(), line);
+    ASSERT_TRUE(::Test::waitUntil([&] { return !view().state().blink; }, 2000));
+    const QRect without = lit(view().snapshot(1), line);
+    EXPECT_GT(withCursor.right(), without.right() + 4);
+    EXPECT_NEAR(without.left(), view().layout().log.left, 2);
+
     const QString ok = u"12 TAGS  OK"_s, unread = u"CAN'T READ FILE"_s;
     render([&](auto& s) {
         s.log = {{u"one.wav"_s, ok, purple},
@@ -176,15 +183,6 @@ TEST_F(ViewDrawing, logShowsTheLastFourWithALongNameShortened) {
     });
     EXPECT_LE(text.right(), status.left() - 16 + 1);
     EXPECT_GT(text.right(), status.left() - 16 - 24);
-}
-
-TEST_F(ViewDrawing, emptyLogWaitsWithABlinkingCursor) {
-    const QRect line = box(view().layout().log.waitingWithCursor);
-    const QRect withCursor = lit(render(), line);
-    ASSERT_TRUE(::Test::waitUntil([&] { return !view().state().blink; }, 2000));
-    const QRect without = lit(view().snapshot(1), line);
-    EXPECT_GT(withCursor.right(), without.right() + 4);
-    EXPECT_NEAR(without.left(), view().layout().log.left, 2);
 }
 
 TEST(ViewText, widthLeavesOutTheLastKern) {
