@@ -1,11 +1,7 @@
 // The application shell and the desktop around it: the window the launch
 // builds, its menu bar and menus; the tag row kept in step with the library
-// whoever changes it, and one rule for what a tag clip is; the program the
-// file viewer's fallback may hand a folder to.
+// whoever changes it; the program the file viewer's fallback may hand a folder to.
 #include "app/AppDelegate.h"
-#include "platform/FileViewer.h"
-#include "platform/Menus.h"
-#include "platform/OpenPanels.h"
 #include "style/Palette.h"
 #include "support/GuiSupport.h"
 
@@ -44,9 +40,9 @@ protected:
 TEST_F(AppShell, theMenuBarHidesShowsAboutAndQuitsWithTheWindow) {
     EXPECT_EQ(window().minimumSize(), window().maximumSize());
     // Centred as it shows, menu bar included.
-    const QPoint offCentre =
+    const QPoint off =
         window().frameGeometry().center() - window().screen()->availableGeometry().center();
-    EXPECT_LE(offCentre.manhattanLength(), 1) << offCentre.x() << ", " << offCentre.y();
+    EXPECT_LE(off.manhattanLength(), 1) << off.x() << ", " << off.y();
 
     trigger(u"Hide ODRAVEX Zelkor"_s);
     EXPECT_TRUE(window().isMinimized());
@@ -56,9 +52,9 @@ TEST_F(AppShell, theMenuBarHidesShowsAboutAndQuitsWithTheWindow) {
     trigger(u"About ODRAVEX Zelkor"_s);
     const auto* about = window().findChild<QMessageBox*>();
     ASSERT_TRUE(about);
-    EXPECT_TRUE(about->text().contains(u"ODRAVEX Zelkor"_s));
-    EXPECT_TRUE(about->text().contains(QStringLiteral(ZELKOR_VERSION)));
-    EXPECT_FALSE(about->iconPixmap().isNull());
+    EXPECT_TRUE(about->text().contains(u"ODRAVEX Zelkor"_s) &&
+                about->text().contains(QStringLiteral(ZELKOR_VERSION)) &&
+                !about->iconPixmap().isNull());
 
     constexpr int kStillRunning = 7;
     QTimer::singleShot(0, &window(), [this] { trigger(u"Close"_s); });
@@ -76,8 +72,7 @@ TEST(DarkMenus, standOutFromTheWindowAndShowTheirSeparators) {
     const QImage image = menu->grab().toImage();
     const int x = image.width() - 8; // right of the short titles, inside the separator
     auto grey = [&](int px, int py) { return qGray(image.pixel(px, py)); };
-    const int window = qGray(Style::black.rgb());
-    const int background = grey(x, 3);
+    const int window = qGray(Style::black.rgb()), background = grey(x, 3);
     int separator = background;
     for (int y = 3; y < image.height() - 3; ++y)
         if (std::abs(grey(x, y) - background) > std::abs(separator - background))
@@ -112,23 +107,6 @@ TEST_F(TagRow, followsChangesMadeByOtherProgramsWithoutBeingActivated) {
     EXPECT_TRUE(::Test::waitUntil(inStep, 2000));
 }
 
-// What the library would not list is refused by the chooser and zelkor-tag in
-// the same words: a name that is only an extension is a hidden file, not a clip.
-TEST_F(TagRow, oneRuleDecidesWhatATagClipIsForTheChooserAndZelkorTag) {
-    EXPECT_EQ(tagNameFilter(Tags::exts()), u"Tag clips (*.aif *.aiff *.flac *.m4a *.mp3 *.wav)"_s);
-    const QString hidden = file(u".wav"_s, "RIFF");
-    const ::Test::Process added = ::Test::zelkorTag({u"--add-tag"_s, hidden});
-    EXPECT_EQ(added.status, 1);
-    EXPECT_EQ(added.out, u".wav  CAN'T ADD TAG\n"_s);
-
-    panels.tag = hidden; // typed into the chooser past its filter
-    view().snapshot(1);
-    ::Test::click(view(), view().layout().tagRow.addTag.outline.center());
-    ASSERT_EQ(panels.tagPanels, 1);
-    EXPECT_EQ(view().state().log.back(), (LogLine{u".wav"_s, u"CAN'T ADD TAG"_s, Style::errColor}));
-    EXPECT_FALSE(QFileInfo::exists(home.tagsDir() + u"/.wav"_s));
-}
-
 // Without a file manager on the bus, the first file's folder goes to the
 // desktop's folder handler: here a script of the test's own that notes it.
 TEST(FileViewerFallback, opensTheFolderWithTheFolderHandler) {
@@ -145,12 +123,11 @@ TEST(FileViewerFallback, opensTheFolderWithTheFolderHandler) {
     const QString apps = home.dataHome() + u"/applications/"_s, opened = root + u"/opened"_s;
     for (const QString& folder : {apps, home.configHome(), root + u"/one"_s})
         QDir().mkpath(folder);
-    ::Test::writeFile(root + u"/files"_s,
-                      u"#!/bin/sh\nprintf '%s\\n' \"$1\" >> '%1'\n"_s.arg(opened).toUtf8(), true);
-    ::Test::writeFile(apps + u"files.desktop"_s,
-                      u"[Desktop Entry]\nType=Application\nName=Files\nExec=%1 %F\n"
-                      "MimeType=inode/directory;\n"_s.arg(root + u"/files"_s)
-                          .toUtf8());
+    const QString script = u"#!/bin/sh\nprintf '%s\\n' \"$1\" >> '%1'\n"_s.arg(opened);
+    ::Test::writeFile(root + u"/files"_s, script.toUtf8(), true);
+    const QString entry = u"[Desktop Entry]\nType=Application\nName=Files\nExec=%1/files %F\n"
+                          "MimeType=inode/directory;\n"_s.arg(root);
+    ::Test::writeFile(apps + u"files.desktop"_s, entry.toUtf8());
     ::Test::writeFile(home.configHome() + u"/mimeapps.list"_s,
                       "[Default Applications]\ninode/directory=files.desktop\n");
     const std::unique_ptr<FileViewer> viewer = makeDesktopFileViewer();

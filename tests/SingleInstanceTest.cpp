@@ -13,7 +13,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <grp.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <pwd.h>
 #include <sys/socket.h>
@@ -32,73 +31,63 @@ protected:
             process->waitForFinished();
         }
     }
-
-    // `zelkor args...` started in `folder`, left running; a beat named in args is made first.
-    QProcess& launch(const QStringList& args, const QString& folder) {
-        for (const QString& name : args)
-            ::Test::makeAudio(home.root() + u'/' + name, u"sine=frequency=220"_s, 3);
+    // `program args...` started in `folder`, left running.
+    QProcess& launch(const QString& program, const QStringList& args, const QString& folder) {
         auto& process = running.emplace_back(std::make_unique<QProcess>());
         process->setWorkingDirectory(folder);
-        process->start(::Test::binary(u"zelkor"_s), args);
+        process->start(program, args);
         EXPECT_TRUE(process->waitForStarted());
         return *process;
     }
-    bool appears(const QString& path, int ms = 60'000) {
-        return ::Test::waitUntil([&] { return QFileInfo::exists(path); }, ms);
+    bool appears(const QByteArray& name, int ms = 60'000) {
+        struct stat info = {};
+        return ::Test::waitUntil([&] { return ::stat(name.constData(), &info) == 0; }, ms);
     }
 
     ::Test::FreshHome home;
-    const QString runtime = home.useOwnRuntime();
-    const QString socket = runtime + u"/zelkor-"_s + QString::number(getuid());
+    const QString runtime = home.useOwnRuntime(), zelkor = ::Test::binary(u"zelkor"_s);
+    const QByteArray socket = Names::encode(runtime + u"/zelkor-"_s + QString::number(getuid()));
+    const QByteArray folder = Names::encode(home.root()) + '/';
     std::vector<std::unique_ptr<QProcess>> running;
 };
 
 TEST_F(SingleInstanceLaunch, aSecondLaunchHandsItsFilesToTheFirstAndACrashedOnesSocketIsTakenOver) {
+    for (const char* name : {"beat.wav", "next.wav"})
+        ::Test::makeAudio(home.root() + u'/' + QLatin1StringView(name), u"sine=frequency=220"_s, 3);
+    // A relative name that is not UTF-8 reaches the window by its bytes.
+    ASSERT_EQ(::rename(folder + "next.wav", folder + "next \xe9.wav"), 0);
     // Elsewhere, so that only an absolute path handed over finds the beat.
-    QProcess& first = launch({}, runtime);
+    QProcess& first = launch(zelkor, {}, runtime);
     ASSERT_TRUE(appears(socket, 10'000));
-    QProcess& second = launch({u"beat.wav"_s}, home.root());
+    QProcess& second = launch(zelkor, {u"beat.wav"_s}, home.root());
     ASSERT_TRUE(second.waitForFinished(10'000));
-    EXPECT_EQ(second.exitStatus(), QProcess::NormalExit);
-    EXPECT_EQ(second.exitCode(), 0);
-    EXPECT_TRUE(appears(home.root() + u"/beat (Tagged).wav"_s));
+    EXPECT_TRUE(second.exitStatus() == QProcess::NormalExit && second.exitCode() == 0);
+    EXPECT_TRUE(appears(folder + "beat (Tagged).wav"));
     EXPECT_EQ(first.state(), QProcess::Running);
 
     first.kill();
     first.waitForFinished();
-    ASSERT_TRUE(QFileInfo::exists(socket));
+    ASSERT_TRUE(appears(socket, 0));
     // Handed to the dead socket, the file would never be tagged.
-    QProcess& next = launch({u"next.wav"_s}, home.root());
-    EXPECT_TRUE(appears(home.root() + u"/next (Tagged).wav"_s));
+    QProcess& next =
+        launch(u"/bin/sh"_s, {u"-c"_s, u"exec \"$0\" \"$(printf 'next \\351.wav')\""_s, zelkor},
+               home.root());
+    EXPECT_TRUE(appears(folder + "next \xe9 (Tagged).wav"));
     EXPECT_EQ(next.state(), QProcess::Running);
-}
-
-// A relative name that is not UTF-8 reaches the window by its bytes, as an absolute one does.
-TEST_F(SingleInstanceLaunch, aRelativeNameThatIsNotUtf8IsTagged) {
-    const QByteArray folder = Names::encode(home.root()) + '/';
-    ::Test::makeAudio(home.root() + u"/beat.wav"_s, u"sine=frequency=220"_s, 3);
-    ASSERT_EQ(::rename(folder + "beat.wav", folder + "beat \xe9.wav"), 0);
-    auto& process = running.emplace_back(std::make_unique<QProcess>());
-    process->setWorkingDirectory(home.root());
-    process->start(u"/bin/sh"_s, {u"-c"_s, u"exec \"$0\" \"$(printf 'beat \\351.wav')\""_s,
-                                  ::Test::binary(u"zelkor"_s)});
-    struct stat info = {};
-    EXPECT_TRUE(::Test::waitUntil(
-        [&] { return ::stat(folder + "beat \xe9 (Tagged).wav", &info) == 0; }, 60'000));
 }
 
 namespace {
 
 // A child process running as `uid` with a local socket at `path`: it serves
-// (accepting and reporting every byte it receives on `report`) or sends `bytes`.
-// Only async-signal-safe calls run in the child.
-pid_t asUser(uid_t uid, gid_t gid, const QString& path, int report, const QByteArray& bytes,
+// (reporting every read on `report`) or sends `bytes`. Only async-signal-safe
+// calls run in the child.
+pid_t asUser(const passwd& user, const QString& path, int report, const QByteArray& bytes,
              bool serve) {
-    const QByteArray name = QFile::encodeName(path);
+    const QByteArray name = Names::encode(path);
     const pid_t pid = fork();
     if (pid != 0)
         return pid;
-    if (setgroups(0, nullptr) != 0 || setgid(gid) != 0 || setuid(uid) != 0)
+    if (setgroups(0, nullptr) != 0 || setgid(user.pw_gid) != 0 || setuid(user.pw_uid) != 0)
         _exit(3);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -106,8 +95,7 @@ pid_t asUser(uid_t uid, gid_t gid, const QString& path, int report, const QByteA
     const int s = socket(AF_UNIX, SOCK_STREAM, 0);
     const auto* at = reinterpret_cast<const sockaddr*>(&address);
     if (!serve) {
-        // A server that hangs up on it at once may make the write fail: only
-        // getting through counts.
+        // A server that hangs up at once may fail the write: only getting through counts.
         signal(SIGPIPE, SIG_IGN);
         if (connect(s, at, sizeof address) != 0)
             _exit(4);
@@ -117,9 +105,8 @@ pid_t asUser(uid_t uid, gid_t gid, const QString& path, int report, const QByteA
     if (bind(s, at, sizeof address) != 0 || listen(s, 8) != 0)
         _exit(5);
     (void)!write(report, "L", 1); // listening
-    for (;;) {
+    for (char buffer[4096];;) {
         const int peer = accept(s, nullptr, nullptr);
-        char buffer[4096];
         while (peer >= 0 && read(peer, buffer, sizeof buffer) > 0)
             (void)!write(report, "B", 1);
         close(peer);
@@ -136,11 +123,11 @@ TEST(SingleInstanceUsers, filesGoOnlyToAndComeOnlyFromTheSameUser) {
     if (getuid() != 0 || !nobody)
         GTEST_SKIP() << "a process of another user needs root and the user nobody";
     QTemporaryDir shared; // a folder anyone may write to, as /tmp is
-    ASSERT_EQ(chmod(QFile::encodeName(shared.path()).constData(), 01777), 0);
+    ASSERT_EQ(chmod(Names::encode(shared.path()).constData(), 01777), 0);
     const QString path = shared.path() + u"/zelkor-0"_s;
     int report[2];
     ASSERT_EQ(pipe2(report, O_CLOEXEC), 0);
-    const pid_t stranger = asUser(nobody->pw_uid, nobody->pw_gid, path, report[1], {}, true);
+    const pid_t stranger = asUser(*nobody, path, report[1], {}, true);
     const auto end = qScopeGuard([&] {
         kill(stranger, SIGKILL);
         waitpid(stranger, nullptr, 0);
@@ -161,13 +148,13 @@ TEST(SingleInstanceUsers, filesGoOnlyToAndComeOnlyFromTheSameUser) {
 
     // Even reachable, it takes nothing from another user; a later launch of its
     // own still gets through, after the stranger.
-    ASSERT_EQ(chmod(QFile::encodeName(path).constData(), 0777), 0);
+    ASSERT_EQ(chmod(Names::encode(path).constData(), 0777), 0);
     QByteArray bytes;
     QDataStream out(&bytes, QIODevice::WriteOnly);
     out.setVersion(QDataStream::Qt_6_4);
     out << QStringList{u"/beats/theirs.wav"_s};
     int status = -1;
-    waitpid(asUser(nobody->pw_uid, nobody->pw_gid, path, report[1], bytes, false), &status, 0);
+    waitpid(asUser(*nobody, path, report[1], bytes, false), &status, 0);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the stranger could not connect";
     EXPECT_EQ(SingleInstance(path).claim({u"/beats/next.wav"_s}, {}),
               SingleInstance::Outcome::handedOver);
@@ -178,11 +165,11 @@ TEST(SingleInstanceUsers, filesGoOnlyToAndComeOnlyFromTheSameUser) {
 TEST(SingleInstancePath, withoutARuntimeFolderTheSocketSitsInAFolderOnlyTheUserCanReach) {
     ::Test::FreshHome home;
     QTemporaryDir temporary;
-    ASSERT_EQ(chmod(QFile::encodeName(temporary.path()).constData(), 01777), 0);
+    const QString folder = temporary.path() + u"/zelkor-"_s + QString::number(getuid());
+    const QByteArray name = Names::encode(folder);
+    ASSERT_EQ(chmod(Names::encode(temporary.path()).constData(), 01777), 0);
     home.setEnv("TMPDIR", temporary.path());
     home.setEnv("XDG_RUNTIME_DIR", std::nullopt);
-    const QString folder = temporary.path() + u"/zelkor-"_s + QString::number(getuid());
-    const QByteArray name = QFile::encodeName(folder);
     EXPECT_EQ(SingleInstance::defaultPath(), folder + u"/socket"_s);
     chmod(name.constData(), 0777); // opened up since: made private again
     EXPECT_EQ(SingleInstance::defaultPath(), folder + u"/socket"_s);

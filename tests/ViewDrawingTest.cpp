@@ -6,8 +6,6 @@
 #include "view/Drawing.h"
 #include "view/HUDLayout.h"
 
-#include <gtest/gtest.h>
-
 using namespace Qt::StringLiterals;
 using namespace Style;
 using Drawing::withAlpha;
@@ -34,10 +32,6 @@ QRect lit(const QImage& image, const QRect& box, int threshold = 40) {
     });
 }
 
-bool hasColour(const QImage& image, const QRect& box, const QColor& colour) {
-    return extent(image, box, [&](QColor c) { return near(c, colour, 12); }).isValid();
-}
-
 // Where a text may leave ink: its advance and a little more, around its line.
 QRect box(const Text& text) {
     const double half = text.style.size * 0.6;
@@ -47,12 +41,13 @@ QRect box(const Text& text) {
 // A text of capitals drawn where the layout put it: its ink from its start to
 // its end, give or take a side bearing, and its capitals' middle on its line.
 void expectDrawn(const QImage& image, const Text& text, int threshold = 40) {
+    SCOPED_TRACE(text.string.toStdString());
     const QRect ink = lit(image, box(text), threshold);
-    ASSERT_TRUE(ink.isValid()) << text.string.toStdString();
+    ASSERT_TRUE(ink.isValid());
     const double bearing = std::max(3.0, text.style.size / 8);
-    EXPECT_NEAR(ink.left(), text.x, bearing) << text.string.toStdString();
-    EXPECT_NEAR(ink.right() + 1, text.right(), bearing) << text.string.toStdString();
-    EXPECT_NEAR(QRectF(ink).center().y(), text.line, 1.0) << text.string.toStdString();
+    EXPECT_NEAR(ink.left(), text.x, bearing);
+    EXPECT_NEAR(ink.right() + 1, text.right(), bearing);
+    EXPECT_NEAR(QRectF(ink).center().y(), text.line, 1.0);
 }
 
 class ViewDrawing : public ::Test::ViewFixture {
@@ -62,36 +57,51 @@ protected:
         if (set)
             set(state);
         view().setState(std::move(state));
-        return view().snapshot(1);
+        return image = view().snapshot(1);
     }
+    // Whether the last image shows `colour` at `at`.
+    bool is(QPointF at, QColor colour, int tolerance = 3) {
+        return near(image.pixelColor(static_cast<int>(at.x()), static_cast<int>(at.y())), colour,
+                    tolerance);
+    }
+    QImage image;
 };
 
 } // namespace
 
 // A few decisive pixels per state: without a tag, then with one and no images.
-TEST_F(ViewDrawing, eachStateShowsItsDecisivePixels) {
-    QImage image = render();
-    const auto is = [&image](QPointF at, QColor colour, int tolerance = 3) {
-        return near(image.pixelColor(static_cast<int>(at.x()), static_cast<int>(at.y())), colour,
-                    tolerance);
-    };
+// The regions are the layout's rectangles, in drawing order; the chosen
+// segments are white inside, the others black.
+TEST_F(ViewDrawing, eachStateShowsItsDecisivePixelsAndLeavesItsRegions) {
+    render();
     const HUDLayout::TagRow* t = &view().layout().tagRow;
-    const HUDLayout::Zone* z = &view().layout().zone;
     EXPECT_TRUE(is(t->statusSquare.center(), over(lineStrong, black))); // grey
     // The shipped logo, drawn where the layout put it.
     EXPECT_TRUE(
         lit(image, view().layout().header.logo.value_or(QRectF()).toAlignedRect()).isValid());
     EXPECT_TRUE(lit(image, box(t->text)).isValid());
-    EXPECT_FALSE(lit(image, box(t->text), 200).isValid()); // dim, never white
-    image = render([](auto& s) { s.hoverTag = true; });
-    expectDrawn(image, t->hoverText, 200); // in white
+    EXPECT_FALSE(lit(image, box(t->text), 200).isValid());                      // dim, never white
+    expectDrawn(render([](auto& s) { s.hoverTag = true; }), t->hoverText, 200); // in white
 
     clip(u"my tag.mp3"_s);
+    settings.setIntervalIndex(2);
+    settings.setLevelIndex(2);
     home.setEnv("ZELKOR_RESOURCES", home.root()); // no logo, no plate
     close();
-    image = render();
+    render();
+    const HUDLayout::Layout& layout = view().layout();
+    std::vector<QRectF> rects{layout.tagRow.field, layout.tagRow.addTag.rects.at(0)};
+    for (const HUDLayout::Segments* control : {&layout.controls.intervals, &layout.controls.levels})
+        rects.insert(rects.end(), control->rects.begin(), control->rects.end());
+    ASSERT_EQ(view().hits().size(), 9u);
+    for (std::size_t i = 0; i < rects.size(); ++i) {
+        EXPECT_EQ(view().hits()[i].rect, rects[i]) << i;
+        const bool chosen = i == 4 || i == 8; // 45S and HIGH; the field and "+" are no segments
+        const QColor inside = image.pixelColor((rects[i].topLeft() + QPointF(3, 3)).toPoint());
+        EXPECT_TRUE(i < 2 || (chosen ? near(inside, white) : near(inside, black, 0))) << i;
+    }
     t = &view().layout().tagRow;
-    z = &view().layout().zone;
+    const HUDLayout::Zone* z = &view().layout().zone;
     const HUDLayout::Header& h = view().layout().header;
     EXPECT_FALSE(h.logo);
     expectDrawn(image, h.title, 120);
@@ -106,20 +116,16 @@ TEST_F(ViewDrawing, eachStateShowsItsDecisivePixels) {
     expectDrawn(image, z->headline, 120);
     expectDrawn(image, z->saves);
 
-    image = render([](auto& s) { s.hoverZone = true; }); // the zone lit, the tag field not
-    EXPECT_TRUE(is(dot + QPointF(8, 8), over(purpleSoft, black)));
-    EXPECT_TRUE(is({t->field.left(), t->field.center().y()}, over(lineStrong, black)));
-    expectDrawn(image, z->hoverHeadline, 120);
-
-    image = render([](auto& s) { s.hoverTag = true; }); // the tag field lit, the zone not
-    EXPECT_TRUE(is({t->field.left(), t->field.center().y()}, purple));
+    const QPointF edge(t->field.left(), t->field.center().y());
+    expectDrawn(render([](auto& s) { s.hoverZone = true; }), z->hoverHeadline, 120);
+    EXPECT_TRUE(is(dot + QPointF(8, 8), over(purpleSoft, black))); // the zone lit, the field not
+    EXPECT_TRUE(is(edge, over(lineStrong, black)));
+    render([](auto& s) { s.hoverTag = true; }); // the tag field lit, the zone not
+    EXPECT_TRUE(is(edge, purple));
     EXPECT_TRUE(is(dot + QPointF(8, 8), black, 0)); // between the dots
 
     // The bar: 3 of 12 lights 7 of 30 cells in purple, the rest in the line's grey.
-    image = render([](auto& s) {
-        s.busy = true;
-        s.progress = {3, 12};
-    });
+    render([](auto& s) { s.busy = true, s.progress = {3, 12}; });
     int purpleCells = 0;
     for (const QRectF& cell : z->cells)
         purpleCells += is(cell.center(), purple)              ? 1
@@ -134,9 +140,16 @@ TEST_F(ViewDrawing, eachStateShowsItsDecisivePixels) {
     EXPECT_NEAR(QRectF(lit(image, firstDigit)).center().y(), z->counterLine, 1.0);
 }
 
-TEST_F(ViewDrawing, logShowsTheLastFourWithALongNameShortened) {
+TEST_F(ViewDrawing, logWaitsWithABlinkingCursorThenShowsTheLastFourWithALongNameShortened) {
+    const QRect line = box(view().layout().log.waitingWithCursor);
+    const QRect withCursor = lit(render(), line);
+    ASSERT_TRUE(::Test::waitUntil([&] { return !view().state().blink; }, 2000));
+    const QRect without = lit(view().snapshot(1), line);
+    EXPECT_GT(withCursor.right(), without.right() + 4);
+    EXPECT_NEAR(without.left(), view().layout().log.left, 2);
+
     const QString ok = u"12 TAGS  OK"_s, unread = u"CAN'T READ FILE"_s;
-    const QImage image = render([&](auto& s) {
+    render([&](auto& s) {
         s.log = {{u"one.wav"_s, ok, purple},
                  {u"two.wav"_s, ok, purple},
                  {u"AN EXTREMELY LONG BEAT NAME THAT GOES ON AND ON UNTIL IT CANNOT FIT.wav"_s,
@@ -153,8 +166,10 @@ TEST_F(ViewDrawing, logShowsTheLastFourWithALongNameShortened) {
     for (int index = 0; index < 4; ++index) {
         const QRect status = row(index, l.right - 284);
         const bool failed = index % 2 == 0; // entries 3 to 6: red, purple, red, purple
-        EXPECT_TRUE(hasColour(image, status, failed ? errColor : purple)) << index;
-        EXPECT_FALSE(hasColour(image, status, failed ? purple : errColor)) << index;
+        const auto has = [&](QColor colour) {
+            return extent(image, status, [&](QColor c) { return near(c, colour, 12); }).isValid();
+        };
+        EXPECT_TRUE(has(failed ? errColor : purple) && !has(failed ? purple : errColor)) << index;
         EXPECT_LE(lit(image, status.adjusted(0, 0, 8, 0)).right(), l.right);
     }
     EXPECT_FALSE(lit(image, row(4, 0).adjusted(0, 0, 16, 0)).isValid()); // no fifth line
@@ -168,35 +183,6 @@ TEST_F(ViewDrawing, logShowsTheLastFourWithALongNameShortened) {
     });
     EXPECT_LE(text.right(), status.left() - 16 + 1);
     EXPECT_GT(text.right(), status.left() - 16 - 24);
-}
-
-TEST_F(ViewDrawing, emptyLogWaitsWithABlinkingCursor) {
-    const QRect line = box(view().layout().log.waitingWithCursor);
-    const QRect withCursor = lit(render(), line);
-    ASSERT_TRUE(::Test::waitUntil([&] { return !view().state().blink; }, 2000));
-    const QRect without = lit(view().snapshot(1), line);
-    EXPECT_GT(withCursor.right(), without.right() + 4);
-    EXPECT_NEAR(without.left(), view().layout().log.left, 2);
-}
-
-// The regions are the layout's rectangles, in drawing order; the chosen
-// segments are white inside, the others black.
-TEST_F(ViewDrawing, hitsFollowTheDrawingOrderAndTheChosenSegmentsAreWhite) {
-    clip(u"voice.wav"_s);
-    settings.setIntervalIndex(2);
-    settings.setLevelIndex(2);
-    const QImage image = render();
-    const HUDLayout::Layout& layout = view().layout();
-    std::vector<QRectF> rects{layout.tagRow.field, layout.tagRow.addTag.rects.at(0)};
-    for (const HUDLayout::Segments* control : {&layout.controls.intervals, &layout.controls.levels})
-        rects.insert(rects.end(), control->rects.begin(), control->rects.end());
-    ASSERT_EQ(view().hits().size(), 9u);
-    for (std::size_t i = 0; i < rects.size(); ++i) {
-        EXPECT_EQ(view().hits()[i].rect, rects[i]) << i;
-        const QColor inside = image.pixelColor((rects[i].topLeft() + QPointF(3, 3)).toPoint());
-        const bool chosen = i == 4 || i == 8; // 45S and HIGH; the field and "+" are no segments
-        EXPECT_TRUE(i < 2 || (chosen ? near(inside, white) : near(inside, black, 0))) << i;
-    }
 }
 
 TEST(ViewText, widthLeavesOutTheLastKern) {

@@ -1,5 +1,5 @@
-// What the window's tests share: one offscreen application per test process in
-// private folders, recording stand-ins for the desktop services, and pixels.
+// What the window's tests share: one offscreen application per process in private
+// folders, recording stand-ins for the desktop services, and pixels.
 #pragma once
 
 #include "app/WindowController.h"
@@ -20,17 +20,13 @@
 #include <QFileInfo>
 #include <QMouseEvent>
 #include <QTimer>
-#include <cmath>
 #include <functional>
 #include <gtest/gtest.h>
 #include <memory>
-#include <ostream>
-#include <vector>
 
 namespace Test {
 
-// Before the application exists, every folder it may write to points into a
-// home of this process's own, and it draws offscreen.
+// Before the application exists, every folder it may write to is this process's own.
 inline QApplication& guiApplication() {
     static FreshHome home;
     static QApplication* app = [] {
@@ -43,21 +39,18 @@ inline QApplication& guiApplication() {
     return *app;
 }
 
-class RecordingSounds final : public Sounds {
-public:
+struct RecordingSounds final : Sounds {
     void play(const QString& name) override { played << name; }
     QStringList played;
 };
 
-class RecordingFileViewer final : public FileViewer {
-public:
+struct RecordingFileViewer final : FileViewer {
     void show(const QStringList& paths) override { shown.push_back(paths); }
     std::vector<QStringList> shown;
 };
 
 // Records every menu and where it shows, and chooses the item titled `choose`.
-class ScriptedMenus final : public Menus {
-public:
+struct ScriptedMenus final : Menus {
     std::optional<int> popUp(const std::vector<MenuItem>& items, QWidget&, QPointF at) override {
         shown.push_back(items);
         where.push_back(at);
@@ -72,8 +65,7 @@ public:
 };
 
 // Counts the panels it opens and answers with what the test set.
-class ScriptedPanels final : public OpenPanels {
-public:
+struct ScriptedPanels final : OpenPanels {
     std::optional<QString> chooseTag(QWidget&, const QString&) override {
         ++tagPanels;
         return tag;
@@ -84,8 +76,7 @@ public:
     }
     std::optional<QString> tag;
     std::optional<QStringList> tracks;
-    int tagPanels = 0;
-    int trackPanels = 0;
+    int tagPanels = 0, trackPanels = 0;
 };
 
 // A press of the primary button at `at`, delivered like a real one.
@@ -95,9 +86,8 @@ inline void click(QWidget& widget, QPointF at) {
     QCoreApplication::sendEvent(&widget, &press);
 }
 
-// How many drawing passes a shown widget makes for `work`, counting the ones it
-// asks for afterwards. Its own timers are stopped, so nothing else asks for one.
-// A widget's pending update is a posted event: delivering them all paints it.
+// How many drawing passes a shown widget makes for `work`, its own timers stopped.
+// A pending update is a posted event: delivering them all paints it.
 inline int repaints(QWidget& widget, const std::function<void()>& work) {
     struct Counter : QObject {
         int passes = 0;
@@ -131,14 +121,13 @@ inline QColor over(const QColor& top, const QColor& below) {
 
 // Whether every channel is within `tolerance` of the expected colour.
 inline bool near(const QColor& seen, const QColor& expected, int tolerance = 3) {
-    return std::abs(seen.red() - expected.red()) <= tolerance &&
-           std::abs(seen.green() - expected.green()) <= tolerance &&
-           std::abs(seen.blue() - expected.blue()) <= tolerance;
+    const auto d = [](int a, int b) { return std::abs(a - b); };
+    return std::max({d(seen.red(), expected.red()), d(seen.green(), expected.green()),
+                     d(seen.blue(), expected.blue())}) <= tolerance;
 }
 
-// A view and its controller over recording services in a fresh home. The
-// controller reads the selected tag when made, so both are made on first use:
-// after the test has added its tags.
+// A view and its controller over recording services in a fresh home, made on
+// first use: after the test has added its tags, which the controller reads.
 class ViewFixture : public testing::Test {
 protected:
     static void SetUpTestSuite() { guiApplication(); }
@@ -152,10 +141,7 @@ protected:
         }
         return *m_view;
     }
-    WindowController& controller() {
-        view();
-        return *m_controller;
-    }
+    WindowController& controller() { return view(), *m_controller; }
     // The window gone: a running batch stopped and joined.
     void close() {
         m_controller.reset();
