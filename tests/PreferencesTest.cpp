@@ -12,10 +12,7 @@
 #include <QDir>
 #include <QJsonDocument>
 #include <QRegularExpression>
-#include <cerrno>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
@@ -25,22 +22,9 @@ QJsonObject onDisk(const QString& path) {
     return QJsonDocument::fromJson(::Test::readAll(path)).object();
 }
 
-// Fills a file system to its last byte.
-void fill(const QString& disk) {
-    const int fd = ::open(QFile::encodeName(disk + u"/filler"_s).constData(),
-                          O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    ASSERT_GE(fd, 0);
-    const QByteArray chunk(64 * 1024, 'x');
-    for (qsizetype size = chunk.size(); size > 0; size /= 2)
-        while (::write(fd, chunk.constData(), static_cast<std::size_t>(size)) > 0) {
-        }
-    EXPECT_EQ(errno, ENOSPC);
-    ::close(fd);
-}
-
 } // namespace
 
-TEST(Preferences, valuesKeepTheirTypesInOneJsonObjectAndAFileChangedBehindTheStoreIsReadAgain) {
+TEST(Preferences, valuesKeepTheirTypesAndAFileChangedOrBrokenBehindTheStoreIsReadAgain) {
     ::Test::FreshHome home;
     PreferencesFile preferences(home.preferencesPath());
     const QJsonObject frame{{u"x"_s, 10}, {u"y"_s, 20}};
@@ -63,12 +47,8 @@ TEST(Preferences, valuesKeepTheirTypesInOneJsonObjectAndAFileChangedBehindTheSto
     preferences.setBoolean(u"seeded"_s, true);
     EXPECT_EQ(onDisk(home.preferencesPath()),
               (QJsonObject{{u"level"_s, 2}, {u"tag"_s, u"b.wav"_s}, {u"seeded"_s, true}}));
-}
 
-TEST(Preferences, anUnparsableFileReadsAsEmptyAndIsKeptBesideTheFileThatReplacesIt) {
-    ::Test::FreshHome home;
-    QDir().mkpath(QFileInfo(home.preferencesPath()).path());
-    PreferencesFile preferences(home.preferencesPath());
+    // An unparsable file reads as empty and is kept beside the file that replaces it.
     for (const QByteArray& broken : {QByteArray(R"({"interval": 2,)"), QByteArray("[2, 1]")}) {
         ::Test::writeFile(home.preferencesPath(), broken);
         EXPECT_TRUE(preferences.values().isEmpty()) << broken.constData();
@@ -156,7 +136,7 @@ TEST(Preferences, onAFullDiskTheLibraryCommandsFailWithTheReasonAndLeaveWhatWasT
         return all;
     };
     const QByteArray before = contents();
-    fill(disk);
+    ::Test::runProgram(u"/bin/sh"_s, {u"-c"_s, u"cat /dev/zero > \"$0/filler\""_s, disk});
 
     const auto select = zelkorTag({u"--select-tag"_s, u"a.wav"_s});
     EXPECT_EQ(select.status, 1);
