@@ -153,6 +153,8 @@ TEST(EnginePlacement, onlyCopiesThatCannotOverlapShareOneLoopedBranch) {
         EXPECT_EQ(Engine::graphShape({0, times, length, 0.97, format}), shape)
             << length << " " << rate << " " << layout.toStdString();
     }
+    EXPECT_TRUE(Engine::filterGraph({0, apart, 2, 0.97, std::nullopt})
+                    .contains(u"[s2]adelay=60500:all=1"_s));
     for (const auto& [layout, channels] : {std::pair{u"5.1(side)"_s, 6}, {u"3c"_s, 3}})
         EXPECT_EQ(Engine::channelCount(layout), channels) << layout.toStdString();
 }
@@ -160,13 +162,15 @@ TEST(EnginePlacement, onlyCopiesThatCannotOverlapShareOneLoopedBranch) {
 // The ceiling follows the master's peak, read to 0.1 dB and so raised by half a step
 // and rounded up in its last written digit, within 0.97 and 1. With nothing of the track
 // at the ceiling, only the stretches around the copies pass a limiter (their samples
-// are EngineRender's), up to 40 stretches.
+// are EngineRender's): 10 ms before each to 100 ms after, joined when they meet, up to
+// 40 stretches. Without a known rate copies are placed in whole milliseconds.
 TEST(EnginePlacement, theCeilingFollowsTheMasterAndTheLimiterRunsAroundTheTags) {
     for (const auto& [peak, ceiling] :
          {std::pair{std::optional<double>(), 0.97}, {-0.4, 0.97}, {-0.3, 0.971628}, {0.0, 1.0}})
         EXPECT_DOUBLE_EQ(Engine::ceiling(peak), ceiling) << peak.value_or(NAN);
     const QString limiter = u"alimiter=limit=0.97:level=0:attack=2:release=40:latency=1"_s;
-    Engine::Mix mix{0, {}, 1, 0.97, Engine::AudioFormat{1000, u"mono"_s}, true};
+    Engine::Mix mix{0, {0.0, 0.5, 30.5}, 1, 0.97, Engine::AudioFormat{1000, u"mono"_s}, true};
+    EXPECT_TRUE(Engine::filterGraph(mix).contains(u"asegment=samples=1600|30490|31600[g0]"_s));
     mix.times = Engine::positions(1000, 20, 1);
     ASSERT_EQ(mix.times.size(), 50u); // beyond 40 stretches the whole track is cheaper
     EXPECT_TRUE(Engine::filterGraph(mix).endsWith(u"0,"_s + limiter + u"[out]"_s));

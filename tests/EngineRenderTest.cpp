@@ -223,6 +223,10 @@ TEST_F(EngineRender, oddAndLatin1NamesWorkEndToEnd) {
     QDir().mkpath(folder);
     const QByteArray latin = Names::encode(folder) + "/-Beat \"1\" [it's]; a:b caf\xe9";
     ::Test::makeAudio(path(u"beat.wav"_s), kBeat, 12);
+    // A name quoting a duration would otherwise leave one placement at 0.
+    const QString forged = path(u"beat\n  Duration: 00:00:01.00.wav"_s);
+    QFile::copy(path(u"beat.wav"_s), forged);
+    EXPECT_DOUBLE_EQ(Engine::analyze(forged).duration, 12);
     ASSERT_EQ(::rename(Names::encode(path(u"beat.wav"_s)).constData(), latin + ".wav"), 0);
     ::Test::makeAudio(folder + u"/-Beat \"1\" [it's]; a:b caf\uFFFD.wav"_s, kBeat, 3);
     ::Test::makeAudio(clip, u"sine=frequency=880"_s, 0.5, 22050, 1);
