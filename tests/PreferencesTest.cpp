@@ -24,7 +24,7 @@ QJsonObject onDisk(const QString& path) {
 
 } // namespace
 
-TEST(Preferences, valuesKeepTheirTypesAndAFileChangedOrBrokenBehindTheStoreIsReadAgain) {
+TEST(Preferences, valuesKeepTheirTypesAndSettingsReadAFileChangedOrBrokenBehindTheStore) {
     ::Test::FreshHome home;
     PreferencesFile preferences(home.preferencesPath());
     const QJsonObject frame{{u"x"_s, 10}, {u"y"_s, 20}};
@@ -56,6 +56,26 @@ TEST(Preferences, valuesKeepTheirTypesAndAFileChangedOrBrokenBehindTheStoreIsRea
         EXPECT_EQ(::Test::readAll(home.preferencesPath() + u".corrupt"_s), broken);
         EXPECT_EQ(onDisk(home.preferencesPath()), (QJsonObject{{u"level"_s, 2}}));
     }
+
+    // Settings are kept in the file and read as the default when fresh or out of the table.
+    Settings settings(preferences);
+    settings.setLevelIndex(2);
+    settings.setIntervalIndex(3);
+    PreferencesFile another(home.preferencesPath()); // as another process reads them
+    EXPECT_EQ(Settings(another).interval(), 60);
+    EXPECT_EQ(Settings(another).levelDB(), -1);
+
+    // Thirty seconds at MID, also for a stored value that is not an index of its table.
+    QFile::remove(home.preferencesPath());
+    EXPECT_EQ(settings.interval(), 30);
+    EXPECT_EQ(settings.levelDB(), -5);
+    for (const char* stored : {"\"abc\"", "-1", "4", "2.5", "9e99"}) {
+        ::Test::writeFile(home.preferencesPath(), QByteArray(R"({"interval": )") + stored +
+                                                      R"(, "level": )" + stored + "}");
+        PreferencesFile edited(home.preferencesPath());
+        EXPECT_EQ(Settings(edited).intervalIndex(), 1) << stored;
+        EXPECT_EQ(Settings(edited).levelIndex(), 1) << stored;
+    }
 }
 
 // A restore reads the place from the entry: the path's bytes, escaped as in a URL.
@@ -86,29 +106,6 @@ TEST(Trash, eachEntryDecodesToTheExactPathAndOnlyAFileThatIsThereGoes) {
 
     EXPECT_EQ(trash.moveToTrash(tags + u"/gone.wav"_s), std::nullopt);
     EXPECT_EQ(Files::names(folder + u"/info"_s).size(), 5);
-}
-
-TEST(Settings, choicesAreKeptInTheFileAndReadAsTheDefaultWhenFreshOrOutOfTheTable) {
-    ::Test::FreshHome home;
-    PreferencesFile preferences(home.preferencesPath());
-    Settings settings(preferences);
-    settings.setLevelIndex(2);
-    settings.setIntervalIndex(3);
-    PreferencesFile another(home.preferencesPath()); // as another process reads them
-    EXPECT_EQ(Settings(another).interval(), 60);
-    EXPECT_EQ(Settings(another).levelDB(), -1);
-
-    // Thirty seconds at MID, also for a stored value that is not an index of its table.
-    QFile::remove(home.preferencesPath());
-    EXPECT_EQ(settings.interval(), 30);
-    EXPECT_EQ(settings.levelDB(), -5);
-    for (const char* stored : {"\"abc\"", "-1", "4", "2.5", "9e99"}) {
-        ::Test::writeFile(home.preferencesPath(), QByteArray(R"({"interval": )") + stored +
-                                                      R"(, "level": )" + stored + "}");
-        PreferencesFile edited(home.preferencesPath());
-        EXPECT_EQ(Settings(edited).intervalIndex(), 1) << stored;
-        EXPECT_EQ(Settings(edited).levelIndex(), 1) << stored;
-    }
 }
 
 // What was there before stays whole: no "TAG SELECTED" or "TAG ADDED" for a
