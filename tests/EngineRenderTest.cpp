@@ -6,9 +6,7 @@
 
 #include <QDir>
 #include <QFile>
-#include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <gtest/gtest.h>
 
 using namespace Qt::StringLiterals;
@@ -31,75 +29,49 @@ QString describe(const QString& path) {
     return ::Test::runProgram(::Test::systemFFmpeg(), {u"-hide_banner"_s, u"-i"_s, path}).err;
 }
 
-// The largest difference of two decodings over both channels, from `from` to `to` seconds.
-double difference(const std::vector<double>& a, const std::vector<double>& b, double from,
-                  double to) {
-    double largest = 0;
-    for (auto i = std::size_t(from * kRate) * 2;
-         i < std::min(a.size(), std::size_t(to * kRate) * 2); ++i)
-        largest = std::max(largest, std::abs(a[i] - b.at(i)));
-    return largest;
-}
-
 using EngineRender = ::Test::TempFolder;
 
 } // namespace
 
-// A broadcast WAV keeps its INFO tags and its bext chunk's time reference; the clip
-// alone, the difference of the two, sits the chosen 9 LU under the track.
-TEST_F(EngineRender, aWavTrackKeepsItsFormatTagsAndTimeReferenceAndHearsTheClipAtItsLevel) {
-    const QString plain = path(u"plain.wav"_s), track = path(u"beat.wav"_s),
-                  clip = path(u"speech.wav"_s);
+// A broadcast WAV keeps its INFO tags and its bext chunk's time reference; an ID3v2.4
+// MP3 with a PNG cover, its extension in capitals, the same picture bytes and title in
+// an ID3v2.3 tag. The last copy runs past the end; the clip alone, the difference of
+// the WAV's output and its track, sits the chosen 9 LU under the track.
+TEST_F(EngineRender, eachKindOfTrackKeepsItsTagsAndHearsTheClipAtItsLevel) {
+    const QString plain = path(u"plain.wav"_s), wav = path(u"beat.wav"_s),
+                  mp3 = path(u"beat.MP3"_s), cover = path(u"cover.png"_s),
+                  clip = path(u"speech.wav"_s), title = u"title=Zelkör ビート 🎧"_s;
     ::Test::makeAudio(plain, kBeat, 19.5);
-    ::Test::ffmpeg({u"-i"_s, plain, u"-metadata"_s, u"title=Zelkör ビート 🎧"_s, u"-metadata"_s,
-                    u"artist=Prod"_s, u"-metadata"_s, u"time_reference=123456789"_s,
-                    u"-write_bext"_s, u"1"_s, u"-c:a"_s, u"pcm_s16le"_s, track});
+    ::Test::ffmpeg(u"-f lavfi -i testsrc=size=64x48 -frames:v 1"_s.split(u' ') << cover);
+    ::Test::ffmpeg({u"-i"_s, plain, u"-metadata"_s, title, u"-metadata"_s, u"artist=Prod"_s,
+                    u"-metadata"_s, u"time_reference=123456789"_s, u"-write_bext"_s, u"1"_s,
+                    u"-c:a"_s, u"pcm_s16le"_s, wav});
+    ::Test::ffmpeg({u"-i"_s, plain, u"-i"_s, cover, u"-map"_s, u"0"_s, u"-map"_s, u"1"_s, u"-c:v"_s,
+                    u"copy"_s, u"-disposition:v"_s, u"attached_pic"_s, u"-id3v2_version"_s, u"4"_s,
+                    u"-metadata"_s, title, mp3});
     makeSpeech(clip);
-    const QByteArray before = ::Test::readAll(track);
+    const QByteArray before = ::Test::readAll(wav);
 
-    const Engine::Result result = Engine::process(track, clip, 6, -9);
+    const Engine::Result result = Engine::process(wav, clip, 6, -9);
     ASSERT_EQ(result.placements, 4);
-    EXPECT_TRUE(::Test::readAll(track) == before); // the original untouched
+    EXPECT_TRUE(::Test::readAll(wav) == before); // the original untouched
     const QString described = describe(result.output);
     for (const QString& expected : {u"Duration: 00:00:19.50"_s,
                                     u"Audio: pcm_s24le ([1][0][0][0] / 0x0001), 44100 Hz, stereo"_s,
                                     u"title           : Zelkör ビート 🎧"_s,
                                     u"artist          : Prod"_s, u"time_reference  : 123456789"_s})
         EXPECT_TRUE(described.contains(expected)) << described.toStdString();
-    ::Test::ffmpeg({u"-i"_s, result.output, u"-i"_s, track, u"-filter_complex"_s,
+    ::Test::ffmpeg({u"-i"_s, result.output, u"-i"_s, wav, u"-filter_complex"_s,
                     u"[1:a]volume=-1[n];[0:a][n]amix=normalize=0"_s, path(u"clip.wav"_s)});
-    EXPECT_NEAR(Engine::analyze(path(u"clip.wav"_s)).lufs, Engine::analyze(track).lufs - 9, 1.5);
-}
+    EXPECT_NEAR(Engine::analyze(path(u"clip.wav"_s)).lufs, Engine::analyze(wav).lufs - 9, 1.5);
 
-// An ID3v2.4 track with a Unicode title and a PNG cover, its extension in capitals:
-// the same picture bytes and title in the output's ID3v2.3 tag, and as long as the track.
-TEST_F(EngineRender, anMp3TrackKeepsItsPictureTitleAndLength) {
-    const QString plain = path(u"plain.wav"_s), cover = path(u"cover.png"_s),
-                  track = path(u"beat.MP3"_s), clip = path(u"stereo.wav"_s);
-    ::Test::makeAudio(plain, kBeat, 16.2); // the last copy runs past the end
-    ::Test::ffmpeg(u"-f lavfi -i testsrc=size=64x48 -frames:v 1"_s.split(u' ') << cover);
-    ::Test::ffmpeg({u"-i"_s, plain, u"-i"_s, cover, u"-map"_s, u"0"_s, u"-map"_s, u"1"_s, u"-c:v"_s,
-                    u"copy"_s, u"-disposition:v"_s, u"attached_pic"_s, u"-id3v2_version"_s, u"4"_s,
-                    u"-metadata"_s, u"title=Zelkör ビート 🎧"_s, track});
-    ::Test::makeAudio(clip, u"sine=frequency=1000"_s, 1, 48000, 2);
-
-    const Engine::Result result = Engine::process(track, clip, 5, -9);
-    ASSERT_EQ(result.placements, 4);
-    EXPECT_EQ(result.output, path(u"beat (Tagged).mp3"_s));
-    EXPECT_TRUE(describe(result.output).contains(u"title           : Zelkör ビート 🎧"_s));
-    EXPECT_EQ(Engine::analyze(result.output).duration, Engine::analyze(track).duration);
-    const QString picture = path(u"picture.png"_s);
-    ::Test::ffmpeg({u"-i"_s, result.output, u"-map"_s, u"0:v"_s, u"-c"_s, u"copy"_s, u"-f"_s,
-                    u"image2"_s, picture});
-    EXPECT_EQ(::Test::readAll(picture), ::Test::readAll(cover));
-
-    // Outside the placements only the noise of a second encoding differs.
-    const auto a = ::Test::samples(result.output, kRate, 2), b = ::Test::samples(track, kRate, 2);
-    double outside = difference(a, b, 0, 0.5);
-    for (double t : {0.5, 5.5, 10.5, 15.5})
-        outside = std::max(outside, difference(a, b, t + 1.1, t + 5));
-    for (double t : {0.5, 5.5, 10.5, 15.5})
-        EXPECT_GT(difference(a, b, t, t + 1), 5 * outside) << t;
+    const Engine::Result encoded = Engine::process(mp3, clip, 6, -9);
+    EXPECT_EQ(encoded.output, path(u"beat (Tagged).mp3"_s));
+    EXPECT_TRUE(describe(encoded.output).contains(u"title           : Zelkör ビート 🎧"_s));
+    EXPECT_EQ(Engine::analyze(encoded.output).duration, Engine::analyze(mp3).duration);
+    ::Test::ffmpeg({u"-i"_s, encoded.output, u"-map"_s, u"0:v"_s, u"-c"_s, u"copy"_s, u"-f"_s,
+                    u"image2"_s, path(u"picture.png"_s)});
+    EXPECT_EQ(::Test::readAll(path(u"picture.png"_s)), ::Test::readAll(cover));
 }
 
 // Masters peaking at -0.1 dBFS and brickwalled at 0 dBFS pass bit-exact outside the
@@ -244,63 +216,32 @@ TEST(EngineSameness, theLoopedBedWritesTheSameSamplesAsOneBranchPerCopy) {
     }
 }
 
-TEST_F(EngineRender, unreadableFilesGiveCantReadFileAndNoOutput) {
-    const QString good = path(u"good.wav"_s);
-    ::Test::makeAudio(good, kBeat, 2);
-    const auto failure = [](const QString& track, const QString& clip) {
-        try {
-            Engine::process(track, clip, 30, -5);
-        } catch (const TagError& error) {
-            return error.errorDescription();
-        }
-        return QString();
-    };
-    EXPECT_EQ(failure(path(u"gone.wav"_s), good), u"CAN'T READ FILE"_s);
-    // Clips with nothing to hear: a picture, which has a duration, and a clip with no samples.
-    ::Test::ffmpeg(u"-f lavfi -i testsrc=duration=1 -c:v mpeg4"_s.split(u' ')
-                   << path(u"video.m4a"_s));
-    ::Test::ffmpeg({u"-i"_s, good, u"-af"_s, u"atrim=end_sample=0"_s, path(u"no samples.wav"_s)});
-    for (const char* clip : {"video.m4a", "no samples.wav"})
-        EXPECT_EQ(failure(good, path(QString::fromUtf8(clip))), u"CAN'T READ FILE"_s) << clip;
-    EXPECT_TRUE(QDir(dir.path()).entryList({u"*Tagged*"_s}, QDir::Files | QDir::Hidden).isEmpty());
-}
-
-// A name quoting a duration would otherwise leave one placement at 0.
-TEST_F(EngineRender, oddNamesAndAQuotedDurationWorkEndToEnd) {
-    const QString folder = path(u"-x; [y] 'q'"_s);
+// Names are bytes: a Latin-1 name among ffmpeg's special characters is tagged under
+// its own bytes, and the file named by its UTF-8 misreading (U+FFFD) is another track.
+TEST_F(EngineRender, oddAndLatin1NamesWorkEndToEnd) {
+    const QString folder = path(u"-x; [y] 'q'"_s), clip = path(u"-tag é 🎧.wav"_s);
     QDir().mkpath(folder);
-    const QString track = folder + u"/-Beat \"1\" [it's]; a:b é 🎧.wav"_s;
-    const QString clip = folder + u"/-tag é 🎧.wav"_s;
-    ::Test::makeAudio(track, kBeat, 12);
-    ::Test::makeAudio(clip, u"sine=frequency=880"_s, 0.5, 22050, 1);
-
-    const Engine::Result result = Engine::process(track, clip, 5, -5);
-    EXPECT_EQ(result.output, folder + u"/-Beat \"1\" [it's]; a:b é 🎧 (Tagged).wav"_s);
-    EXPECT_EQ(result.placements, 3);
-
-    const QString forged = folder + u"/beat\n  Duration: 00:00:01.00.wav"_s;
-    QFile::copy(track, forged);
+    const QByteArray latin = Names::encode(folder) + "/-Beat \"1\" [it's]; a:b caf\xe9";
+    ::Test::makeAudio(path(u"beat.wav"_s), kBeat, 12);
+    // A name quoting a duration would otherwise leave one placement at 0.
+    const QString forged = path(u"beat\n  Duration: 00:00:01.00.wav"_s);
+    QFile::copy(path(u"beat.wav"_s), forged);
     EXPECT_DOUBLE_EQ(Engine::analyze(forged).duration, 12);
-
-    // Names are bytes: a Latin-1 name is tagged under its own bytes, and the file
-    // named by its UTF-8 misreading (U+FFFD) is another track.
-    const QByteArray latin = QFile::encodeName(path(u"latin"_s)) + "/caf\xe9";
-    QDir().mkpath(path(u"latin"_s));
-    ASSERT_EQ(::rename(QFile::encodeName(track).constData(), latin + ".wav"), 0);
-    ::Test::makeAudio(path(u"latin/caf\uFFFD.wav"_s), kBeat, 3);
+    ASSERT_EQ(::rename(Names::encode(path(u"beat.wav"_s)).constData(), latin + ".wav"), 0);
+    ::Test::makeAudio(folder + u"/-Beat \"1\" [it's]; a:b caf\uFFFD.wav"_s, kBeat, 3);
+    ::Test::makeAudio(clip, u"sine=frequency=880"_s, 0.5, 22050, 1);
     // Given relative, as on a command line.
-    const QStringList tracks =
-        Engine::collect({QDir::current().relativeFilePath(path(u"latin"_s))});
+    const QStringList tracks = Engine::collect({QDir::current().relativeFilePath(folder)});
     ASSERT_EQ(tracks.size(), 2);
     EXPECT_EQ(Names::encode(Names::absolute(tracks[0])), latin + ".wav");
     const Engine::Result tagged = Engine::process(tracks[0], clip, 5, -5);
     EXPECT_EQ(Names::encode(tagged.output), latin + " (Tagged).wav");
     EXPECT_EQ(tagged.placements, 3);
     EXPECT_EQ(Engine::process(tracks[1], clip, 5, -5).placements, 1);
-    EXPECT_EQ(QDir(path(u"latin"_s)).count(), 4u); // two tracks, two outputs
+    EXPECT_EQ(QDir(folder).count(), 4u); // two tracks, two outputs
 }
 
-TEST_F(EngineRender, aClipIsMeasuredOnceWithoutItsTrailingSilence) {
+TEST_F(EngineRender, aClipIsMeasuredOnceWithoutItsTrailingSilenceOrRefused) {
     const QString speech = path(u"speech.wav"_s), padded = path(u"padded.wav"_s);
     makeSpeech(speech);
     ::Test::ffmpeg({u"-i"_s, speech, u"-af"_s, u"apad=pad_dur=1.5"_s, padded});
@@ -311,6 +252,21 @@ TEST_F(EngineRender, aClipIsMeasuredOnceWithoutItsTrailingSilence) {
     // Cached by path: even a vanished file is not measured again.
     QFile::remove(padded);
     EXPECT_EQ(Engine::info(padded).length, length);
+
+    // Clips with nothing to hear fail and write nothing: a picture, which has a
+    // duration, and a clip with no samples.
+    ::Test::ffmpeg(u"-f lavfi -i testsrc=duration=1 -c:v mpeg4"_s.split(u' ')
+                   << path(u"video.m4a"_s));
+    ::Test::ffmpeg({u"-i"_s, speech, u"-af"_s, u"atrim=end_sample=0"_s, path(u"none.wav"_s)});
+    for (const QString& nothing : {path(u"video.m4a"_s), path(u"none.wav"_s)}) {
+        try {
+            Engine::process(speech, nothing, 30, -5);
+            ADD_FAILURE() << nothing.toStdString();
+        } catch (const TagError& error) {
+            EXPECT_EQ(error.errorDescription(), u"CAN'T READ FILE"_s);
+        }
+    }
+    EXPECT_TRUE(QDir(dir.path()).entryList({u"*Tagged*"_s}, QDir::Files | QDir::Hidden).isEmpty());
 
     // A blip followed by silence still counts half a second; a failure is not cached.
     const QString blip = path(u"blip.wav"_s);

@@ -15,12 +15,12 @@ namespace {
 const QString kLatin1Name = Names::decode("voix\xE9.wav");
 
 TEST(Files, numberedNames) {
-    const std::pair<QString, int> rows[] = {
-        {u"Voice.WAV"_s, 1}, {u"a.b.wav"_s, 10}, {u"notes"_s, 3}, {u".wav"_s, 2}, {u"clip."_s, 2}};
-    const QStringList expected{u"Voice.WAV"_s, u"a.b (10).wav"_s, u"notes (3)"_s, u".wav (2)"_s,
-                               u"clip (2)."_s};
-    for (std::size_t i = 0; i < std::size(rows); ++i)
-        EXPECT_EQ(Files::numberedName(rows[i].first, rows[i].second), expected[qsizetype(i)]);
+    for (const auto& [name, number, numbered] : {std::tuple{u"Voice.WAV"_s, 1, u"Voice.WAV"_s},
+                                                 {u"a.b.wav"_s, 10, u"a.b (10).wav"_s},
+                                                 {u"notes"_s, 3, u"notes (3)"_s},
+                                                 {u".wav"_s, 2, u".wav (2)"_s},
+                                                 {u"clip."_s, 2, u"clip (2)."_s}})
+        EXPECT_EQ(Files::numberedName(name, number), numbered);
     EXPECT_EQ(Files::numberedName(u"b (Tagged)"_s, u"mp3"_s, 2), u"b (Tagged) (2).mp3"_s);
     EXPECT_EQ(Files::numberedName(u"b.x"_s, QString(), 1), u"b.x"_s);
 }

@@ -12,10 +12,7 @@
 #include <QDir>
 #include <QJsonDocument>
 #include <QRegularExpression>
-#include <cerrno>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
@@ -25,22 +22,9 @@ QJsonObject onDisk(const QString& path) {
     return QJsonDocument::fromJson(::Test::readAll(path)).object();
 }
 
-// Fills a file system to its last byte.
-void fill(const QString& disk) {
-    const int fd = ::open(QFile::encodeName(disk + u"/filler"_s).constData(),
-                          O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    ASSERT_GE(fd, 0);
-    const QByteArray chunk(64 * 1024, 'x');
-    for (qsizetype size = chunk.size(); size > 0; size /= 2)
-        while (::write(fd, chunk.constData(), static_cast<std::size_t>(size)) > 0) {
-        }
-    EXPECT_EQ(errno, ENOSPC);
-    ::close(fd);
-}
-
 } // namespace
 
-TEST(Preferences, valuesKeepTheirTypesInOneJsonObjectAndAFileChangedBehindTheStoreIsReadAgain) {
+TEST(Preferences, valuesKeepTheirTypesAndSettingsReadAFileChangedOrBrokenBehindTheStore) {
     ::Test::FreshHome home;
     PreferencesFile preferences(home.preferencesPath());
     const QJsonObject frame{{u"x"_s, 10}, {u"y"_s, 20}};
@@ -63,18 +47,34 @@ TEST(Preferences, valuesKeepTheirTypesInOneJsonObjectAndAFileChangedBehindTheSto
     preferences.setBoolean(u"seeded"_s, true);
     EXPECT_EQ(onDisk(home.preferencesPath()),
               (QJsonObject{{u"level"_s, 2}, {u"tag"_s, u"b.wav"_s}, {u"seeded"_s, true}}));
-}
 
-TEST(Preferences, anUnparsableFileReadsAsEmptyAndIsKeptBesideTheFileThatReplacesIt) {
-    ::Test::FreshHome home;
-    QDir().mkpath(QFileInfo(home.preferencesPath()).path());
-    PreferencesFile preferences(home.preferencesPath());
+    // An unparsable file reads as empty and is kept beside the file that replaces it.
     for (const QByteArray& broken : {QByteArray(R"({"interval": 2,)"), QByteArray("[2, 1]")}) {
         ::Test::writeFile(home.preferencesPath(), broken);
         EXPECT_TRUE(preferences.values().isEmpty()) << broken.constData();
         preferences.setInteger(u"level"_s, 2);
         EXPECT_EQ(::Test::readAll(home.preferencesPath() + u".corrupt"_s), broken);
         EXPECT_EQ(onDisk(home.preferencesPath()), (QJsonObject{{u"level"_s, 2}}));
+    }
+
+    // Settings are kept in the file and read as the default when fresh or out of the table.
+    Settings settings(preferences);
+    settings.setLevelIndex(2);
+    settings.setIntervalIndex(3);
+    PreferencesFile another(home.preferencesPath()); // as another process reads them
+    EXPECT_EQ(Settings(another).interval(), 60);
+    EXPECT_EQ(Settings(another).levelDB(), -1);
+
+    // Thirty seconds at MID, also for a stored value that is not an index of its table.
+    QFile::remove(home.preferencesPath());
+    EXPECT_EQ(settings.interval(), 30);
+    EXPECT_EQ(settings.levelDB(), -5);
+    for (const char* stored : {"\"abc\"", "-1", "4", "2.5", "9e99"}) {
+        ::Test::writeFile(home.preferencesPath(), QByteArray(R"({"interval": )") + stored +
+                                                      R"(, "level": )" + stored + "}");
+        PreferencesFile edited(home.preferencesPath());
+        EXPECT_EQ(Settings(edited).intervalIndex(), 1) << stored;
+        EXPECT_EQ(Settings(edited).levelIndex(), 1) << stored;
     }
 }
 
@@ -108,29 +108,6 @@ TEST(Trash, eachEntryDecodesToTheExactPathAndOnlyAFileThatIsThereGoes) {
     EXPECT_EQ(Files::names(folder + u"/info"_s).size(), 5);
 }
 
-TEST(Settings, choicesAreKeptInTheFileAndReadAsTheDefaultWhenFreshOrOutOfTheTable) {
-    ::Test::FreshHome home;
-    PreferencesFile preferences(home.preferencesPath());
-    Settings settings(preferences);
-    settings.setLevelIndex(2);
-    settings.setIntervalIndex(3);
-    PreferencesFile another(home.preferencesPath()); // as another process reads them
-    EXPECT_EQ(Settings(another).interval(), 60);
-    EXPECT_EQ(Settings(another).levelDB(), -1);
-
-    // Thirty seconds at MID, also for a stored value that is not an index of its table.
-    QFile::remove(home.preferencesPath());
-    EXPECT_EQ(settings.interval(), 30);
-    EXPECT_EQ(settings.levelDB(), -5);
-    for (const char* stored : {"\"abc\"", "-1", "4", "2.5", "9e99"}) {
-        ::Test::writeFile(home.preferencesPath(), QByteArray(R"({"interval": )") + stored +
-                                                      R"(, "level": )" + stored + "}");
-        PreferencesFile edited(home.preferencesPath());
-        EXPECT_EQ(Settings(edited).intervalIndex(), 1) << stored;
-        EXPECT_EQ(Settings(edited).levelIndex(), 1) << stored;
-    }
-}
-
 // What was there before stays whole: no "TAG SELECTED" or "TAG ADDED" for a
 // write that never reached the disk, and no half-copied clip.
 TEST(Preferences, onAFullDiskTheLibraryCommandsFailWithTheReasonAndLeaveWhatWasThere) {
@@ -156,7 +133,7 @@ TEST(Preferences, onAFullDiskTheLibraryCommandsFailWithTheReasonAndLeaveWhatWasT
         return all;
     };
     const QByteArray before = contents();
-    fill(disk);
+    ::Test::runProgram(u"/bin/sh"_s, {u"-c"_s, u"cat /dev/zero > \"$0/filler\""_s, disk});
 
     const auto select = zelkorTag({u"--select-tag"_s, u"a.wav"_s});
     EXPECT_EQ(select.status, 1);

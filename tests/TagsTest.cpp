@@ -24,17 +24,11 @@ protected:
         ::Test::writeFile(folder + u'/' + name, bytes);
         return folder + u'/' + name;
     }
-    QString inLibrary(const QString& name, const QByteArray& bytes = "clip") {
-        return put(Tags::dir(), name, bytes);
-    }
     static QStringList listed() {
         QStringList names;
         for (const QString& clip : Tags::all())
             names << QFileInfo(clip).fileName();
         return names;
-    }
-    QString selectedName() const {
-        return QFileInfo(tags.selected().value_or(QString())).fileName();
     }
     std::optional<QString> stored() const { return preferences.string(u"tag"_s); }
 
@@ -49,15 +43,15 @@ protected:
 TEST_F(TagsTest, clipsListInNaturalOrderAndTheSelectionIsAFileNameThatFallsBackToTheFirst) {
     EXPECT_TRUE(Tags::all().isEmpty());
     EXPECT_TRUE(QFileInfo(home.tagsDir()).isDir());
-    for (const char* name : {"tag 10.wav", "Tag 2.mp3", "notes.txt", "B.FLAC", "wav", "a.ogg",
-                             "a.wav", "b.mp3", "Caf\u00e9.wav"})
-        inLibrary(QString::fromUtf8(name));
+    for (const QString& name : u"tag 10.wav|Tag 2.mp3|notes.txt|B.FLAC|wav|a.ogg|a.wav|b.mp3|"
+                               u"Caf\u00e9.wav"_s.split(u'|'))
+        put(Tags::dir(), name);
     EXPECT_EQ(listed(), (QStringList{u"a.wav"_s, u"B.FLAC"_s, u"b.mp3"_s, u"Caf\u00e9.wav"_s,
                                      u"Tag 2.mp3"_s, u"tag 10.wav"_s}));
     EXPECT_EQ(Tags::name(u"/x/my tag.final.wav"_s), u"MY TAG.FINAL"_s);
 
     // The selection is a file name and falls back to the first clip without being rewritten.
-    EXPECT_EQ(selectedName(), u"a.wav"_s);
+    EXPECT_EQ(tags.selected(), home.tagsDir() + u"/a.wav"_s);
 
     // Only the name is kept, so a path in another folder selects the library's clip.
     tags.setSelected(home.root() + u"/b.mp3"_s);
@@ -65,10 +59,10 @@ TEST_F(TagsTest, clipsListInNaturalOrderAndTheSelectionIsAFileNameThatFallsBackT
     EXPECT_EQ(tags.selected(), home.tagsDir() + u"/b.mp3"_s);
 
     tags.setSelected(QString::fromUtf8("Cafe\u0301.wav")); // decomposed: e + combining acute
-    EXPECT_EQ(selectedName(), QString::fromUtf8("Caf\u00e9.wav"));
+    EXPECT_EQ(tags.selected(), home.tagsDir() + u"/Caf\u00e9.wav"_s);
 
     tags.setSelected(u"B.MP3"_s);
-    EXPECT_EQ(selectedName(), u"a.wav"_s);
+    EXPECT_EQ(tags.selected(), home.tagsDir() + u"/a.wav"_s);
     EXPECT_EQ(stored(), u"B.MP3"_s);
 
     tags.setSelected(std::nullopt);
@@ -102,7 +96,7 @@ TEST_F(TagsTest, seedingCopiesTheDefaultsOnceAndLeavesAClipOfTheSameNameAlone) {
     put(defaults, u"B.MP3"_s, "default b");
     put(defaults, u"readme.txt"_s);
     home.setEnv("ZELKOR_RESOURCES", home.root() + u"/resources"_s);
-    const QString mine = inLibrary(u"a.wav"_s, "my own a");
+    const QString mine = put(Tags::dir(), u"a.wav"_s, "my own a");
 
     tags.seedDefaults();
     EXPECT_EQ(listed(), (QStringList{u"a.wav"_s, u"B.MP3"_s}));
