@@ -134,68 +134,69 @@ TEST_F(ZelkorTag, ffmpegGetsItsFixedPrefixThenEveryArgumentWholeOrIsNotStarted) 
 // Several jobs at once write what one at a time writes, in track order though the
 // first takes longest, with one analysis of the clip for the whole batch.
 TEST_F(ZelkorTag, jobsWriteWhatOneAtATimeWritesInTrackOrder) {
-    const QString runs = path(u"share/runs"_s);
-    QStringList tracks;
+    const QString runs = path(u"share/runs"_s), env = loggingResources(dir.path());
+    QStringList tracks, outputs;
     for (int i = 0; i < 4; ++i) {
         tracks << path(u"beat %1.wav"_s.arg(i));
+        outputs << path(u"beat %1 (Tagged).wav"_s.arg(i));
         ::Test::makeAudio(tracks.last(), u"sine=frequency=%1"_s.arg(200 + 50 * i), i ? 5 + i : 60);
     }
-    const QString env = loggingResources(dir.path());
-    // Each run with a cache of its own, so that both measure.
-    const auto tagAll = [&](int jobs) {
-        return zelkorTag(QStringList{u"--tag"_s, clip, u"--jobs"_s, QString::number(jobs),
-                                     u"--interval"_s, u"5"_s} +
-                             tracks,
-                         {env, u"XDG_CACHE_HOME="_s + path(u"cache %1"_s.arg(jobs))});
+    // Each run with a cache of its own, so that both measure; what it wrote.
+    const auto tagAll = [&](int jobs, std::vector<QByteArray>& written) {
+        QFile::remove(runs);
+        const auto run = zelkorTag(
+            QStringList{u"-t"_s, clip, u"-i5"_s, u"--jobs"_s, QString::number(jobs)} + tracks,
+            {env, u"XDG_CACHE_HOME="_s + path(u"cache %1"_s.arg(jobs))});
+        for (const QString& output : outputs)
+            written.push_back(::Test::readAll(output));
+        return run;
     };
-    const auto output = [&](int i) { return path(u"beat %1 (Tagged).wav"_s.arg(i)); };
-
-    const ::Test::Process one = tagAll(1);
-    ASSERT_EQ(one.status, 0) << one.err.toStdString();
-    std::vector<QByteArray> sequential;
-    for (int i = 0; i < tracks.size(); ++i) {
-        sequential.push_back(::Test::readAll(output(i)));
-        QFile::remove(output(i));
-    }
-    QFile::remove(runs);
-
-    const ::Test::Process four = tagAll(4);
-    ASSERT_EQ(four.status, 0) << four.err.toStdString();
+    std::vector<QByteArray> sequential, parallel;
+    const auto one = tagAll(1, sequential);
+    for (const QString& output : outputs)
+        QFile::remove(output);
+    const auto four = tagAll(4, parallel);
+    ASSERT_EQ(one.status + four.status, 0) << one.err.toStdString() << four.err.toStdString();
     EXPECT_EQ(four.out, one.out); // same names, same counts, same order
-    for (int i = 0; i < tracks.size(); ++i)
-        EXPECT_EQ(::Test::readAll(output(i)), sequential[static_cast<std::size_t>(i)]) << i;
-    const QStringList ran =
-        QString::fromUtf8(::Test::readAll(runs)).split(u'\n', Qt::SkipEmptyParts);
+    EXPECT_TRUE(parallel == sequential);
     // The clip measured once; each track measured and rendered once.
-    EXPECT_EQ(ran.size(), 1 + 2 * tracks.size());
-    // Short options combine, and 0 jobs is one per core.
+    EXPECT_EQ(lines(QString::fromUtf8(::Test::readAll(runs))).size(), 1 + 2 * tracks.size());
+    // Short options combine, and 0 jobs is one per core; skipped before anything is measured.
     QFile::remove(runs);
     const auto again =
         zelkorTag({u"-qj0"_s, u"-i5"_s, u"-t"_s, clip, u"--skip-existing"_s, tracks[0]}, {env});
     EXPECT_EQ(again.status, 0);
     EXPECT_EQ(again.out, u""_s);
-    EXPECT_FALSE(QFileInfo::exists(runs)); // skipped before anything was measured
+    EXPECT_FALSE(QFileInfo::exists(runs));
 }
 
-// A clip whose name is not UTF-8 is added, selected and used by its bytes.
-TEST_F(ZelkorTag, aClipNamedInLatin1IsAddedSelectedAndUsed) {
+// A clip whose name is not UTF-8 is added, selected and used by its bytes. PATHs
+// that do not exist or are no track get their own lines, in their place among the
+// tracks, which are still tagged; "-" reads more PATHs, one a line.
+TEST_F(ZelkorTag, aLatin1ClipIsUsedAndPathsThatAreNoTrackGetTheirOwnLines) {
     ::Test::FreshHome home;
     ::Test::makeAudio(path(u"beat.wav"_s), u"sine=frequency=220"_s, 1);
+    ::Test::writeFile(path(u"notes.txt"_s), "x");
+    ::Test::writeFile(path(u"old (Tagged).wav"_s), "x");
     ASSERT_EQ(::rename(Names::encode(clip), Names::encode(dir.path()) + "/voix \xe9.wav"), 0);
     const auto run = ::Test::runProgram(
-        u"/bin/sh"_s, {u"-c"_s,
-                       u"cd \"$1\" && clip=$(printf 'voix \\351.wav') && \"$0\" --add-tag \"$clip\""
-                       " && \"$0\" --select-tag \"$clip\" && \"$0\" beat.wav &&"
-                       " \"$0\" -t \"$clip\" beat.wav"_s,
-                       ::Test::binary(u"zelkor-tag"_s), dir.path()});
-    EXPECT_EQ(run.status, 0) << run.out.toStdString() << run.err.toStdString();
+        u"/bin/sh"_s,
+        {u"-c"_s,
+         u"cd \"$1\" && clip=$(printf 'voix \\351.wav') && \"$0\" --add-tag \"$clip\""
+         " && \"$0\" --select-tag \"$clip\" && \"$0\" beat.wav && printf"
+         " 'notes.txt\\n\\nbeat.wav\\r\\n' | \"$0\" -t \"$clip\" /typo - 'old (Tagged).wav'"_s,
+         ::Test::binary(u"zelkor-tag"_s), dir.path()});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.err, u""_s); // no progress line but on a terminal
     const QStringList said = lines(run.out);
-    ASSERT_EQ(said.size(), 4);
+    ASSERT_EQ(said.size(), 7) << run.out.toStdString();
     EXPECT_TRUE(said[0].startsWith(u"TAG ADDED: VOIX "_s) && said[0].endsWith(u"  ARMED"_s));
     EXPECT_TRUE(said[1].startsWith(u"TAG SELECTED: VOIX "_s));
     EXPECT_EQ(said.mid(2),
               (QStringList{u"beat.wav  1 TAGS  OK  -> "_s + path(u"beat (Tagged).wav"_s),
-                           u"beat.wav  1 TAGS  OK  -> "_s + path(u"beat (Tagged) (2).wav"_s)}));
+                           u"/typo  NOT FOUND"_s, u"notes.txt  NOT A TRACK"_s,
+                           u"beat.wav  1 TAGS  OK  -> "_s + path(u"beat (Tagged) (2).wav"_s),
+                           u"old (Tagged).wav  NOT A TRACK"_s}));
     ::rename(Names::encode(dir.path()) + "/voix \xe9.wav", Names::encode(clip)); // for the clean-up
 }
 
@@ -221,25 +222,6 @@ TEST_F(ZelkorTag, theProgressLineIsDrawnOnlyOnATerminalAndNotWhenQuiet) {
                                   path(u"a (Tagged).wav"_s) + u"\r\n"_s + bar("01/02", 15) + clear +
                                   failed + bar("02/02", 30) + clear);
     EXPECT_EQ(onTerminal(u"-q"_s), failed);
-}
-
-// PATHs that do not exist or are no track get their own lines, in their place
-// among the tracks, which are still tagged; "-" reads more PATHs, one a line.
-TEST_F(ZelkorTag, missingAndNonTrackPathsGetTheirLinesAndTheOthersAreTagged) {
-    ::Test::makeAudio(path(u"beat.wav"_s), u"sine=frequency=220"_s, 1);
-    ::Test::writeFile(path(u"notes.txt"_s), "x");
-    ::Test::writeFile(path(u"old (Tagged).wav"_s), "x");
-    const auto run =
-        ::Test::runProgram(u"/bin/sh"_s, {u"-c"_s,
-                                          u"cd \"$1\" && printf 'notes.txt\\n\\nbeat.wav\\r\\n' |"
-                                          " \"$0\" -t tag.wav /typo - 'old (Tagged).wav'"_s,
-                                          ::Test::binary(u"zelkor-tag"_s), dir.path()});
-    EXPECT_EQ(run.status, 1);
-    EXPECT_EQ(lines(run.out),
-              (QStringList{u"/typo  NOT FOUND"_s, u"notes.txt  NOT A TRACK"_s,
-                           u"beat.wav  1 TAGS  OK  -> "_s + path(u"beat (Tagged).wav"_s),
-                           u"old (Tagged).wav  NOT A TRACK"_s}));
-    EXPECT_EQ(run.err, u""_s); // no progress line but on a terminal
 }
 
 // Folders' own tracks in the window's order, then their sub-folders in name
