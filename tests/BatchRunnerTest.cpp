@@ -13,29 +13,24 @@ using namespace Style;
 
 namespace {
 
-class BatchRunner : public ::Test::ViewFixture {
-protected:
-    QString track(const QString& name, double seconds = 3) {
-        const QString path = home.root() + u'/' + name;
-        ::Test::makeAudio(path, u"sine=frequency=220"_s, seconds);
-        return path;
-    }
-    void addTag() {
-        QDir().mkpath(home.tagsDir());
-        ::Test::makeAudio(home.tagsDir() + u"/voice.wav"_s, u"sine=frequency=880"_s, 1);
-    }
-    bool finish() {
-        return ::Test::waitUntil([this] { return !view().state().busy; }, 120'000);
-    }
-    const std::vector<LogLine>& log() { return view().state().log; }
-};
+using BatchRunner = ::Test::ViewFixture;
 
 } // namespace
 
 // Items without tracks are ignored silently; without a tag one line says so. A
 // failing track is logged in its colour while the others are written and shown;
 // when every track fails nothing is shown. Failures end with Basso, success Glass.
+// Settings are read once when a batch starts, a start during a batch is dropped for
+// good, and a view closed during one is left alone.
 TEST_F(BatchRunner, aFailingTrackIsLoggedAndTheOthersAreWrittenAndShown) {
+    const auto track = [this](const QString& name, double seconds) {
+        ::Test::makeAudio(home.root() + u'/' + name, u"sine=frequency=220"_s, seconds);
+        return home.root() + u'/' + name;
+    };
+    const auto finish = [this] {
+        return ::Test::waitUntil([this] { return !view().state().busy; }, 120'000);
+    };
+    const auto& log = [this]() -> const std::vector<LogLine>& { return view().state().log; };
     QDir().mkpath(home.root() + u"/empty"_s);
     controller().start({home.root() + u"/empty"_s, file(u"notes.txt"_s)});
     EXPECT_FALSE(view().state().busy);
@@ -45,47 +40,34 @@ TEST_F(BatchRunner, aFailingTrackIsLoggedAndTheOthersAreWrittenAndShown) {
     EXPECT_FALSE(view().state().busy);
     EXPECT_EQ(log(), (std::vector<LogLine>{{u"ADD YOUR TAG FILE FIRST"_s, u"NO TAG"_s, errColor}}));
 
-    addTag();
-    controller().start({track(u"a.wav"_s), broken, track(u"c.wav"_s)});
+    QDir().mkpath(home.tagsDir());
+    ::Test::makeAudio(home.tagsDir() + u"/voice.wav"_s, u"sine=frequency=880"_s, 1);
+    // 25 s: placements at 0.5 and 20.5 every 20 s, only at 0.5 every 60 s.
+    settings.setIntervalIndex(0);
+    controller().start({track(u"a.wav"_s, 25), broken, track(u"c.wav"_s, 3)});
     EXPECT_TRUE(view().state().busy);
     EXPECT_EQ(view().state().progress, (HUDView::Progress{0, 3}));
+    settings.setIntervalIndex(3);
+    controller().start({track(u"second.wav"_s, 3)});
     ASSERT_TRUE(finish());
+    QCoreApplication::processEvents();
     EXPECT_EQ(std::vector<LogLine>(log().begin() + 1, log().end()),
-              (std::vector<LogLine>{{u"a.wav"_s, u"1 TAGS  OK"_s, purple},
+              (std::vector<LogLine>{{u"a.wav"_s, u"2 TAGS  OK"_s, purple},
                                     {u"b.wav"_s, u"CAN'T READ FILE"_s, errColor},
                                     {u"c.wav"_s, u"1 TAGS  OK"_s, purple}}));
     EXPECT_EQ(view().state().progress, (HUDView::Progress{3, 3}));
     EXPECT_EQ(viewer.shown, (std::vector<QStringList>{{home.root() + u"/a (Tagged).wav"_s,
                                                        home.root() + u"/c (Tagged).wav"_s}}));
+    EXPECT_FALSE(QFileInfo::exists(home.root() + u"/second (Tagged).wav"_s));
     controller().start({broken, file(u"y.mp3"_s)});
     ASSERT_TRUE(finish());
     EXPECT_EQ(log().size(), 6u);
     EXPECT_EQ(viewer.shown.size(), 1u);
     EXPECT_EQ(sounds.played, (QStringList{u"Basso"_s, u"Glass"_s, u"Basso"_s}));
-}
 
-// Settings are read once when the batch starts, and a start during a batch is
-// dropped for good.
-TEST_F(BatchRunner, aBatchKeepsItsSettingsAndIgnoresAnotherStart) {
-    addTag();
-    // 25 s: placements at 0.5 and 20.5 every 20 s, only at 0.5 every 60 s.
-    const QString beat = track(u"beat.wav"_s, 25);
-    const QString second = track(u"second.wav"_s);
-    settings.setIntervalIndex(0);
-    controller().start({beat});
-    settings.setIntervalIndex(3);
-    controller().start({second});
-    ASSERT_TRUE(finish());
-    QCoreApplication::processEvents();
-    EXPECT_EQ(log(), (std::vector<LogLine>{{u"beat.wav"_s, u"2 TAGS  OK"_s, purple}}));
-    EXPECT_FALSE(QFileInfo::exists(home.root() + u"/second (Tagged).wav"_s));
-}
-
-TEST_F(BatchRunner, aViewClosedDuringABatchIsLeftAlone) {
-    addTag();
-    controller().start({track(u"gone.wav"_s)});
+    controller().start({track(u"gone.wav"_s, 3)});
     close();
     QCoreApplication::processEvents();
-    EXPECT_TRUE(sounds.played.isEmpty());
-    EXPECT_TRUE(viewer.shown.empty());
+    EXPECT_EQ(sounds.played.size(), 3);
+    EXPECT_EQ(viewer.shown.size(), 1u);
 }
