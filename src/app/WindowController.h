@@ -86,7 +86,7 @@ private:
     Settings m_settings;
     Tags m_tags;
     std::optional<QString> m_tag; // the selected clip, as last read
-    bool m_busy = false; // a batch runs: starts are dropped until it ends
+    bool m_busy = false;          // a batch runs: starts are dropped until it ends
     QFileSystemWatcher* m_tagWatch = nullptr;
     // Last: at quit it is stopped and joined before anything it reports to goes.
     std::unique_ptr<Batch> m_batch;
