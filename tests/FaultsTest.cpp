@@ -10,7 +10,6 @@
 #include <csignal>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <iostream>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -39,7 +38,6 @@ QString hiddenIn(const QString& folder) {
     return QDir(folder).entryList({u".*.part"_s}, QDir::Files | QDir::Hidden).join(u'|');
 }
 
-// A home of the test's own (preferences, library, kept analyses) and a clip in it.
 class Faults : public testing::Test {
 protected:
     void SetUp() override { ::Test::makeAudio(clip, u"sine=frequency=1000"_s, 0.5, 8000, 1); }
@@ -72,9 +70,9 @@ esac
 exec "$real" "$@"
 )");
     // No line where it depends on when the change lands.
-    const QString cant = u"CAN'T READ FILE"_s; // the first for the clip's failed analysis
+    const QString cant = u"CAN'T READ FILE"_s;
     std::vector<std::pair<QString, QString>> rows{
-        {u"0 first.wav"_s, cant},
+        {u"0 first.wav"_s, cant}, // the clip's failed analysis
         {u"a killed.wav"_s, u"SIZE=      64KB TIME=00:00:00.37 BITRATE=1411.2KBITS/S"_s},
         {u"b vanished.wav"_s, {}},
         {u"f fifo.mp3"_s, cant}, // at once, never hanging ffmpeg
@@ -140,6 +138,7 @@ TEST_F(Faults, aBrokenHomeIsNeverReplacedWithoutACopy) {
 // or a reader of the output going away to the shell, SIGTERM to the window, ends
 // the run and its ffmpeg, removes the hidden file and begins no further track;
 // SIGKILL leaves that file to the next run. No partial file bears an output's name.
+// The window tags with the library's seeded clip.
 TEST_F(Faults, aSignalMidRenderLeavesNoPartialOutputAndNoFfmpeg) {
     home.setEnv("ZELKOR_RESOURCES", ::Test::resourcesWith(home.root(), R"(case " $* " in
 *"long.wav -i "*" -filter_complex "*) exec "$real" -re "$@" ;;
@@ -158,7 +157,6 @@ exec "$real" "$@"
     const QString firstLine = u"a.wav  1 TAGS  OK  -> "_s + written + u'\n';
     const QString stopped = firstLine + u"b long.wav  STOPPED\n"_s;
 
-    // SIGPIPE: the reader of the output closes it.
     for (const auto& [window, signal, said] :
          std::vector<std::tuple<bool, int, QString>>{{false, SIGTERM, stopped},
                                                      {false, SIGHUP, stopped},
@@ -173,7 +171,6 @@ exec "$real" "$@"
                                              : -1;
         if (reader >= 0)
             run.setStandardOutputFile(fifo);
-        // The window tags with the library's seeded clip.
         run.start(::Test::binary(window ? u"zelkor"_s : u"zelkor-tag"_s),
                   window ? tracks : QStringList{u"--tag"_s, clip} + tracks);
         // The shell's first line may still be on its way when the second begins.

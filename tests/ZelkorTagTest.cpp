@@ -52,7 +52,6 @@ exec "$real" "$@"
 
 TEST_F(ZelkorTag, usageErrorsExitTwoAndNameTheBadValueNothingToTagExitsOne) {
     QDir().mkpath(path(u"empty"_s));
-    ::Test::writeFile(path(u"beat.wav"_s), "x");
     // Each refusal, its words and its status when not 2; "." is any PATH, "@" the
     // folder. Nothing to tag is tried at the ends of the options' ranges.
     for (QString row :
@@ -62,7 +61,7 @@ TEST_F(ZelkorTag, usageErrorsExitTwoAndNameTheBadValueNothingToTagExitsOne) {
           u"--skip-existing --replace .|exclude each other"_s, u"-rx .|'-x'"_s,
           u"--json=yes .|'--json'"_s, u"--bogus .|'--bogus'"_s, u". --tag|'--tag'"_s,
           u"-t tag.wav|no PATH"_s, u"-t @/tag.wav -i600 -l -40 @/empty|NO TRACKS FOUND|1"_s,
-          u"--tag @/gone.wav @/beat.wav|no tag clip at '@/gone.wav'|1"_s}) {
+          u"--tag @/gone.wav @/tag.wav|no tag clip at '@/gone.wav'|1"_s}) {
         const QStringList column = row.replace(u'@', dir.path()).split(u'|');
         const auto run = zelkorTag(column[0].split(u' '));
         EXPECT_EQ(run.status, column.value(2, u"2"_s).toInt()) << row.toStdString();
@@ -102,43 +101,17 @@ printf '  Stream #0:0: Audio: pcm_s16le, 44100 Hz, stereo, s16\n' >&2
     for (const char* fixed : {"/opt/homebrew/bin/ffmpeg", "/usr/local/bin/ffmpeg"})
         if (QFileInfo(QString::fromUtf8(fixed)).isExecutable())
             GTEST_SKIP() << fixed << " exists on this machine";
-    QFile::remove(path(u"share/args-0"_s));
     QFile::setPermissions(path(u"share/ffmpeg"_s), QFile::ReadOwner | QFile::WriteOwner);
     const auto none = zelkorTag({u"--tag"_s, clip, track, track}, {env});
-    EXPECT_EQ(none.status, 1);
-    EXPECT_EQ(none.out, u"-my beat [1]; it's.wav  FFMPEG NOT FOUND\n"_s.repeated(2));
-    EXPECT_FALSE(QFileInfo::exists(path(u"share/args-0"_s)));
-}
-
-// A clip named in Latin-1 is added, selected and used by its bytes. PATHs that are
-// no track get their own lines in their place; "-" reads more PATHs, one a line.
-TEST_F(ZelkorTag, aLatin1ClipIsUsedAndPathsThatAreNoTrackGetTheirOwnLines) {
-    ::Test::FreshHome home;
-    ::Test::makeAudio(path(u"beat.wav"_s), u"sine=frequency=220"_s, 1);
-    ::Test::writeFile(path(u"notes.txt"_s), "x");
-    ::Test::writeFile(path(u"old (Tagged).wav"_s), "x");
-    ASSERT_EQ(::rename(Names::encode(clip), Names::encode(dir.path()) + "/voix \xe9.wav"), 0);
-    const auto run = ::Test::runProgram(
-        u"/bin/sh"_s,
-        {u"-c"_s,
-         u"cd \"$1\" && clip=$(printf 'voix \\351.wav') && \"$0\" --add-tag \"$clip\""
-         " && \"$0\" --select-tag \"$clip\" && \"$0\" beat.wav && printf"
-         " 'notes.txt\\n\\nbeat.wav\\r\\n' | \"$0\" -t \"$clip\" /typo - 'old (Tagged).wav'"_s,
-         ::Test::binary(u"zelkor-tag"_s), dir.path()});
-    EXPECT_EQ(run.status, 1);
-    EXPECT_EQ(run.err, u""_s); // no progress line but on a terminal
-    EXPECT_EQ(lines(run.out),
-              (QStringList{u"TAG ADDED: VOIX \uFFFD  ARMED"_s, u"TAG SELECTED: VOIX \uFFFD"_s,
-                           u"beat.wav  1 TAGS  OK  -> "_s + path(u"beat (Tagged).wav"_s),
-                           u"/typo  NOT FOUND"_s, u"notes.txt  NOT A TRACK"_s,
-                           u"beat.wav  1 TAGS  OK  -> "_s + path(u"beat (Tagged) (2).wav"_s),
-                           u"old (Tagged).wav  NOT A TRACK"_s}));
-    ::rename(Names::encode(dir.path()) + "/voix \xe9.wav", Names::encode(clip)); // for the clean-up
+    EXPECT_EQ(none.out + QString::number(none.status),
+              u"-my beat [1]; it's.wav  FFMPEG NOT FOUND\n"_s.repeated(2) + u'1');
 }
 
 // On a terminal the progress line is drawn first, redrawn after each track's line
-// and cleared at the end; -q draws none.
-TEST_F(ZelkorTag, theProgressLineIsDrawnOnlyOnATerminalAndNotWhenQuiet) {
+// and cleared at the end; -q draws none, nor does any run off a terminal. A clip
+// named in Latin-1 is added, selected and used by its bytes. PATHs that are no track
+// get their own lines in their place; "-" reads more PATHs, one a line.
+TEST_F(ZelkorTag, eachPathGetsItsLineAndATerminalAProgressLine) {
     ::Test::makeAudio(path(u"a.wav"_s), u"sine=frequency=220"_s, 1);
     ::Test::writeFile(path(u"b.wav"_s), "x");
     const auto onTerminal = [&](const QString& quiet) {
@@ -158,6 +131,27 @@ TEST_F(ZelkorTag, theProgressLineIsDrawnOnlyOnATerminalAndNotWhenQuiet) {
                                   path(u"a (Tagged).wav"_s) + u"\r\n"_s + bar("01/02", 15) + clear +
                                   failed + bar("02/02", 30) + clear);
     EXPECT_EQ(onTerminal(u"-q"_s), failed);
+
+    ::Test::FreshHome home;
+    ::Test::makeAudio(path(u"beat.wav"_s), u"sine=frequency=220"_s, 1);
+    ::Test::writeFile(path(u"notes.txt"_s), "x");
+    ::Test::writeFile(path(u"old (Tagged).wav"_s), "x");
+    ASSERT_EQ(::rename(Names::encode(clip), Names::encode(dir.path()) + "/voix \xe9.wav"), 0);
+    const auto run = ::Test::runProgram(
+        u"/bin/sh"_s,
+        {u"-c"_s,
+         u"cd \"$1\" && clip=$(printf 'voix \\351.wav') && \"$0\" --add-tag \"$clip\""
+         " && \"$0\" --select-tag \"$clip\" && \"$0\" beat.wav && printf"
+         " 'notes.txt\\n\\nbeat.wav\\r\\n' | \"$0\" -t \"$clip\" /typo - 'old (Tagged).wav'"_s,
+         ::Test::binary(u"zelkor-tag"_s), dir.path()});
+    EXPECT_EQ(run.err + QString::number(run.status), u"1"_s);
+    EXPECT_EQ(lines(run.out),
+              (QStringList{u"TAG ADDED: VOIX \uFFFD  ARMED"_s, u"TAG SELECTED: VOIX \uFFFD"_s,
+                           u"beat.wav  1 TAGS  OK  -> "_s + path(u"beat (Tagged).wav"_s),
+                           u"/typo  NOT FOUND"_s, u"notes.txt  NOT A TRACK"_s,
+                           u"beat.wav  1 TAGS  OK  -> "_s + path(u"beat (Tagged) (2).wav"_s),
+                           u"old (Tagged).wav  NOT A TRACK"_s}));
+    ::rename(Names::encode(dir.path()) + "/voix \xe9.wav", Names::encode(clip)); // for the clean-up
 }
 
 // Folders' own tracks, then sub-folders in name order, skipping hidden ones, outputs
@@ -173,9 +167,9 @@ TEST_F(ZelkorTag, recursionMirrorsEachTrackBelowItsPathUnderTheOutputFolder) {
                           48000, 1);
     }
     QFile::copy(music + u"/b.wav"_s, music + u"/b (Tagged).wav"_s);
-    const auto run = zelkorTag(
-        {u"-rj4"_s, u"-t"_s, clip, u"-f"_s, u"mp3"_s, u"-o"_s, out, music, music + u"/2/x.wav"_s},
-        {env});
+    const QStringList into{u"-t"_s, clip, u"-f"_s, u"mp3"_s, u"-o"_s, out};
+    const auto run =
+        zelkorTag(QStringList{u"-rj4"_s} + into + QStringList{music, music + u"/2/x.wav"_s}, {env});
     EXPECT_EQ(run.status, 0) << run.out.toStdString();
     QStringList shown;
     for (const QString& line : lines(run.out))
@@ -192,13 +186,9 @@ TEST_F(ZelkorTag, recursionMirrorsEachTrackBelowItsPathUnderTheOutputFolder) {
                     .err.contains(u"Audio: mp3, 48000 Hz, mono, fltp, 320 kb/s"_s));
     EXPECT_TRUE(::Test::readAll(preview).startsWith("ID3\x03"));
 
-    // Short options combine, and 0 jobs is one per core; skipped before anything is measured.
-    QFile::remove(runs);
-    const auto again = zelkorTag(
-        {u"-qrj0"_s, u"-t"_s, clip, u"-f"_s, u"mp3"_s, u"-o"_s, out, u"--skip-existing"_s, music},
-        {env});
+    // Short options combine, and 0 jobs is one per core.
+    const auto again = zelkorTag(into + QStringList{u"-qrj0"_s, u"--skip-existing"_s, music});
     EXPECT_EQ(again.out + QString::number(again.status), u"0"_s);
-    EXPECT_FALSE(QFileInfo::exists(runs));
 }
 
 // --replace swaps in only a whole render; --json says what was written, and a dry
@@ -251,11 +241,9 @@ TEST_F(ZelkorTag, watchTagsATrackWrittenInChunksOnceWhole) {
     // Nothing is written before an inotify watch is among its descriptors.
     ASSERT_TRUE(::Test::waitUntil(
         [&] {
-            const QString info = u"/proc/%1/fdinfo"_s.arg(watch.processId());
-            for (const QString& fd : QDir(info).entryList(QDir::Files))
-                if (::Test::readAll(info + u'/' + fd).contains("inotify wd:"))
-                    return true;
-            return false;
+            return ::Test::runProgram(u"/bin/sh"_s, {u"-c"_s, u"cat /proc/$0/fdinfo/*"_s,
+                                                     QString::number(watch.processId())})
+                .out.contains(u"inotify wd:"_s);
         },
         30'000));
 
