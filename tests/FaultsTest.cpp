@@ -70,12 +70,11 @@ esac
 exec "$real" "$@"
 )");
     // No line where it depends on when the change lands.
-    const QString cant = u"CAN'T READ FILE"_s;
     std::vector<std::pair<QString, QString>> rows{
-        {u"0 first.wav"_s, cant}, // the clip's failed analysis
+        {u"0 first.wav"_s, u"CAN'T READ FILE"_s}, // the clip's failed analysis
         {u"a killed.wav"_s, u"SIZE=      64KB TIME=00:00:00.37 BITRATE=1411.2KBITS/S"_s},
         {u"b vanished.wav"_s, {}},
-        {u"f fifo.mp3"_s, cant}, // at once, never hanging ffmpeg
+        {u"f fifo.mp3"_s, u"CAN'T READ FILE"_s}, // at once, never hanging ffmpeg
         {u"g.wav"_s, u"1 TAGS  OK  -> "_s + path(u"g (Tagged).wav"_s)},
         // 1.7 MB of 16-bit audio leaves no room for its 24-bit copy.
         {u"full/beat.wav"_s, u"ERROR CLOSING FILE: NO SPACE LEFT ON DEVICE"_s},

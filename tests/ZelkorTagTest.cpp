@@ -25,7 +25,7 @@ QStringList lines(const QString& text) {
     return text.split(u'\n', Qt::SkipEmptyParts);
 }
 
-// Every file below `folder`, as paths relative to it, sorted.
+// Paths relative to `folder`, sorted, so that a listing compares as a whole.
 QStringList tree(const QString& folder) {
     QStringList files;
     for (QDirIterator it(folder, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
@@ -184,7 +184,6 @@ TEST_F(ZelkorTag, recursionMirrorsEachTrackBelowItsPathUnderTheOutputFolder) {
     const QString preview = out + u"/b (Tagged).mp3"_s;
     EXPECT_TRUE(::Test::runProgram(::Test::systemFFmpeg(), {u"-hide_banner"_s, u"-i"_s, preview})
                     .err.contains(u"Audio: mp3, 48000 Hz, mono, fltp, 320 kb/s"_s));
-    EXPECT_TRUE(::Test::readAll(preview).startsWith("ID3\x03"));
 
     // Short options combine, and 0 jobs is one per core.
     const auto again = zelkorTag(into + QStringList{u"-qrj0"_s, u"--skip-existing"_s, music});
