@@ -141,7 +141,7 @@ TEST_F(ZelkorTag, eachPathGetsItsLineAndATerminalAProgressLine) {
         u"/bin/sh"_s,
         {u"-c"_s,
          u"cd \"$1\" && clip=$(printf 'voix \\351.wav') && \"$0\" --add-tag \"$clip\""
-         " && \"$0\" --select-tag \"$clip\" && \"$0\" beat.wav && printf"
+         " && \"$0\" --select-tag \"$clip\" beat.wav && printf"
          " 'notes.txt\\n\\nbeat.wav\\r\\n' | \"$0\" -t \"$clip\" /typo - 'old (Tagged).wav'"_s,
          ::Test::binary(u"zelkor-tag"_s), dir.path()});
     EXPECT_EQ(run.err + QString::number(run.status), u"1"_s);
