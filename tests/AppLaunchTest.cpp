@@ -102,21 +102,34 @@ TEST(FrameAutosave, aMovedWindowReopensWhereItWasLeftAndAFailedSaveIsReported) {
         QWidget window;
         window.resize(200, 100);
         new FrameAutosave(window, name, preferences);
-        window.show();
-        window.move(120, 90);
-        ASSERT_TRUE(::Test::waitUntil([&] { return preferences.object(name).has_value(); }, 3000));
+        const auto movedTo = [&](QPoint at) {
+            window.show();
+            window.move(at);
+            return ::Test::waitUntil([&] { return preferences.object(name).has_value(); }, 3000);
+        };
+        ASSERT_TRUE(movedTo({60, 60}));
+        // Only a move of the shown window is saved, even by the close that follows.
+        preferences.remove(name);
+        window.setWindowTitle(u"retitled"_s);
+        window.hide();
+        window.close();
+        EXPECT_FALSE(preferences.object(name));
+        ASSERT_TRUE(movedTo({120, 90}));
     }
     QWidget again;
     again.resize(200, 100);
     (new FrameAutosave(again, name, preferences))->restore();
     EXPECT_EQ(again.pos(), QPoint(120, 90));
 
-    // Off every screen: left where the launch put it.
-    preferences.setObject(name, QJsonObject{{u"x"_s, -9000}, {u"y"_s, -9000}});
+    // Off every screen, or not numbers: left where the launch put it.
     QWidget lost;
     lost.move(10, 10);
-    (new FrameAutosave(lost, name, preferences))->restore();
-    EXPECT_EQ(lost.pos(), QPoint(10, 10));
+    for (const QJsonObject& frame : {QJsonObject{{u"x"_s, -9000}, {u"y"_s, -9000}},
+                                     QJsonObject{{u"x"_s, u"a"_s}, {u"y"_s, 5}}}) {
+        preferences.setObject(name, frame);
+        (new FrameAutosave(lost, name, preferences))->restore();
+        EXPECT_EQ(lost.pos(), QPoint(10, 10));
+    }
 
     // A folder in place of the file: the window is told, once the move rests.
     QFile::remove(home.preferencesPath());
