@@ -5,6 +5,7 @@
 #include "style/Palette.h"
 #include "support/GuiSupport.h"
 
+#include <QFileSystemWatcher>
 #include <QMainWindow>
 #include <QMenu>
 #include <QMenuBar>
@@ -85,8 +86,8 @@ TEST(DarkMenus, standOutFromTheWindowAndShowTheirSeparators) {
 using TagRow = ::Test::ViewFixture;
 
 // Another program changes the selection, a file manager deletes the clips:
-// the window shows it by itself, within a second or so, activated or not.
-TEST_F(TagRow, followsChangesMadeByOtherProgramsWithoutBeingActivated) {
+// the window shows it by itself, within a second or so.
+TEST_F(TagRow, followsChangesMadeByOtherProgramsAndRereadsOnFocus) {
     clip(u"a.wav"_s);
     tags.setSelected(clip(u"b.wav"_s));
     const auto inStep = [this] {
@@ -105,6 +106,21 @@ TEST_F(TagRow, followsChangesMadeByOtherProgramsWithoutBeingActivated) {
     ::Test::click(view(), view().zoneRect().center());
     EXPECT_EQ(panels.tagPanels + panels.trackPanels, 0);
     EXPECT_TRUE(::Test::waitUntil(inStep, 2000));
+
+    // A change the watch missed shows when this window gets the focus, not another.
+    controller().findChild<QFileSystemWatcher*>()->blockSignals(true);
+    tags.setSelected(clip(u"c.wav"_s));
+    const auto focus = [](QWidget& window) {
+        window.show();
+        window.activateWindow();
+        return ::Test::waitUntil(
+            [&] { return QGuiApplication::focusWindow() == window.windowHandle(); }, 2000);
+    };
+    QWidget other;
+    ASSERT_TRUE(focus(other));
+    EXPECT_FALSE(inStep());
+    ASSERT_TRUE(focus(view()));
+    EXPECT_TRUE(inStep());
 }
 
 // Without a file manager on the bus, the first file's folder goes to the
