@@ -1,7 +1,6 @@
-// One Zelkor per user, with the real program in child processes drawing
-// offscreen in private folders: a second launch hands its files over and ends,
-// the socket left by a crashed instance does not stop the next launch, and
-// the socket sits where only its user can reach it.
+// One Zelkor per user, the real program in child processes: a second launch
+// hands its files over and ends, a crashed one's socket does not stop the next
+// launch, and the socket sits where only its user can reach it.
 #include "app/SingleInstance.h"
 #include "base/Names.h"
 #include "support/FreshHome.h"
