@@ -29,26 +29,7 @@ protected:
         ::Test::writeFile(path(name), "x");
         return path(name);
     }
-    // Each track's output file name, or its problem, in plan order.
-    QStringList planned(const Engine::Job& job, const std::vector<Engine::Input>& inputs) {
-        QStringList names;
-        for (const Engine::Planned& track : Engine::plan(job, inputs))
-            names << (track.input.problem ? track.input.problem->errorDescription()
-                                          : QDir(dir.path()).relativeFilePath(track.output.path()));
-        return names;
-    }
 };
-
-// "ROOT:TRACK" relative to the test's folder; no root: the track's own folder.
-std::vector<Engine::Input> inputsOf(const QString& folder, const QStringList& given) {
-    std::vector<Engine::Input> inputs;
-    for (const QString& entry : given) {
-        const QString root =
-            entry.contains(u':') ? folder + u'/' + entry.section(u':', 0, 0) : QString();
-        inputs.push_back({folder + u'/' + entry.section(u':', -1), root, {}});
-    }
-    return inputs;
-}
 
 QStringList lines(const QString& text) {
     return text.split(u'\n', Qt::SkipEmptyParts);
@@ -65,41 +46,33 @@ TEST_F(Catalogue, collidingOutputsAreToldApartTheSameWayOnEveryRun) {
           u"y/drums/beat.wav"_s, u"Beat.wav"_s, u"Beat.mp3"_s, u"Loop.wav"_s, u"Loop.WAV"_s})
         make(name);
     QFile::link(path(u"Beat.wav"_s), path(u"link.wav"_s));
-    Engine::Job mirrored, mp3;
-    mirrored.mirrorUnder = path(u"OUT"_s);
-    mp3.format = Engine::Format::mp3;
-    Engine::Job mirroredMp3 = mirrored;
-    mirroredMp3.format = Engine::Format::mp3;
-    const struct {
-        const Engine::Job& job;
-        QStringList given;
-        QStringList expected;
-    } rows[] = {
-        {mirrored,
-         {u"A:A/beat.mp3"_s, u"B:B/beat.mp3"_s},
-         {u"OUT/beat (Tagged) (A).mp3"_s, u"OUT/beat (Tagged) (B).mp3"_s}},
-        {mirrored,
-         {u"B:B/beat.mp3"_s, u"A:A/beat.mp3"_s},
-         {u"OUT/beat (Tagged) (B).mp3"_s, u"OUT/beat (Tagged) (A).mp3"_s}},
-        {mirrored,
-         {u"x/drums:x/drums/beat.wav"_s, u"y/drums:y/drums/beat.wav"_s},
-         {u"OUT/beat (Tagged) (x drums).wav"_s, u"OUT/beat (Tagged) (y drums).wav"_s}},
-        {mirroredMp3,
-         {u"A:A/beat.mp3"_s, u"B:B/beat.mp3"_s},
-         {u"OUT/beat (Tagged) (A mp3).mp3"_s, u"OUT/beat (Tagged) (B mp3).mp3"_s}},
-        {mp3,
-         {u"Beat.mp3"_s, u"Beat.wav"_s},
-         {u"Beat (Tagged) (mp3).mp3"_s, u"Beat (Tagged) (wav).mp3"_s}},
-        {mp3, {u"Beat.wav"_s}, {u"Beat (Tagged) (wav).mp3"_s}},
-        {{}, {u"Beat.wav"_s, u"Beat.mp3"_s}, {u"Beat (Tagged).wav"_s, u"Beat (Tagged).mp3"_s}},
-        {{}, {u"Loop.WAV"_s}, {u"Loop (Tagged) (WAV).wav"_s}},
-        {{},
-         {u"Beat.wav"_s, u"link.wav"_s, u"./Beat.wav"_s, u"Beat.wav"_s},
-         {u"Beat (Tagged).wav"_s}},
-    };
-    for (const auto& row : rows)
-        EXPECT_EQ(planned(row.job, inputsOf(dir.path(), row.given)), row.expected)
-            << row.given.join(u' ').toStdString();
+    // Options (o: -o OUT, f: -f mp3) | ROOT:TRACK; ... | outputs; ...
+    for (const QString& row :
+         {u"o|A:A/beat.mp3;B:B/beat.mp3|OUT/beat (Tagged) (A).mp3;OUT/beat (Tagged) (B).mp3"_s,
+          u"o|B:B/beat.mp3;A:A/beat.mp3|OUT/beat (Tagged) (B).mp3;OUT/beat (Tagged) (A).mp3"_s,
+          u"o|x/drums:x/drums/beat.wav;y/drums:y/drums/beat.wav|"
+          "OUT/beat (Tagged) (x drums).wav;OUT/beat (Tagged) (y drums).wav"_s,
+          u"of|A:A/beat.mp3;B:B/beat.mp3|"
+          "OUT/beat (Tagged) (A mp3).mp3;OUT/beat (Tagged) (B mp3).mp3"_s,
+          u"f|Beat.mp3;Beat.wav|Beat (Tagged) (mp3).mp3;Beat (Tagged) (wav).mp3"_s,
+          u"f|Beat.wav|Beat (Tagged) (wav).mp3"_s,
+          u"|Beat.wav;Beat.mp3|Beat (Tagged).wav;Beat (Tagged).mp3"_s,
+          u"|Loop.WAV|Loop (Tagged) (WAV).wav"_s,
+          u"|Beat.wav;link.wav;./Beat.wav;Beat.wav|Beat (Tagged).wav"_s}) {
+        const QStringList part = row.split(u'|');
+        Engine::Job job;
+        job.mirrorUnder = part[0].contains(u'o') ? path(u"OUT"_s) : QString();
+        job.format = part[0].contains(u'f') ? Engine::Format::mp3 : Engine::Format::same;
+        std::vector<Engine::Input> inputs;
+        for (const QString& given : part[1].split(u';'))
+            inputs.push_back({path(given.section(u':', -1)),
+                              given.contains(u':') ? path(given.section(u':', 0, 0)) : QString(),
+                              {}});
+        QStringList outputs;
+        for (const Engine::Planned& track : Engine::plan(job, inputs))
+            outputs << QDir(dir.path()).relativeFilePath(track.output.path());
+        EXPECT_EQ(outputs.join(u';'), part[2]) << row.toStdString();
+    }
 }
 
 // The dry run prints the lines of the real run: the collisions' names, and the
