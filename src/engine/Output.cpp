@@ -154,7 +154,7 @@ QString outputURL(const OutputName& name, Collision collision) {
 
 namespace {
 
-// The errno a new folder under `parent` would be refused with, 0 for none.
+// The errno making the missing folder `path` would fail with, 0 for none.
 int makeRefused(const QByteArray& path) {
     const QByteArray parent = path.left(std::max<qsizetype>(path.lastIndexOf('/'), 1));
     return ::access(parent.constData(), W_OK | X_OK) == 0 ? 0 : errno;
