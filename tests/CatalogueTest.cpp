@@ -76,8 +76,8 @@ TEST_F(Catalogue, collidingOutputsAreToldApartTheSameWayOnEveryRun) {
 }
 
 // The dry run prints the lines of the real run: the collisions' names, and the
-// failures of an output folder that is a file or lies under one, and of a name
-// longer than the file system takes, which fail before anything is measured.
+// failures of an output folder that is a file, lies under one or on a read-only
+// disk, and of a name longer than the disk takes, which fail before anything is measured.
 TEST_F(Catalogue, theDryRunSaysWhatTheRunDoes) {
     const QString clip = path(u"tag.wav"_s);
     ::Test::makeAudio(clip, u"sine=frequency=880"_s, 0.3, 22050, 1);
@@ -86,8 +86,19 @@ TEST_F(Catalogue, theDryRunSaysWhatTheRunDoes) {
     const QString longName = QString(245, u'x') + u".wav"_s;
     QFile::copy(path(u"A/beat.mp3"_s), path(u"A/"_s) + longName);
     make(u"afile"_s);
+    QStringList outs{path(u"OUT"_s), path(u"afile"_s), path(u"afile/sub"_s)};
+    QStringList expected{u"beat.mp3  1 TAGS  OK  -> "_s + path(u"OUT/beat (Tagged) (B).mp3"_s),
+                         u"beat.mp3  NOT A DIRECTORY"_s,
+                         u"beat.mp3  CAN'T CREATE "_s + outs[2] + u": NOT A DIRECTORY"_s};
+    // A read-only disk, where one can be mounted.
+    const ::Test::Tmpfs readOnly(path(u"ro"_s), u"1m"_s);
+    if (readOnly.mounted() &&
+        ::Test::runProgram(u"mount"_s, {u"-o"_s, u"remount,ro"_s, path(u"ro"_s)}).status == 0) {
+        outs << path(u"ro/sub"_s);
+        expected << u"beat.mp3  CAN'T CREATE "_s + outs[3] + u": READ-ONLY FILE SYSTEM"_s;
+    }
     QStringList written;
-    for (const QString& out : {path(u"OUT"_s), path(u"afile"_s), path(u"afile/sub"_s)}) {
+    for (const QString& out : outs) {
         const QStringList args{u"-t"_s, clip, u"-o"_s, out, path(u"A"_s), path(u"B"_s)};
         const auto dry = zelkorTag(QStringList{u"-n"_s} + args);
         const auto run = zelkorTag(args);
@@ -99,11 +110,7 @@ TEST_F(Catalogue, theDryRunSaysWhatTheRunDoes) {
         EXPECT_EQ(dry.status, run.status);
         written << lines(run.out).last();
     }
-    EXPECT_EQ(written,
-              (QStringList{u"beat.mp3  1 TAGS  OK  -> "_s + path(u"OUT/beat (Tagged) (B).mp3"_s),
-                           u"beat.mp3  NOT A DIRECTORY"_s,
-                           u"beat.mp3  CAN'T CREATE "_s + path(u"afile/sub"_s) +
-                               u": NOT A DIRECTORY"_s}));
+    EXPECT_EQ(written, expected);
     EXPECT_TRUE(QFileInfo::exists(path(u"OUT/beat (Tagged) (A).mp3"_s)));
     EXPECT_EQ(lines(zelkorTag({u"-n"_s, u"-t"_s, clip, path(u"A"_s) + u'/' + longName}).out),
               QStringList{longName + u"  FILE NAME TOO LONG"_s});
