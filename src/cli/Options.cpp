@@ -154,7 +154,7 @@ QString usage() {
         "                          relative to the PATH it came from\n"
         "  -f, --format FORMAT     same (MP3 for MP3 tracks, WAV otherwise), mp3\n"
         "                          (320 kbit/s, ID3v2.3) or wav (24-bit PCM)\n"
-        "      --skip-existing     skip a track whose output name without a number exists\n"
+        "      --skip-existing     skip a track whose output was made from it as it is now\n"
         "      --replace           the output takes the name without a number, replacing an\n"
         "                          earlier output there once the new one is complete\n"
         "  -n, --dry-run           analyse and print what would be written; write nothing\n"

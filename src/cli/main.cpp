@@ -99,7 +99,10 @@ private:
         if (m_queue.empty())
             return;
         const int jobs = m_options.jobs == 0 ? QThread::idealThreadCount() : m_options.jobs;
+        const auto queued = std::ssize(m_queue);
         m_running = Engine::plan(m_job, std::exchange(m_queue, {}));
+        if (std::ssize(m_running) != queued) // a track given twice is tagged once
+            m_progress.grow(std::ssize(m_running) - queued);
         m_batch = std::make_unique<Batch>(
             Batch::Work{m_job, m_running, jobs},
             [this](const Batch::Outcome& outcome) { report(outcome); },
