@@ -92,6 +92,14 @@ public:
 private:
     void next() {
         m_batch.reset(); // ended: its threads are joined here
+        for (std::size_t i = 0; i < m_made.size(); ++i)
+            if (!m_made[i].isEmpty()) {
+                const Engine::OutputName& planned = m_running[i].output;
+                m_written.insert(m_running[i].input.track,
+                                 {planned.folder,
+                                  Names::fileName(m_made[i]).chopped(planned.extension.size() + 1),
+                                  planned.extension});
+            }
         if (m_stoppedBy != 0 || m_outputError != 0 || (m_queue.empty() && !m_watching)) {
             QCoreApplication::quit();
             return;
@@ -100,6 +108,13 @@ private:
             return;
         const int jobs = m_options.jobs == 0 ? QThread::idealThreadCount() : m_options.jobs;
         m_running = Engine::plan(m_job, std::exchange(m_queue, {}));
+        for (Engine::Planned& planned : m_running)
+            if (const auto own = m_written.constFind(planned.input.track);
+                own != m_written.cend()) {
+                planned.output = *own;
+                planned.ownOutput = true;
+            }
+        m_made.assign(m_running.size(), {});
         m_batch = std::make_unique<Batch>(
             Batch::Work{m_job, m_running, jobs},
             [this](const Batch::Outcome& outcome) { report(outcome); },
@@ -112,6 +127,8 @@ private:
     // On the batch's threads, one at a time.
     void report(const Batch::Outcome& outcome) {
         m_anyFailed = m_anyFailed || outcome.failed();
+        if (m_watching && outcome.result && !m_job.dryRun)
+            m_made[static_cast<std::size_t>(outcome.index)] = outcome.result->output;
         const Said said{m_running[static_cast<std::size_t>(outcome.index)], outcome, m_job.dryRun,
                         m_clip};
         m_progress.clear();
@@ -130,6 +147,10 @@ private:
     const bool m_watching;
     std::vector<Input> m_queue;
     Engine::Plan m_running; // read by the running batch
+    // A watched track written again after it was tagged is tagged again into
+    // the same output: the outputs of the running batch, by track, then of all.
+    std::vector<QString> m_made;
+    QHash<QString, Engine::OutputName> m_written;
     std::unique_ptr<Batch> m_batch;
     int m_stoppedBy = 0;
     // Written by the batch's callbacks, which never run two at a time, and read

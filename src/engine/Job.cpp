@@ -61,10 +61,10 @@ std::optional<Result> tag(const Job& job, const Planned& track) {
     const Input& input = track.input;
     if (input.problem)
         throw *input.problem;
-    if (job.taken == Taken::skip && Files::occupied(track.output.path()))
+    if (job.taken == Taken::skip && !track.ownOutput && Files::occupied(track.output.path()))
         return std::nullopt;
     const Collision collision =
-        job.taken == Taken::replace ? Collision::replace : Collision::nextNumber;
+        job.taken == Taken::replace || track.ownOutput ? Collision::replace : Collision::nextNumber;
     if (job.dryRun)
         return preview(input.track, job.clip, job.interval, job.levelDB, track.output, collision);
     if (!job.mirrorUnder.isEmpty())
