@@ -88,7 +88,7 @@ const std::vector<Option>& options() {
         {'q', QLatin1String("quiet"), false, [](O o, V) { return o.quiet = true, Problem(); }},
         {0, QLatin1String("no-cache"), false, [](O o, V) { return o.noCache = true, Problem(); }},
         {0, QLatin1String("watch"), true,
-         [](O o, V v) { return o.watch = v, unless(!v.isEmpty(), "give a folder"); }},
+         [](O o, V v) { return o.watch << v, unless(!v.isEmpty(), "give a folder"); }},
         {0, QLatin1String("list-tags"), false, [](O o, V) { return o.listTags = true, Problem(); }},
         {0, QLatin1String("add-tag"), true, [](O o, V v) { return o.addTag = v, Problem(); }},
         {0, QLatin1String("select-tag"), true, [](O o, V v) { return o.selectTag = v, Problem(); }},

@@ -177,24 +177,25 @@ int tagAll(const Options& options) {
     const Collecting how{options.recursive,
                          options.outputDir ? Names::absolute(*options.outputDir) : QString()};
     std::vector<Input> inputs = collect(paths, how);
-    if (options.watch && !isFolder(*options.watch)) {
-        write(stderr,
-              QStringLiteral("zelkor-tag: no folder to watch at '%1'\n").arg(*options.watch));
-        return kExitFailed;
-    }
-    if (inputs.empty() && !options.watch) {
+    for (const QString& folder : options.watch)
+        if (!isFolder(folder)) {
+            write(stderr, QStringLiteral("zelkor-tag: no folder to watch at '%1'\n").arg(folder));
+            return kExitFailed;
+        }
+    const bool watching = !options.watch.isEmpty();
+    if (inputs.empty() && !watching) {
         write(stderr, QStringLiteral("NO TRACKS FOUND\n"));
         return kExitFailed;
     }
     // Without a track to tag, the clip is not needed for the lines of PATHs that are none.
     const bool anyTrack =
-        options.watch || std::any_of(inputs.begin(), inputs.end(),
-                                     [](const Input& input) { return !input.problem; });
+        watching || std::any_of(inputs.begin(), inputs.end(),
+                                [](const Input& input) { return !input.problem; });
     Engine::Job job = jobOf(options);
     if (anyTrack && !chooseClip(options, job))
         return kExitFailed;
 
-    Tagging tagging(options, std::move(job), options.watch.has_value());
+    Tagging tagging(options, std::move(job), watching);
     // SIGINT, SIGTERM (a kill), SIGHUP (the terminal closed), SIGQUIT and a reader
     // of standard output that went away all stop the run: its ffmpeg runs end,
     // their partial outputs go, the tracks already written stay.
@@ -213,14 +214,15 @@ int tagAll(const Options& options) {
             tagging.stop(SIGPIPE);
         });
     }
-    if (options.watch) {
+    if (watching) {
         try {
-            auto* watch = new Watch(*options.watch, how,
+            auto* watch = new Watch(options.watch, how,
                                     [&tagging](Input input) { tagging.add({std::move(input)}); });
             watch->setParent(&listening);
         } catch (const std::exception& error) {
-            write(stderr, QStringLiteral("zelkor-tag: can't watch '%1': %2\n")
-                              .arg(*options.watch, describeError(error)));
+            write(stderr,
+                  QStringLiteral("zelkor-tag: can't watch '%1': %2\n")
+                      .arg(options.watch.join(QStringLiteral("', '")), describeError(error)));
             return kExitFailed;
         }
     }
@@ -258,10 +260,10 @@ int main(int argc, char** argv) {
     const bool libraryCommand = options.listTags || options.addTag || options.selectTag;
     if (libraryCommand) {
         const int status = manageLibrary(options);
-        if ((options.paths.isEmpty() && !options.watch) || status != kExitOk)
+        if ((options.paths.isEmpty() && options.watch.isEmpty()) || status != kExitOk)
             return status;
     }
-    if (options.paths.isEmpty() && !options.watch) {
+    if (options.paths.isEmpty() && options.watch.isEmpty()) {
         write(stderr, QStringLiteral("zelkor-tag: no PATH given (see --help)\n"));
         return kExitUsage;
     }
