@@ -68,6 +68,13 @@ public:
             next();
     }
 
+    // A watched track handed over again before its turn is tagged once, as it is then.
+    void addWatched(Input input) {
+        if (std::none_of(m_queue.begin(), m_queue.end(),
+                         [&input](const Input& queued) { return queued.track == input.track; }))
+            add({std::move(input)});
+    }
+
     // Starts no further track and ends the running ones; the run ends with `signal`.
     void stop(int signal) {
         if (m_stoppedBy == 0)
@@ -217,7 +224,7 @@ int tagAll(const Options& options) {
     if (watching) {
         try {
             auto* watch = new Watch(options.watch, how,
-                                    [&tagging](Input input) { tagging.add({std::move(input)}); });
+                                    [&tagging](Input input) { tagging.addWatched(std::move(input)); });
             watch->setParent(&listening);
         } catch (const std::exception& error) {
             write(stderr,
