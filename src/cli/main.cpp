@@ -223,8 +223,9 @@ int tagAll(const Options& options) {
     }
     if (watching) {
         try {
-            auto* watch = new Watch(options.watch, how,
-                                    [&tagging](Input input) { tagging.addWatched(std::move(input)); });
+            auto* watch = new Watch(options.watch, how, [&tagging](Input input) {
+                tagging.addWatched(std::move(input));
+            });
             watch->setParent(&listening);
         } catch (const std::exception& error) {
             write(stderr,
