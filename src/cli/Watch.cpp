@@ -1,7 +1,8 @@
 // The watch reads inotify's events for each watched folder: a track created,
 // written, closed or moved in is looked at again every kPollMs until its size
 // and time have settled. Besides, each folder given is looked at every
-// kFollowMs, to follow it again when it was removed or replaced.
+// kFollowMs, to follow it again when it was removed or replaced (moved away,
+// it would still send its events).
 #include "cli/Watch.h"
 
 #include "base/TagError.h"
@@ -22,8 +23,7 @@ namespace {
 
 constexpr int kPollMs = 250;
 constexpr int kFollowMs = 1000;
-constexpr uint32_t kEvents = IN_CREATE | IN_MOVED_TO | IN_MODIFY | IN_CLOSE_WRITE | IN_ONLYDIR |
-                             IN_DELETE_SELF | IN_MOVE_SELF;
+constexpr uint32_t kEvents = IN_CREATE | IN_MOVED_TO | IN_MODIFY | IN_CLOSE_WRITE | IN_ONLYDIR;
 // More chunks than any writer puts before the data: a file that has them is
 // left for the analysis to judge.
 constexpr int kMaxChunks = 64;
@@ -38,9 +38,9 @@ bool trusted(const QByteArray& path, const struct stat& target) {
            (!S_ISLNK(link.st_mode) || link.st_uid == ::geteuid() || link.st_uid == target.st_uid);
 }
 
-quint64 little(const char* bytes, int count) {
+quint64 little(const char* bytes) {
     quint64 value = 0;
-    for (int i = count - 1; i >= 0; --i)
+    for (int i = 3; i >= 0; --i)
         value = value << 8 | static_cast<unsigned char>(bytes[i]);
     return value;
 }
@@ -48,33 +48,26 @@ quint64 little(const char* bytes, int count) {
 // Whether a WAV's data is all there. Its writer puts the real sizes in the
 // header once the data is written (0 or 0xFFFFFFFF meanwhile), or knew them
 // from the start: either way the file is whole once it is as long as they say.
+// An RF64 keeps its sizes elsewhere: it is whole once it has settled.
 bool whole(int fd, qint64 size) {
     char head[12];
     if (::pread(fd, head, sizeof head, 0) != static_cast<ssize_t>(sizeof head))
         return false;
     const QByteArrayView magic(head, 4);
-    if (magic != "RIFF" && magic != "RF64" && magic != "BW64")
-        return magic != QByteArrayView("\0\0\0\0", 4); // no header yet; else no WAV to wait for
-    quint64 riff = little(head + 4, 4);
-    quint64 data64 = kPlaceholder;
+    if (magic != "RIFF")
+        return magic != QByteArrayView("\0\0\0\0", 4); // else no header yet
+    const quint64 riff = little(head + 4);
+    if (riff == 0 || riff == kPlaceholder || riff + 8 > static_cast<quint64>(size))
+        return false;
     qint64 at = sizeof head;
     for (int chunk = 0; chunk < kMaxChunks; ++chunk) {
-        char header[24]; // its name and size, and a ds64's sizes of the whole and the data
-        const ssize_t got = ::pread(fd, header, sizeof header, at);
-        if (got < 8)
+        char header[8]; // its name and size
+        if (::pread(fd, header, sizeof header, at) != static_cast<ssize_t>(sizeof header))
             return false; // no data chunk yet
-        quint64 length = little(header + 4, 4);
-        const QByteArrayView name(header, 4);
-        if (name == "ds64" && got == static_cast<ssize_t>(sizeof header)) {
-            riff = little(header + 8, 8);
-            data64 = little(header + 16, 8);
-        } else if (name == "data") {
-            if (length == kPlaceholder && magic != "RIFF")
-                length = data64;
-            return riff != 0 && riff != kPlaceholder && length != 0 && length != kPlaceholder &&
-                   riff + 8 <= static_cast<quint64>(size) &&
+        const quint64 length = little(header + 4);
+        if (QByteArrayView(header, 4) == "data")
+            return length != 0 && length != kPlaceholder &&
                    at + 8 + length <= static_cast<quint64>(size);
-        }
         at += static_cast<qint64>(8 + length + (length & 1));
     }
     return true;
@@ -165,9 +158,7 @@ bool Watch::add(const QString& folder, const QString& root, bool announce) {
     const auto known = m_folders.constFind(wd);
     if (known != m_folders.cend() && known->path == folder)
         return true; // given twice, or inside a folder given before
-    Folder watched{folder, root};
-    identify(watched);
-    m_folders.insert(wd, watched);
+    m_folders.insert(wd, {folder, root});
     for (const QString& track : Engine::collect({folder})) {
         if (announce)
             touched(track, root);
@@ -229,17 +220,9 @@ void Watch::read() {
                         touched(track, folder.root);
                 continue;
             }
-            if (event->mask & (IN_IGNORED | IN_MOVE_SELF)) {
-                // Removed, or moved away; one moved within the tree was added
-                // again by its new name already.
-                Folder moved = m_folders.value(event->wd);
-                const Folder before = moved;
-                if (event->mask & IN_IGNORED)
-                    m_folders.remove(event->wd);
-                else if (!identify(moved) || moved.inode != before.inode ||
-                         moved.device != before.device)
-                    forget(before.path);
-                followRoots();
+            if (event->mask & IN_IGNORED) {
+                m_folders.remove(event->wd);
+                followRoots(); // a folder given may be gone
                 continue;
             }
             if (event->len == 0 || !m_folders.contains(event->wd))

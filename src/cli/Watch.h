@@ -49,8 +49,8 @@ private:
     struct Folder {
         QString path;
         QString root;
-        dev_t device = 0;
-        ino_t inode = 0; // of a root, 0 while it is gone
+        dev_t device = 0; // of a folder given
+        ino_t inode = 0;  // 0 while it is gone
     };
     struct Pending {
         Seen seen;
