@@ -79,32 +79,41 @@ TEST_F(Watch, exportsThatPauseEndAsOneWholeOutputEach) {
     const QByteArray wav = ::Test::readAll(path(u"beat.wav"_s));
     const QByteArray mp3 = ::Test::readAll(path(u"beat.mp3"_s));
     const qsizetype header = wav.indexOf("data") + 8;
-    const QByteArray unknown(4, '\xff'); // what ffmpeg writes until it knows the sizes
-    const QByteArray placeholder =
-        wav.left(header).replace(4, 4, unknown).replace(header - 4, 4, unknown);
+    // Headers as written before the sizes are known: ffmpeg's, and one sized for no data.
+    const QByteArray unknown = wav.left(header)
+                                   .replace(4, 4, QByteArray(4, '\xff'))
+                                   .replace(header - 4, 4, QByteArray(4, '\xff'));
+    const QByteArray unsized =
+        wav.left(header)
+            .replace(4, 4, QByteArray(1, char(header - 8)) + QByteArray(3, 0))
+            .replace(header - 4, 4, QByteArray(4, 0));
 
     Watching watch(args({u"--watch"_s, exports}));
     ASSERT_TRUE(watch.says(u"zelkor-tag: watching '"_s + exports + u'\''));
     // Name, whole contents, the first half as written before the pause.
     const std::vector<std::tuple<QString, QByteArray, QByteArray>> exportsOf{
         {u"known.wav"_s, wav, wav.left(wav.size() / 2)},
-        {u"placeholder.wav"_s, wav, placeholder + wav.mid(header, wav.size() / 2)},
-        {u"paused.mp3"_s, mp3, mp3.left(mp3.size() / 2)},
+        {u"placeholder.wav"_s, wav, unknown + wav.mid(header, wav.size() / 2)},
+        {u"no-data.wav"_s, wav, unsized + wav.mid(header, wav.size() / 2)},
+        {u"rough.mp3"_s, mp3, mp3.left(mp3.size() / 2)},
     };
     for (const auto& [name, whole, half] : exportsOf)
         ::Test::writeFile(exports + u'/' + name, half);
-    ASSERT_TRUE(watch.says(u"paused.mp3"_s));
+    ASSERT_TRUE(watch.says(u"rough.mp3"_s));
+    EXPECT_EQ(watch.tracks().size(), 1); // a WAV taken with it would be tagged before it
     for (const auto& [name, whole, half] : exportsOf)
         ::Test::writeFile(exports + u'/' + name, whole);
     ASSERT_TRUE(watch.says(u"known.wav"_s));
     ASSERT_TRUE(watch.says(u"placeholder.wav"_s));
-    ASSERT_TRUE(watch.says(u"paused.mp3"_s, 2));
+    ASSERT_TRUE(watch.says(u"no-data.wav"_s));
+    ASSERT_TRUE(watch.says(u"rough.mp3"_s, 2));
 
-    EXPECT_EQ(watch.tracks().size(), 4);
+    EXPECT_EQ(watch.tracks().size(), 5);
     QStringList files = QDir(exports).entryList(QDir::Files | QDir::Hidden);
     EXPECT_EQ(files,
-              (QStringList{u"known (Tagged).wav"_s, u"known.wav"_s, u"paused (Tagged).mp3"_s,
-                           u"paused.mp3"_s, u"placeholder (Tagged).wav"_s, u"placeholder.wav"_s}));
+              (QStringList{u"known (Tagged).wav"_s, u"known.wav"_s, u"no-data (Tagged).wav"_s,
+                           u"no-data.wav"_s, u"placeholder (Tagged).wav"_s, u"placeholder.wav"_s,
+                           u"rough (Tagged).mp3"_s, u"rough.mp3"_s}));
     for (const QString& output : files.filter(u"(Tagged)"_s))
         EXPECT_NEAR(::Test::samples(exports + u'/' + output, 44100, 2).size() / 2 / 44100.0,
                     seconds, 0.05)

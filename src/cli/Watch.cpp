@@ -27,7 +27,6 @@ constexpr uint32_t kEvents = IN_CREATE | IN_MOVED_TO | IN_MODIFY | IN_CLOSE_WRIT
 // More chunks than any writer puts before the data: a file that has them is
 // left for the analysis to judge.
 constexpr int kMaxChunks = 64;
-constexpr quint64 kPlaceholder = 0xFFFFFFFF;
 
 // Whether a link on the way may be followed. Another user's link is followed
 // only to what that user owns: in a shared folder, a link planted to one of
@@ -45,10 +44,10 @@ quint64 little(const char* bytes) {
     return value;
 }
 
-// Whether a WAV's data is all there. Its writer puts the real sizes in the
-// header once the data is written (0 or 0xFFFFFFFF meanwhile), or knew them
-// from the start: either way the file is whole once it is as long as they say.
-// An RF64 keeps its sizes elsewhere: it is whole once it has settled.
+// Whether a WAV is all there: at least as long as its header says, with a
+// data chunk of a known length. Until its writer knows them, it writes sizes
+// that fail either (0xFFFFFFFF, or a data chunk of none), or it knew them from
+// the start. An RF64 keeps its sizes elsewhere: it is whole once it has settled.
 bool whole(int fd, qint64 size) {
     char head[12];
     if (::pread(fd, head, sizeof head, 0) != static_cast<ssize_t>(sizeof head))
@@ -56,8 +55,7 @@ bool whole(int fd, qint64 size) {
     const QByteArrayView magic(head, 4);
     if (magic != "RIFF")
         return magic != QByteArrayView("\0\0\0\0", 4); // else no header yet
-    const quint64 riff = little(head + 4);
-    if (riff == 0 || riff == kPlaceholder || riff + 8 > static_cast<quint64>(size))
+    if (little(head + 4) + 8 > static_cast<quint64>(size))
         return false;
     qint64 at = sizeof head;
     for (int chunk = 0; chunk < kMaxChunks; ++chunk) {
@@ -66,8 +64,7 @@ bool whole(int fd, qint64 size) {
             return false; // no data chunk yet
         const quint64 length = little(header + 4);
         if (QByteArrayView(header, 4) == "data")
-            return length != 0 && length != kPlaceholder &&
-                   at + 8 + length <= static_cast<quint64>(size);
+            return length != 0;
         at += static_cast<qint64>(8 + length + (length & 1));
     }
     return true;
