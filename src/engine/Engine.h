@@ -60,6 +60,9 @@ struct Input {
 struct Planned {
     Input input;
     OutputName output; // empty for an input with a problem
+    // The output is one this track got earlier in the run (a watched track
+    // written again): it is replaced, whatever the job says of a taken name.
+    bool ownOutput = false;
 };
 using Plan = std::vector<Planned>;
 

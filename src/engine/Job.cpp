@@ -235,9 +235,10 @@ std::optional<Result> tag(const Job& job, const Planned& track) {
     const Input& input = track.input;
     if (input.problem)
         throw *input.problem;
-    Collision collision = job.taken == Taken::replace ? Collision::replace : Collision::nextNumber;
+    Collision collision =
+        job.taken == Taken::replace || track.ownOutput ? Collision::replace : Collision::nextNumber;
     const std::optional<Files::Identity> master = Files::identity(input.track);
-    if (job.taken == Taken::skip) {
+    if (job.taken == Taken::skip && !track.ownOutput) {
         // Done only when made from the master as it is now; another living run's
         // render is left to it. A stale output is made again under its own name.
         const QString done = track.output.path();
