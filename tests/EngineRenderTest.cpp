@@ -229,6 +229,10 @@ TEST_F(EngineRender, oddAndLatin1NamesWorkEndToEnd) {
     EXPECT_DOUBLE_EQ(Engine::analyze(forged).duration, 12);
     ASSERT_EQ(::rename(Names::encode(path(u"beat.wav"_s)).constData(), latin + ".wav"), 0);
     ::Test::makeAudio(folder + u"/-Beat \"1\" [it's]; a:b caf\uFFFD.wav"_s, kBeat, 3);
+    // A stale temporary file goes; a user's files of a like shape stay.
+    for (const QString& name : {u".a.zelkor-1-abcdef.part"_s, u"b.zelkor-1-abcdef.part"_s,
+                                u".x.zelkor-1-ab.part"_s, u".hidden.part"_s})
+        ::Test::writeFile(folder + u'/' + name, "x");
     ::Test::makeAudio(clip, u"sine=frequency=880"_s, 0.5, 22050, 1);
     // Given relative, as on a command line.
     const QStringList tracks = Engine::collect({QDir::current().relativeFilePath(folder)});
@@ -238,7 +242,15 @@ TEST_F(EngineRender, oddAndLatin1NamesWorkEndToEnd) {
     EXPECT_EQ(Names::encode(tagged.output), latin + " (Tagged).wav");
     EXPECT_EQ(tagged.placements, 3);
     EXPECT_EQ(Engine::process(tracks[1], clip, 5, -5).placements, 1);
-    EXPECT_EQ(QDir(folder).count(), 4u); // two tracks, two outputs
+    EXPECT_EQ(
+        QDir(folder).entryList({u"*.part"_s}, QDir::Files | QDir::Hidden),
+        QStringList({u".hidden.part"_s, u".x.zelkor-1-ab.part"_s, u"b.zelkor-1-abcdef.part"_s}));
+    // A name too long for a temporary one beside it, cut short between characters.
+    const QString longName = path(u"z"_s + QString(120, u'\u00e9') + u".wav"_s);
+    QFile::copy(path(u"-tag é 🎧.wav"_s), longName);
+    EXPECT_EQ(Engine::process(longName, clip, 5, -5).output,
+              path(u"z"_s + QString(120, u'\u00e9') + u" (Tagged).wav"_s));
+    EXPECT_EQ(QDir(folder).count(), 5u); // two tracks, two outputs, the user's file
 }
 
 TEST_F(EngineRender, aClipIsMeasuredOnceWithoutItsTrailingSilenceOrRefused) {
