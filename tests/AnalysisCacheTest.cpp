@@ -68,19 +68,16 @@ TEST(AnalysisCache, keptFiguresServeOnlyTheSameFileAndTheLeastRecentlyUsedGoPast
     setTimes(track, before.st_atim, before.st_mtim);
     EXPECT_EQ(measured(track), 4);
 
-    // A full folder of older entries: the new one stays (the second call finds it),
-    // the oldest goes. Links, since creating 5,000 files is slow on some disks.
+    // A full folder: the new entry stays, the least recently used goes.
     const QString folder = Engine::AnalysisCache::folder(), oldest = folder + u"/oldest"_s;
-    const QByteArray filler = QFile::encodeName(folder + u"/old-0"_s);
     ::Test::writeFile(oldest, "{}");
-    ::Test::writeFile(folder + u"/old-0"_s, "{}");
     setTimes(oldest, {1'000'000'000, 0}, {1'000'000'000, 0});
-    setTimes(folder + u"/old-0"_s, {1'100'000'000, 0}, {1'100'000'000, 0});
-    for (int i = 1; i < Engine::AnalysisCache::kMaxEntries - 2; ++i)
-        ASSERT_EQ(::link(filler.constData(), filler.constData() + QByteArray::number(i)), 0);
+    for (int i = 0; i < Engine::AnalysisCache::kMaxEntries - 2; ++i) // links: files are slow
+        ASSERT_EQ(::link(QFile::encodeName(track).constData(),
+                         QFile::encodeName(folder + u"/old-"_s + QString::number(i)).constData()),
+                  0);
     EXPECT_EQ(measured(other), 5);
     EXPECT_EQ(measured(other), 5);
-    EXPECT_LT(entries().size(), Engine::AnalysisCache::kMaxEntries);
     EXPECT_FALSE(QFileInfo::exists(oldest));
 
     // A cache folder that cannot be made is passed by.
