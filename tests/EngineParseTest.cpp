@@ -18,9 +18,11 @@ namespace {
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
 
+Engine::Analysis parsed(const QString& lines) {
+    return Engine::parseAnalysis(u"  Duration: 00:01:40.00, bitrate: 1411 kb/s\n"_s + lines);
+}
 Engine::Analysis parsed(const char* lines) {
-    return Engine::parseAnalysis(u"  Duration: 00:01:40.00, bitrate: 1411 kb/s\n"_s +
-                                 QString::fromUtf8(lines));
+    return parsed(QString::fromUtf8(lines));
 }
 
 using EngineFiles = ::Test::TempFolder;
@@ -34,9 +36,7 @@ TEST(EngineParse, realTranscriptsAndWhichSilenceIsTrailing) {
         return Engine::parseAnalysis(::Test::fixture(QString::fromLatin1(name)));
     };
     const Engine::Analysis track = transcript("titled-track.txt");
-    EXPECT_DOUBLE_EQ(track.duration, 12.5);
-    EXPECT_DOUBLE_EQ(track.lufs, -12.0);
-    EXPECT_EQ(track.peak, -10.5);
+    EXPECT_TRUE(track.duration == 12.5 && track.lufs == -12 && track.peak == -10.5);
     EXPECT_FALSE(track.silenceStart || track.pictures);
     EXPECT_EQ(track.format, (Engine::AudioFormat{44100, u"stereo"_s}));
     EXPECT_TRUE(track.broadcastChunk && track.integerSamples);
@@ -44,19 +44,18 @@ TEST(EngineParse, realTranscriptsAndWhichSilenceIsTrailing) {
     const Engine::Analysis silent = transcript("silent-track.txt");
     EXPECT_TRUE(silent.peak == -kInf && silent.silenceStart == 0.0);
     const QString covered = ::Test::fixture(u"covered-track.txt"_s);
-    EXPECT_TRUE(Engine::parseAnalysis(covered).pictures);
-    EXPECT_FALSE(Engine::parseAnalysis(covered).integerSamples);
+    EXPECT_TRUE(Engine::parseAnalysis(covered).pictures &&
+                !Engine::parseAnalysis(covered).integerSamples);
     // Pictures are kept only when an MP3 can carry every video stream.
-    for (const char* other :
-         {"  Stream #0:3: Video: jpeg2000, rgb24, 9x9, 90k tbn (attached pic)\n",
-          "  Stream #0:3: Video: h264 (High), yuv420p, 1920x1080, 25 fps\n"})
-        EXPECT_FALSE(Engine::parseAnalysis(covered + QString::fromUtf8(other)).pictures) << other;
-    const char* silences = "[silencedetect @ 0x1] silence_start: %1\n"
-                           "[silencedetect @ 0x1] silence_end: 0.8 | silence_duration: 0.8\n"
-                           "[silencedetect @ 0x1] silence_start: 4.1\n";
-    EXPECT_EQ(parsed(QString::fromLatin1(silences).arg(0).toUtf8().constData()).silenceStart, 4.1);
-    EXPECT_FALSE(
-        parsed(QString::fromLatin1(silences).arg(-0.01).toUtf8().constData()).silenceStart);
+    for (const QString& other :
+         {u"  Stream #0:3: Video: jpeg2000, rgb24, 9x9, 90k tbn (attached pic)\n"_s,
+          u"  Stream #0:3: Video: h264 (High), yuv420p, 1920x1080, 25 fps\n"_s})
+        EXPECT_FALSE(Engine::parseAnalysis(covered + other).pictures) << other.toStdString();
+    const QString silences = u"[silencedetect @ 0x1] silence_start: %1\n"
+                             "[silencedetect @ 0x1] silence_end: 0.8 | silence_duration: 0.8\n"
+                             "[silencedetect @ 0x1] silence_start: 4.1\n"_s;
+    EXPECT_EQ(parsed(silences.arg(0)).silenceStart, 4.1);
+    EXPECT_FALSE(parsed(silences.arg(-0.01)).silenceStart);
     // The format is the first audio stream's; a bext chunk shows only in the input's tags.
     EXPECT_EQ(parsed("  Stream #0:0: Video: mjpeg, yuvj420p, 500x500\n"
                      "  Stream #0:1(eng): Audio: pcm_s24le, 96000 Hz, 5.1(side), s32 (24 bit)\n"
@@ -101,19 +100,14 @@ TEST(EnginePlacement, copiesRepeatWhileTheyFitAndNonsenseGivesTheFallback) {
     const double nan = std::nan("");
     EXPECT_EQ(Engine::positions(95, 30, 3), (std::vector{0.5, 30.5, 60.5, 90.5}));
     EXPECT_EQ(Engine::positions(10, 30, 10), std::vector{0.5});
-    for (const auto& [duration, interval, clip] : {std::tuple{10.0, 30.0, 12.0},
-                                                   {95.0, 0.0, 3.0},
-                                                   {95.0, -3.0, 3.0},
-                                                   {95.0, kInf, 3.0},
-                                                   {95.0, nan, 3.0},
-                                                   {kInf, 30.0, 3.0},
-                                                   {nan, 30.0, 3.0},
-                                                   {95.0, 30.0, kInf}})
-        EXPECT_EQ(Engine::positions(duration, interval, clip), std::vector{0.0})
-            << duration << " " << interval << " " << clip;
-    EXPECT_EQ(Engine::positions(95, 1e-20, 3).size(), Engine::kMaxPlacements);
-    for (double interval : {0.0, -3.0, kInf, nan})
+    for (double interval : {0.0, -3.0, kInf, nan}) {
+        EXPECT_EQ(Engine::positions(95, interval, 3), std::vector{0.0}) << interval;
         EXPECT_THROW(Engine::process(u"/a.wav"_s, u"/t.wav"_s, interval, -5), TagError);
+    }
+    for (const auto& [duration, clip] :
+         {std::pair{10.0, 12.0}, {kInf, 3.0}, {nan, 3.0}, {95.0, kInf}})
+        EXPECT_EQ(Engine::positions(duration, 30, clip), std::vector{0.0}) << duration << clip;
+    EXPECT_EQ(Engine::positions(95, 1e-20, 3).size(), Engine::kMaxPlacements);
     // The clip's gain is clamped between -40 and 12 dB.
     for (const auto& [level, track, tag, gain] : {std::tuple{-9.0, -70.0, -10.0, -40.0},
                                                   {-1.0, -8.0, -30.0, 12.0},
