@@ -1,17 +1,13 @@
-// The non-GUI platform pieces on real files: the preferences store, the settings
-// kept in it, the desktop's trash, and what a full disk leaves of them.
+// The preferences store on real files, the settings kept in it, and what a full
+// disk leaves of them and of the tag library.
 #include "platform/Preferences.h"
-#include "base/Files.h"
-#include "base/Names.h"
 #include "model/Settings.h"
 #include "model/Tags.h"
-#include "platform/Trash.h"
 #include "support/FreshHome.h"
 #include "support/TestSupport.h"
 
 #include <QDir>
 #include <QJsonDocument>
-#include <QRegularExpression>
 #include <gtest/gtest.h>
 
 using namespace Qt::StringLiterals;
@@ -70,36 +66,6 @@ TEST(Preferences, valuesKeepTheirTypesAndSettingsReadAFileChangedOrBrokenBehindT
                                   : QByteArray("{}"));
         EXPECT_TRUE(settings.interval() == 30 && settings.levelDB() == -5) << stored;
     }
-}
-
-// A restore reads the place from the entry: the path's bytes, escaped as in a URL.
-TEST(Trash, eachEntryDecodesToTheExactPathAndOnlyAFileThatIsThereGoes) {
-    ::Test::FreshHome home;
-    const QString folder = home.dataHome() + u"/Trash"_s, tags = home.root() + u"/my tags"_s;
-    HomeTrash trash(folder); // made on first use, the data folder included
-    QDir().mkpath(tags);
-    const QRegularExpression entry(u"^\\[Trash Info\\]\nPath=([A-Za-z0-9._~/%-]+)\n"
-                                   u"DeletionDate=\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\n$"_s);
-    QString moved;
-    for (const char* name : {"tag %41 v2.wav", "a#b c.wav", "Caf\u00e9 \u00fc\u266a.wav",
-                             "caf\xE9.wav", "a#b c.wav"}) {
-        const QString path = tags + u'/' + Names::decode(name);
-        Files::create(path, name);
-        moved = trash.moveToTrash(path).value_or(QString());
-        EXPECT_FALSE(Files::occupied(path));
-        EXPECT_EQ(Files::read(moved, 100), QByteArray(name));
-        const QString text = QString::fromLatin1(
-            Files::read(folder + u"/info/"_s + Names::fileName(moved) + u".trashinfo"_s, 1000)
-                .value_or(""));
-        const QRegularExpressionMatch match = entry.match(text);
-        ASSERT_TRUE(match.hasMatch()) << text.toStdString();
-        EXPECT_EQ(Names::decode(QByteArray::fromPercentEncoding(match.captured(1).toLatin1())),
-                  path);
-    }
-    EXPECT_EQ(moved, folder + u"/files/a#b c (2).wav"_s); // the same name trashed twice
-
-    EXPECT_EQ(trash.moveToTrash(tags + u"/gone.wav"_s), std::nullopt);
-    EXPECT_EQ(Files::names(folder + u"/info"_s).size(), 5);
 }
 
 // What was there before stays whole: no "TAG SELECTED" or "TAG ADDED" for a

@@ -77,9 +77,15 @@ TEST_F(TagsTest, addedCopiesTakeTheFirstFreeNumberedNameAndAreSelectedUnderTheir
     }
     EXPECT_EQ(Tags::all().size(), 2);
     EXPECT_TRUE(Files::occupied(voice));
+    // Into the desktop's trash, whose entry names the exact bytes, escaped as in a URL.
     tags.remove(copy);
-    EXPECT_EQ(Files::read(home.dataHome() + u"/Trash/files/"_s + Names::fileName(copy), 100),
+    const QString trashed = home.dataHome() + u"/Trash/"_s;
+    EXPECT_EQ(Files::read(trashed + u"files/"_s + Names::fileName(copy), 100),
               QByteArray("spoken"));
+    EXPECT_TRUE(Files::read(trashed + u"info/"_s + Names::fileName(copy) + u".trashinfo"_s, 999)
+                    ->startsWith("[Trash Info]\nPath=" +
+                                 Names::encode(home.tagsDir()).toPercentEncoding("/") +
+                                 "/voix%E9%20%282%29.WAV\nDeletionDate=20"));
     EXPECT_EQ(Tags::all().size(), 1);
 }
 
