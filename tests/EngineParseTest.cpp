@@ -204,13 +204,4 @@ TEST(EngineJob, thePlanNamesEachOutputBesideItsTrackOrMirrored) {
         ASSERT_EQ(plan.size(), 1u);
         EXPECT_EQ(plan[0].output.path(), output) << track.toStdString();
     }
-    Engine::Job job;
-    job.mirrorUnder = u"/out"_s;
-    EXPECT_EQ(Engine::plan(job, {{u"gone"_s, {}, TagError::notFound()}})[0].output,
-              Engine::OutputName{});
-    job.mirrorUnder.clear();
-    job.taken = Engine::Taken::skip;
-    EXPECT_EQ(Engine::plan(job, {u"/nowhere/f.wav"_s})[0].output.path(),
-              u"/nowhere/f (Tagged).wav"_s);
-    EXPECT_THROW(Engine::tag(job, {{u"x"_s, {}, TagError::notATrack()}, {}}), TagError);
 }
