@@ -44,15 +44,6 @@ TEST(Preferences, valuesKeepTheirTypesAndSettingsReadAFileChangedOrBrokenBehindT
     EXPECT_EQ(onDisk(home.preferencesPath()),
               (QJsonObject{{u"level"_s, 2}, {u"tag"_s, u"b.wav"_s}, {u"seeded"_s, true}}));
 
-    // An unparsable file reads as empty and is kept beside the file that replaces it.
-    for (const QByteArray& broken : {QByteArray(R"({"interval": 2,)"), QByteArray("[2, 1]")}) {
-        ::Test::writeFile(home.preferencesPath(), broken);
-        EXPECT_TRUE(preferences.values().isEmpty()) << broken.constData();
-        preferences.setInteger(u"level"_s, 2);
-        EXPECT_EQ(::Test::readAll(home.preferencesPath() + u".corrupt"_s), broken);
-        EXPECT_EQ(onDisk(home.preferencesPath()), (QJsonObject{{u"level"_s, 2}}));
-    }
-
     // Settings are kept in the file (as another process reads them); thirty seconds at
     // MID when fresh or for a stored value that is not an index of its table.
     Settings settings(preferences);
