@@ -1,5 +1,4 @@
-// Analyses kept between runs: a hit spares ffmpeg, and a changed track, another
-// ffmpeg, a damaged entry or a failed measurement never serves figures.
+// Analyses kept between runs: only the same file measured by the same ffmpeg hits.
 #include "engine/AnalysisCache.h"
 #include "support/FreshHome.h"
 #include "support/TestSupport.h"

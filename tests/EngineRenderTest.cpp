@@ -14,8 +14,7 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int kRate = 44100;
-// Left and right differ, and a mix at 8 kHz would lose the treble.
-const QString kBeat = u"aevalsrc=0.25*sin(2*PI*220*t)|0.2*sin(2*PI*12000*t)"_s;
+const QString kBeat = u"aevalsrc=0.25*sin(2*PI*220*t)|0.2*sin(2*PI*12000*t)"_s; // L != R, treble
 
 void makeSpeech(const QString& path) {
     const auto spoken = ::Test::runProgram(u"/usr/bin/espeak-ng"_s,
@@ -24,7 +23,6 @@ void makeSpeech(const QString& path) {
     ::Test::ffmpeg({u"-i"_s, path + u".wav"_s, u"-ar"_s, u"8000"_s, path});
 }
 
-// What ffmpeg prints about a file: its duration and stream lines.
 QString describe(const QString& path) {
     return ::Test::runProgram(::Test::systemFFmpeg(), {u"-hide_banner"_s, u"-i"_s, path}).err;
 }
@@ -41,9 +39,10 @@ TEST_F(EngineRender, eachKindOfTrackKeepsItsTagsAndHearsTheClipAtItsLevel) {
                   clip = path(u"speech.wav"_s), title = u"title=Zelkör ビート 🎧"_s;
     ::Test::makeAudio(plain, kBeat, 19.5);
     ::Test::ffmpeg(u"-f lavfi -i testsrc=size=64x48 -frames:v 1"_s.split(u' ') << cover);
-    ::Test::ffmpeg({u"-i"_s, plain, u"-metadata"_s, title, u"-metadata"_s, u"artist=Prod"_s,
-                    u"-metadata"_s, u"time_reference=123456789"_s, u"-write_bext"_s, u"1"_s,
-                    u"-c:a"_s, u"pcm_s16le"_s, wav});
+    ::Test::ffmpeg(QStringList{u"-i"_s, plain, u"-metadata"_s, title} +
+                       u"-metadata artist=Prod -metadata time_reference=123456789 -write_bext 1 "
+                       "-c:a pcm_s16le"_s.split(u' ')
+                   << wav);
     ::Test::ffmpeg({u"-i"_s, plain, u"-i"_s, cover, u"-map"_s, u"0"_s, u"-map"_s, u"1"_s, u"-c:v"_s,
                     u"copy"_s, u"-disposition:v"_s, u"attached_pic"_s, u"-id3v2_version"_s, u"4"_s,
                     u"-metadata"_s, title, mp3});
@@ -71,9 +70,8 @@ TEST_F(EngineRender, eachKindOfTrackKeepsItsTagsAndHearsTheClipAtItsLevel) {
     EXPECT_EQ(::Test::readAll(path(u"picture.png"_s)), ::Test::readAll(cover));
 }
 
-// Masters peaking at -0.1 and 0 dBFS pass bit-exact outside the tags (bar the limiter's
-// 2 ms look-ahead and 40 ms release) and peak no higher under them; on an ordinary
-// master a clip cut at its peak steps in and out of each copy without a click.
+// Masters at -0.1 and 0 dBFS pass bit-exact outside the tags (bar the limiter's 2 ms and
+// 40 ms) and peak no higher under them; a clip cut at its peak never clicks.
 TEST_F(EngineRender, theMasterChangesOnlyUnderItsTagsAndCopiesNeverClick) {
     const QString clip = path(u"cut.wav"_s), ordinary = path(u"ordinary.wav"_s);
     ::Test::makeAudio(clip, u"aevalsrc=0.5*cos(2*PI*250*t)"_s, 1, 22050, 1);
@@ -135,9 +133,8 @@ struct SamenessCase {
     QString layout;
     double interval;
     int placements;
-    double clip;    // audible seconds
-    bool silence;   // followed by trailing silence
-    bool fullScale; // a master at 0 dBFS, so the ceiling is 1; else one at 0.8
+    double clip;             // audible seconds
+    bool silence, fullScale; // trailing silence; a master at 0 dBFS (ceiling 1), else 0.8
 };
 
 // Every rate, layout and interval, 2 to 90 placements, and 720 on two one-hour tracks.
@@ -159,16 +156,15 @@ std::vector<SamenessCase> fullSamenessTable() {
     return cases;
 }
 
-// The MD5 of the rendered 24-bit samples of a generated track and clip.
 QString renderedDigest(const SamenessCase& c, const Engine::Mix& mix, Engine::GraphShape shape) {
     const int channels = Engine::channelCount(c.layout);
     QStringList waves;
     for (int k = 0; k < channels; ++k)
         waves << u"%1*sin(2*PI*%2*t)*(0.6+0.4*sin(2*PI*0.7*t))"_s.arg(c.fullScale ? 1 : 0.8)
                      .arg(110 + 37 * k);
-    const double seconds = mix.times.back() + c.clip + 0.25;
     const QString track = u"aevalsrc=%1:c=%2:s=%3:d=%4,aformat=sample_fmts=s16"_s.arg(
-        waves.join(u'|'), c.layout, QString::number(c.rate), QString::number(seconds));
+        waves.join(u'|'), c.layout, QString::number(c.rate),
+        QString::number(mix.times.back() + c.clip + 0.25));
     const QString clip = u"sine=frequency=900:sample_rate=22050:duration=%1%2"_s.arg(
         QString::number(c.clip), c.silence ? u",apad=pad_dur=0.7"_s : QString());
     const auto run =
@@ -183,8 +179,7 @@ QString renderedDigest(const SamenessCase& c, const Engine::Mix& mix, Engine::Gr
 
 } // namespace
 
-// The looped bed writes the very samples of one branch per copy, limited throughout;
-// make sameness (ZELKOR_FULL_SAMENESS=1) runs the full table, about an hour.
+// The looped bed writes the samples of one branch per copy; make sameness runs all rows.
 TEST(EngineSameness, theLoopedBedWritesTheSameSamplesAsOneBranchPerCopy) {
     std::vector<SamenessCase> cases{{22050, u"mono"_s, 5, 4, 1.2, true, true},
                                     {44100, u"stereo"_s, 5, 3, 5, false, false},
@@ -205,8 +200,7 @@ TEST(EngineSameness, theLoopedBedWritesTheSameSamplesAsOneBranchPerCopy) {
     }
 }
 
-// Names are bytes: a Latin-1 name among ffmpeg's special characters is tagged under its
-// own bytes; its UTF-8 misreading (U+FFFD) names another track.
+// Names are bytes: a Latin-1 name is tagged as such; its UTF-8 misreading is another track.
 TEST_F(EngineRender, oddAndLatin1NamesWorkEndToEnd) {
     const QString folder = path(u"-x; [y] 'q'"_s), clip = path(u"-tag é 🎧.wav"_s);
     QDir().mkpath(folder);

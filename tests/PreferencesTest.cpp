@@ -1,5 +1,4 @@
-// The preferences store on real files, the settings kept in it, and what a full
-// disk leaves of them and of the tag library.
+// The preferences store and its settings on real files, and what a full disk leaves.
 #include "platform/Preferences.h"
 #include "model/Settings.h"
 #include "model/Tags.h"

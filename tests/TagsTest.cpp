@@ -1,5 +1,4 @@
-// The tag library on real folders: listing order, selection, adding, seeding
-// and removing to the desktop's trash.
+// The tag library on real folders: order, selection, adding, seeding, trashing.
 #include "model/Tags.h"
 #include "base/Files.h"
 #include "base/Names.h"
