@@ -298,7 +298,7 @@ std::optional<Identity> identity(const QString& path) {
         return std::nullopt;
     return Identity{info.st_dev,          info.st_ino,          info.st_size,
                     timeOf(info.st_mtim), timeOf(info.st_ctim), S_ISREG(info.st_mode),
-                    S_ISDIR(info.st_mode)};
+                    S_ISDIR(info.st_mode),  info.st_mode & 07777u};
 }
 
 void makeFolders(const QString& folder, mode_t mode) {

@@ -213,7 +213,8 @@ Analysis analyze(const QString& path) {
 }
 
 TagInfo info(const QString& path) {
-    return EngineState::shared().clipInfo(path, [&path] {
+    // A clip rewritten under its name is another clip: measured again.
+    return EngineState::shared().clipInfo(path, Files::identity(Names::absolute(path)), [&path] {
         const Analysis analysis = analyze(path);
         return TagInfo{analysis.lufs, analysis.silenceStart
                                           ? std::max(*analysis.silenceStart, kMinimumTagLength)

@@ -133,7 +133,7 @@ QString outputURL(const OutputName& name, Collision collision) {
         folder + Names::encode(Files::claimNumbered(name.stem, name.extension, taken, last).first));
 }
 
-PendingOutput::PendingOutput(const QString& folder, const QString& stem)
+PendingOutput::PendingOutput(const QString& folder, const QString& stem, unsigned mode)
     : m_folder(folderOf(folder))
     , m_stem(Names::encode(stem)) {
     removeDeadTemps(m_folder);
@@ -141,7 +141,7 @@ PendingOutput::PendingOutput(const QString& folder, const QString& stem)
                               QByteArray::number(::getpid()) + '-';
     for (int attempt = 0; attempt < kTempAttempts; ++attempt) {
         const QByteArray temp = prefix + Files::randomLetters(kRandomLength) + kTempEnd.data();
-        const int fd = ::open(temp.constData(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        const int fd = ::open(temp.constData(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode);
         if (fd < 0) {
             if (errno == EEXIST)
                 continue;
