@@ -215,8 +215,7 @@ std::optional<QByteArray> entryBytes(const QString& entry) {
     if (fd < 0)
         return std::nullopt;
     struct stat info = {};
-    const bool own =
-        ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == ::geteuid();
+    const bool own = ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == ::geteuid();
     ::close(fd);
     return own ? Files::read(entry, kMaxEntryBytes + 1) : std::nullopt;
 }
@@ -301,8 +300,7 @@ Analysis kept(const QString& path, const std::function<Analysis(const QString&)>
 
     const QJsonArray key = identity(file, *stamp, *program, *programStamp);
     const QString entry = entryPath(key);
-    if (std::optional<Analysis> found =
-            trusted(folder()) ? read(entry, key) : std::nullopt) {
+    if (std::optional<Analysis> found = trusted(folder()) ? read(entry, key) : std::nullopt) {
         ::utimensat(AT_FDCWD, Names::encode(entry).constData(), nullptr, 0);
         return *found;
     }

@@ -8,10 +8,10 @@
 #include <QTextBoundaryFinder>
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <functional>
 #include <limits>
 #include <mutex>
-#include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
 

@@ -142,8 +142,9 @@ unsigned long long groupTicks(pid_t group) {
     while (const dirent* entry = ::readdir(proc)) {
         if (entry->d_name[0] < '1' || entry->d_name[0] > '9')
             continue;
-        const QByteArray stat = Files::read(QStringLiteral("/proc/%1/stat").arg(QLatin1String(entry->d_name)), 1024)
-                                    .value_or(QByteArray());
+        const QByteArray stat =
+            Files::read(QStringLiteral("/proc/%1/stat").arg(QLatin1String(entry->d_name)), 1024)
+                .value_or(QByteArray());
         // After the name in parentheses: state, ppid, pgrp, ... utime and stime are the
         // 12th and 13th, the times of its waited-for children the next two.
         const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
