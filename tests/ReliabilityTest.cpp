@@ -9,6 +9,7 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QProcess>
+#include <QTemporaryDir>
 #include <csignal>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -170,18 +171,35 @@ TEST_F(Reliability, onlyTheUsersOwnRegularCacheEntriesAreRead) {
     }
 }
 
-// With few descriptors, 64 tracks asked at once run a few at a time and all are tagged.
-TEST_F(Reliability, tooFewDescriptorsRunFewerTracksAtOnce) {
+// With few descriptors, or few processes (ffmpeg's threads count), 64 tracks asked at
+// once run a few at a time and all are tagged. Processes are limited for another user
+// than root, whom the limit does not bind.
+TEST_F(Reliability, tooFewDescriptorsOrProcessesRunFewerTracksAtOnce) {
+    QTemporaryDir shared;
+    ::chmod(QFile::encodeName(shared.path()).constData(), 0777);
+    const QString voice = shared.filePath(u"voice.wav"_s);
+    ASSERT_TRUE(QFile::copy(clip, voice));
     QStringList tracks;
-    for (int i = 0; i < 8; ++i) {
-        tracks << path(u"beat %1.wav"_s.arg(i));
+    for (int i = 0; i < 6; ++i) {
+        tracks << shared.filePath(u"beat %1.wav"_s.arg(i));
         ::Test::makeAudio(tracks.last(), u"sine=frequency=220"_s, 1);
     }
-    const auto run =
-        ::Test::runProgram(u"sh"_s, QStringList{u"-c"_s, u"ulimit -n 24 && exec \"$0\" \"$@\""_s,
-                                                ::Test::binary(u"zelkor-tag"_s), u"--no-cache"_s,
-                                                u"-j"_s, u"64"_s, u"--tag"_s, clip} +
-                                        tracks);
-    EXPECT_EQ(run.status, 0) << run.out.toStdString() << run.err.toStdString();
-    EXPECT_EQ(run.out.count(u"1 TAGS  OK"_s), 8) << run.out.toStdString();
+    const QStringList tag =
+        QStringList{
+            ::Test::binary(u"zelkor-tag"_s), u"--no-cache"_s, u"-j"_s, u"64"_s, u"--tag"_s, voice} +
+        tracks;
+    const QStringList nobody{u"--reuid=65534"_s, u"--regid=65534"_s, u"--clear-groups"_s,
+                             u"prlimit"_s, u"--nproc=12"_s};
+    for (const QStringList& limited :
+         {QStringList{u"prlimit"_s, u"--nofile=24"_s}, QStringList{u"setpriv"_s} + nobody}) {
+        SCOPED_TRACE(limited.join(u' ').toStdString());
+        if (limited[0] == u"setpriv"_s && ::geteuid() != 0)
+            continue;
+        for (const QString& track : tracks)
+            QFile::remove(QString(track).replace(u".wav"_s, u" (Tagged).wav"_s));
+        const auto run =
+            ::Test::runProgram(limited[0], limited.mid(1) + tag, {u"HOME="_s + shared.path()});
+        EXPECT_EQ(run.status, 0) << run.out.toStdString() << run.err.toStdString();
+        EXPECT_EQ(run.out.count(u"1 TAGS  OK"_s), 6) << run.out.toStdString();
+    }
 }

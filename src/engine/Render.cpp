@@ -476,9 +476,12 @@ Result process(const QString& given, const QString& tag, double interval, double
 
     // Stopped or failed, the temporary file goes with `out`.
     const RunResult result = run(args, passed);
-    if (result.status != 0)
-        throw TagError::ffmpegFailed(
-            failureText(withoutName(result.output, out.file().argument())));
+    if (result.status != 0) {
+        const QString why = failureText(withoutName(result.output, out.file().argument()));
+        if (const int lack = lackIn(result.output))
+            throw TagError::systemFailed(lack, {}, why);
+        throw TagError::ffmpegFailed(why);
+    }
     if (Files::identity(track) != trackWas || Files::identity(clipFile) != clipWas)
         throw TagError::changed();
     if (const std::optional<QString> fault =

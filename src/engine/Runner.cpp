@@ -277,14 +277,9 @@ RunResult run(const QStringList& args, const std::vector<int>& passed) {
                   QStringList{QStringLiteral("-hide_banner"), QStringLiteral("-nostdin")} + args,
                   QIODevice::ReadOnly);
     if (!process.waitForStarted(-1)) {
-        // Qt gives the system's reason only as text; a batch needs to know a lack of
-        // processes or memory, which passes when fewer tracks run at once.
+        // Qt gives the system's reason only as text.
         const QString why = process.errorString();
-        int code = 0;
-        for (const int lack : {EAGAIN, ENOMEM, EMFILE, ENFILE})
-            if (why.endsWith(QString::fromLocal8Bit(std::strerror(lack))))
-                code = lack;
-        throw TagError::systemFailed(code, {}, why.toUpper());
+        throw TagError::systemFailed(lackIn(why), {}, why.toUpper());
     }
 
     KeptText text;
@@ -304,6 +299,14 @@ RunResult run(const QStringList& args, const std::vector<int>& passed) {
     result.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
     result.output = QString::fromUtf8(text.text());
     return result;
+}
+
+int lackIn(const QString& text) {
+    // Not ENOMEM: ffmpeg says "Cannot allocate memory" for many a damaged file.
+    for (const int lack : {EAGAIN, EMFILE, ENFILE})
+        if (text.contains(QString::fromLocal8Bit(std::strerror(lack))))
+            return lack;
+    return 0;
 }
 
 QStringList match(const QRegularExpression& pattern, const QString& text) {
