@@ -1,15 +1,14 @@
 // The application shell and the desktop around it: the window the launch
-// builds, its menu bar and menus; the tag row kept in step with the library
-// whoever changes it; the program the file viewer's fallback may hand a folder to.
+// builds and its menu bar; the tag row kept in step with the library whoever
+// changes it; the program the file viewer's fallback may hand a folder to.
 #include "app/AppDelegate.h"
-#include "style/Palette.h"
 #include "support/GuiSupport.h"
 
+#include <QFileSystemWatcher>
 #include <QMainWindow>
-#include <QMenu>
 #include <QMenuBar>
-#include <QMessageBox>
 #include <QScreen>
+#include <QTimer>
 #include <gtest/gtest.h>
 
 using namespace Qt::StringLiterals;
@@ -37,7 +36,7 @@ protected:
                          std::nullopt};
 };
 
-TEST_F(AppShell, theMenuBarHidesShowsAboutAndQuitsWithTheWindow) {
+TEST_F(AppShell, theMenuBarHidesShowsAndQuitsWithTheWindow) {
     EXPECT_EQ(window().minimumSize(), window().maximumSize());
     // Centred as it shows, menu bar included.
     const QPoint off =
@@ -49,44 +48,17 @@ TEST_F(AppShell, theMenuBarHidesShowsAboutAndQuitsWithTheWindow) {
     delegate.activate();
     EXPECT_FALSE(window().isMinimized());
 
-    trigger(u"About ODRAVEX Zelkor"_s);
-    const auto* about = window().findChild<QMessageBox*>();
-    ASSERT_TRUE(about);
-    EXPECT_TRUE(about->text().contains(u"ODRAVEX Zelkor"_s) &&
-                about->text().contains(QStringLiteral(ZELKOR_VERSION)) &&
-                !about->iconPixmap().isNull());
-
     constexpr int kStillRunning = 7;
     QTimer::singleShot(0, &window(), [this] { trigger(u"Close"_s); });
     QTimer::singleShot(10'000, qApp, [] { QCoreApplication::exit(kStillRunning); });
     EXPECT_EQ(QCoreApplication::exec(), 0);
 }
 
-// Menus over the near-black window: their background, border and separators
-// must show, whatever fonts draw the titles.
-TEST(DarkMenus, standOutFromTheWindowAndShowTheirSeparators) {
-    ::Test::guiApplication();
-    applyDarkAppearance();
-    const auto menu = buildMenu({{.title = u"a"_s}, MenuItem::separatorItem(), {.title = u"b"_s}});
-    menu->adjustSize();
-    const QImage image = menu->grab().toImage();
-    const int x = image.width() - 8; // right of the short titles, inside the separator
-    auto grey = [&](int px, int py) { return qGray(image.pixel(px, py)); };
-    const int window = qGray(Style::black.rgb()), background = grey(x, 3);
-    int separator = background;
-    for (int y = 3; y < image.height() - 3; ++y)
-        if (std::abs(grey(x, y) - background) > std::abs(separator - background))
-            separator = grey(x, y);
-    EXPECT_GE(background - window, 15);
-    EXPECT_GE(std::abs(separator - background), 20);
-    EXPECT_GE(grey(0, image.height() / 2) - window, 40); // the border
-}
-
 using TagRow = ::Test::ViewFixture;
 
 // Another program changes the selection, a file manager deletes the clips:
-// the window shows it by itself, within a second or so, activated or not.
-TEST_F(TagRow, followsChangesMadeByOtherProgramsWithoutBeingActivated) {
+// the window shows it by itself, within a second or so.
+TEST_F(TagRow, followsChangesMadeByOtherProgramsAndRereadsOnFocus) {
     clip(u"a.wav"_s);
     tags.setSelected(clip(u"b.wav"_s));
     const auto inStep = [this] {
@@ -105,35 +77,21 @@ TEST_F(TagRow, followsChangesMadeByOtherProgramsWithoutBeingActivated) {
     ::Test::click(view(), view().zoneRect().center());
     EXPECT_EQ(panels.tagPanels + panels.trackPanels, 0);
     EXPECT_TRUE(::Test::waitUntil(inStep, 2000));
-}
 
-// Without a file manager on the bus, the first file's folder goes to the
-// desktop's folder handler: here a script of the test's own that notes it.
-TEST(FileViewerFallback, opensTheFolderWithTheFolderHandler) {
-    ::Test::guiApplication();
-    ::Test::FreshHome home;
-    const QString root = home.root();
-    home.setEnv("DBUS_SESSION_BUS_ADDRESS", u"unix:path="_s + root + u"/no-bus"_s);
-    home.setEnv("DISPLAY", u":99"_s); // xdg-open only asks whether one is named
-    for (const char* name : {"XDG_CURRENT_DESKTOP", "XDG_SESSION_DESKTOP", "DESKTOP_SESSION",
-                             "KDE_FULL_SESSION", "GNOME_DESKTOP_SESSION_ID", "WAYLAND_DISPLAY"})
-        home.setEnv(name, std::nullopt);
-    home.setEnv("XDG_DATA_DIRS", root + u"/no-system-data"_s);
-    home.setEnv("XDG_CONFIG_DIRS", root + u"/no-system-config"_s);
-    const QString apps = home.dataHome() + u"/applications/"_s, opened = root + u"/opened"_s;
-    for (const QString& folder : {apps, home.configHome(), root + u"/one"_s})
-        QDir().mkpath(folder);
-    const QString script = u"#!/bin/sh\nprintf '%s\\n' \"$1\" >> '%1'\n"_s.arg(opened);
-    ::Test::writeFile(root + u"/files"_s, script.toUtf8(), true);
-    const QString entry = u"[Desktop Entry]\nType=Application\nName=Files\nExec=%1/files %F\n"
-                          "MimeType=inode/directory;\n"_s.arg(root);
-    ::Test::writeFile(apps + u"files.desktop"_s, entry.toUtf8());
-    ::Test::writeFile(home.configHome() + u"/mimeapps.list"_s,
-                      "[Default Applications]\ninode/directory=files.desktop\n");
-    const std::unique_ptr<FileViewer> viewer = makeDesktopFileViewer();
-    viewer->show({root + u"/one/a (Tagged).wav"_s, root + u"/two/b.wav"_s});
-    EXPECT_TRUE(::Test::waitUntil([&] { return QFileInfo::exists(opened); }, 10'000));
-    EXPECT_EQ(::Test::readAll(opened), (root + u"/one\n"_s).toUtf8());
+    // A change the watch missed shows when this window gets the focus, not another.
+    controller().findChild<QFileSystemWatcher*>()->blockSignals(true);
+    tags.setSelected(clip(u"c.wav"_s));
+    const auto focus = [](QWidget& window) {
+        window.show();
+        window.activateWindow();
+        return ::Test::waitUntil(
+            [&] { return QGuiApplication::focusWindow() == window.windowHandle(); }, 2000);
+    };
+    QWidget other;
+    ASSERT_TRUE(focus(other));
+    EXPECT_FALSE(inStep());
+    ASSERT_TRUE(focus(view()));
+    EXPECT_TRUE(inStep());
 }
 
 // Zelkor handed a folder would tag it again and show it again without end: the
@@ -147,10 +105,8 @@ TEST(FileViewerFallback, handsAFolderOnlyToAnotherProgram) {
     const QString other = u"[Desktop Entry]\nExec=env A=1 B=2 \"/opt/my files/thunar\" %F\n"_s;
     const std::vector<std::tuple<QString, QString, bool>> rows{
         {u"thunar.desktop"_s, other, true},
-        {u"files.desktop"_s, u"[Desktop Entry]\nExec=nautilus %U"_s, true},
         {u""_s, other, false},               // no handler
         {u"zelkor.desktop"_s, other, false}, // Zelkor's own entry, whatever it says
-        {u"thunar.desktop"_s, u""_s, false}, // an entry that cannot be read
         {u"old.desktop"_s, u"[Desktop Entry]\nExec=/opt/zelkor/bin/zelkor %F"_s, false},
         {u"link.desktop"_s, u"[Desktop Entry]\nExec=zelkor-link %F"_s, false},
         {u"action.desktop"_s, u"[Desktop Action new]\nExec=nautilus\n[Desktop Entry]\nName=x"_s,

@@ -1,18 +1,15 @@
-// Faults and hostile input: killed and failing ffmpeg runs, a full or read-only
-// disk, files that change under a batch, a broken preferences file or library
-// folder, and a signal or a closed output in the middle of a render.
+// Faults: killed ffmpeg runs, a full or read-only disk, files that change under a
+// batch, a broken home, and a signal or a closed output in the middle of a render.
 #include "support/FreshHome.h"
 #include "support/TestSupport.h"
 
 #include <QDir>
 #include <QFileInfo>
-#include <QJsonDocument>
 #include <QProcess>
 #include <algorithm>
 #include <csignal>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <iostream>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,10 +19,6 @@ namespace {
 
 using ::Test::readAll;
 using ::Test::zelkorTag;
-
-QString text(const QString& path) {
-    return QString::fromUtf8(readAll(path));
-}
 
 // Whether any process on the machine names `path` among its arguments.
 bool processWriting(const QString& path) {
@@ -45,7 +38,6 @@ QString hiddenIn(const QString& folder) {
     return QDir(folder).entryList({u".*.part"_s}, QDir::Files | QDir::Hidden).join(u'|');
 }
 
-// A home of the test's own (preferences, library, kept analyses) and a clip in it.
 class Faults : public testing::Test {
 protected:
     void SetUp() override { ::Test::makeAudio(clip, u"sine=frequency=1000"_s, 0.5, 8000, 1); }
@@ -57,12 +49,9 @@ protected:
 
 } // namespace
 
-// One batch, each track a fault and the line it gets. The fake runs the real ffmpeg,
-// then changes the analysed track as its name says; a render of "killed" writes a
-// little and dies as the kernel's OOM killer would, and so do an analysis of "dies
-// measuring" and the clip's first analysis, half-way through their text. A FIFO fails
-// at once, never hanging ffmpeg. The batch goes on past each, and every track that
-// stays is left as it was.
+// One batch, each track a fault and its line; the batch goes on past each and every
+// track that stays is left as it was. The fake ffmpeg removes "vanished" once measured;
+// a render of "killed" and the clip's first analysis die as the OOM killer would.
 TEST_F(Faults, eachFaultFailsItsOwnTrackAndTheBatchGoesOn) {
     const QString share = ::Test::resourcesWith(home.root(), R"(in=; prev=
 for arg; do [ "$prev" = -i ] && [ -z "$in" ] && in=$arg; prev=$arg; out=$arg; done
@@ -74,133 +63,81 @@ case " $* " in *" -filter_complex "*)
     esac
     exec "$real" "$@" ;;
 esac
-dies() { "$real" "$@" 2>&1 | head -n 12; kill -9 $$; }
 case "$in" in
-*"dies measuring"*) dies "$@" ;;
-*/voice.wav) [ -e "$in.measured" ] || { touch "$in.measured"; dies "$@"; } ;;
+*/voice.wav) [ -e "$in.m" ] || { touch "$in.m"; "$real" "$@" 2>&1 | head -n 12; kill -9 $$; } ;;
+*vanished*) "$real" "$@"; status=$?; rm "$in"; exit $status ;;
 esac
-"$real" "$@"; status=$?
-case "$in" in
-*vanished*) rm "$in" ;;
-*folder*) rm "$in"; mkdir "$in" ;;
-*/gone/*) rm -r "${in%/*}" ;;
-esac
-exit $status
+exec "$real" "$@"
 )");
-    // Each track and its line; none where it depends on when the change lands.
-    const QString cant = u"CAN'T READ FILE"_s; // the first for the clip's failed analysis
+    // No line where it depends on when the change lands.
     std::vector<std::pair<QString, QString>> rows{
-        {u"0 first.wav"_s, cant},
+        {u"0 first.wav"_s, u"CAN'T READ FILE"_s}, // the clip's failed analysis
         {u"a killed.wav"_s, u"SIZE=      64KB TIME=00:00:00.37 BITRATE=1411.2KBITS/S"_s},
         {u"b vanished.wav"_s, {}},
-        {u"c folder.wav"_s, {}},
-        {u"gone/d.wav"_s, {}},
-        {u"e dies measuring.wav"_s, cant},
-        {u"f fifo.mp3"_s, cant},
+        {u"f fifo.mp3"_s, u"CAN'T READ FILE"_s}, // at once, never hanging ffmpeg
         {u"g.wav"_s, u"1 TAGS  OK  -> "_s + path(u"g (Tagged).wav"_s)},
         // 1.7 MB of 16-bit audio leaves no room for its 24-bit copy.
         {u"full/beat.wav"_s, u"ERROR CLOSING FILE: NO SPACE LEFT ON DEVICE"_s},
         {u"ro/beat.wav"_s, u"READ-ONLY FILE SYSTEM"_s}};
     const ::Test::Tmpfs full(path(u"full"_s), u"2m"_s), readOnly(path(u"ro"_s), u"2m"_s);
     if (!full.mounted() || !readOnly.mounted()) // where no tmpfs can be mounted
-        rows.resize(8);
+        rows.resize(5);
     QStringList tracks;
-    std::vector<QByteArray> originals;
+    QList<QByteArray> originals;
     for (const auto& [track, line] : rows) {
         tracks << path(track);
-        QDir().mkpath(QFileInfo(tracks.last()).path());
-        ::Test::makeAudio(tracks.last(), u"sine=frequency=220"_s,
-                          track.startsWith(u"full"_s) ? 10 : 3);
-        originals.push_back(readAll(tracks.last()));
+        ::Test::makeAudio(tracks.last(), u"sine=frequency=220"_s, track.startsWith(u'f') ? 10 : 3);
+        originals << readAll(tracks.last());
     }
-    QFile::remove(tracks[6]);
-    ASSERT_EQ(::mkfifo(QFile::encodeName(tracks[6]).constData(), 0644), 0);
+    QFile::remove(tracks[3]);
+    ASSERT_EQ(::mkfifo(QFile::encodeName(tracks[3]).constData(), 0644), 0);
     ::Test::runProgram(u"mount"_s, {u"-o"_s, u"remount,ro"_s, path(u"ro"_s)});
 
     const auto run = zelkorTag(QStringList{u"--tag"_s, clip, u"--interval"_s, u"5"_s} + tracks,
                                {u"ZELKOR_RESOURCES="_s + share}, 60'000);
     EXPECT_EQ(run.status, 1);
-    const QStringList lines = run.out.split(u'\n', Qt::SkipEmptyParts);
-    ASSERT_EQ(lines.size(), tracks.size()) << run.out.toStdString();
-    for (qsizetype i = 0; i < tracks.size(); ++i) {
-        const QString& line = rows[static_cast<std::size_t>(i)].second;
+    const QStringList said = run.out.split(u'\n', Qt::SkipEmptyParts);
+    ASSERT_EQ(said.size(), tracks.size()) << run.out.toStdString();
+    for (int i = 0; i < tracks.size(); ++i) {
+        const QString& line = rows[std::size_t(i)].second;
         const QString name = QFileInfo(tracks[i]).fileName() + u"  "_s;
-        EXPECT_TRUE(line.isEmpty() ? lines[i].startsWith(name) && !lines[i].contains(u"OK"_s)
-                                   : lines[i] == name + line)
-            << lines[i].toStdString();
-        // The FIFO has nothing to keep.
-        EXPECT_TRUE(line.isEmpty() || i == 6 ||
-                    readAll(tracks[i]) == originals[static_cast<std::size_t>(i)])
-            << i;
+        EXPECT_TRUE(line.isEmpty() ? said[i].startsWith(name) && !said[i].contains(u"OK"_s)
+                                   : said[i] == name + line)
+            << said[i].toStdString();
+        EXPECT_TRUE(line.isEmpty() || i == 3 || readAll(tracks[i]) == originals[i]) << i;
     }
     EXPECT_EQ(taggedIn(home.root()) + taggedIn(path(u"full"_s)) + taggedIn(path(u"ro"_s)),
               u"g (Tagged).wav"_s);
 }
 
-// The library commands on a broken home. Each run adds a clip, which writes the
-// selection: nothing the user had there is replaced without a copy kept, and a run
-// that fails keeps no copy of the clip.
-TEST_F(Faults, aBrokenHomeIsNeverReplacedWithoutACopyAndAClipNameMayHoldANewline) {
-    const QString beat = path(u"beat.wav"_s), corrupt = prefs + u".corrupt"_s;
+// The library commands on a broken home replace nothing the user had there.
+TEST_F(Faults, aBrokenHomeIsNeverReplacedWithoutACopy) {
     const QStringList add{u"--add-tag"_s, clip};
-    ::Test::makeAudio(beat, u"sine=frequency=220"_s, 3);
     // A file in place of the tags folder: no clip to list, to tag with or to add.
     QDir().mkpath(home.appData());
     ::Test::writeFile(home.tagsDir(), "mine");
     EXPECT_EQ(zelkorTag({u"--list-tags"_s}).out, u""_s);
-    const auto untagged = zelkorTag({beat});
+    const auto untagged = zelkorTag({clip});
     EXPECT_EQ(untagged.out + QString::number(untagged.status),
               u"ADD YOUR TAG FILE FIRST  NO TAG\n1"_s);
     EXPECT_EQ(zelkorTag(add).out, u"voice.wav  CAN'T ADD TAG\n"_s);
-    EXPECT_EQ(text(home.tagsDir()), u"mine"_s);
+    EXPECT_EQ(readAll(home.tagsDir()), "mine");
 
-    // Put right, the library takes a clip whose name holds a line break.
     QFile::remove(home.tagsDir());
-    const QString split = path(u"my\ntag.wav"_s);
-    QFile::copy(clip, split);
-    EXPECT_EQ(zelkorTag({u"--add-tag"_s, split}).status, 0);
-    EXPECT_EQ(zelkorTag({u"--list-tags"_s}).out, u"* my\ntag.wav\n"_s);
-    const auto tagged = zelkorTag({u"--interval"_s, u"5"_s, beat});
-    EXPECT_EQ(tagged.status, 0) << tagged.out.toStdString();
-    EXPECT_TRUE(QFileInfo::exists(path(u"beat (Tagged).wav"_s)));
-
-    // With no way to keep it aside, the garbage stays where it is.
-    QDir().mkpath(corrupt);
+    // With no way to keep it aside, the garbage stays where it is, and the failed run
+    // keeps no copy of the clip.
+    QDir().mkpath(prefs + u".corrupt"_s);
     ::Test::writeFile(prefs, "garbage");
     EXPECT_EQ(zelkorTag(add).status, 1);
-    EXPECT_EQ(text(prefs), u"garbage"_s);
-    // A folder in the file's place keeps what it holds.
-    QFile::remove(prefs);
-    QDir().rename(corrupt, prefs);
-    ::Test::writeFile(prefs + u"/mine"_s, "mine");
-    EXPECT_EQ(zelkorTag(add).status, 1);
-    EXPECT_EQ(text(prefs + u"/mine"_s), u"mine"_s);
-
-    // Unreadable (write-only): root reads anything, so the run is made as nobody.
-    QDir(prefs).removeRecursively();
-    ::Test::writeFile(prefs, R"({"level": 2})");
-    QFile::setPermissions(prefs, QFileDevice::WriteOwner);
-    const bool root = ::geteuid() == 0;
-    if (root)
-        ::Test::runProgram(u"chown"_s,
-                           {u"-R"_s, u"65534:65534"_s, QFileInfo(home.configHome()).path()});
-    const QStringList nobody{u"--reuid=65534"_s, u"--regid=65534"_s, u"--clear-groups"_s,
-                             ::Test::binary(u"zelkor-tag"_s)};
-    const auto run = root ? ::Test::runProgram(u"setpriv"_s, nobody + add) : zelkorTag(add);
-    EXPECT_EQ(run.status, 0) << run.err.toStdString();
-    QFile::setPermissions(corrupt, QFileDevice::ReadOwner | QFileDevice::WriteOwner);
-    EXPECT_EQ(text(corrupt), uR"({"level": 2})"_s);
-    // No failed run kept its copy of the clip.
-    EXPECT_EQ(QJsonDocument::fromJson(readAll(prefs))[u"tag"_s], u"voice.wav"_s);
+    EXPECT_EQ(readAll(prefs), "garbage");
+    EXPECT_TRUE(QDir(home.tagsDir()).isEmpty());
 }
 
-// A signal while the second of three tracks renders: Ctrl-C or a kill (SIGTERM), a
-// closed terminal (SIGHUP) or a reader of the output that goes away, to the shell,
-// and the desktop session ending (SIGTERM) to the window, end the run and its
-// ffmpeg, remove the hidden file ffmpeg wrote and begin no further track; SIGKILL
-// leaves that file to the next run in the folder, and its ffmpeg dies with it. No
-// partial file ever bears an output's name. The long track's render reads its
-// input in real time, so the signal lands mid-way.
+// A signal while the second of three tracks renders (in real time): SIGTERM, SIGHUP
+// or a reader of the output going away to the shell, SIGTERM to the window, ends
+// the run and its ffmpeg, removes the hidden file and begins no further track;
+// SIGKILL leaves that file to the next run. No partial file bears an output's name.
+// The window tags with the library's seeded clip.
 TEST_F(Faults, aSignalMidRenderLeavesNoPartialOutputAndNoFfmpeg) {
     home.setEnv("ZELKOR_RESOURCES", ::Test::resourcesWith(home.root(), R"(case " $* " in
 *"long.wav -i "*" -filter_complex "*) exec "$real" -re "$@" ;;
@@ -219,24 +156,20 @@ exec "$real" "$@"
     const QString firstLine = u"a.wav  1 TAGS  OK  -> "_s + written + u'\n';
     const QString stopped = firstLine + u"b long.wav  STOPPED\n"_s;
 
-    struct Front {
-        bool window; // the window, or else the shell
-        int signal;  // SIGPIPE: the reader of the output closes it
-        QString out;
-    };
-    for (const Front& front : {Front{false, SIGTERM, stopped}, Front{false, SIGHUP, stopped},
-                               Front{false, SIGPIPE, firstLine}, Front{true, SIGTERM, {}},
-                               Front{false, SIGKILL, firstLine}}) {
-        SCOPED_TRACE(std::to_string(front.window) + ' ' + std::to_string(front.signal));
-        const bool window = front.window;
+    for (const auto& [window, signal, said] :
+         std::vector<std::tuple<bool, int, QString>>{{false, SIGTERM, stopped},
+                                                     {false, SIGHUP, stopped},
+                                                     {false, SIGPIPE, firstLine},
+                                                     {true, SIGTERM, {}},
+                                                     {false, SIGKILL, firstLine}}) {
+        SCOPED_TRACE(std::to_string(window) + ' ' + std::to_string(signal));
         QFile::remove(written);
         QProcess run;
-        int reader = -1;
-        if (front.signal == SIGPIPE) {
-            reader = ::open(QFile::encodeName(fifo).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        const int reader = signal == SIGPIPE ? ::open(QFile::encodeName(fifo).constData(),
+                                                      O_RDONLY | O_NONBLOCK | O_CLOEXEC)
+                                             : -1;
+        if (reader >= 0)
             run.setStandardOutputFile(fifo);
-        }
-        // The window tags with the library's seeded clip.
         run.start(::Test::binary(window ? u"zelkor"_s : u"zelkor-tag"_s),
                   window ? tracks : QStringList{u"--tag"_s, clip} + tracks);
         // The shell's first line may still be on its way when the second begins.
@@ -249,26 +182,22 @@ exec "$real" "$@"
                 run.waitForReadyRead(1);
                 out += QString::fromUtf8(run.readAllStandardOutput());
                 return hiddenIn(home.root()).startsWith(u".b long"_s) &&
-                       out.startsWith(front.out.left(firstLine.size()));
+                       out.startsWith(said.left(firstLine.size()));
             },
             60'000);
         const QString partial = home.root() + u'/' + hiddenIn(home.root());
         ASSERT_TRUE(partial.contains(u"/.b long (Tagged).zelkor-"_s)) << "the second never began";
-        if (reader < 0)
-            ::kill(static_cast<pid_t>(run.processId()), front.signal);
-        else
-            ::close(reader);
+        reader < 0 ? ::kill(static_cast<pid_t>(run.processId()), signal) : ::close(reader);
 
         ASSERT_TRUE(run.waitForFinished(30'000));
         // zelkor-tag ends by the signal itself, so that a shell loop around it stops too.
         EXPECT_EQ(run.exitStatus(), window ? QProcess::NormalExit : QProcess::CrashExit);
-        EXPECT_EQ(run.exitCode(), window ? 0 : front.signal);
-        EXPECT_EQ(out + QString::fromUtf8(run.readAllStandardOutput()), front.out);
+        EXPECT_EQ(run.exitCode(), window ? 0 : signal);
+        EXPECT_EQ(out + QString::fromUtf8(run.readAllStandardOutput()), said);
         EXPECT_TRUE(::Test::waitUntil([&] { return !processWriting(partial); }, 10'000));
-        EXPECT_EQ(::Test::samples(written, 44100, 2).size(), 3u * 44100 * 2);
         EXPECT_TRUE(readAll(second) == original);
-        if (front.signal == SIGKILL) {
-            EXPECT_TRUE(QFileInfo::exists(partial));
+        EXPECT_EQ(QFileInfo::exists(partial), signal == SIGKILL);
+        if (signal == SIGKILL) { // the next run in the folder clears it away
             QFile::remove(written);
             EXPECT_EQ(zelkorTag({u"--tag"_s, clip, first}).out, firstLine);
         }

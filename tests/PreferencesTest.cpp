@@ -1,17 +1,12 @@
-// The non-GUI platform pieces on real files: the preferences store, the settings
-// kept in it, the desktop's trash, and what a full disk leaves of them.
+// The preferences store and its settings on real files, and what a full disk leaves.
 #include "platform/Preferences.h"
-#include "base/Files.h"
-#include "base/Names.h"
 #include "model/Settings.h"
 #include "model/Tags.h"
-#include "platform/Trash.h"
 #include "support/FreshHome.h"
 #include "support/TestSupport.h"
 
 #include <QDir>
 #include <QJsonDocument>
-#include <QRegularExpression>
 #include <gtest/gtest.h>
 
 using namespace Qt::StringLiterals;
@@ -48,64 +43,19 @@ TEST(Preferences, valuesKeepTheirTypesAndSettingsReadAFileChangedOrBrokenBehindT
     EXPECT_EQ(onDisk(home.preferencesPath()),
               (QJsonObject{{u"level"_s, 2}, {u"tag"_s, u"b.wav"_s}, {u"seeded"_s, true}}));
 
-    // An unparsable file reads as empty and is kept beside the file that replaces it.
-    for (const QByteArray& broken : {QByteArray(R"({"interval": 2,)"), QByteArray("[2, 1]")}) {
-        ::Test::writeFile(home.preferencesPath(), broken);
-        EXPECT_TRUE(preferences.values().isEmpty()) << broken.constData();
-        preferences.setInteger(u"level"_s, 2);
-        EXPECT_EQ(::Test::readAll(home.preferencesPath() + u".corrupt"_s), broken);
-        EXPECT_EQ(onDisk(home.preferencesPath()), (QJsonObject{{u"level"_s, 2}}));
-    }
-
-    // Settings are kept in the file and read as the default when fresh or out of the table.
+    // Settings are kept in the file (as another process reads them); thirty seconds at
+    // MID when fresh or for a stored value that is not an index of its table.
     Settings settings(preferences);
     settings.setLevelIndex(2);
     settings.setIntervalIndex(3);
-    PreferencesFile another(home.preferencesPath()); // as another process reads them
-    EXPECT_EQ(Settings(another).interval(), 60);
-    EXPECT_EQ(Settings(another).levelDB(), -1);
-
-    // Thirty seconds at MID, also for a stored value that is not an index of its table.
-    QFile::remove(home.preferencesPath());
-    EXPECT_EQ(settings.interval(), 30);
-    EXPECT_EQ(settings.levelDB(), -5);
-    for (const char* stored : {"\"abc\"", "-1", "4", "2.5", "9e99"}) {
-        ::Test::writeFile(home.preferencesPath(), QByteArray(R"({"interval": )") + stored +
-                                                      R"(, "level": )" + stored + "}");
-        PreferencesFile edited(home.preferencesPath());
-        EXPECT_EQ(Settings(edited).intervalIndex(), 1) << stored;
-        EXPECT_EQ(Settings(edited).levelIndex(), 1) << stored;
+    PreferencesFile another(home.preferencesPath());
+    EXPECT_TRUE(Settings(another).interval() == 60 && Settings(another).levelDB() == -1);
+    for (const char* stored : {"", "\"abc\"", "-1", "4", "2.5", "9e99"}) {
+        ::Test::writeFile(home.preferencesPath(),
+                          *stored ? "{\"interval\": %1, \"level\": %1}"_ba.replace("%1", stored)
+                                  : QByteArray("{}"));
+        EXPECT_TRUE(settings.interval() == 30 && settings.levelDB() == -5) << stored;
     }
-}
-
-// A restore reads the place from the entry: the path's bytes, escaped as in a URL.
-TEST(Trash, eachEntryDecodesToTheExactPathAndOnlyAFileThatIsThereGoes) {
-    ::Test::FreshHome home;
-    const QString folder = home.dataHome() + u"/Trash"_s, tags = home.root() + u"/my tags"_s;
-    HomeTrash trash(folder); // made on first use, the data folder included
-    QDir().mkpath(tags);
-    const QRegularExpression entry(u"^\\[Trash Info\\]\nPath=([A-Za-z0-9._~/%-]+)\n"
-                                   u"DeletionDate=\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\n$"_s);
-    QString moved;
-    for (const char* name : {"tag %41 v2.wav", "a#b c.wav", "Caf\u00e9 \u00fc\u266a.wav",
-                             "caf\xE9.wav", "a#b c.wav"}) {
-        const QString path = tags + u'/' + Names::decode(name);
-        Files::create(path, name);
-        moved = trash.moveToTrash(path).value_or(QString());
-        EXPECT_FALSE(Files::occupied(path));
-        EXPECT_EQ(Files::read(moved, 100), QByteArray(name));
-        const QString text = QString::fromLatin1(
-            Files::read(folder + u"/info/"_s + Names::fileName(moved) + u".trashinfo"_s, 1000)
-                .value_or(""));
-        const QRegularExpressionMatch match = entry.match(text);
-        ASSERT_TRUE(match.hasMatch()) << text.toStdString();
-        EXPECT_EQ(Names::decode(QByteArray::fromPercentEncoding(match.captured(1).toLatin1())),
-                  path);
-    }
-    EXPECT_EQ(moved, folder + u"/files/a#b c (2).wav"_s); // the same name trashed twice
-
-    EXPECT_EQ(trash.moveToTrash(tags + u"/gone.wav"_s), std::nullopt);
-    EXPECT_EQ(Files::names(folder + u"/info"_s).size(), 5);
 }
 
 // What was there before stays whole: no "TAG SELECTED" or "TAG ADDED" for a

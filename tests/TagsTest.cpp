@@ -1,9 +1,7 @@
-// The tag library on real folders: listing order, selection, adding, seeding
-// and removing to the desktop's trash.
+// The tag library on real folders: order, selection, adding, seeding, trashing.
 #include "model/Tags.h"
 #include "base/Files.h"
 #include "base/Names.h"
-#include "engine/Analysis.h"
 #include "platform/Preferences.h"
 #include "platform/Trash.h"
 #include "support/FreshHome.h"
@@ -49,22 +47,17 @@ TEST_F(TagsTest, clipsListInNaturalOrderAndTheSelectionIsAFileNameThatFallsBackT
     EXPECT_EQ(listed(), (QStringList{u"a.wav"_s, u"B.FLAC"_s, u"b.mp3"_s, u"Caf\u00e9.wav"_s,
                                      u"Tag 2.mp3"_s, u"tag 10.wav"_s}));
     EXPECT_EQ(Tags::name(u"/x/my tag.final.wav"_s), u"MY TAG.FINAL"_s);
-
-    // The selection is a file name and falls back to the first clip without being rewritten.
     EXPECT_EQ(tags.selected(), home.tagsDir() + u"/a.wav"_s);
-
     // Only the name is kept, so a path in another folder selects the library's clip.
     tags.setSelected(home.root() + u"/b.mp3"_s);
     EXPECT_EQ(stored(), u"b.mp3"_s);
     EXPECT_EQ(tags.selected(), home.tagsDir() + u"/b.mp3"_s);
-
     tags.setSelected(QString::fromUtf8("Cafe\u0301.wav")); // decomposed: e + combining acute
     EXPECT_EQ(tags.selected(), home.tagsDir() + u"/Caf\u00e9.wav"_s);
-
+    // An unknown name falls back to the first clip without being rewritten.
     tags.setSelected(u"B.MP3"_s);
     EXPECT_EQ(tags.selected(), home.tagsDir() + u"/a.wav"_s);
     EXPECT_EQ(stored(), u"B.MP3"_s);
-
     tags.setSelected(std::nullopt);
     EXPECT_EQ(stored(), std::nullopt);
 }
@@ -83,10 +76,15 @@ TEST_F(TagsTest, addedCopiesTakeTheFirstFreeNumberedNameAndAreSelectedUnderTheir
     }
     EXPECT_EQ(Tags::all().size(), 2);
     EXPECT_TRUE(Files::occupied(voice));
-
+    // Into the desktop's trash, whose entry names the exact bytes, escaped as in a URL.
     tags.remove(copy);
-    EXPECT_EQ(Files::read(home.dataHome() + u"/Trash/files/"_s + Names::fileName(copy), 100),
+    const QString trashed = home.dataHome() + u"/Trash/"_s;
+    EXPECT_EQ(Files::read(trashed + u"files/"_s + Names::fileName(copy), 100),
               QByteArray("spoken"));
+    EXPECT_TRUE(Files::read(trashed + u"info/"_s + Names::fileName(copy) + u".trashinfo"_s, 999)
+                    ->startsWith("[Trash Info]\nPath=" +
+                                 Names::encode(home.tagsDir()).toPercentEncoding("/") +
+                                 "/voix%E9%20%282%29.WAV\nDeletionDate=20"));
     EXPECT_EQ(Tags::all().size(), 1);
 }
 
@@ -97,27 +95,13 @@ TEST_F(TagsTest, seedingCopiesTheDefaultsOnceAndLeavesAClipOfTheSameNameAlone) {
     put(defaults, u"readme.txt"_s);
     home.setEnv("ZELKOR_RESOURCES", home.root() + u"/resources"_s);
     const QString mine = put(Tags::dir(), u"a.wav"_s, "my own a");
-
     tags.seedDefaults();
     EXPECT_EQ(listed(), (QStringList{u"a.wav"_s, u"B.MP3"_s}));
     EXPECT_EQ(::Test::readAll(mine), QByteArray("my own a"));
     EXPECT_EQ(::Test::readAll(home.tagsDir() + u"/B.MP3"_s), QByteArray("default b"));
     EXPECT_EQ(stored(), std::nullopt);
-
     for (const QString& clip : Tags::all())
         QFile::remove(clip);
     tags.seedDefaults();
     EXPECT_TRUE(Tags::all().isEmpty());
-}
-
-TEST_F(TagsTest, theShippedDefaultIsAnAudibleClipOfAFewSecondsEndingInSilence) {
-    tags.seedDefaults();
-    ASSERT_FALSE(Tags::all().isEmpty());
-    for (const QString& clip : Tags::all()) {
-        const Engine::Analysis analysis = Engine::analyze(clip);
-        EXPECT_TRUE(analysis.duration > 1 && analysis.duration < 4) << analysis.duration;
-        EXPECT_GT(analysis.lufs, -30);
-        ASSERT_TRUE(analysis.silenceStart);
-        EXPECT_GT(*analysis.silenceStart, 0.5);
-    }
 }

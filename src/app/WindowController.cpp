@@ -205,7 +205,6 @@ void WindowController::start(const QStringList& paths) {
     }
     m_busy = true;
     emit busyChanged(true);
-    emit progressChanged(0, tracks.size());
     startBatch(tracks, *m_tag);
 }
 
@@ -217,14 +216,16 @@ void WindowController::startBatch(const QStringList& tracks, const QString& tag)
     };
     // Written by the batch's callbacks only, which never run two at a time.
     auto written = std::make_shared<QStringList>();
-    const auto total = static_cast<long long>(tracks.size());
     Engine::Job job;
     job.clip = tag;
     job.interval = m_settings.interval();
     job.levelDB = m_settings.levelDB();
+    Engine::Plan plan = Engine::plan(job, tracks); // a track dropped twice is tagged once
+    const auto total = static_cast<long long>(plan.size());
+    emit progressChanged(0, total);
     m_batch.reset(); // the last batch has ended: its thread is joined here
     m_batch = std::make_unique<Batch>(
-        Batch::Work{job, Engine::plan(job, tracks), 1},
+        Batch::Work{job, std::move(plan), 1},
         [this, post, written, total](const Batch::Outcome& outcome) {
             if (outcome.result)
                 *written << outcome.result->output;

@@ -88,7 +88,7 @@ const std::vector<Option>& options() {
         {'q', QLatin1String("quiet"), false, [](O o, V) { return o.quiet = true, Problem(); }},
         {0, QLatin1String("no-cache"), false, [](O o, V) { return o.noCache = true, Problem(); }},
         {0, QLatin1String("watch"), true,
-         [](O o, V v) { return o.watch = v, unless(!v.isEmpty(), "give a folder"); }},
+         [](O o, V v) { return o.watch << v, unless(!v.isEmpty(), "give a folder"); }},
         {0, QLatin1String("list-tags"), false, [](O o, V) { return o.listTags = true, Problem(); }},
         {0, QLatin1String("add-tag"), true, [](O o, V v) { return o.addTag = v, Problem(); }},
         {0, QLatin1String("select-tag"), true, [](O o, V v) { return o.selectTag = v, Problem(); }},
@@ -154,7 +154,7 @@ QString usage() {
         "                          relative to the PATH it came from\n"
         "  -f, --format FORMAT     same (MP3 for MP3 tracks, WAV otherwise), mp3\n"
         "                          (320 kbit/s, ID3v2.3) or wav (24-bit PCM)\n"
-        "      --skip-existing     skip a track whose output name without a number exists\n"
+        "      --skip-existing     skip a track whose output was made from it as it is now\n"
         "      --replace           the output takes the name without a number, replacing an\n"
         "                          earlier output there once the new one is complete\n"
         "  -n, --dry-run           analyse and print what would be written; write nothing\n"
@@ -162,7 +162,8 @@ QString usage() {
         "  -q, --quiet             no progress line; only failures on standard output\n"
         "      --no-cache          measure every track afresh, keeping no figures\n"
         "      --watch DIR         keep running: tag every track that appears in DIR\n"
-        "                          (recursively with -r) once it is complete\n"
+        "                          (recursively with -r) once it is complete; one --watch\n"
+        "                          per folder\n"
         "      --list-tags         list the tag library, the selected clip marked with *\n"
         "      --add-tag FILE      copy a clip (WAV, MP3, AIFF, M4A, FLAC) into the library\n"
         "                          and select it\n"

@@ -26,7 +26,7 @@ struct Options {
     bool json = false;
     bool quiet = false;
     bool noCache = false;
-    std::optional<QString> watch;
+    QStringList watch; // folders, each watched
     bool listTags = false;
     std::optional<QString> addTag;
     std::optional<QString> selectTag;

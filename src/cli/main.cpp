@@ -68,6 +68,13 @@ public:
             next();
     }
 
+    // A watched track handed over again before its turn is tagged once, as it is then.
+    void addWatched(Input input) {
+        if (std::none_of(m_queue.begin(), m_queue.end(),
+                         [&input](const Input& queued) { return queued.track == input.track; }))
+            add({std::move(input)});
+    }
+
     // Starts no further track and ends the running ones; the run ends with `signal`.
     void stop(int signal) {
         if (m_stoppedBy == 0)
@@ -92,6 +99,14 @@ public:
 private:
     void next() {
         m_batch.reset(); // ended: its threads are joined here
+        for (std::size_t i = 0; i < m_made.size(); ++i)
+            if (!m_made[i].isEmpty()) {
+                const Engine::OutputName& planned = m_running[i].output;
+                m_written.insert(m_running[i].input.track,
+                                 {planned.folder,
+                                  Names::fileName(m_made[i]).chopped(planned.extension.size() + 1),
+                                  planned.extension});
+            }
         if (m_stoppedBy != 0 || m_outputError != 0 || (m_queue.empty() && !m_watching)) {
             QCoreApplication::quit();
             return;
@@ -99,7 +114,17 @@ private:
         if (m_queue.empty())
             return;
         const int jobs = m_options.jobs == 0 ? QThread::idealThreadCount() : m_options.jobs;
+        const auto queued = std::ssize(m_queue);
         m_running = Engine::plan(m_job, std::exchange(m_queue, {}));
+        if (std::ssize(m_running) != queued) // a track given twice is tagged once
+            m_progress.grow(std::ssize(m_running) - queued);
+        for (Engine::Planned& planned : m_running)
+            if (const auto own = m_written.constFind(planned.input.track);
+                own != m_written.cend()) {
+                planned.output = *own;
+                planned.ownOutput = true;
+            }
+        m_made.assign(m_running.size(), {});
         m_batch = std::make_unique<Batch>(
             Batch::Work{m_job, m_running, jobs},
             [this](const Batch::Outcome& outcome) { report(outcome); },
@@ -112,6 +137,8 @@ private:
     // On the batch's threads, one at a time.
     void report(const Batch::Outcome& outcome) {
         m_anyFailed = m_anyFailed || outcome.failed();
+        if (m_watching && outcome.result && !m_job.dryRun)
+            m_made[static_cast<std::size_t>(outcome.index)] = outcome.result->output;
         const Said said{m_running[static_cast<std::size_t>(outcome.index)], outcome, m_job.dryRun,
                         m_clip};
         m_progress.clear();
@@ -130,6 +157,10 @@ private:
     const bool m_watching;
     std::vector<Input> m_queue;
     Engine::Plan m_running; // read by the running batch
+    // A watched track written again after it was tagged is tagged again into
+    // the same output: the outputs of the running batch, by track, then of all.
+    std::vector<QString> m_made;
+    QHash<QString, Engine::OutputName> m_written;
     std::unique_ptr<Batch> m_batch;
     int m_stoppedBy = 0;
     // Written by the batch's callbacks, which never run two at a time, and read
@@ -156,24 +187,25 @@ int tagAll(const Options& options) {
     const Collecting how{options.recursive,
                          options.outputDir ? Names::absolute(*options.outputDir) : QString()};
     std::vector<Input> inputs = collect(paths, how);
-    if (options.watch && !isFolder(*options.watch)) {
-        write(stderr,
-              QStringLiteral("zelkor-tag: no folder to watch at '%1'\n").arg(*options.watch));
-        return kExitFailed;
-    }
-    if (inputs.empty() && !options.watch) {
+    for (const QString& folder : options.watch)
+        if (!isFolder(folder)) {
+            write(stderr, QStringLiteral("zelkor-tag: no folder to watch at '%1'\n").arg(folder));
+            return kExitFailed;
+        }
+    const bool watching = !options.watch.isEmpty();
+    if (inputs.empty() && !watching) {
         write(stderr, QStringLiteral("NO TRACKS FOUND\n"));
         return kExitFailed;
     }
     // Without a track to tag, the clip is not needed for the lines of PATHs that are none.
     const bool anyTrack =
-        options.watch || std::any_of(inputs.begin(), inputs.end(),
-                                     [](const Input& input) { return !input.problem; });
+        watching || std::any_of(inputs.begin(), inputs.end(),
+                                [](const Input& input) { return !input.problem; });
     Engine::Job job = jobOf(options);
     if (anyTrack && !chooseClip(options, job))
         return kExitFailed;
 
-    Tagging tagging(options, std::move(job), options.watch.has_value());
+    Tagging tagging(options, std::move(job), watching);
     // SIGINT, SIGTERM (a kill), SIGHUP (the terminal closed), SIGQUIT and a reader
     // of standard output that went away all stop the run: its ffmpeg runs end,
     // their partial outputs go, the tracks already written stay.
@@ -192,14 +224,16 @@ int tagAll(const Options& options) {
             tagging.stop(SIGPIPE);
         });
     }
-    if (options.watch) {
+    if (watching) {
         try {
-            auto* watch = new Watch(*options.watch, how,
-                                    [&tagging](Input input) { tagging.add({std::move(input)}); });
+            auto* watch = new Watch(options.watch, how, [&tagging](Input input) {
+                tagging.addWatched(std::move(input));
+            });
             watch->setParent(&listening);
         } catch (const std::exception& error) {
-            write(stderr, QStringLiteral("zelkor-tag: can't watch '%1': %2\n")
-                              .arg(*options.watch, describeError(error)));
+            write(stderr,
+                  QStringLiteral("zelkor-tag: can't watch '%1': %2\n")
+                      .arg(options.watch.join(QStringLiteral("', '")), describeError(error)));
             return kExitFailed;
         }
     }
@@ -237,10 +271,10 @@ int main(int argc, char** argv) {
     const bool libraryCommand = options.listTags || options.addTag || options.selectTag;
     if (libraryCommand) {
         const int status = manageLibrary(options);
-        if ((options.paths.isEmpty() && !options.watch) || status != kExitOk)
+        if ((options.paths.isEmpty() && options.watch.isEmpty()) || status != kExitOk)
             return status;
     }
-    if (options.paths.isEmpty() && !options.watch) {
+    if (options.paths.isEmpty() && options.watch.isEmpty()) {
         write(stderr, QStringLiteral("zelkor-tag: no PATH given (see --help)\n"));
         return kExitUsage;
     }

@@ -28,7 +28,9 @@ enum class Format { same, mp3, wav };
 // What a track does when its output's name without a number is taken already.
 enum class Taken {
     nextNumber, // "NAME (Tagged) (2).EXT", as the window does
-    skip,       // the track is not analysed nor written again
+    skip,       // the track is not analysed nor written again when its output was made
+                // from the master as it is now, or another run is writing it; a stale
+                // output is replaced
     replace,    // the new output replaces the earlier one once it is complete
 };
 
@@ -46,9 +48,11 @@ struct Job {
 
 // One input of a run.
 struct Input {
-    QString track;                   // absolute; for a path that is no track, the path as given
-    QString root;                    // the folder it was found under; empty: its own folder
-    std::optional<TagError> problem; // TagError::notFound or notATrack: no track
+    QString track; // absolute; for a path that is no track, the path as given
+    QString root;  // the folder it was found under; empty: its own folder
+    // TagError::notFound or notATrack: no track; or, once planned, why its output
+    // cannot be written (a folder that takes no file, a name too long)
+    std::optional<TagError> problem;
 };
 
 // An input with the name its output takes (the number a taken name needs is
@@ -56,10 +60,20 @@ struct Input {
 struct Planned {
     Input input;
     OutputName output; // empty for an input with a problem
+    // The output is one this track got earlier in the run (a watched track
+    // written again): it is replaced, whatever the job says of a taken name.
+    bool ownOutput = false;
 };
 using Plan = std::vector<Planned>;
 
-// Every output's name of a run, before its first render; reads nothing from the disk.
+// Every output's name of a run, before its first render: one output per track,
+// a track given twice (by any path) planned once, in the order given. When
+// outputs would share a name, each says after " (Tagged)" what tells its master
+// apart: its own extension when theirs differ ("Beat (Tagged) (wav).mp3"),
+// else the folder it was found under, with folders above it as far as it
+// takes ("beat (Tagged) (A).mp3", "(x drums)"). A master beside it in its folder
+// counts though the run does not hold it, so the name is the same whatever a
+// run was given. Reads the tracks' identities and folders, writes nothing.
 Plan plan(const Job& job, std::vector<Input> inputs);
 Plan plan(const Job& job, const QStringList& tracks);
 

@@ -14,6 +14,7 @@
 #include <string_view>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 namespace Engine {
@@ -26,6 +27,8 @@ constexpr qsizetype kRandomLength = 6;
 // Keeps the temporary name within the 255 bytes a name may have.
 constexpr qsizetype kTempStemBytes = 200;
 constexpr int kTempAttempts = 100;
+// Where an output keeps what it was made from.
+constexpr const char* kSourceAttribute = "user.zelkor.source";
 
 [[noreturn]] void fail(int code) {
     throw TagError::systemFailed(code);
@@ -100,6 +103,22 @@ QByteArray shortened(const QByteArray& stem) {
     return stem.left(cut);
 }
 
+QByteArray timeText(const struct timespec& time) {
+    return QByteArray::number(static_cast<qlonglong>(time.tv_sec)) + '.' +
+           QByteArray::number(static_cast<qlonglong>(time.tv_nsec));
+}
+
+QByteArray sourceRecord(const Files::Identity& master, const struct stat& output) {
+    const auto time = [](const Files::Time& at) {
+        return timeText({static_cast<time_t>(at.seconds), at.nanoseconds});
+    };
+    // Not the device: another host mounting the same share numbers it otherwise.
+    return QByteArrayLiteral("1 ") + QByteArray::number(master.inode) + ' ' +
+           QByteArray::number(master.size) + ' ' + time(master.modified) + ' ' +
+           time(master.changed) + ' ' + QByteArray::number(static_cast<qlonglong>(output.st_size)) +
+           ' ' + timeText(output.st_mtim);
+}
+
 } // namespace
 
 QString OutputName::path() const {
@@ -131,6 +150,124 @@ QString outputURL(const OutputName& name, Collision collision) {
     const int last = collision == Collision::nextNumber ? INT_MAX : 1;
     return Names::decode(
         folder + Names::encode(Files::claimNumbered(name.stem, name.extension, taken, last).first));
+}
+
+namespace {
+
+// The errno making the missing folder `path` would fail with, 0 for none.
+int makeRefused(const QByteArray& path) {
+    const QByteArray parent = path.left(std::max<qsizetype>(path.lastIndexOf('/'), 1));
+    return ::access(parent.constData(), W_OK | X_OK) == 0 ? 0 : errno;
+}
+
+} // namespace
+
+std::optional<TagError> unwritable(const QString& folder, bool makeFolder) {
+    const QByteArray path = Names::encode(Names::absolute(folder));
+    const auto cantCreate = [&](int error) {
+        return TagError::systemFailed(error, QStringLiteral("CAN'T CREATE %1").arg(folder));
+    };
+    struct stat info = {};
+    // Down the path as Files::makeFolders goes: a name that exists is passed
+    // (a folder under a file then fails), and the first missing one made decides.
+    for (qsizetype at = 1; makeFolder && at <= path.size(); ++at) {
+        if (at < path.size() && path[at] != '/')
+            continue;
+        const QByteArray step = path.left(at);
+        if (::stat(step.constData(), &info) == 0) {
+            if (!S_ISDIR(info.st_mode) && at < path.size())
+                return cantCreate(ENOTDIR);
+            continue;
+        }
+        const int error = errno == ENOENT ? makeRefused(step) : errno;
+        if (error != 0)
+            return cantCreate(error);
+        return std::nullopt;
+    }
+    // A track's own folder that is gone took the track with it, which its
+    // measurement says first.
+    if (::stat(path.constData(), &info) != 0)
+        return errno == ENOENT && !makeFolder ? std::nullopt
+                                              : std::optional(TagError::systemFailed(errno));
+    if (!S_ISDIR(info.st_mode))
+        return TagError::systemFailed(ENOTDIR);
+    if (::access(path.constData(), W_OK | X_OK) != 0)
+        return TagError::systemFailed(errno);
+    return std::nullopt;
+}
+
+std::optional<TagError> tooLong(const QString& folder, const QString& fileName) {
+    // A folder not made yet: the nearest one above it says.
+    QByteArray path = Names::encode(Names::absolute(folder));
+    long limit = ::pathconf(path.constData(), _PC_NAME_MAX);
+    while (limit < 0 && path.size() > 1) {
+        path.truncate(std::max<qsizetype>(path.lastIndexOf('/'), 1));
+        limit = ::pathconf(path.constData(), _PC_NAME_MAX);
+    }
+    if (Names::encode(fileName).size() <= (limit < 0 ? NAME_MAX : limit))
+        return std::nullopt;
+    return TagError::systemFailed(ENAMETOOLONG);
+}
+
+std::optional<TagError> commitRefused(const QString& path, Collision collision) {
+    if (auto refused = tooLong(Names::folderOf(path), Names::fileName(path)))
+        return refused;
+    struct stat info = {};
+    if (collision == Collision::replace && ::lstat(Names::encode(path).constData(), &info) == 0 &&
+        S_ISDIR(info.st_mode))
+        return TagError::systemFailed(EISDIR);
+    return std::nullopt;
+}
+
+bool beingWritten(const OutputName& name) {
+    const QByteArray folder = folderOf(name.folder);
+    const QByteArray prefix = '.' + shortened(Names::encode(name.stem)) + kTempMark.data();
+    DIR* dir = ::opendir(folder.constData());
+    if (!dir)
+        return false;
+    bool live = false;
+    while (const dirent* entry = ::readdir(dir)) {
+        const std::string_view found(entry->d_name);
+        if (live || !found.starts_with(std::string_view(prefix.constData(), prefix.size())) ||
+            !isTempName(found))
+            continue;
+        const int fd = ::open((folder + entry->d_name).constData(),
+                              O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+        if (fd < 0)
+            continue;
+        struct stat info = {};
+        // A living run holds its file's lock from its creation to its commit.
+        live = ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) &&
+               ::flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+        ::close(fd);
+    }
+    ::closedir(dir);
+    return live;
+}
+
+void recordSource(const QString& output, const Files::Identity& master) {
+    const int fd =
+        ::open(Names::encode(output).constData(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    if (fd < 0)
+        return;
+    struct stat info = {};
+    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+        const QByteArray record = sourceRecord(master, info);
+        // Where none can be kept, the output only counts as not made from it.
+        ::fsetxattr(fd, kSourceAttribute, record.constData(), static_cast<size_t>(record.size()),
+                    0);
+    }
+    ::close(fd);
+}
+
+bool madeFrom(const QString& output, const Files::Identity& master) {
+    const QByteArray path = Names::encode(output);
+    struct stat info = {};
+    if (::lstat(path.constData(), &info) != 0 || !S_ISREG(info.st_mode))
+        return false;
+    char held[256];
+    const ssize_t size = ::lgetxattr(path.constData(), kSourceAttribute, held, sizeof held);
+    return size > 0 && QByteArrayView(held, size) == sourceRecord(master, info);
 }
 
 PendingOutput::PendingOutput(const QString& folder, const QString& stem, unsigned mode)

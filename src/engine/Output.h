@@ -1,10 +1,12 @@
 // Naming a render's output, and making it appear whole under that name.
 #pragma once
 
+#include "base/Files.h"
 #include "engine/Runner.h"
 
 #include <QByteArray>
 #include <QString>
+#include <optional>
 
 namespace Engine {
 
@@ -68,5 +70,28 @@ OutputName outputName(const QString& track, const Destination& destination = {})
 // one without a number, which an earlier output may hold.
 QString outputURL(const QString& track, const Destination& destination = {});
 QString outputURL(const OutputName& name, Collision collision);
+
+// The failure a render into `folder` would end with, read from the disk as it
+// is now, writing nothing: the folder (made first when `makeFolder`, as
+// Files::makeFolders would) must take a new file. Nothing when it would not fail.
+std::optional<TagError> unwritable(const QString& folder, bool makeFolder);
+// The same for an output's file name that is longer than `folder`'s file system takes.
+std::optional<TagError> tooLong(const QString& folder, const QString& fileName);
+// The failure the commit of a finished render under `path` would end with now:
+// a name too long, or, replacing, a folder under the name.
+std::optional<TagError> commitRefused(const QString& path, Collision collision);
+
+// Whether a living run is writing an output of this name now: it holds its
+// temporary file locked.
+bool beingWritten(const OutputName& name);
+
+// What an output was made from, kept on the output itself: the master's
+// identity, and the output's own size and time, so that neither a master
+// rewritten (whatever its times say) nor a file copied over the output passes
+// for the output of the master as it is now. Kept where the file system takes
+// extended attributes; elsewhere nothing is kept.
+void recordSource(const QString& output, const Files::Identity& master);
+// Whether `output` is the one recorded as made from the master of identity `master`.
+bool madeFrom(const QString& output, const Files::Identity& master);
 
 } // namespace Engine

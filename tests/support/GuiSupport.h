@@ -19,8 +19,6 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QMouseEvent>
-#include <QTimer>
-#include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 
@@ -66,14 +64,8 @@ struct ScriptedMenus final : Menus {
 
 // Counts the panels it opens and answers with what the test set.
 struct ScriptedPanels final : OpenPanels {
-    std::optional<QString> chooseTag(QWidget&, const QString&) override {
-        ++tagPanels;
-        return tag;
-    }
-    std::optional<QStringList> chooseTracks(QWidget&) override {
-        ++trackPanels;
-        return tracks;
-    }
+    std::optional<QString> chooseTag(QWidget&, const QString&) override { return ++tagPanels, tag; }
+    std::optional<QStringList> chooseTracks(QWidget&) override { return ++trackPanels, tracks; }
     std::optional<QString> tag;
     std::optional<QStringList> tracks;
     int tagPanels = 0, trackPanels = 0;
@@ -84,31 +76,6 @@ inline void click(QWidget& widget, QPointF at) {
     QMouseEvent press(QEvent::MouseButtonPress, at, widget.mapToGlobal(at), Qt::LeftButton,
                       Qt::LeftButton, Qt::NoModifier);
     QCoreApplication::sendEvent(&widget, &press);
-}
-
-// How many drawing passes a shown widget makes for `work`, its own timers stopped.
-// A pending update is a posted event: delivering them all paints it.
-inline int repaints(QWidget& widget, const std::function<void()>& work) {
-    struct Counter : QObject {
-        int passes = 0;
-        bool eventFilter(QObject*, QEvent* event) override {
-            passes += event->type() == QEvent::Paint;
-            return false;
-        }
-    } counter;
-    for (QTimer* timer : widget.findChildren<QTimer*>())
-        timer->stop();
-    widget.installEventFilter(&counter);
-    if (!widget.isVisible()) {
-        widget.show();
-        EXPECT_TRUE(waitUntil([&] { return counter.passes > 0; }, 5000)) << "never drawn";
-    }
-    QCoreApplication::sendPostedEvents();
-    counter.passes = 0;
-    work();
-    QCoreApplication::sendPostedEvents();
-    widget.removeEventFilter(&counter);
-    return counter.passes;
 }
 
 // A translucent colour as it shows over an opaque background.
@@ -151,14 +118,12 @@ protected:
     QString file(const QString& name, const QByteArray& bytes = "x") {
         const QString path = home.root() + QLatin1Char('/') + name;
         QDir().mkpath(QFileInfo(path).path());
-        writeFile(path, bytes);
-        return path;
+        return writeFile(path, bytes), path;
     }
     // A clip in the tag library.
     QString clip(const QString& name) {
         const QString path = Tags::dir() + QLatin1Char('/') + name;
-        writeFile(path, "RIFF");
-        return path;
+        return writeFile(path, "RIFF"), path;
     }
     // `area` as the view draws it now.
     QImage shown(const QRectF& area) { return view().snapshot(1).copy(area.toAlignedRect()); }
