@@ -25,10 +25,12 @@ public:
         m_process.setProcessChannelMode(QProcess::MergedChannels);
         m_process.start(::Test::binary(u"zelkor-tag"_s), args);
     }
+    // Ends by the signal, as a program at a terminal does.
     ~Watching() {
-        if (m_process.processId() > 0)
-            ::kill(static_cast<pid_t>(m_process.processId()), SIGINT);
-        m_process.waitForFinished(30'000);
+        ::kill(static_cast<pid_t>(m_process.processId()), SIGINT);
+        EXPECT_TRUE(m_process.waitForFinished(30'000));
+        EXPECT_EQ(m_process.exitStatus(), QProcess::CrashExit);
+        EXPECT_EQ(m_process.exitCode(), SIGINT);
     }
     // Waits, generously, until `times` lines hold `text`.
     bool says(const QString& text, int times = 1) {

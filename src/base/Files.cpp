@@ -334,24 +334,4 @@ QByteArray randomLetters(int count) {
     return letters;
 }
 
-QByteArray orderKey(QByteArrayView name) {
-    if (std::all_of(name.begin(), name.end(),
-                    [](char c) { return static_cast<unsigned char>(c) < 0x80; }))
-        return name.toByteArray();
-    // UTF-8 bytes sort in code-point order.
-    return Names::encode(Names::decode(name).normalized(QString::NormalizationForm_C));
-}
-
-void sortByName(QStringList& paths) {
-    std::vector<std::pair<QByteArray, QString>> keyed;
-    keyed.reserve(static_cast<std::size_t>(paths.size()));
-    for (QString& path : paths)
-        keyed.emplace_back(orderKey(native(path)), std::move(path));
-    std::stable_sort(keyed.begin(), keyed.end(),
-                     [](const auto& a, const auto& b) { return a.first < b.first; });
-    paths.clear();
-    for (auto& [key, path] : keyed)
-        paths << std::move(path);
-}
-
 } // namespace Files

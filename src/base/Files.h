@@ -114,11 +114,4 @@ QStringList names(const QString& folder);
 // Six random letters and digits, say: never a track's or a clip's extension.
 QByteArray randomLetters(int count);
 
-// The key that puts names in the program's order: Unicode code points after
-// canonical composition, compared bytewise. A name that is not UTF-8 goes by its
-// bytes; an ASCII name is its own key.
-QByteArray orderKey(QByteArrayView name);
-// Paths in that order.
-void sortByName(QStringList& paths);
-
 } // namespace Files
