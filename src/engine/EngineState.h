@@ -5,6 +5,7 @@
 // state: a finished render claims its name with one atomic rename.
 #pragma once
 
+#include "base/Files.h"
 #include "engine/Analysis.h"
 
 #include <QHash>
@@ -25,10 +26,11 @@ public:
     void stopAll();
     bool stopping() const;
 
-    // The clip's cached figures, or `measure`'s, stored when it returns. The lock
-    // is held across `measure`, so a clip is never measured twice at once; a
-    // throw stores nothing.
-    TagInfo clipInfo(const QString& path, const std::function<TagInfo()>& measure);
+    // The clip's cached figures while it is still the file `identity` describes, or
+    // `measure`'s, stored when it returns. The lock is held across `measure`, so a
+    // clip is never measured twice at once; a throw stores nothing.
+    TagInfo clipInfo(const QString& path, const std::optional<Files::Identity>& identity,
+                     const std::function<TagInfo()>& measure);
 
     // As a new process starts: nothing cached, not stopping. For tests; no run
     // may be in progress.
@@ -40,7 +42,7 @@ private:
     bool m_stopping = false;
 
     std::mutex m_clipLock;
-    QHash<QString, TagInfo> m_clips;
+    QHash<QString, std::pair<std::optional<Files::Identity>, TagInfo>> m_clips;
 };
 
 } // namespace Engine
