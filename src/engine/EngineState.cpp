@@ -37,6 +37,11 @@ bool EngineState::stopping() const {
     return m_stopping;
 }
 
+void EngineState::resume() {
+    const std::lock_guard lock(m_childrenLock);
+    m_stopping = false;
+}
+
 TagInfo EngineState::clipInfo(const QString& path, const std::function<TagInfo()>& measure) {
     const std::lock_guard lock(m_clipLock);
     if (auto it = m_clips.constFind(path); it != m_clips.constEnd())
