@@ -2,10 +2,12 @@
 // builds and its menu bar; the tag row kept in step with the library whoever
 // changes it; the program the file viewer's fallback may hand a folder to.
 #include "app/AppDelegate.h"
+#include "style/Palette.h"
 #include "support/GuiSupport.h"
 
 #include <QFileSystemWatcher>
 #include <QMainWindow>
+#include <QMenu>
 #include <QMenuBar>
 #include <QScreen>
 #include <QTimer>
@@ -55,6 +57,25 @@ TEST_F(AppShell, theMenuBarHidesShowsAndQuitsWithTheWindow) {
 }
 
 using TagRow = ::Test::ViewFixture;
+
+// Menus read on a dark desktop: lighter than the window, with a border and
+// separators Fusion alone draws darker than the menu.
+TEST(DarkMenus, standOutFromTheWindowAndShowTheirSeparators) {
+    ::Test::guiApplication();
+    applyDarkAppearance();
+    const auto menu = buildMenu({{.title = u"a"_s}, MenuItem::separatorItem(), {.title = u"b"_s}});
+    menu->adjustSize();
+    const QImage image = menu->grab().toImage();
+    const auto grey = [&](int x, int y) { return qGray(image.pixel(x, y)); };
+    const int x = image.width() - 8, window = qGray(Style::black.rgb()), background = grey(x, 3);
+    int separator = background;
+    for (int y = 3; y < image.height() - 3; ++y)
+        if (std::abs(grey(x, y) - background) > std::abs(separator - background))
+            separator = grey(x, y);
+    EXPECT_GE(background - window, 15);
+    EXPECT_GE(std::abs(separator - background), 20);
+    EXPECT_GE(grey(0, image.height() / 2) - window, 40); // the border
+}
 
 // Another program changes the selection, a file manager deletes the clips:
 // the window shows it by itself, within a second or so.

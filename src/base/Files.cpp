@@ -296,9 +296,9 @@ std::optional<Identity> identity(const QString& path) {
     struct stat info {};
     if (::stat(native(path).constData(), &info) != 0)
         return std::nullopt;
-    return Identity{info.st_dev,          info.st_ino,          info.st_size,
-                    timeOf(info.st_mtim), timeOf(info.st_ctim), S_ISREG(info.st_mode),
-                    S_ISDIR(info.st_mode)};
+    return Identity{info.st_dev,           info.st_ino,          info.st_size,
+                    timeOf(info.st_mtim),  timeOf(info.st_ctim), S_ISREG(info.st_mode),
+                    S_ISDIR(info.st_mode), info.st_mode & 07777u};
 }
 
 void makeFolders(const QString& folder, mode_t mode) {

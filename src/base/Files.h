@@ -94,6 +94,7 @@ struct Identity {
     Time changed;
     bool regular = false;
     bool folder = false;
+    unsigned permissions = 0; // the mode's permission bits
     bool operator==(const Identity&) const = default;
 };
 

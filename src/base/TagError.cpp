@@ -26,8 +26,13 @@ QString messageOf(TagError::Kind kind) {
         return QStringLiteral("NOT FOUND");
     case Kind::notATrack:
         return QStringLiteral("NOT A TRACK");
+    case Kind::changed:
+        return QStringLiteral("CHANGED WHILE TAGGING");
+    case Kind::stalled:
+        return QStringLiteral("FFMPEG STALLED: NO PROGRESS");
     case Kind::ffmpegFailed:
     case Kind::systemFailed:
+    case Kind::badOutput:
         break; // their reason is given
     }
     return {};

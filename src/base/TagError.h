@@ -20,6 +20,9 @@ public:
         systemFailed, // the system refused, in its own words, maybe naming what was tried
         notFound,     // a path given to tag names nothing
         notATrack,    // a path given to tag names a file that is no track
+        changed,      // the track or the clip changed while it was tagged: nothing committed
+        stalled,      // ffmpeg made no progress for too long and was ended
+        badOutput,    // ffmpeg's output is not the whole track; carries what is wrong
     };
 
     static TagError ffmpegFailed(QString message) {
@@ -34,6 +37,11 @@ public:
     static TagError tooManyTags() { return TagError(Kind::tooManyTags); }
     static TagError notFound() { return TagError(Kind::notFound); }
     static TagError notATrack() { return TagError(Kind::notATrack); }
+    static TagError changed() { return TagError(Kind::changed); }
+    static TagError stalled() { return TagError(Kind::stalled); }
+    static TagError badOutput(QString reason) {
+        return {Kind::badOutput, {}, std::move(reason), 0};
+    }
     // The system's text for the errno value `code` as the reason: "NO SPACE LEFT ON
     // DEVICE", or with `action`, "CAN'T COPY VOICE.WAV: NO SPACE LEFT ON DEVICE".
     static TagError systemFailed(int code, QString action = {});

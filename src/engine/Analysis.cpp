@@ -195,8 +195,12 @@ static Analysis measure(const QString& path) {
     RunResult result = run(analysisArguments(input.argument()),
                            input.passDown() ? std::vector{input.fd()} : std::vector<int>{});
     // A run killed half-way leaves text that parses, with figures that are wrong.
-    if (result.status != 0)
+    if (result.status != 0) {
+        // ffmpeg that found no thread to spare failed for the machine, not the file.
+        if (const int lack = lackIn(result.output))
+            throw TagError::systemFailed(lack);
         throw TagError::unreadable();
+    }
     // ffmpeg quotes the name as it is, so a name holding a line break could forge a line.
     const QString text = result.output.remove(input.argument());
     // Without one, ffmpeg measures nothing and a render fails on its graph.
@@ -213,7 +217,8 @@ Analysis analyze(const QString& path) {
 }
 
 TagInfo info(const QString& path) {
-    return EngineState::shared().clipInfo(path, [&path] {
+    // A clip rewritten under its name is another clip: measured again.
+    return EngineState::shared().clipInfo(path, Files::identity(Names::absolute(path)), [&path] {
         const Analysis analysis = analyze(path);
         return TagInfo{analysis.lufs, analysis.silenceStart
                                           ? std::max(*analysis.silenceStart, kMinimumTagLength)

@@ -199,8 +199,29 @@ std::optional<Analysis> analysisFrom(const QJsonObject& figures) {
 
 // --- entries ---------------------------------------------------------------
 
+// Whether `folder` is the user's own and no one else can write in it: otherwise
+// another user could plant entries (forged figures, a FIFO that hangs the reader).
+bool trusted(const QString& folder) {
+    struct stat info = {};
+    return ::lstat(Names::encode(folder).constData(), &info) == 0 && S_ISDIR(info.st_mode) &&
+           info.st_uid == ::geteuid() && (info.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+// An entry's bytes, only when it is a regular file of the user's: anything else is
+// never opened far enough to wait on it, nor read.
+std::optional<QByteArray> entryBytes(const QString& entry) {
+    const int fd = ::open(Names::encode(entry).constData(),
+                          O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY);
+    if (fd < 0)
+        return std::nullopt;
+    struct stat info = {};
+    const bool own = ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == ::geteuid();
+    ::close(fd);
+    return own ? Files::read(entry, kMaxEntryBytes + 1) : std::nullopt;
+}
+
 std::optional<Analysis> read(const QString& entry, const QJsonArray& key) {
-    const std::optional<QByteArray> bytes = Files::read(entry, kMaxEntryBytes + 1);
+    const std::optional<QByteArray> bytes = entryBytes(entry);
     if (!bytes || bytes->size() > kMaxEntryBytes)
         return std::nullopt;
     QJsonParseError error{};
@@ -241,6 +262,8 @@ void write(const QString& entry, const QJsonArray& key, const Analysis& analysis
     try {
         // The base-directory rules ask for 0700: the entries name the user's files.
         Files::makeFolders(folder, 0700);
+        if (!trusted(folder))
+            return;
         Files::replace(entry, bytes, Files::Sync::cached);
     } catch (const TagError&) {
         return;
@@ -277,7 +300,7 @@ Analysis kept(const QString& path, const std::function<Analysis(const QString&)>
 
     const QJsonArray key = identity(file, *stamp, *program, *programStamp);
     const QString entry = entryPath(key);
-    if (std::optional<Analysis> found = read(entry, key)) {
+    if (std::optional<Analysis> found = trusted(folder()) ? read(entry, key) : std::nullopt) {
         ::utimensat(AT_FDCWD, Names::encode(entry).constData(), nullptr, 0);
         return *found;
     }

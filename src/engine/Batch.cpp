@@ -3,17 +3,24 @@
 #include "engine/Batch.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <system_error>
 
 namespace {
 
-Batch::Outcome outcomeOf(const Batch::Work& work, qsizetype index) {
+// Sets `lacking` when the system had no process, thread, descriptor or memory to
+// spare: a lack that passes when fewer tracks run at once.
+Batch::Outcome outcomeOf(const Batch::Work& work, qsizetype index, bool& lacking) {
     const Engine::Planned& planned = work.tracks[static_cast<std::size_t>(index)];
     Batch::Outcome outcome{index, planned.input.track, std::nullopt, {}, {}};
+    lacking = false;
     try {
         outcome.result = Engine::tag(work.job, planned);
         return outcome;
     } catch (const TagError& error) {
+        const int code = error.code();
+        lacking = error.kind() == TagError::Kind::systemFailed &&
+                  (code == EAGAIN || code == EMFILE || code == ENFILE || code == ENOMEM);
         outcome.failure = error.kind();
         outcome.error = error.errorDescription();
     } catch (const std::exception& error) {
@@ -71,17 +78,37 @@ void Batch::wait() {
 }
 
 void Batch::takeTracks() {
+    bool givenBack = false;
     for (;;) {
         qsizetype index = 0;
         {
             const std::lock_guard lock(m_mutex);
-            if (m_stopped || m_next == std::ssize(m_work.tracks))
+            if (m_stopped || (m_again.empty() && m_next == std::ssize(m_work.tracks)))
                 break;
-            index = m_next++;
+            if (!m_again.empty()) {
+                index = m_again.back();
+                m_again.pop_back();
+            } else {
+                index = m_next++;
+            }
+            ++m_busy;
         }
-        Outcome outcome = outcomeOf(m_work, index);
+        bool lacking = false;
+        Outcome outcome = outcomeOf(m_work, index, lacking);
         {
             const std::lock_guard lock(m_mutex);
+            --m_busy;
+            // Out of processes or descriptors while others run: the track waits for
+            // them and this thread ends, so fewer run at once. Alone, it tries once
+            // more with what the others have freed, then fails.
+            if (lacking && !m_stopped && (m_busy > 0 || !givenBack)) {
+                m_again.push_back(index);
+                if (m_busy > 0)
+                    break;
+                givenBack = true;
+                continue;
+            }
+            givenBack = false;
             // The signal that stopped the batch may have reached ffmpeg first; an
             // input that is no track says so all the same.
             if (m_stopped && !outcome.result &&

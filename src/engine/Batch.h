@@ -48,7 +48,7 @@ public:
     Batch& operator=(const Batch&) = delete;
 
     // Starts no further track and ends the running ffmpeg runs through the engine,
-    // which then refuses any later run of this process: stopping is for quitting.
+    // which then refuses any later run of this process until EngineState::resume().
     // A track that fails from then on ends as "STOPPED"; a track not begun gets
     // no outcome. The end still comes.
     void stop();
@@ -67,6 +67,9 @@ private:
     qsizetype m_next = 0; // the next track to begin
     std::vector<std::optional<Outcome>> m_ready;
     std::size_t m_running = 0; // threads still taking tracks
+    std::size_t m_busy = 0;    // threads tagging a track now
+    // Tracks given back for lack of processes or descriptors, taken before the next.
+    std::vector<qsizetype> m_again;
     bool m_stopped = false;
     bool m_ended = false;
     std::condition_variable m_endedChanged;

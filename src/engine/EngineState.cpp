@@ -13,7 +13,7 @@ EngineState& EngineState::shared() {
 bool EngineState::adoptChild(qint64 pid) {
     const std::lock_guard lock(m_childrenLock);
     if (m_stopping) {
-        ::kill(static_cast<pid_t>(pid), SIGKILL);
+        ::kill(-static_cast<pid_t>(pid), SIGKILL); // its whole group
         return false;
     }
     m_children.insert(pid);
@@ -29,7 +29,7 @@ void EngineState::stopAll() {
     const std::lock_guard lock(m_childrenLock);
     m_stopping = true;
     for (const qint64 pid : m_children)
-        ::kill(static_cast<pid_t>(pid), SIGKILL);
+        ::kill(-static_cast<pid_t>(pid), SIGKILL); // its whole group
 }
 
 bool EngineState::stopping() const {
@@ -42,12 +42,13 @@ void EngineState::resume() {
     m_stopping = false;
 }
 
-TagInfo EngineState::clipInfo(const QString& path, const std::function<TagInfo()>& measure) {
+TagInfo EngineState::clipInfo(const QString& path, const std::optional<Files::Identity>& identity,
+                              const std::function<TagInfo()>& measure) {
     const std::lock_guard lock(m_clipLock);
-    if (auto it = m_clips.constFind(path); it != m_clips.constEnd())
-        return *it;
+    if (auto it = m_clips.constFind(path); it != m_clips.constEnd() && it->first == identity)
+        return it->second;
     const TagInfo measured = measure();
-    m_clips.insert(path, measured);
+    m_clips.insert(path, {identity, measured});
     return measured;
 }
 

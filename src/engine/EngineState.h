@@ -5,6 +5,7 @@
 // state: a finished render claims its name with one atomic rename.
 #pragma once
 
+#include "base/Files.h"
 #include "engine/Analysis.h"
 
 #include <QHash>
@@ -28,10 +29,11 @@ public:
     // next one must run. No run of the stopped batch may be in progress.
     void resume();
 
-    // The clip's cached figures, or `measure`'s, stored when it returns. The lock
-    // is held across `measure`, so a clip is never measured twice at once; a
-    // throw stores nothing.
-    TagInfo clipInfo(const QString& path, const std::function<TagInfo()>& measure);
+    // The clip's cached figures while it is still the file `identity` describes, or
+    // `measure`'s, stored when it returns. The lock is held across `measure`, so a
+    // clip is never measured twice at once; a throw stores nothing.
+    TagInfo clipInfo(const QString& path, const std::optional<Files::Identity>& identity,
+                     const std::function<TagInfo()>& measure);
 
     // As a new process starts: nothing cached, not stopping. For tests; no run
     // may be in progress.
@@ -43,7 +45,7 @@ private:
     bool m_stopping = false;
 
     std::mutex m_clipLock;
-    QHash<QString, TagInfo> m_clips;
+    QHash<QString, std::pair<std::optional<Files::Identity>, TagInfo>> m_clips;
 };
 
 } // namespace Engine

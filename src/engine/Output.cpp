@@ -270,7 +270,7 @@ bool madeFrom(const QString& output, const Files::Identity& master) {
     return size > 0 && QByteArrayView(held, size) == sourceRecord(master, info);
 }
 
-PendingOutput::PendingOutput(const QString& folder, const QString& stem)
+PendingOutput::PendingOutput(const QString& folder, const QString& stem, unsigned mode)
     : m_folder(folderOf(folder))
     , m_stem(Names::encode(stem)) {
     removeDeadTemps(m_folder);
@@ -278,7 +278,7 @@ PendingOutput::PendingOutput(const QString& folder, const QString& stem)
                               QByteArray::number(::getpid()) + '-';
     for (int attempt = 0; attempt < kTempAttempts; ++attempt) {
         const QByteArray temp = prefix + Files::randomLetters(kRandomLength) + kTempEnd.data();
-        const int fd = ::open(temp.constData(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        const int fd = ::open(temp.constData(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode);
         if (fd < 0) {
             if (errno == EEXIST)
                 continue;

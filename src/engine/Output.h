@@ -25,8 +25,9 @@ enum class Collision {
 // So an output appears whole under its name, or not at all.
 class PendingOutput {
 public:
-    // Throws TagError::systemFailed when the folder takes no file.
-    PendingOutput(const QString& folder, const QString& stem);
+    // Made with `mode` less the umask. Throws TagError::systemFailed when the folder
+    // takes no file.
+    PendingOutput(const QString& folder, const QString& stem, unsigned mode = 0666);
     ~PendingOutput();
     PendingOutput(const PendingOutput&) = delete;
     PendingOutput& operator=(const PendingOutput&) = delete;

@@ -1,5 +1,6 @@
 // Placing the clip over a track and rendering the tagged file with one ffmpeg run.
 #include "engine/Render.h"
+#include "base/Files.h"
 
 #include <QHash>
 #include <QRegularExpression>
@@ -7,9 +8,12 @@
 #include <QTextBoundaryFinder>
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <functional>
 #include <limits>
 #include <mutex>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace Engine {
 
@@ -283,6 +287,107 @@ QString failureText(const QString& output) {
 
 namespace {
 
+std::uint32_t littleEndian(const QByteArray& bytes, qsizetype at, int size) {
+    std::uint32_t value = 0;
+    for (int i = size - 1; i >= 0; --i)
+        value = value << 8 | static_cast<unsigned char>(bytes[at + i]);
+    return value;
+}
+
+std::uint32_t bigEndian(const QByteArray& bytes, qsizetype at, int size) {
+    std::uint32_t value = 0;
+    for (int i = 0; i < size; ++i)
+        value = value << 8 | static_cast<unsigned char>(bytes[at + i]);
+    return value;
+}
+
+QByteArray bytesAt(int fd, long long at, qsizetype count) {
+    QByteArray bytes(count, '\0');
+    const ssize_t got = ::pread(fd, bytes.data(), static_cast<std::size_t>(count), at);
+    bytes.truncate(std::max<ssize_t>(got, 0));
+    return bytes;
+}
+
+// A WAV's seconds by its data chunk; nothing when the chunk is missing or runs past the end.
+std::optional<double> wavSeconds(int fd, long long fileBytes) {
+    const QByteArray riff = bytesAt(fd, 0, 12);
+    if (riff.size() < 12 || !riff.startsWith("RIFF") || riff.mid(8, 4) != "WAVE" ||
+        littleEndian(riff, 4, 4) + 8LL > fileBytes)
+        return std::nullopt;
+    std::uint32_t rate = 0, blockAlign = 0;
+    for (long long at = 12; at + 8 <= fileBytes;) {
+        const QByteArray chunk = bytesAt(fd, at, 24);
+        if (chunk.size() < 8)
+            break;
+        const long long size = littleEndian(chunk, 4, 4);
+        if (chunk.startsWith("fmt ") && chunk.size() >= 24) {
+            rate = littleEndian(chunk, 12, 4);
+            blockAlign = littleEndian(chunk, 20, 2);
+        } else if (chunk.startsWith("data")) {
+            if (rate == 0 || blockAlign == 0 || at + 8 + size > fileBytes)
+                return std::nullopt;
+            return double(size / blockAlign) / rate;
+        }
+        at += 8 + size + (size & 1);
+    }
+    return std::nullopt;
+}
+
+// An MP3's seconds by its Xing or Info frame (frames, bytes, and the encoder's delay
+// and padding), as ffmpeg writes it; nothing when it is missing or the stream is cut.
+std::optional<double> mp3Seconds(int fd, long long fileBytes) {
+    long long at = 0;
+    if (const QByteArray id3 = bytesAt(fd, 0, 10); id3.startsWith("ID3") && id3.size() == 10) {
+        at = 10 + ((id3[6] & 0x7f) << 21 | (id3[7] & 0x7f) << 14 | (id3[8] & 0x7f) << 7 |
+                   (id3[9] & 0x7f));
+        if (id3[5] & 0x10)
+            at += 10; // a footer
+    }
+    const QByteArray frame = bytesAt(fd, at, 200);
+    if (frame.size() < 200 || static_cast<unsigned char>(frame[0]) != 0xff ||
+        (frame[1] & 0xe6) != 0xe2) // a sync word, layer III
+        return std::nullopt;
+    const bool mpeg1 = (frame[1] & 0x18) == 0x18, mono = (frame[3] & 0xc0) == 0xc0;
+    static constexpr int kRates[3] = {44100, 48000, 32000};
+    const int index = (frame[2] >> 2) & 3;
+    if (index == 3)
+        return std::nullopt;
+    const int rate = kRates[index] >> (mpeg1 ? 0 : (frame[1] & 0x18) == 0x10 ? 1 : 2);
+    const qsizetype xing = 4 + (mpeg1 ? (mono ? 17 : 32) : (mono ? 9 : 17));
+    const QByteArray mark = frame.mid(xing, 4);
+    if ((mark != "Xing" && mark != "Info") || (bigEndian(frame, xing + 4, 4) & 3) != 3)
+        return std::nullopt;
+    const long long frames = bigEndian(frame, xing + 8, 4), bytes = bigEndian(frame, xing + 12, 4);
+    if (at + bytes > fileBytes)
+        return std::nullopt;
+    // The encoder's delay and padding, 12 bits each, where ffmpeg writes them.
+    const std::uint32_t gaps = bigEndian(frame, xing + 141, 3);
+    const long long samples = frames * (mpeg1 ? 1152 : 576) - (gaps >> 12) - (gaps & 0xfff);
+    return double(std::max(samples, 0LL)) / rate;
+}
+
+} // namespace
+
+std::optional<QString> outputFault(int fd, const QString& output, double duration) {
+    struct stat file = {};
+    if (::fstat(fd, &file) != 0)
+        return QString::fromLocal8Bit(std::strerror(errno)).toUpper();
+    if (file.st_size == 0)
+        return QStringLiteral("FFMPEG WROTE NOTHING");
+    std::optional<double> seconds = wavSeconds(fd, file.st_size);
+    if (!seconds)
+        seconds = mp3Seconds(fd, file.st_size);
+    if (!seconds)
+        return QStringLiteral("OUTPUT INCOMPLETE");
+    // A duration ffmpeg only estimated says nothing about the output.
+    if (std::abs(*seconds - duration) > kOutputDurationTolerance &&
+        !output.contains(QLatin1String("Estimating duration from bitrate")))
+        return QString::asprintf("OUTPUT LASTS %.1f S OF %.1f S", *seconds, duration);
+    return std::nullopt;
+}
+
+namespace {
+
 // ffmpeg's lines about the output quote its temporary name, which says nothing to
 // the user: "Error closing file NAME: No space left on device".
 QString withoutName(QString text, const QString& name) {
@@ -341,14 +446,20 @@ Result process(const QString& track, const QString& tag, double interval, double
 
 Result process(const QString& given, const QString& tag, double interval, double levelDB,
                const OutputName& output, Collision collision) {
+    // The files as they are before they are measured: a DAW may write the track again
+    // while it is tagged, and the output must be made from one file throughout.
+    const QString clipFile = Names::absolute(tag);
+    const std::optional<Files::Identity> trackWas = Files::identity(Names::absolute(given)),
+                                         clipWas = Files::identity(clipFile);
     const Prepared prepared = prepare(given, tag, interval, levelDB);
     const QString& track = prepared.track;
     const Analysis& analysis = prepared.analysis;
 
     // Opened again: the cached clip, or the track, may have become a FIFO since.
-    const QString clipFile = Names::absolute(tag);
     const OpenFile trackFile = openInput(track), tagFile = openInput(clipFile);
-    PendingOutput out(output.folder, output.stem);
+    // Readable by no more people than the track.
+    PendingOutput out(output.folder, output.stem,
+                      (trackWas ? trackWas->permissions & 0666 : 0666) | S_IRUSR | S_IWUSR);
     const Mix mix{.gainDB = prepared.gain,
                   .times = prepared.times,
                   .tagLength = prepared.tagLength,
@@ -365,9 +476,17 @@ Result process(const QString& given, const QString& tag, double interval, double
 
     // Stopped or failed, the temporary file goes with `out`.
     const RunResult result = run(args, passed);
-    if (result.status != 0)
-        throw TagError::ffmpegFailed(
-            failureText(withoutName(result.output, out.file().argument())));
+    if (result.status != 0) {
+        const QString why = failureText(withoutName(result.output, out.file().argument()));
+        if (const int lack = lackIn(result.output))
+            throw TagError::systemFailed(lack, {}, why);
+        throw TagError::ffmpegFailed(why);
+    }
+    if (Files::identity(track) != trackWas || Files::identity(clipFile) != clipWas)
+        throw TagError::changed();
+    if (const std::optional<QString> fault =
+            outputFault(out.file().fd(), result.output, analysis.duration))
+        throw TagError::badOutput(*fault);
     return resultOf(out.commit(output.extension, collision), prepared);
 }
 

@@ -69,7 +69,18 @@ QStringList renderArguments(const QString& track, const QString& tag, const QStr
 // closing line such as "Conversion failed!" or its statistics), cut and upper-cased.
 QString failureText(const QString& output);
 
-// Tags one track into `output`; blocks while ffmpeg runs.
+// A render's output may end this far from the track's duration: an MP3's container
+// counts its encoder delay, ffmpeg's report rounds to 10 ms.
+constexpr double kOutputDurationTolerance = 0.25;
+// What is wrong with a render's output, read from the file `fd` has open: its header
+// (a WAV's data chunk, an MP3's Xing frame) must say it is whole and as long as the
+// track; nothing when it is. A track whose duration ffmpeg only estimated (its text
+// `output` says so) is held to being whole.
+std::optional<QString> outputFault(int fd, const QString& output, double duration);
+
+// Tags one track into `output`; blocks while ffmpeg runs. Committed only when the
+// track and the clip are still the files that were measured (else TagError::changed)
+// and the output is whole (else TagError::badOutput).
 Result process(const QString& track, const QString& tag, double interval, double levelDB,
                const OutputName& output, Collision collision);
 Result process(const QString& track, const QString& tag, double interval, double levelDB,

@@ -5,11 +5,16 @@
 #include "engine/EngineState.h"
 #include "platform/Resources.h"
 
+#include <QElapsedTimer>
 #include <QFileInfo>
 #include <QProcess>
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -115,6 +120,74 @@ bool isStopping() {
     return EngineState::shared().stopping();
 }
 
+// How long a run may go without progress before it is ended: two minutes, far
+// beyond any pause of a working ffmpeg. ZELKOR_STALL_SECONDS shortens it for tests.
+std::chrono::milliseconds stallLimit() {
+    static const std::chrono::milliseconds limit = [] {
+        bool ok = false;
+        const double seconds = qEnvironmentVariable("ZELKOR_STALL_SECONDS").toDouble(&ok);
+        return std::chrono::milliseconds(ok && seconds > 0 ? std::llround(seconds * 1000)
+                                                           : 120'000);
+    }();
+    return limit;
+}
+
+// The processor time used so far by the process group `group`: ffmpeg and whatever it
+// started. An analysis prints nothing until it ends, so its work shows only here.
+unsigned long long groupTicks(pid_t group) {
+    unsigned long long ticks = 0;
+    DIR* proc = ::opendir("/proc");
+    if (!proc)
+        return ticks;
+    while (const dirent* entry = ::readdir(proc)) {
+        if (entry->d_name[0] < '1' || entry->d_name[0] > '9')
+            continue;
+        const QByteArray stat =
+            Files::read(QStringLiteral("/proc/%1/stat").arg(QLatin1String(entry->d_name)), 1024)
+                .value_or(QByteArray());
+        // After the name in parentheses: state, ppid, pgrp, ... utime and stime are the
+        // 12th and 13th, the times of its waited-for children the next two.
+        const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
+        if (fields.size() > 14 && fields[2].toLongLong() == group)
+            for (int i = 11; i <= 14; ++i)
+                ticks += fields[i].toULongLong();
+    }
+    ::closedir(proc);
+    return ticks;
+}
+
+// Reads the run's text until it ends; one that shows no progress (no text, no
+// processor time) for stallLimit() is ended with its whole group. Returns whether it stalled.
+bool readUntilEnd(QProcess& process, KeptText& text) {
+    const std::chrono::milliseconds limit = stallLimit();
+    const int slice = static_cast<int>(std::clamp<long long>(limit.count() / 4, 50, 5000));
+    const auto group = static_cast<pid_t>(process.processId());
+    unsigned long long ticks = groupTicks(group);
+    QElapsedTimer quiet;
+    quiet.start();
+    for (;;) {
+        QElapsedTimer waited;
+        waited.start();
+        if (process.waitForReadyRead(slice)) {
+            text.add(process.readAll());
+            quiet.restart();
+            continue;
+        }
+        if (process.state() != QProcess::Running)
+            return false;
+        // A closed output answers at once: wait for the end instead.
+        if (waited.elapsed() < slice / 2 && process.waitForFinished(slice))
+            return false;
+        if (const unsigned long long now = groupTicks(group); now != ticks) {
+            ticks = now;
+            quiet.restart();
+        } else if (quiet.elapsed() >= limit.count()) {
+            ::kill(-group, SIGKILL);
+            return true;
+        }
+    }
+}
+
 } // namespace
 
 OpenFile::OpenFile(int fd, const QString& path)
@@ -192,6 +265,9 @@ RunResult run(const QStringList& args, const std::vector<int>& passed) {
         // No ffmpeg writes on once Zelkor is gone. The signal comes when the
         // thread that started the child ends: this one, which waits for it.
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        // A group of its own, so that what ffmpeg starts (a wrapper's real ffmpeg)
+        // is ended with it.
+        ::setpgid(0, 0);
         if (::getppid() != parent)
             ::_exit(127);
         for (const int fd : passed)
@@ -200,24 +276,37 @@ RunResult run(const QStringList& args, const std::vector<int>& passed) {
     process.start(*program,
                   QStringList{QStringLiteral("-hide_banner"), QStringLiteral("-nostdin")} + args,
                   QIODevice::ReadOnly);
-    if (!process.waitForStarted(-1))
-        throw TagError::systemFailed(0, {}, process.errorString().toUpper());
+    if (!process.waitForStarted(-1)) {
+        // Qt gives the system's reason only as text.
+        const QString why = process.errorString();
+        throw TagError::systemFailed(lackIn(why), {}, why.toUpper());
+    }
 
     KeptText text;
+    bool stalled = false;
     {
         const Child child(process.processId());
-        while (process.waitForReadyRead(-1))
-            text.add(process.readAll());
+        stalled = readUntilEnd(process, text);
         process.waitForFinished(-1);
         text.add(process.readAll());
     }
     if (isStopping())
         throw TagError::stopped();
+    if (stalled)
+        throw TagError::stalled();
 
     RunResult result;
     result.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
     result.output = QString::fromUtf8(text.text());
     return result;
+}
+
+int lackIn(const QString& text) {
+    // Not ENOMEM: ffmpeg says "Cannot allocate memory" for many a damaged file.
+    for (const int lack : {EAGAIN, EMFILE, ENFILE})
+        if (text.contains(QString::fromLocal8Bit(std::strerror(lack))))
+            return lack;
+    return 0;
 }
 
 QStringList match(const QRegularExpression& pattern, const QString& text) {

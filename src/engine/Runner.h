@@ -66,6 +66,11 @@ private:
 // closed again at once.
 OpenFile openInput(const QString& path);
 
+// The errno value of a lack of processes, threads or descriptors that `text`
+// (a run's, or Qt's reason it could not start one) names in the system's words; 0
+// when it names none. Such a lack passes when fewer tracks run at once.
+int lackIn(const QString& text);
+
 // Capture group 1 of every match, in text order; an invalid pattern gives none.
 QStringList match(const QString& pattern, const QString& text);
 QStringList match(const QRegularExpression& pattern, const QString& text);
