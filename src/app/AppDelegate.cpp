@@ -2,6 +2,7 @@
 // and the snapshot mode.
 #include "app/AppDelegate.h"
 
+#include "app/DesktopProgress.h"
 #include "app/FrameAutosave.h"
 #include "app/MenuBar.h"
 #include "app/WindowController.h"
@@ -202,7 +203,8 @@ void AppDelegate::buildWindow() {
     m_window->setAutoFillBackground(true);
     m_window->setCentralWidget(m_hud);
     // Before the size is fixed and the window centred: the bar adds to its height.
-    installMenuBar(*m_window);
+    installMenuBar(*m_window, *m_controller);
+    new DesktopProgress(*m_window, *m_controller);
     m_window->layout()->setSizeConstraint(QLayout::SetFixedSize);
     m_window->adjustSize();
     // The frame is centred, where the platform can tell its margins before showing.

@@ -1,6 +1,7 @@
 // The menu bar and the about box.
 #include "app/MenuBar.h"
 
+#include "app/WindowController.h"
 #include "platform/AppName.h"
 #include "platform/Resources.h"
 
@@ -26,12 +27,18 @@ QIcon applicationIcon() {
     return QIcon(Resources::icon());
 }
 
-void installMenuBar(QMainWindow& window) {
+void installMenuBar(QMainWindow& window, WindowController& controller) {
     QMenuBar* bar = window.menuBar();
     QMenu* application = bar->addMenu(QString(appName));
     QObject::connect(addEntry(*application, QStringLiteral("About ") + appName, {}),
                      &QAction::triggered, &window, [&window] { showAbout(window); });
     application->addSeparator();
+    // Escape, as in any dialog; the window keeps no other use for it.
+    QAction* stop =
+        addEntry(*application, QStringLiteral("Stop Batch"), QKeySequence(Qt::Key_Escape));
+    stop->setEnabled(controller.busy());
+    QObject::connect(stop, &QAction::triggered, &controller, &WindowController::stop);
+    QObject::connect(&controller, &WindowController::busyChanged, stop, &QAction::setEnabled);
     QObject::connect(addEntry(*application, QStringLiteral("Hide ") + appName,
                               QKeySequence(Qt::CTRL | Qt::Key_H)),
                      &QAction::triggered, &window, &QWidget::showMinimized);

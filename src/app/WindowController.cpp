@@ -9,6 +9,7 @@
 #include "base/TagError.h"
 #include "engine/Batch.h"
 #include "engine/Collect.h"
+#include "engine/EngineState.h"
 #include "model/StatusTexts.h"
 #include "platform/FileViewer.h"
 #include "platform/Preferences.h"
@@ -19,6 +20,8 @@
 #include <QFileSystemWatcher>
 #include <QGuiApplication>
 #include <QWindow>
+#include <algorithm>
+#include <iterator>
 
 using namespace Style;
 
@@ -195,8 +198,16 @@ void WindowController::addTag(const QString& path) {
 
 void WindowController::start(const QStringList& paths) {
     const QStringList tracks = Engine::collect(paths);
-    if (tracks.isEmpty() || m_busy)
+    if (tracks.isEmpty())
         return;
+    if (m_busy) {
+        // The desktop reported the file opened: nothing handed over is dropped.
+        if (m_run.stopping)
+            m_run.afterStop << tracks;
+        else
+            join(tracks);
+        return;
+    }
     refreshTag();
     if (!m_tag) {
         log({StatusTexts::kAddTagFirst, StatusTexts::kNoTag, errColor});
@@ -208,46 +219,119 @@ void WindowController::start(const QStringList& paths) {
     startBatch(tracks, *m_tag);
 }
 
+void WindowController::stop() {
+    if (!m_busy || m_run.stopping)
+        return;
+    m_run.stopping = true;
+    m_run.queued.clear(); // counted as left
+    if (m_batch)
+        m_batch->stop();
+}
+
+void WindowController::trackProgress(double fraction) {
+    if (m_busy)
+        emit fractionChanged(static_cast<double>(m_run.done) + std::clamp(fraction, 0.0, 1.0),
+                             m_run.total);
+}
+
+void WindowController::startBatch(const QStringList& tracks, const QString& tag) {
+    m_run = {};
+    m_run.job.clip = tag;
+    m_run.job.interval = m_settings.interval();
+    m_run.job.levelDB = m_settings.levelDB();
+    m_run.tracks = tracks;
+    Engine::Plan plan = Engine::plan(m_run.job, tracks); // a track dropped twice is tagged once
+    m_run.total = static_cast<long long>(plan.size());
+    emit progressChanged(0, m_run.total);
+    runPart(std::move(plan));
+}
+
+void WindowController::join(const QStringList& tracks) {
+    QStringList added;
+    for (const QString& track : tracks)
+        if (!m_run.tracks.contains(track))
+            added << track;
+    if (added.isEmpty())
+        return;
+    m_run.tracks << added;
+    Engine::Plan plan = Engine::plan(m_run.job, added);
+    m_run.total += static_cast<long long>(plan.size());
+    std::move(plan.begin(), plan.end(), std::back_inserter(m_run.queued));
+    emit progressChanged(m_run.done, m_run.total);
+}
+
 // Each step is posted to this object on the main thread, in order; steps still
 // pending when it goes are dropped with it, after its batch has been joined.
-void WindowController::startBatch(const QStringList& tracks, const QString& tag) {
+void WindowController::runPart(Engine::Plan plan) {
     const auto post = [this](std::function<void()> step) {
         QMetaObject::invokeMethod(this, std::move(step), Qt::QueuedConnection);
     };
     // Written by the batch's callbacks only, which never run two at a time.
     auto written = std::make_shared<QStringList>();
-    Engine::Job job;
-    job.clip = tag;
-    job.interval = m_settings.interval();
-    job.levelDB = m_settings.levelDB();
-    Engine::Plan plan = Engine::plan(job, tracks); // a track dropped twice is tagged once
-    const auto total = static_cast<long long>(plan.size());
-    emit progressChanged(0, total);
-    m_batch.reset(); // the last batch has ended: its thread is joined here
+    m_batch.reset(); // the last part has ended: its thread is joined here
     m_batch = std::make_unique<Batch>(
-        Batch::Work{job, std::move(plan), 1},
-        [this, post, written, total](const Batch::Outcome& outcome) {
+        Batch::Work{m_run.job, std::move(plan), 1},
+        [this, post, written](const Batch::Outcome& outcome) {
             if (outcome.result)
                 *written << outcome.result->output;
-            post([this, line = logLine(outcome), done = outcome.index + 1, total] {
-                trackDone(line, done, total);
+            post([this, line = logLine(outcome), failed = outcome.failed() && !outcome.stopped()] {
+                trackDone(line, failed);
             });
         },
-        [this, post, written] { post([this, written = *written] { finishBatch(written); }); });
+        [this, post, written] { post([this, written = *written] { partEnded(written); }); });
 }
 
-void WindowController::trackDone(const LogLine& line, long long done, long long total) {
+void WindowController::trackDone(const LogLine& line, bool failed) {
     log(line);
-    emit progressChanged(done, total);
+    ++m_run.done;
+    m_run.failed += failed ? 1 : 0;
+    emit progressChanged(m_run.done, m_run.total);
 }
 
-void WindowController::finishBatch(const QStringList& written) {
-    m_busy = false;
-    emit busyChanged(false);
-    if (written.isEmpty()) {
-        m_services.sounds.play(QStringLiteral("Basso"));
+void WindowController::partEnded(const QStringList& written) {
+    m_run.written << written;
+    if (m_run.stopping || m_run.queued.empty()) {
+        finishBatch();
         return;
     }
-    m_services.fileViewer.show(written);
-    m_services.sounds.play(QStringLiteral("Glass"));
+    runPart(std::exchange(m_run.queued, {}));
+}
+
+// "BATCH 2: 5 OF 6 TAGGED", then what went wrong, if anything: the line that
+// tells this batch from the next, and a failure scrolled out of sight from the end.
+LogLine WindowController::summary() const {
+    const auto tagged = static_cast<long long>(m_run.written.size());
+    QStringList status;
+    if (m_run.failed > 0)
+        status << QStringLiteral("%1 FAILED").arg(m_run.failed);
+    if (m_run.stopping)
+        status << QStringLiteral("STOPPED, %1 LEFT").arg(m_run.total - m_run.done);
+    if (status.isEmpty())
+        status << QStringLiteral("DONE");
+    return {QStringLiteral("BATCH %1: %2 OF %3 TAGGED").arg(m_batches).arg(tagged).arg(m_run.total),
+            status.join(QStringLiteral("  ")),
+            m_run.failed > 0 ? errColor
+            : m_run.stopping ? dim
+                             : purple};
+}
+
+void WindowController::finishBatch() {
+    ++m_batches;
+    const LogLine last = summary();
+    log(last);
+    if (m_run.stopping) {
+        m_batch.reset(); // joined: no run of it is left when the engine takes runs again
+        Engine::EngineState::shared().resume();
+    }
+    m_busy = false;
+    emit busyChanged(false);
+    emit batchEnded(last);
+    if (m_run.written.isEmpty()) {
+        m_services.sounds.play(QStringLiteral("Basso"));
+    } else {
+        m_services.fileViewer.show(m_run.written);
+        m_services.sounds.play(QStringLiteral("Glass"));
+    }
+    if (!m_run.afterStop.isEmpty())
+        start(std::exchange(m_run.afterStop, {}));
 }

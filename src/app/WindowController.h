@@ -3,6 +3,7 @@
 // changed. The view keeps what it shows; this keeps what is true.
 #pragma once
 
+#include "engine/Engine.h"
 #include "model/Settings.h"
 #include "model/Tags.h"
 #include "platform/Menus.h"
@@ -47,8 +48,15 @@ public:
     ~WindowController() override;
 
     // Expands files and folders into tracks and tags them in the background,
-    // one at a time, logging each; ignored while a batch runs.
+    // one at a time, logging each. While a batch runs they join it, tagged after
+    // its tracks with its clip and settings; while one stops, they start the next.
     void start(const QStringList& paths);
+    // Ends the running track (its partial output goes) and begins no other; the
+    // batch's last line says how many were left. Nothing without a batch.
+    void stop();
+    // How far the running track is, 0 to 1, for a runner that reports it.
+    void trackProgress(double fraction);
+    bool busy() const { return m_busy; }
     // Reads the selected tag clip again; true when it changed. Called whenever
     // the library or the preferences change on disk, and when the window is activated.
     bool refreshTag();
@@ -59,6 +67,10 @@ signals:
     void logged(const LogLine& line);
     void busyChanged(bool busy);
     void progressChanged(long long done, long long total);
+    // The batch's tracks done, the running one's share included, of its total.
+    void fractionChanged(double done, long long total);
+    // The batch's last line, once it has ended.
+    void batchEnded(const LogLine& summary);
     // The selected clip's name as shown, none without one.
     void tagChanged(const std::optional<QString>& name);
     void choicesChanged(int intervalIndex, int levelIndex);
@@ -75,8 +87,12 @@ private:
     void addTag(const QString& path);
 
     void startBatch(const QStringList& tracks, const QString& tag);
-    void trackDone(const LogLine& line, long long done, long long total);
-    void finishBatch(const QStringList& written);
+    void join(const QStringList& tracks);
+    void runPart(Engine::Plan plan);
+    void trackDone(const LogLine& line, bool failed);
+    void partEnded(const QStringList& written);
+    void finishBatch();
+    LogLine summary() const;
 
     void log(const LogLine& line);
     void watchTag();
@@ -86,7 +102,20 @@ private:
     Settings m_settings;
     Tags m_tags;
     std::optional<QString> m_tag; // the selected clip, as last read
-    bool m_busy = false;          // a batch runs: starts are dropped until it ends
+    bool m_busy = false;          // a batch runs: starts join it until it ends
+    // The batch as the user sees it. It runs in parts: the tracks handed over
+    // while one part runs make the next, with the same job.
+    struct Running {
+        Engine::Job job;
+        QStringList tracks; // every track given to it, so that none runs twice
+        Engine::Plan queued;
+        long long done = 0, total = 0, failed = 0;
+        QStringList written;
+        bool stopping = false;
+        QStringList afterStop; // handed over while it stopped: the next batch
+    };
+    Running m_run;
+    int m_batches = 0; // numbers the batches' last lines
     QFileSystemWatcher* m_tagWatch = nullptr;
     // Last: at quit it is stopped and joined before anything it reports to goes.
     std::unique_ptr<Batch> m_batch;

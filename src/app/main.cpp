@@ -17,6 +17,7 @@
 #include <QApplication>
 #include <QFile>
 #include <QTimer>
+#include <QWindow>
 #include <cstdio>
 #include <cstdlib>
 
@@ -57,6 +58,22 @@ void quiet(QtMsgType type, const QMessageLogContext& context, const QString& mes
         print(stderr, qFormatLogMessage(type, context, message) + QLatin1Char('\n'));
 }
 
+// A launcher shows a busy cursor until the program it started shows a window or
+// says it has started; a launch that hands its files over shows none. Qt's X11
+// platform says it when a window first shows, so one too small and clear to
+// see shows for a moment.
+void completeStartup() {
+    if (QGuiApplication::platformName() != QLatin1String("xcb"))
+        return;
+    QWindow mark;
+    mark.setFlags(Qt::ToolTip | Qt::FramelessWindowHint | Qt::WindowTransparentForInput |
+                  Qt::WindowDoesNotAcceptFocus);
+    mark.setGeometry(0, 0, 1, 1);
+    mark.setOpacity(0);
+    mark.show();
+    QCoreApplication::processEvents();
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -78,6 +95,8 @@ int main(int argc, char** argv) {
         return 0;
     }
 
+    // Qt takes it out of the environment as the display opens.
+    const bool launched = qEnvironmentVariableIsSet("DESKTOP_STARTUP_ID");
     qInstallMessageHandler(starting);
     // Qt sees only the program's name: every other argument is Zelkor's.
     int qtArgc = 1;
@@ -101,8 +120,11 @@ int main(int argc, char** argv) {
     if (!options.snapshot && instance.claim(options.files, [&delegate](const QStringList& files) {
             delegate.activate();
             delegate.open(files);
-        }) == SingleInstance::Outcome::handedOver)
+        }) == SingleInstance::Outcome::handedOver) {
+        if (launched)
+            completeStartup();
         return 0;
+    }
 
     if (!options.files.isEmpty())
         delegate.open(options.files);

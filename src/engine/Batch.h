@@ -48,7 +48,7 @@ public:
     Batch& operator=(const Batch&) = delete;
 
     // Starts no further track and ends the running ffmpeg runs through the engine,
-    // which then refuses any later run of this process: stopping is for quitting.
+    // which then refuses any later run of this process until EngineState::resume().
     // A track that fails from then on ends as "STOPPED"; a track not begun gets
     // no outcome. The end still comes.
     void stop();

@@ -37,6 +37,11 @@ bool EngineState::stopping() const {
     return m_stopping;
 }
 
+void EngineState::resume() {
+    const std::lock_guard lock(m_childrenLock);
+    m_stopping = false;
+}
+
 TagInfo EngineState::clipInfo(const QString& path, const std::optional<Files::Identity>& identity,
                               const std::function<TagInfo()>& measure) {
     const std::lock_guard lock(m_clipLock);

@@ -22,9 +22,12 @@ public:
     // A started child; when stopping has begun it is killed at once, and false returned.
     bool adoptChild(qint64 pid);
     void releaseChild(qint64 pid);
-    // Kills every child and refuses new runs, for good.
+    // Kills every child and refuses new runs, until resume().
     void stopAll();
     bool stopping() const;
+    // Takes new runs again: a batch stopped without quitting has ended, and the
+    // next one must run. No run of the stopped batch may be in progress.
+    void resume();
 
     // The clip's cached figures while it is still the file `identity` describes, or
     // `measure`'s, stored when it returns. The lock is held across `measure`, so a

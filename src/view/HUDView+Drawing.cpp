@@ -94,7 +94,7 @@ void HUDView::drawLog(QPainter& painter) {
         return;
     }
     const QColor textColour = Drawing::withAlpha(white, kLogTextAlpha);
-    const auto count = static_cast<long long>(m_state.log.size());
+    const auto count = static_cast<long long>(m_state.log.size()) - m_state.logScroll;
     double y = l.firstLine;
     for (long long i = HUDLayout::firstShownLogLine(count); i < count; ++i) {
         HUDLayout::LogRow row = logRow(static_cast<std::size_t>(i));

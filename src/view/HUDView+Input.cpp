@@ -12,9 +12,12 @@
 #include <QDragLeaveEvent>
 #include <QDragMoveEvent>
 #include <QDropEvent>
+#include <QKeyEvent>
 #include <QMimeData>
 #include <QMouseEvent>
 #include <QUrl>
+#include <QWheelEvent>
+#include <algorithm>
 
 void HUDView::mousePressEvent(QMouseEvent* event) {
     if (event->button() == Qt::LeftButton)
@@ -35,6 +38,54 @@ void HUDView::click(QPointF at) {
     }
     if (HUDLayout::contains(zoneRect(), at))
         emit zoneClicked();
+}
+
+void HUDView::scrollLog(long long entries) {
+    const long long oldest =
+        HUDLayout::firstShownLogLine(static_cast<long long>(m_state.log.size()));
+    const long long scroll = std::clamp(m_state.logScroll + entries, 0LL, oldest);
+    if (scroll == m_state.logScroll)
+        return;
+    m_state.logScroll = scroll;
+    update();
+}
+
+// A notch is one entry; a touchpad's small steps add up to one.
+void HUDView::wheelEvent(QWheelEvent* event) {
+    constexpr int kNotch = 120;
+    m_wheel += event->angleDelta().y();
+    scrollLog(m_wheel / kNotch);
+    m_wheel %= kNotch;
+    event->accept();
+}
+
+void HUDView::keyPressEvent(QKeyEvent* event) {
+    constexpr long long kPage = 4; // the entries shown
+    const long long all = static_cast<long long>(m_state.log.size());
+    switch (event->key()) {
+    case Qt::Key_Up:
+        scrollLog(1);
+        break;
+    case Qt::Key_Down:
+        scrollLog(-1);
+        break;
+    case Qt::Key_PageUp:
+        scrollLog(kPage);
+        break;
+    case Qt::Key_PageDown:
+        scrollLog(-kPage);
+        break;
+    case Qt::Key_Home:
+        scrollLog(all);
+        break;
+    case Qt::Key_End:
+        scrollLog(-all);
+        break;
+    default:
+        QWidget::keyPressEvent(event);
+        return;
+    }
+    event->accept();
 }
 
 // From the list's own bytes: QUrl decodes a name's escapes as UTF-8 and would turn a

@@ -19,6 +19,7 @@ HUDView::HUDView(QWidget* parent)
     resize(kSize);
     setAttribute(Qt::WA_OpaquePaintEvent);
     setAcceptDrops(true);
+    setFocusPolicy(Qt::StrongFocus); // the log's keys
     relayout();
     // Parented to the view, so the timer never outlives it.
     m_timer = new QTimer(this);
@@ -34,6 +35,9 @@ void HUDView::setState(State state) {
 
 void HUDView::appendLog(const LogLine& line) {
     m_state.log.push_back(line);
+    // Scrolled back, the entries being read stay where they are.
+    if (m_state.logScroll > 0)
+        ++m_state.logScroll;
     update();
 }
 

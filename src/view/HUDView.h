@@ -34,6 +34,7 @@ public:
         bool busy = false;
         Progress progress;
         std::vector<LogLine> log; // oldest first, never trimmed
+        long long logScroll = 0;  // entries scrolled back from the newest
         bool blink = true;        // the blinking cursors' phase
     };
 
@@ -96,6 +97,8 @@ protected:
     void dragMoveEvent(QDragMoveEvent* event) override;
     void dragLeaveEvent(QDragLeaveEvent* event) override;
     void dropEvent(QDropEvent* event) override;
+    void wheelEvent(QWheelEvent* event) override;
+    void keyPressEvent(QKeyEvent* event) override;
 
 private:
     void draw(QPainter& painter);
@@ -111,6 +114,8 @@ private:
     void relayout();
     void tick();
     void click(QPointF at);
+    // Back (positive) towards the oldest entries, or forward; 0 shows the newest.
+    void scrollLog(long long entries);
 
     // What a drop would do: start a batch (zone) or add a tag clip (tag), never both.
     struct DragTarget {
@@ -136,4 +141,5 @@ private:
     };
     std::vector<LogRowMeasured> m_logRows;
     QTimer* m_timer = nullptr;
+    int m_wheel = 0; // a wheel's turn not yet a whole entry
 };
