@@ -101,6 +101,13 @@ TEST_F(ViewDrawing, eachStateShowsItsDecisivePixelsAndLeavesItsRegions) {
         EXPECT_TRUE(i < 2 || (i == 4 || i == 8 ? near(inside, white) : near(inside, black, 0)))
             << i;
     }
+    // A rule between two segments.
+    const auto ruled = [&](const QRectF& r) {
+        return !near(image.pixelColor(
+                         QPointF(r.left() + HUDLayout::kHairline, r.center().y() + 9).toPoint()),
+                     black, 0);
+    };
+    EXPECT_TRUE(ruled(rects[3]) && ruled(rects[7]));
     t = &l.tagRow;
     const HUDLayout::Zone* z = &l.zone;
     EXPECT_FALSE(l.header.logo);
