@@ -46,16 +46,51 @@ long long audibleSamples(double seconds, int rate) {
     return std::max(1LL, std::llround(std::min(seconds, 1e9) * rate));
 }
 
+// alimiter takes a limit up to 1: a higher ceiling scales the signal down and back up
+// around it by a power of two, which leaves every sample it does not limit exact.
+QString alimiter(double ceiling) {
+    const QString times = QStringLiteral("level=0:attack=2:release=40:latency=1");
+    if (ceiling <= 1)
+        return QStringLiteral("alimiter=limit=%1:").arg(QString::number(ceiling, 'g', 7)) + times;
+    const double scale = std::exp2(std::ceil(std::log2(ceiling)));
+    return QStringLiteral("alimiter=level_in=%1:level_out=%2:limit=%3:")
+               .arg(QString::number(1 / scale, 'g', 17), QString::number(scale, 'g', 17),
+                    QString::number(ceiling / scale, 'g', 17)) +
+           times;
+}
+
+// The limiter from the filter before it to the label `out`, its own labels named after
+// `id`. On three channels or more ffmpeg 5.1's alimiter flips samples to the opposite
+// ceiling where their peaks differ, so there it limits only the loudest channel's
+// magnitude, in mono, and that one gain is laid on every channel.
+QString limiter(const Mix& mix, const QString& id, const QString& out) {
+    const int channels = mix.format ? channelCount(mix.format->channelLayout) : 0;
+    if (channels < 3)
+        return alimiter(mix.ceiling) + out;
+    QString loudest = QStringLiteral("abs(val(0))");
+    for (int c = 1; c < channels; ++c)
+        loudest = QStringLiteral("max(%1,abs(val(%2)))").arg(loudest).arg(c);
+    QString spread = QStringLiteral("pan=") + mix.format->channelLayout;
+    for (int c = 0; c < channels; ++c)
+        spread += QStringLiteral("|c%1=c0").arg(c);
+    // aeval leaves its layout unset; pan names it. The padded magnitude lets the
+    // limiter's last samples, flushed at the end, still find their gain.
+    return QStringLiteral("asplit=2[%1a][%1b];[%1b]aeval=exprs='%2',pan=mono|c0=c0,"
+                          "asplit=2[%1s][%1t];[%1s]%3[%1l];[%1t]apad[%1p];"
+                          "[%1l][%1p]join=inputs=2:channel_layout=stereo,"
+                          "aeval=exprs='if(gt(val(1),0),val(0)/val(1),1)',%4[%1g];"
+                          "[%1a][%1g]amultiply")
+               .arg(id, loudest, alimiter(mix.ceiling), spread) +
+           out;
+}
+
 // The limiter, writing [out]. When nothing of the track reaches the ceiling it can only
 // act near a copy: from its 2 ms look-ahead before the copy to its 40 ms release after
 // it. Then only those stretches (with room to spare) pass through a limiter of their
 // own and the rest is passed on untouched: the same samples at a fraction of the cost.
 QString limiterStage(const Mix& mix, int rate) {
-    const QString limiter =
-        QStringLiteral("alimiter=limit=%1:level=0:attack=2:release=40:latency=1")
-            .arg(QString::number(mix.ceiling, 'g', 7));
     if (!mix.clearOfCeiling || rate <= 0 || mix.times.size() > kMaxLimitedStretches)
-        return limiter + QStringLiteral("[out]");
+        return limiter(mix, QStringLiteral("k"), QStringLiteral("[out]"));
     const long long lead = rate / 100, tail = rate / 10,
                     length = audibleSamples(mix.tagLength, rate);
     std::vector<std::pair<long long, long long>> stretches;
@@ -86,7 +121,10 @@ QString limiterStage(const Mix& mix, int rate) {
     stage += QLatin1Char(';');
     for (qsizetype i = 0; i < pieces; ++i) {
         if (i % 2 == firstLimited) {
-            stage += QStringLiteral("[g%1]%2[h%1];").arg(i).arg(limiter);
+            stage += QStringLiteral("[g%1]%2;")
+                         .arg(i)
+                         .arg(limiter(mix, QStringLiteral("k%1").arg(i),
+                                      QStringLiteral("[h%1]").arg(i)));
             joined += QStringLiteral("[h%1]").arg(i);
         } else {
             joined += QStringLiteral("[g%1]").arg(i);
@@ -131,20 +169,26 @@ double clipGain(double levelDB, double trackLufs, double tagLufs) {
     return gain;
 }
 
-double ceiling(std::optional<double> peakDB) {
+bool carriesOverFullScale(const Analysis& track, const QString& format) {
+    return format == QLatin1String("mp3") || track.floatSamples;
+}
+
+double ceiling(std::optional<double> peakDB, bool overFullScale) {
     if (!peakDB || !std::isfinite(*peakDB))
         return kDefaultCeiling;
     // The meter prints 0.1 dB steps, so the true peak may lie half a step above; the
     // ceiling is rounded up in the last written digit, never below the peak.
     const double linear = std::pow(10.0, (*peakDB + kHalfStep) / 20);
-    return std::clamp(std::ceil(linear * kLimitDigits + 1e-6) / kLimitDigits, kDefaultCeiling, 1.0);
+    return std::clamp(std::ceil(linear * kLimitDigits + 1e-6) / kLimitDigits, kDefaultCeiling,
+                      overFullScale ? kHighestCeiling : 1.0);
 }
 
-bool clearOfCeiling(const Analysis& track) {
+bool clearOfCeiling(const Analysis& track, bool overFullScale) {
     if (!track.peak)
         return false;
-    // Above 1 the ceiling is clamped: only integer samples are then sure to stay under it.
-    return *track.peak + kHalfStep <= 0 || track.integerSamples;
+    // Where the ceiling is clamped at 1, only integer samples are sure to stay under it.
+    return *track.peak + kHalfStep <= 0 || track.integerSamples ||
+           (overFullScale && *track.peak + kHalfStep <= 20 * std::log10(kHighestCeiling));
 }
 
 int channelCount(const QString& layout) {
@@ -240,6 +284,9 @@ QStringList renderArguments(const QString& track, const QString& tag, const QStr
     // track opened a second time: taken from the mixed input, ffmpeg 5.1 ends the audio
     // after a fraction of a second.
     const bool pictures = mp3 && analysis.pictures;
+    // A WAV of floats stays one: its samples past full scale and its precision kept.
+    const QString pcm =
+        analysis.floatSamples ? QStringLiteral("pcm_f32le") : QStringLiteral("pcm_s24le");
     QStringList args{QStringLiteral("-y"), QStringLiteral("-i"), track, QStringLiteral("-i"), tag};
     if (pictures)
         args << QStringLiteral("-i") << track;
@@ -254,12 +301,10 @@ QStringList renderArguments(const QString& track, const QString& tag, const QStr
              << QStringLiteral("320k") << QStringLiteral("-id3v2_version") << QStringLiteral("3")
              << QStringLiteral("-f") << QStringLiteral("mp3");
     else if (analysis.broadcastChunk)
-        args << QStringLiteral("-c:a") << QStringLiteral("pcm_s24le")
-             << QStringLiteral("-write_bext") << QStringLiteral("1") << QStringLiteral("-f")
-             << QStringLiteral("wav");
+        args << QStringLiteral("-c:a") << pcm << QStringLiteral("-write_bext")
+             << QStringLiteral("1") << QStringLiteral("-f") << QStringLiteral("wav");
     else
-        args << QStringLiteral("-c:a") << QStringLiteral("pcm_s24le") << QStringLiteral("-f")
-             << QStringLiteral("wav");
+        args << QStringLiteral("-c:a") << pcm << QStringLiteral("-f") << QStringLiteral("wav");
     args << output;
     return args;
 }
@@ -349,12 +394,13 @@ Result process(const QString& given, const QString& tag, double interval, double
     const QString clipFile = Names::absolute(tag);
     const OpenFile trackFile = openInput(track), tagFile = openInput(clipFile);
     PendingOutput out(output.folder, output.stem);
+    const bool overFullScale = carriesOverFullScale(analysis, output.extension);
     const Mix mix{.gainDB = prepared.gain,
                   .times = prepared.times,
                   .tagLength = prepared.tagLength,
-                  .ceiling = ceiling(analysis.peak),
+                  .ceiling = ceiling(analysis.peak, overFullScale),
                   .format = analysis.format,
-                  .clearOfCeiling = clearOfCeiling(analysis)};
+                  .clearOfCeiling = clearOfCeiling(analysis, overFullScale)};
     const QStringList args =
         renderArguments(trackFile.argument(), tagFile.argument(), filterGraph(mix), analysis,
                         out.file().argument(), output.extension);

@@ -31,10 +31,14 @@ constexpr std::size_t kMaxLimitedStretches = 40;
 
 std::vector<double> positions(double duration, double interval, double tagLength);
 double clipGain(double levelDB, double trackLufs, double tagLufs);
-// The limiter's ceiling: never below the track's own peak, so that it acts only under a tag.
-double ceiling(std::optional<double> peakDB);
+constexpr double kHighestCeiling = 64; // the most the limiter's levels can scale
+// Whether an output of `format` holds samples past full scale: an MP3, or a WAV of floats.
+bool carriesOverFullScale(const Analysis& track, const QString& format);
+// The limiter's ceiling: never below the track's own peak, so that it acts only under a
+// tag; past full scale only where the output carries it.
+double ceiling(std::optional<double> peakDB, bool overFullScale = false);
 // Whether every sample of the track is known to lie at or under its ceiling.
-bool clearOfCeiling(const Analysis& track);
+bool clearOfCeiling(const Analysis& track, bool overFullScale = false);
 
 // Everything the render's filter graph depends on.
 struct Mix {
