@@ -73,13 +73,15 @@ QString limiter(const Mix& mix, const QString& id, const QString& out) {
     QString spread = QStringLiteral("pan=") + mix.format->channelLayout;
     for (int c = 0; c < channels; ++c)
         spread += QStringLiteral("|c%1=c0").arg(c);
-    // aeval leaves its layout unset; pan names it. The padded magnitude lets the
+    // In double precision, as alimiter alone would be, whether or not the stretch before
+    // was. aeval leaves its layout unset; pan names it. The padded magnitude lets the
     // limiter's last samples, flushed at the end, still find their gain.
-    return QStringLiteral("asplit=2[%1a][%1b];[%1b]aeval=exprs='%2',pan=mono|c0=c0,"
-                          "asplit=2[%1s][%1t];[%1s]%3[%1l];[%1t]apad[%1p];"
-                          "[%1l][%1p]join=inputs=2:channel_layout=stereo,"
-                          "aeval=exprs='if(gt(val(1),0),val(0)/val(1),1)',%4[%1g];"
-                          "[%1a][%1g]amultiply")
+    return QStringLiteral(
+               "aformat=sample_fmts=dbl,asplit=2[%1a][%1b];[%1b]aeval=exprs='%2',pan=mono|c0=c0,"
+               "asplit=2[%1s][%1t];[%1s]%3[%1l];[%1t]apad[%1p];"
+               "[%1l][%1p]join=inputs=2:channel_layout=stereo,"
+               "aeval=exprs='if(gt(val(1),0),val(0)/val(1),1)',%4[%1g];"
+               "[%1a][%1g]amultiply")
                .arg(id, loudest, alimiter(mix.ceiling), spread) +
            out;
 }

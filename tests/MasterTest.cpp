@@ -1,0 +1,97 @@
+// Masters of every kind through the real render: over full scale, many channels, brickwalled.
+#include "engine/Analysis.h"
+#include "engine/Render.h"
+#include "support/TestSupport.h"
+
+#include <cmath>
+#include <gtest/gtest.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+using Master = ::Test::TempFolder;
+
+constexpr double kInterval = 5, kClip = 1;
+
+// Whether a frame lies in a copy's stretch: the limiter's look-ahead before it, its release
+// after it, with a millisecond to spare each side.
+bool underTag(std::size_t frame, int rate) {
+    const double t = double(frame) / rate - 0.5 + 0.003;
+    return t >= 0 && std::fmod(t, kInterval) < 0.003 + kClip + 0.04 + 0.002;
+}
+
+} // namespace
+
+// A float master at +3 dBFS comes out as floats, every sample outside the tags as it was, and
+// no higher under them than its own peak; a 24-bit one too.
+TEST_F(Master, aFloatMasterOverFullScaleStaysFloatAndUntouchedOutsideTheTags) {
+    const QString hot = path(u"hot.wav"_s), clip = path(u"clip.wav"_s);
+    ::Test::makeAudio(clip, u"sine=frequency=1000"_s, kClip, 22050, 1);
+    ::Test::ffmpeg({u"-f"_s, u"lavfi"_s, u"-i"_s,
+                    u"aevalsrc=1.41*sin(2*PI*100*t)|0.5*sin(2*PI*150*t):s=44100:d=12"_s, u"-c:a"_s,
+                    u"pcm_f32le"_s, hot});
+    const Engine::Result result = Engine::process(hot, clip, kInterval, -1);
+    ASSERT_EQ(result.placements, 3);
+    const auto stream = ::Test::runProgram(::Test::systemFFmpeg(), {u"-i"_s, result.output}).err;
+    EXPECT_TRUE(stream.contains(u"Audio: pcm_f32le"_s));
+    const auto a = ::Test::samples(result.output, 44100, 2), b = ::Test::samples(hot, 44100, 2);
+    ASSERT_EQ(a.size(), b.size());
+    std::size_t changed[2] = {0, 0};
+    double masterPeak = 0, taggedPeak = 0;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        changed[underTag(i / 2, 44100)] += a[i] != b[i];
+        masterPeak = std::max(masterPeak, std::abs(b[i]));
+        taggedPeak = std::max(taggedPeak, std::abs(a[i]));
+    }
+    EXPECT_EQ(changed[0], 0u);
+    EXPECT_GT(changed[1], 44100u);
+    EXPECT_GT(masterPeak, 1.4);
+    EXPECT_LE(taggedPeak, masterPeak * std::pow(10, 0.1 / 20));
+}
+
+// ffmpeg's limiter flips samples to the opposite ceiling on three channels or more when
+// one channel peaks far above the others; the render never does.
+TEST_F(Master, manyChannelsWithUnevenPeaksAreNeverFlipped) {
+    const QString clip = path(u"clip.wav"_s);
+    ::Test::makeAudio(clip, u"sine=frequency=1000"_s, kClip, 22050, 1);
+    for (const auto& [layout, channels] : {std::pair{u"4.0"_s, 4}, {u"5.1"_s, 6}, {u"7.1"_s, 8}}) {
+        SCOPED_TRACE(layout.toStdString());
+        QStringList waves;
+        for (int c = 0; c < channels; ++c)
+            waves << u"%1*sin(2*PI*%2*t)"_s.arg(c == 2 ? 0.95 : 0.1 + 0.05 * c).arg(60 + 45 * c);
+        const QString track = path(layout + u".wav"_s);
+        ::Test::ffmpeg({u"-f"_s, u"lavfi"_s, u"-i"_s,
+                        u"aevalsrc=%1:c=%2:s=48000:d=12"_s.arg(waves.join(u'|'), layout), u"-c:a"_s,
+                        u"pcm_s16le"_s, track});
+        const Engine::Result result = Engine::process(track, clip, kInterval, -1);
+        ASSERT_EQ(result.placements, 3);
+        const auto a = ::Test::samples(result.output, 48000, channels),
+                   b = ::Test::samples(track, 48000, channels);
+        ASSERT_EQ(a.size(), b.size());
+        // The clip moves a sample by 0.6 at most: a jump across zero by more is a flip.
+        std::size_t flipped = 0, limited = 0;
+        for (std::size_t i = 0; i < a.size(); ++i) {
+            flipped += a[i] * b[i] < 0 && std::abs(a[i] - b[i]) > 0.9;
+            limited += std::abs(a[i]) > 0.96;
+        }
+        EXPECT_EQ(flipped, 0u);
+        EXPECT_GT(limited, 100u); // the limiter did act
+    }
+}
+
+// Past full scale the ceiling follows the master only where the output can carry it.
+TEST(MasterCeiling, followsAPeakOverFullScaleOnlyIntoAnOutputThatCarriesIt) {
+    Engine::Analysis floats, decoded;
+    floats.floatSamples = true;
+    floats.peak = decoded.peak = 3.0;
+    for (const auto& [track, format, carried] : {std::tuple{&floats, u"wav"_s, true},
+                                                 {&decoded, u"mp3"_s, true},
+                                                 {&decoded, u"wav"_s, false}}) {
+        SCOPED_TRACE(format.toStdString());
+        const bool over = Engine::carriesOverFullScale(*track, format);
+        EXPECT_EQ(over, carried);
+        EXPECT_DOUBLE_EQ(Engine::ceiling(track->peak, over), carried ? 1.420693 : 1.0);
+        EXPECT_EQ(Engine::clearOfCeiling(*track, over), carried);
+    }
+}
