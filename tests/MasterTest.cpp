@@ -64,7 +64,7 @@ TEST_F(Master, manyChannelsWithUnevenPeaksAreNeverFlipped) {
         ::Test::ffmpeg({u"-f"_s, u"lavfi"_s, u"-i"_s,
                         u"aevalsrc=%1:c=%2:s=48000:d=12"_s.arg(waves.join(u'|'), layout), u"-c:a"_s,
                         u"pcm_s16le"_s, track});
-        const Engine::Result result = Engine::process(track, clip, kInterval, -1);
+        const Engine::Result result = Engine::process(track, clip, kInterval, -9);
         ASSERT_EQ(result.placements, 3);
         const auto a = ::Test::samples(result.output, 48000, channels),
                    b = ::Test::samples(track, 48000, channels);
@@ -93,5 +93,68 @@ TEST(MasterCeiling, followsAPeakOverFullScaleOnlyIntoAnOutputThatCarriesIt) {
         EXPECT_EQ(over, carried);
         EXPECT_DOUBLE_EQ(Engine::ceiling(track->peak, over), carried ? 1.420693 : 1.0);
         EXPECT_EQ(Engine::clearOfCeiling(*track, over), carried);
+    }
+}
+
+namespace {
+
+// Integrated loudness of interleaved stereo samples, as the analysis measures a track.
+double loudness(const std::vector<double>& values, const QString& folder) {
+    const QString raw = folder + u"/piece.raw"_s, wav = folder + u"/piece.wav"_s;
+    ::Test::writeFile(raw, QByteArray(reinterpret_cast<const char*>(values.data()),
+                                      qsizetype(values.size() * sizeof(double))));
+    ::Test::ffmpeg({u"-f"_s, u"f64le"_s, u"-ar"_s, u"44100"_s, u"-ac"_s, u"2"_s, u"-i"_s, raw,
+                    u"-c:a"_s, u"pcm_f32le"_s, wav});
+    return Engine::analyze(wav).lufs;
+}
+
+} // namespace
+
+// On a master brickwalled at 0 dBFS, the tag under each copy (the output less the beat's share
+// of it) is as loud as the same clip placed alone and rendered the same way.
+TEST_F(Master, theTagIsHeardAtItsLevelOnABrickwalledMaster) {
+    const QString brick = path(u"brick.wav"_s), speech = path(u"speech.wav"_s),
+                  silence = path(u"silence.wav"_s);
+    const QString noise = u"anoisesrc=color=pink:sample_rate=44100:duration=12:seed="_s;
+    ::Test::ffmpeg({u"-f"_s, u"lavfi"_s, u"-i"_s, noise + u'3', u"-f"_s, u"lavfi"_s, u"-i"_s,
+                    noise + u'4', u"-filter_complex"_s,
+                    u"amerge,volume=12dB,alimiter=limit=1:level=0:attack=0.1:release=20"_s,
+                    u"-c:a"_s, u"pcm_s16le"_s, brick});
+    const auto spoken = ::Test::runProgram(u"/usr/bin/espeak-ng"_s,
+                                           {u"-w"_s, speech + u".wav"_s, u"Zelkor on the beat"_s});
+    ASSERT_EQ(spoken.status, 0);
+    ::Test::ffmpeg({u"-i"_s, speech + u".wav"_s, u"-ar"_s, u"22050"_s, u"-af"_s, u"volume=6dB"_s,
+                    u"-c:a"_s, u"pcm_f32le"_s, speech});
+    ::Test::makeAudio(silence, u"aevalsrc=0"_s, 12);
+    const Engine::Result result = Engine::process(brick, speech, kInterval, -1);
+    const Engine::TagInfo clip = Engine::info(speech);
+    const Engine::Analysis master = Engine::analyze(brick);
+    const Engine::Mix alone{.gainDB = result.gainDB,
+                            .times = result.times,
+                            .tagLength = clip.length,
+                            .ceiling = Engine::ceiling(master.peak),
+                            .format = master.format};
+    const QString placed = path(u"alone.wav"_s);
+    ::Test::ffmpeg({u"-i"_s, silence, u"-i"_s, speech, u"-filter_complex"_s,
+                    Engine::filterGraph(alone), u"-map"_s, u"[out]"_s, u"-c:a"_s, u"pcm_s24le"_s,
+                    placed});
+    const auto a = ::Test::samples(result.output, 44100, 2), b = ::Test::samples(brick, 44100, 2),
+               c = ::Test::samples(placed, 44100, 2);
+    ASSERT_EQ(a.size(), b.size());
+    ASSERT_EQ(a.size(), c.size());
+    for (double t : result.times) {
+        const auto from = std::size_t(std::lround(t * 44100)) * 2,
+                   to = from + std::size_t(std::lround(clip.length * 44100)) * 2;
+        // The beat's share: its projection, which takes in how far it gave way.
+        double cross = 0, power = 0;
+        for (std::size_t i = from; i < to; ++i) {
+            cross += a[i] * b[i];
+            power += b[i] * b[i];
+        }
+        std::vector<double> tag, reference(c.begin() + long(from), c.begin() + long(to));
+        for (std::size_t i = from; i < to; ++i)
+            tag.push_back(a[i] - cross / power * b[i]);
+        const double heard = loudness(tag, dir.path()), expected = loudness(reference, dir.path());
+        EXPECT_NEAR(heard, expected, 1) << t;
     }
 }

@@ -171,6 +171,14 @@ double clipGain(double levelDB, double trackLufs, double tagLufs) {
     return gain;
 }
 
+double duck(const Analysis& track, double levelDB) {
+    // Measured on brickwalled masters: the limiter takes a tag's syllables down with the
+    // beat once the tag comes within about 13 dB of the room between the track's loudness
+    // and its ceiling; giving way by that much keeps the tag within 1 LU of its level.
+    const double room = 20 * std::log10(ceiling(track.peak)) - track.lufs;
+    return std::clamp(levelDB + kDuckReach - room, 0.0, kMostDuck);
+}
+
 bool carriesOverFullScale(const Analysis& track, const QString& format) {
     return format == QLatin1String("mp3") || track.floatSamples;
 }
@@ -249,32 +257,69 @@ QString filterGraph(const Mix& mix, GraphShape shape) {
     graph += restamp;
     if (rate)
         graph += QStringLiteral("atrim=end_sample=%1,").arg(audibleSamples(mix.tagLength, rate));
-    graph += fadeIn + QStringLiteral("areverse,") + restamp + fadeIn + QStringLiteral("areverse,") +
-             restamp.chopped(1);
+    const QString faded = fadeIn + QStringLiteral("areverse,") + restamp + fadeIn +
+                          QStringLiteral("areverse,") + restamp.chopped(1);
+    graph += faded;
 
-    const QString mixed = QStringLiteral("amix=inputs=%1:normalize=0:duration=first:"
-                                         "dropout_transition=0,");
+    // The faded chain laid at every placement, its copies' labels named after `p`: the
+    // text that ends the chain, and the labels to mix.
+    const bool looped = shape == GraphShape::loopedBed && rate && n >= 2;
+    const auto lay = [&](const QString& p) -> std::pair<QString, QString> {
+        if (looped) {
+            // The clip padded to one interval and repeated: the same samples at the same
+            // places as one branch per copy, at the cost of a single two-input mix.
+            return {QStringLiteral(",apad=whole_len=%1,atrim=end_sample=%1,aloop=loop=%2:size=%1,"
+                                   "adelay=%3:all=1[%4bed];")
+                        .arg(spacing(mix.times, rate))
+                        .arg(n - 1)
+                        .arg(delay(mix.times[0]), p),
+                    QStringLiteral("[%1bed]").arg(p)};
+        }
+        QString text = QStringLiteral(",asplit=%1").arg(n), labels;
+        for (std::size_t i = 0; i < n; ++i)
+            text += QStringLiteral("[%1s%2]").arg(p).arg(i);
+        text += QLatin1Char(';');
+        for (std::size_t i = 0; i < n; ++i) {
+            text += QStringLiteral("[%1s%2]adelay=%3:all=1[%1d%2];")
+                        .arg(p)
+                        .arg(i)
+                        .arg(delay(mix.times[i]));
+            labels += QStringLiteral("[%1d%2]").arg(p).arg(i);
+        }
+        return {text, labels};
+    };
+    const auto [copies, laid] = lay(QString());
+    graph += copies;
+    const qsizetype inputs = looped ? 2 : qsizetype(n) + 1;
+    QString mixed = QStringLiteral("amix=inputs=%1:normalize=0:duration=first:"
+                                   "dropout_transition=0")
+                        .arg(inputs);
     const QString limiter = limiterStage(mix, rate);
-    if (shape == GraphShape::loopedBed && rate && n >= 2) {
-        // The clip padded to one interval and repeated: the same samples at the same
-        // places as one branch per copy, at the cost of a single two-input mix.
-        graph += QStringLiteral(",apad=whole_len=%1,atrim=end_sample=%1,aloop=loop=%2:size=%1,"
-                                "adelay=%3:all=1[bed];[0:a][bed]")
-                     .arg(spacing(mix.times, rate))
-                     .arg(n - 1)
-                     .arg(delay(mix.times[0]));
-        return graph + mixed.arg(2) + limiter;
-    }
-    graph += QStringLiteral(",asplit=%1").arg(n);
-    for (std::size_t i = 0; i < n; ++i)
-        graph += QStringLiteral("[s%1]").arg(i);
-    graph += QLatin1Char(';');
-    for (std::size_t i = 0; i < n; ++i)
-        graph += QStringLiteral("[s%1]adelay=%2:all=1[d%1];").arg(i).arg(delay(mix.times[i]));
-    graph += QStringLiteral("[0:a]");
-    for (std::size_t i = 0; i < n; ++i)
-        graph += QStringLiteral("[d%1]").arg(i);
-    return graph + mixed.arg(n + 1) + limiter;
+    if (!(mix.duckDB > 0) || !rate)
+        return graph + QStringLiteral("[0:a]") + laid + mixed + QLatin1Char(',') + limiter;
+
+    // The beat gives way under each copy, faded like it: the track plus its opposite scaled
+    // by an envelope of the copies' shape (amix takes no negative weight), so that outside
+    // them it is added to nothing but zeros.
+    graph += QStringLiteral("aevalsrc=exprs=%1:c=%2:s=%3,")
+                 .arg(QString::number(std::pow(10.0, -mix.duckDB / 20) - 1, 'g', 17),
+                      mix.format->channelLayout)
+                 .arg(rate) +
+             restamp +
+             QStringLiteral("atrim=end_sample=%1,").arg(audibleSamples(mix.tagLength, rate)) +
+             faded;
+    const auto [envelopes, shaped] = lay(QStringLiteral("e"));
+    graph += envelopes;
+    if (!looped)
+        graph += shaped + QStringLiteral("amix=inputs=%1:normalize=0:duration=longest:"
+                                         "dropout_transition=0[ebed];")
+                              .arg(n);
+    return graph +
+           QStringLiteral("[ebed]apad[env];[0:a]asplit=2[t0][t1];[t1][env]amultiply[dk];[t0][dk]") +
+           laid +
+           mixed.replace(QStringLiteral("inputs=%1").arg(inputs),
+                         QStringLiteral("inputs=%1").arg(inputs + 1)) +
+           QLatin1Char(',') + limiter;
 }
 
 QStringList renderArguments(const QString& track, const QString& tag, const QString& graph,
@@ -402,7 +447,8 @@ Result process(const QString& given, const QString& tag, double interval, double
                   .tagLength = prepared.tagLength,
                   .ceiling = ceiling(analysis.peak, overFullScale),
                   .format = analysis.format,
-                  .clearOfCeiling = clearOfCeiling(analysis, overFullScale)};
+                  .clearOfCeiling = clearOfCeiling(analysis, overFullScale),
+                  .duckDB = duck(analysis, levelDB)};
     const QStringList args =
         renderArguments(trackFile.argument(), tagFile.argument(), filterGraph(mix), analysis,
                         out.file().argument(), output.extension);
