@@ -80,19 +80,21 @@ TEST_F(Master, manyChannelsWithUnevenPeaksAreNeverFlipped) {
     }
 }
 
-// Past full scale the ceiling follows the master only where the output can carry it.
+// Past full scale the ceiling follows the master only into a WAV of floats; an MP3 still
+// passes the master untouched outside the tags.
 TEST(MasterCeiling, followsAPeakOverFullScaleOnlyIntoAnOutputThatCarriesIt) {
     Engine::Analysis floats, decoded;
     floats.floatSamples = true;
     floats.peak = decoded.peak = 3.0;
-    for (const auto& [track, format, carried] : {std::tuple{&floats, u"wav"_s, true},
-                                                 {&decoded, u"mp3"_s, true},
-                                                 {&decoded, u"wav"_s, false}}) {
+    for (const auto& [track, format, carried, clear] : {std::tuple{&floats, u"wav"_s, true, true},
+                                                        {&floats, u"mp3"_s, false, true},
+                                                        {&decoded, u"mp3"_s, false, true},
+                                                        {&decoded, u"wav"_s, false, false}}) {
         SCOPED_TRACE(format.toStdString());
         const bool over = Engine::carriesOverFullScale(*track, format);
         EXPECT_EQ(over, carried);
         EXPECT_DOUBLE_EQ(Engine::ceiling(track->peak, over), carried ? 1.420693 : 1.0);
-        EXPECT_EQ(Engine::clearOfCeiling(*track, over), carried);
+        EXPECT_EQ(Engine::clearOfCeiling(*track, format), clear);
     }
 }
 
@@ -157,4 +159,26 @@ TEST_F(Master, theTagIsHeardAtItsLevelOnABrickwalledMaster) {
         const double heard = loudness(tag, dir.path()), expected = loudness(reference, dir.path());
         EXPECT_NEAR(heard, expected, 1) << t;
     }
+}
+
+// A loud MP3 decodes past full scale; tagged, it decodes past it no more often than a plain
+// 320k encode of it.
+TEST_F(Master, aLoudMP3IsNoMoreOverFullScaleThanAPlainEncode) {
+    const QString loud = path(u"loud.mp3"_s), plain = path(u"plain.mp3"_s),
+                  clip = path(u"clip.wav"_s);
+    const QString noise = u"anoisesrc=color=pink:sample_rate=44100:duration=12:seed="_s;
+    ::Test::ffmpeg({u"-f"_s, u"lavfi"_s, u"-i"_s, noise + u'5', u"-f"_s, u"lavfi"_s, u"-i"_s,
+                    noise + u'6', u"-filter_complex"_s,
+                    u"amerge,volume=10dB,alimiter=limit=0.93:level=0:attack=0.1:release=20"_s,
+                    u"-b:a"_s, u"128k"_s, loud});
+    ::Test::ffmpeg({u"-i"_s, loud, u"-b:a"_s, u"320k"_s, plain});
+    ::Test::makeAudio(clip, u"sine=frequency=1000"_s, kClip, 22050, 1);
+    const auto over = [](const QString& file) {
+        const auto values = ::Test::samples(file, 44100, 2);
+        return std::count_if(values.begin(), values.end(),
+                             [](double v) { return std::abs(v) > 1; });
+    };
+    const auto tagged = over(Engine::process(loud, clip, kInterval, -1).output);
+    EXPECT_GT(over(plain), 100);
+    EXPECT_LE(tagged, over(plain));
 }

@@ -180,7 +180,7 @@ double duck(const Analysis& track, double levelDB) {
 }
 
 bool carriesOverFullScale(const Analysis& track, const QString& format) {
-    return format == QLatin1String("mp3") || track.floatSamples;
+    return format != QLatin1String("mp3") && track.floatSamples;
 }
 
 double ceiling(std::optional<double> peakDB, bool overFullScale) {
@@ -193,12 +193,16 @@ double ceiling(std::optional<double> peakDB, bool overFullScale) {
                       overFullScale ? kHighestCeiling : 1.0);
 }
 
-bool clearOfCeiling(const Analysis& track, bool overFullScale) {
+bool clearOfCeiling(const Analysis& track, const QString& format) {
     if (!track.peak)
         return false;
     // Where the ceiling is clamped at 1, only integer samples are sure to stay under it.
-    return *track.peak + kHalfStep <= 0 || track.integerSamples ||
-           (overFullScale && *track.peak + kHalfStep <= 20 * std::log10(kHighestCeiling));
+    // An MP3 is encoded from the mix as it is: its samples past full scale pass untouched
+    // outside the tags, and under them the mix is held at full scale, as a plain encode of
+    // them would decode past it again.
+    return *track.peak + kHalfStep <= 0 || track.integerSamples || format == QLatin1String("mp3") ||
+           (carriesOverFullScale(track, format) &&
+            *track.peak + kHalfStep <= 20 * std::log10(kHighestCeiling));
 }
 
 int channelCount(const QString& layout) {
@@ -441,13 +445,13 @@ Result process(const QString& given, const QString& tag, double interval, double
     const QString clipFile = Names::absolute(tag);
     const OpenFile trackFile = openInput(track), tagFile = openInput(clipFile);
     PendingOutput out(output.folder, output.stem);
-    const bool overFullScale = carriesOverFullScale(analysis, output.extension);
     const Mix mix{.gainDB = prepared.gain,
                   .times = prepared.times,
                   .tagLength = prepared.tagLength,
-                  .ceiling = ceiling(analysis.peak, overFullScale),
+                  .ceiling =
+                      ceiling(analysis.peak, carriesOverFullScale(analysis, output.extension)),
                   .format = analysis.format,
-                  .clearOfCeiling = clearOfCeiling(analysis, overFullScale),
+                  .clearOfCeiling = clearOfCeiling(analysis, output.extension),
                   .duckDB = duck(analysis, levelDB)};
     const QStringList args =
         renderArguments(trackFile.argument(), tagFile.argument(), filterGraph(mix), analysis,

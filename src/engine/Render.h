@@ -34,15 +34,15 @@ constexpr std::size_t kMaxLimitedStretches = 40;
 std::vector<double> positions(double duration, double interval, double tagLength);
 double clipGain(double levelDB, double trackLufs, double tagLufs);
 constexpr double kHighestCeiling = 64; // the most the limiter's levels can scale
-// Whether an output of `format` holds samples past full scale: an MP3, or a WAV of floats.
+// Whether an output of `format` keeps samples past full scale exactly: a WAV of floats.
 bool carriesOverFullScale(const Analysis& track, const QString& format);
 // How far the track gives way under each copy so that the limiter leaves the tag its level.
 double duck(const Analysis& track, double levelDB);
 // The limiter's ceiling: never below the track's own peak, so that it acts only under a
 // tag; past full scale only where the output carries it.
 double ceiling(std::optional<double> peakDB, bool overFullScale = false);
-// Whether every sample of the track is known to lie at or under its ceiling.
-bool clearOfCeiling(const Analysis& track, bool overFullScale = false);
+// Whether the track, rendered to `format`, needs its limiter only around the tags.
+bool clearOfCeiling(const Analysis& track, const QString& format = {});
 
 // Everything the render's filter graph depends on.
 struct Mix {
