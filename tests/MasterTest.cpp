@@ -100,6 +100,17 @@ TEST(MasterCeiling, followsAPeakOverFullScaleOnlyIntoAnOutputThatCarriesIt) {
 
 namespace {
 
+// 12 s of stereo pink noise raised by `gainDB` and limited at `limit`, written with `codec`.
+void loudNoise(const QString& file, int gainDB, double limit, const QStringList& codec) {
+    const QString noise = u"anoisesrc=color=pink:sample_rate=44100:duration=12:seed="_s;
+    ::Test::ffmpeg(QStringList{u"-f"_s, u"lavfi"_s, u"-i"_s, noise + u'3', u"-f"_s, u"lavfi"_s,
+                               u"-i"_s, noise + u'4', u"-filter_complex"_s,
+                               u"amerge,volume=%1dB,alimiter=limit=%2:level=0:attack=0.1:"
+                               "release=20"_s.arg(gainDB)
+                                   .arg(limit)} +
+                   codec + QStringList{file});
+}
+
 // Integrated loudness of interleaved stereo samples, as the analysis measures a track.
 double loudness(const std::vector<double>& values, const QString& folder) {
     const QString raw = folder + u"/piece.raw"_s, wav = folder + u"/piece.wav"_s;
@@ -117,11 +128,7 @@ double loudness(const std::vector<double>& values, const QString& folder) {
 TEST_F(Master, theTagIsHeardAtItsLevelOnABrickwalledMaster) {
     const QString brick = path(u"brick.wav"_s), speech = path(u"speech.wav"_s),
                   silence = path(u"silence.wav"_s);
-    const QString noise = u"anoisesrc=color=pink:sample_rate=44100:duration=12:seed="_s;
-    ::Test::ffmpeg({u"-f"_s, u"lavfi"_s, u"-i"_s, noise + u'3', u"-f"_s, u"lavfi"_s, u"-i"_s,
-                    noise + u'4', u"-filter_complex"_s,
-                    u"amerge,volume=12dB,alimiter=limit=1:level=0:attack=0.1:release=20"_s,
-                    u"-c:a"_s, u"pcm_s16le"_s, brick});
+    loudNoise(brick, 12, 1, {u"-c:a"_s, u"pcm_s16le"_s});
     const auto spoken = ::Test::runProgram(u"/usr/bin/espeak-ng"_s,
                                            {u"-w"_s, speech + u".wav"_s, u"Zelkor on the beat"_s});
     ASSERT_EQ(spoken.status, 0);
@@ -166,11 +173,7 @@ TEST_F(Master, theTagIsHeardAtItsLevelOnABrickwalledMaster) {
 TEST_F(Master, aLoudMP3IsNoMoreOverFullScaleThanAPlainEncode) {
     const QString loud = path(u"loud.mp3"_s), plain = path(u"plain.mp3"_s),
                   clip = path(u"clip.wav"_s);
-    const QString noise = u"anoisesrc=color=pink:sample_rate=44100:duration=12:seed="_s;
-    ::Test::ffmpeg({u"-f"_s, u"lavfi"_s, u"-i"_s, noise + u'5', u"-f"_s, u"lavfi"_s, u"-i"_s,
-                    noise + u'6', u"-filter_complex"_s,
-                    u"amerge,volume=10dB,alimiter=limit=0.93:level=0:attack=0.1:release=20"_s,
-                    u"-b:a"_s, u"128k"_s, loud});
+    loudNoise(loud, 10, 0.93, {u"-b:a"_s, u"128k"_s});
     ::Test::ffmpeg({u"-i"_s, loud, u"-b:a"_s, u"320k"_s, plain});
     ::Test::makeAudio(clip, u"sine=frequency=1000"_s, kClip, 22050, 1);
     const auto over = [](const QString& file) {
