@@ -114,12 +114,15 @@ std::vector<QStringList> commandsFor(const QString& track, const QString& clip, 
     const Engine::TagInfo tag = Engine::info(clip);
     const Engine::Analysis analysis = Engine::analyze(track);
     const bool today = render == Render::branchPerCopy;
-    const Engine::Mix mix{.gainDB = Engine::clipGain(-5, analysis.lufs, tag.lufs),
-                          .times = Engine::positions(analysis.duration, interval, tag.length),
-                          .tagLength = tag.length,
-                          .ceiling = Engine::ceiling(analysis.peak),
-                          .format = analysis.format,
-                          .clearOfCeiling = !today && Engine::clearOfCeiling(analysis)};
+    const QString format = QFileInfo(track).suffix().toLower();
+    const Engine::Mix mix{
+        .gainDB = Engine::clipGain(-5, analysis.lufs, tag.lufs),
+        .times = Engine::positions(analysis.duration, interval, tag.length),
+        .tagLength = tag.length,
+        .ceiling = Engine::ceiling(analysis.peak, Engine::carriesOverFullScale(analysis, format)),
+        .format = analysis.format,
+        .clearOfCeiling = !today && Engine::clearOfCeiling(analysis, format),
+        .duckDB = Engine::duck(analysis, -5)};
     const QString graph = Engine::filterGraph(mix, today ? Engine::GraphShape::branchPerCopy
                                                          : Engine::graphShape(mix));
     return {prefix + Engine::analysisArguments(clip), prefix + Engine::analysisArguments(track),

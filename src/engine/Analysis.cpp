@@ -86,6 +86,11 @@ bool integerSamples(const QString& streamLine) {
     return false;
 }
 
+// "Audio: pcm_f32le (...), ...": stored as floats, which an output must keep as such.
+bool floatSamples(const QString& streamLine) {
+    return streamLine.section(QStringLiteral("Audio: "), 1).startsWith(QStringLiteral("pcm_f"));
+}
+
 // Pictures the MP3 muxer can write back (those with a MIME type in ID3v2); any
 // other, or a real video stream, would fail the render.
 bool keepablePicture(const QString& description) {
@@ -164,6 +169,7 @@ Analysis parseAnalysis(const QString& text) {
     if (!format.isNull()) {
         analysis.format = readFormat(format);
         analysis.integerSamples = integerSamples(format);
+        analysis.floatSamples = floatSamples(format);
     }
     const QStringList pictures = match(patterns().picture, described);
     analysis.pictures =

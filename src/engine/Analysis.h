@@ -23,6 +23,7 @@ struct Analysis {
     std::optional<AudioFormat> format;
     std::optional<double> peak;  // sample peak in dBFS, as the meter prints it (to 0.1 dB)
     bool integerSamples = false; // decoded as integers, so never past full scale
+    bool floatSamples = false;   // stored as floating point (a float WAV): may pass full scale
     bool pictures = false;       // attached pictures, every one of a kind an MP3 can carry
     bool broadcastChunk = false; // a broadcast WAV's bext chunk (its time_reference)
 };

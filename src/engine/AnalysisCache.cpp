@@ -33,7 +33,7 @@ std::atomic<bool> enabled{true};
 constexpr int kCacheVersion = 1;
 // Raised when the same ffmpeg text would give other figures (a change to
 // parseAnalysis); a change to the filter chain makes other keys by itself.
-constexpr int kFiguresVersion = 2;
+constexpr int kFiguresVersion = 3;
 // An entry is a few hundred bytes; anything far bigger is damage.
 constexpr qint64 kMaxEntryBytes = 64 * 1024;
 // Evicting a tenth at a time spares a listing and sort on every later write.
@@ -153,11 +153,12 @@ private:
 // Both directions bind every field of Analysis by name, so a field added there
 // fails to compile here until it is written and read (raise kFiguresVersion then).
 QJsonObject figuresOf(const Analysis& analysis) {
-    const auto& [lufs, duration, silenceStart, format, peak, integerSamples, pictures,
+    const auto& [lufs, duration, silenceStart, format, peak, integerSamples, floatSamples, pictures,
                  broadcastChunk] = analysis;
     QJsonObject figures{{QStringLiteral("lufs"), numberValue(lufs)},
                         {QStringLiteral("duration"), numberValue(duration)},
                         {QStringLiteral("integerSamples"), integerSamples},
+                        {QStringLiteral("floatSamples"), floatSamples},
                         {QStringLiteral("pictures"), pictures},
                         {QStringLiteral("broadcastChunk"), broadcastChunk}};
     if (peak)
@@ -174,13 +175,14 @@ QJsonObject figuresOf(const Analysis& analysis) {
 std::optional<Analysis> analysisFrom(const QJsonObject& figures) {
     FigureReader read(figures);
     Analysis analysis;
-    auto& [lufs, duration, silenceStart, format, peak, integerSamples, pictures, broadcastChunk] =
-        analysis;
+    auto& [lufs, duration, silenceStart, format, peak, integerSamples, floatSamples, pictures,
+           broadcastChunk] = analysis;
     lufs = read.number(QStringLiteral("lufs"));
     duration = read.number(QStringLiteral("duration"));
     silenceStart = read.optionalNumber(QStringLiteral("silenceStart"));
     peak = read.optionalNumber(QStringLiteral("peak"));
     integerSamples = read.flag(QStringLiteral("integerSamples"));
+    floatSamples = read.flag(QStringLiteral("floatSamples"));
     pictures = read.flag(QStringLiteral("pictures"));
     broadcastChunk = read.flag(QStringLiteral("broadcastChunk"));
     const std::optional<double> rate = read.optionalNumber(QStringLiteral("sampleRate"));

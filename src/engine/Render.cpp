@@ -50,16 +50,53 @@ long long audibleSamples(double seconds, int rate) {
     return std::max(1LL, std::llround(std::min(seconds, 1e9) * rate));
 }
 
+// alimiter takes a limit up to 1: a higher ceiling scales the signal down and back up
+// around it by a power of two, which leaves every sample it does not limit exact.
+QString alimiter(double ceiling) {
+    const QString times = QStringLiteral("level=0:attack=2:release=40:latency=1");
+    if (ceiling <= 1)
+        return QStringLiteral("alimiter=limit=%1:").arg(QString::number(ceiling, 'g', 7)) + times;
+    const double scale = std::exp2(std::ceil(std::log2(ceiling)));
+    return QStringLiteral("alimiter=level_in=%1:level_out=%2:limit=%3:")
+               .arg(QString::number(1 / scale, 'g', 17), QString::number(scale, 'g', 17),
+                    QString::number(ceiling / scale, 'g', 17)) +
+           times;
+}
+
+// The limiter from the filter before it to the label `out`, its own labels named after
+// `id`. On three channels or more ffmpeg 5.1's alimiter flips samples to the opposite
+// ceiling where their peaks differ, so there it limits only the loudest channel's
+// magnitude, in mono, and that one gain is laid on every channel.
+QString limiter(const Mix& mix, const QString& id, const QString& out) {
+    const int channels = mix.format ? channelCount(mix.format->channelLayout) : 0;
+    if (channels < 3)
+        return alimiter(mix.ceiling) + out;
+    QString loudest = QStringLiteral("abs(val(0))");
+    for (int c = 1; c < channels; ++c)
+        loudest = QStringLiteral("max(%1,abs(val(%2)))").arg(loudest).arg(c);
+    QString spread = QStringLiteral("pan=") + mix.format->channelLayout;
+    for (int c = 0; c < channels; ++c)
+        spread += QStringLiteral("|c%1=c0").arg(c);
+    // In double precision, as alimiter alone would be, whether or not the stretch before
+    // was. aeval leaves its layout unset; pan names it. The padded magnitude lets the
+    // limiter's last samples, flushed at the end, still find their gain.
+    return QStringLiteral(
+               "aformat=sample_fmts=dbl,asplit=2[%1a][%1b];[%1b]aeval=exprs='%2',pan=mono|c0=c0,"
+               "asplit=2[%1s][%1t];[%1s]%3[%1l];[%1t]apad[%1p];"
+               "[%1l][%1p]join=inputs=2:channel_layout=stereo,"
+               "aeval=exprs='if(gt(val(1),0),val(0)/val(1),1)',%4[%1g];"
+               "[%1a][%1g]amultiply")
+               .arg(id, loudest, alimiter(mix.ceiling), spread) +
+           out;
+}
+
 // The limiter, writing [out]. When nothing of the track reaches the ceiling it can only
 // act near a copy: from its 2 ms look-ahead before the copy to its 40 ms release after
 // it. Then only those stretches (with room to spare) pass through a limiter of their
 // own and the rest is passed on untouched: the same samples at a fraction of the cost.
 QString limiterStage(const Mix& mix, int rate) {
-    const QString limiter =
-        QStringLiteral("alimiter=limit=%1:level=0:attack=2:release=40:latency=1")
-            .arg(QString::number(mix.ceiling, 'g', 7));
     if (!mix.clearOfCeiling || rate <= 0 || mix.times.size() > kMaxLimitedStretches)
-        return limiter + QStringLiteral("[out]");
+        return limiter(mix, QStringLiteral("k"), QStringLiteral("[out]"));
     const long long lead = rate / 100, tail = rate / 10,
                     length = audibleSamples(mix.tagLength, rate);
     std::vector<std::pair<long long, long long>> stretches;
@@ -90,7 +127,10 @@ QString limiterStage(const Mix& mix, int rate) {
     stage += QLatin1Char(';');
     for (qsizetype i = 0; i < pieces; ++i) {
         if (i % 2 == firstLimited) {
-            stage += QStringLiteral("[g%1]%2[h%1];").arg(i).arg(limiter);
+            stage += QStringLiteral("[g%1]%2;")
+                         .arg(i)
+                         .arg(limiter(mix, QStringLiteral("k%1").arg(i),
+                                      QStringLiteral("[h%1]").arg(i)));
             joined += QStringLiteral("[h%1]").arg(i);
         } else {
             joined += QStringLiteral("[g%1]").arg(i);
@@ -135,20 +175,38 @@ double clipGain(double levelDB, double trackLufs, double tagLufs) {
     return gain;
 }
 
-double ceiling(std::optional<double> peakDB) {
+double duck(const Analysis& track, double levelDB) {
+    // Measured on brickwalled masters: the limiter takes a tag's syllables down with the
+    // beat once the tag comes within about 13 dB of the room between the track's loudness
+    // and its ceiling; giving way by that much keeps the tag within 1 LU of its level.
+    const double room = 20 * std::log10(ceiling(track.peak)) - track.lufs;
+    return std::clamp(levelDB + kDuckReach - room, 0.0, kMostDuck);
+}
+
+bool carriesOverFullScale(const Analysis& track, const QString& format) {
+    return format != QLatin1String("mp3") && track.floatSamples;
+}
+
+double ceiling(std::optional<double> peakDB, bool overFullScale) {
     if (!peakDB || !std::isfinite(*peakDB))
         return kDefaultCeiling;
     // The meter prints 0.1 dB steps, so the true peak may lie half a step above; the
     // ceiling is rounded up in the last written digit, never below the peak.
     const double linear = std::pow(10.0, (*peakDB + kHalfStep) / 20);
-    return std::clamp(std::ceil(linear * kLimitDigits + 1e-6) / kLimitDigits, kDefaultCeiling, 1.0);
+    return std::clamp(std::ceil(linear * kLimitDigits + 1e-6) / kLimitDigits, kDefaultCeiling,
+                      overFullScale ? kHighestCeiling : 1.0);
 }
 
-bool clearOfCeiling(const Analysis& track) {
+bool clearOfCeiling(const Analysis& track, const QString& format) {
     if (!track.peak)
         return false;
-    // Above 1 the ceiling is clamped: only integer samples are then sure to stay under it.
-    return *track.peak + kHalfStep <= 0 || track.integerSamples;
+    // Where the ceiling is clamped at 1, only integer samples are sure to stay under it.
+    // An MP3 is encoded from the mix as it is: its samples past full scale pass untouched
+    // outside the tags, and under them the mix is held at full scale, as a plain encode of
+    // them would decode past it again.
+    return *track.peak + kHalfStep <= 0 || track.integerSamples || format == QLatin1String("mp3") ||
+           (carriesOverFullScale(track, format) &&
+            *track.peak + kHalfStep <= 20 * std::log10(kHighestCeiling));
 }
 
 int channelCount(const QString& layout) {
@@ -207,32 +265,69 @@ QString filterGraph(const Mix& mix, GraphShape shape) {
     graph += restamp;
     if (rate)
         graph += QStringLiteral("atrim=end_sample=%1,").arg(audibleSamples(mix.tagLength, rate));
-    graph += fadeIn + QStringLiteral("areverse,") + restamp + fadeIn + QStringLiteral("areverse,") +
-             restamp.chopped(1);
+    const QString faded = fadeIn + QStringLiteral("areverse,") + restamp + fadeIn +
+                          QStringLiteral("areverse,") + restamp.chopped(1);
+    graph += faded;
 
-    const QString mixed = QStringLiteral("amix=inputs=%1:normalize=0:duration=first:"
-                                         "dropout_transition=0,");
+    // The faded chain laid at every placement, its copies' labels named after `p`: the
+    // text that ends the chain, and the labels to mix.
+    const bool looped = shape == GraphShape::loopedBed && rate && n >= 2;
+    const auto lay = [&](const QString& p) -> std::pair<QString, QString> {
+        if (looped) {
+            // The clip padded to one interval and repeated: the same samples at the same
+            // places as one branch per copy, at the cost of a single two-input mix.
+            return {QStringLiteral(",apad=whole_len=%1,atrim=end_sample=%1,aloop=loop=%2:size=%1,"
+                                   "adelay=%3:all=1[%4bed];")
+                        .arg(spacing(mix.times, rate))
+                        .arg(n - 1)
+                        .arg(delay(mix.times[0]), p),
+                    QStringLiteral("[%1bed]").arg(p)};
+        }
+        QString text = QStringLiteral(",asplit=%1").arg(n), labels;
+        for (std::size_t i = 0; i < n; ++i)
+            text += QStringLiteral("[%1s%2]").arg(p).arg(i);
+        text += QLatin1Char(';');
+        for (std::size_t i = 0; i < n; ++i) {
+            text += QStringLiteral("[%1s%2]adelay=%3:all=1[%1d%2];")
+                        .arg(p)
+                        .arg(i)
+                        .arg(delay(mix.times[i]));
+            labels += QStringLiteral("[%1d%2]").arg(p).arg(i);
+        }
+        return {text, labels};
+    };
+    const auto [copies, laid] = lay(QString());
+    graph += copies;
+    const qsizetype inputs = looped ? 2 : qsizetype(n) + 1;
+    QString mixed = QStringLiteral("amix=inputs=%1:normalize=0:duration=first:"
+                                   "dropout_transition=0")
+                        .arg(inputs);
     const QString limiter = limiterStage(mix, rate);
-    if (shape == GraphShape::loopedBed && rate && n >= 2) {
-        // The clip padded to one interval and repeated: the same samples at the same
-        // places as one branch per copy, at the cost of a single two-input mix.
-        graph += QStringLiteral(",apad=whole_len=%1,atrim=end_sample=%1,aloop=loop=%2:size=%1,"
-                                "adelay=%3:all=1[bed];[0:a][bed]")
-                     .arg(spacing(mix.times, rate))
-                     .arg(n - 1)
-                     .arg(delay(mix.times[0]));
-        return graph + mixed.arg(2) + limiter;
-    }
-    graph += QStringLiteral(",asplit=%1").arg(n);
-    for (std::size_t i = 0; i < n; ++i)
-        graph += QStringLiteral("[s%1]").arg(i);
-    graph += QLatin1Char(';');
-    for (std::size_t i = 0; i < n; ++i)
-        graph += QStringLiteral("[s%1]adelay=%2:all=1[d%1];").arg(i).arg(delay(mix.times[i]));
-    graph += QStringLiteral("[0:a]");
-    for (std::size_t i = 0; i < n; ++i)
-        graph += QStringLiteral("[d%1]").arg(i);
-    return graph + mixed.arg(n + 1) + limiter;
+    if (!(mix.duckDB > 0) || !rate)
+        return graph + QStringLiteral("[0:a]") + laid + mixed + QLatin1Char(',') + limiter;
+
+    // The beat gives way under each copy, faded like it: the track plus its opposite scaled
+    // by an envelope of the copies' shape (amix takes no negative weight), so that outside
+    // them it is added to nothing but zeros.
+    graph += QStringLiteral("aevalsrc=exprs=%1:c=%2:s=%3,")
+                 .arg(QString::number(std::pow(10.0, -mix.duckDB / 20) - 1, 'g', 17),
+                      mix.format->channelLayout)
+                 .arg(rate) +
+             restamp +
+             QStringLiteral("atrim=end_sample=%1,").arg(audibleSamples(mix.tagLength, rate)) +
+             faded;
+    const auto [envelopes, shaped] = lay(QStringLiteral("e"));
+    graph += envelopes;
+    if (!looped)
+        graph += shaped + QStringLiteral("amix=inputs=%1:normalize=0:duration=longest:"
+                                         "dropout_transition=0[ebed];")
+                              .arg(n);
+    return graph +
+           QStringLiteral("[ebed]apad[env];[0:a]asplit=2[t0][t1];[t1][env]amultiply[dk];[t0][dk]") +
+           laid +
+           mixed.replace(QStringLiteral("inputs=%1").arg(inputs),
+                         QStringLiteral("inputs=%1").arg(inputs + 1)) +
+           QLatin1Char(',') + limiter;
 }
 
 QStringList renderArguments(const QString& track, const QString& tag, const QString& graph,
@@ -244,6 +339,9 @@ QStringList renderArguments(const QString& track, const QString& tag, const QStr
     // track opened a second time: taken from the mixed input, ffmpeg 5.1 ends the audio
     // after a fraction of a second.
     const bool pictures = mp3 && analysis.pictures;
+    // A WAV of floats stays one: its samples past full scale and its precision kept.
+    const QString pcm =
+        analysis.floatSamples ? QStringLiteral("pcm_f32le") : QStringLiteral("pcm_s24le");
     QStringList args{QStringLiteral("-y"), QStringLiteral("-i"), track, QStringLiteral("-i"), tag};
     if (pictures)
         args << QStringLiteral("-i") << track;
@@ -258,12 +356,10 @@ QStringList renderArguments(const QString& track, const QString& tag, const QStr
              << QStringLiteral("320k") << QStringLiteral("-id3v2_version") << QStringLiteral("3")
              << QStringLiteral("-f") << QStringLiteral("mp3");
     else if (analysis.broadcastChunk)
-        args << QStringLiteral("-c:a") << QStringLiteral("pcm_s24le")
-             << QStringLiteral("-write_bext") << QStringLiteral("1") << QStringLiteral("-f")
-             << QStringLiteral("wav");
+        args << QStringLiteral("-c:a") << pcm << QStringLiteral("-write_bext")
+             << QStringLiteral("1") << QStringLiteral("-f") << QStringLiteral("wav");
     else
-        args << QStringLiteral("-c:a") << QStringLiteral("pcm_s24le") << QStringLiteral("-f")
-             << QStringLiteral("wav");
+        args << QStringLiteral("-c:a") << pcm << QStringLiteral("-f") << QStringLiteral("wav");
     args << output;
     return args;
 }
@@ -463,9 +559,11 @@ Result process(const QString& given, const QString& tag, double interval, double
     const Mix mix{.gainDB = prepared.gain,
                   .times = prepared.times,
                   .tagLength = prepared.tagLength,
-                  .ceiling = ceiling(analysis.peak),
+                  .ceiling =
+                      ceiling(analysis.peak, carriesOverFullScale(analysis, output.extension)),
                   .format = analysis.format,
-                  .clearOfCeiling = clearOfCeiling(analysis)};
+                  .clearOfCeiling = clearOfCeiling(analysis, output.extension),
+                  .duckDB = duck(analysis, levelDB)};
     const QStringList args =
         renderArguments(trackFile.argument(), tagFile.argument(), filterGraph(mix), analysis,
                         out.file().argument(), output.extension);

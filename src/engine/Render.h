@@ -23,6 +23,8 @@ constexpr std::size_t kMaxPlacements = 100'000;
 
 constexpr double kDefaultCeiling = 0.97;
 constexpr double kFadeSeconds = 0.005;
+constexpr double kDuckReach = 13; // dB, see duck()
+constexpr double kMostDuck = 9;   // dB the track gives way under a tag, at most
 // The loop of the one-branch graph holds an interval of the track's audio (about 64 MB).
 constexpr long long kMaxLoopSamples = 1LL << 24;
 // Up to this many tags the limiter runs only on the stretches around them: each stretch
@@ -31,10 +33,16 @@ constexpr std::size_t kMaxLimitedStretches = 40;
 
 std::vector<double> positions(double duration, double interval, double tagLength);
 double clipGain(double levelDB, double trackLufs, double tagLufs);
-// The limiter's ceiling: never below the track's own peak, so that it acts only under a tag.
-double ceiling(std::optional<double> peakDB);
-// Whether every sample of the track is known to lie at or under its ceiling.
-bool clearOfCeiling(const Analysis& track);
+constexpr double kHighestCeiling = 64; // the most the limiter's levels can scale
+// Whether an output of `format` keeps samples past full scale exactly: a WAV of floats.
+bool carriesOverFullScale(const Analysis& track, const QString& format);
+// How far the track gives way under each copy so that the limiter leaves the tag its level.
+double duck(const Analysis& track, double levelDB);
+// The limiter's ceiling: never below the track's own peak, so that it acts only under a
+// tag; past full scale only where the output carries it.
+double ceiling(std::optional<double> peakDB, bool overFullScale = false);
+// Whether the track, rendered to `format`, needs its limiter only around the tags.
+bool clearOfCeiling(const Analysis& track, const QString& format = {});
 
 // Everything the render's filter graph depends on.
 struct Mix {
@@ -46,6 +54,7 @@ struct Mix {
     // Nothing of the track reaches the ceiling, so the limiter can pass what lies between
     // the tags untouched.
     bool clearOfCeiling = false;
+    double duckDB = 0; // how far the track gives way under each copy
 };
 enum class GraphShape {
     branchPerCopy, // one delayed branch per placement, all mixed under the track
