@@ -2,6 +2,7 @@
 #include "app/MenuBar.h"
 
 #include "platform/AppName.h"
+#include "platform/Menus.h"
 #include "platform/Resources.h"
 
 #include <QApplication>
@@ -28,23 +29,23 @@ QIcon applicationIcon() {
 
 void installMenuBar(QMainWindow& window) {
     QMenuBar* bar = window.menuBar();
-    QMenu* application = bar->addMenu(QString(appName));
-    QObject::connect(addEntry(*application, QStringLiteral("About ") + appName, {}),
+    QMenu* application = bar->addMenu(menuText(appName, 0));
+    QObject::connect(addEntry(*application, QStringLiteral("&About ") + appName, {}),
                      &QAction::triggered, &window, [&window] { showAbout(window); });
     application->addSeparator();
-    QObject::connect(addEntry(*application, QStringLiteral("Hide ") + appName,
+    QObject::connect(addEntry(*application, QStringLiteral("&Hide ") + appName,
                               QKeySequence(Qt::CTRL | Qt::Key_H)),
                      &QAction::triggered, &window, &QWidget::showMinimized);
-    QObject::connect(addEntry(*application, QStringLiteral("Quit ") + appName,
+    QObject::connect(addEntry(*application, QStringLiteral("&Quit ") + appName,
                               QKeySequence(Qt::CTRL | Qt::Key_Q)),
                      &QAction::triggered, qApp, &QCoreApplication::quit, Qt::QueuedConnection);
 
-    QMenu* windowMenu = bar->addMenu(QStringLiteral("Window"));
+    QMenu* windowMenu = bar->addMenu(QStringLiteral("&Window"));
     QObject::connect(
-        addEntry(*windowMenu, QStringLiteral("Minimize"), QKeySequence(Qt::CTRL | Qt::Key_M)),
+        addEntry(*windowMenu, QStringLiteral("Mi&nimize"), QKeySequence(Qt::CTRL | Qt::Key_M)),
         &QAction::triggered, &window, &QWidget::showMinimized);
     QObject::connect(
-        addEntry(*windowMenu, QStringLiteral("Close"), QKeySequence(Qt::CTRL | Qt::Key_W)),
+        addEntry(*windowMenu, QStringLiteral("&Close"), QKeySequence(Qt::CTRL | Qt::Key_W)),
         &QAction::triggered, &window, &QWidget::close);
 }
 

@@ -3,6 +3,7 @@
 #include "view/HUDView.h"
 
 #include "style/Palette.h"
+#include "view/HUDAccessible.h"
 
 #include <QPaintEvent>
 #include <QPainter>
@@ -19,6 +20,8 @@ HUDView::HUDView(QWidget* parent)
     resize(kSize);
     setAttribute(Qt::WA_OpaquePaintEvent);
     setAcceptDrops(true);
+    setFocusPolicy(Qt::StrongFocus);
+    HUDAccessible::install();
     relayout();
     // Parented to the view, so the timer never outlives it.
     m_timer = new QTimer(this);
@@ -70,7 +73,7 @@ void HUDView::tick() {
 
 // Everything the drawing shows that takes measuring is done here, so a pass only paints.
 void HUDView::relayout() {
-    m_layout = HUDLayout::layout(QSizeF(QWidget::size()), m_content, &HUDView::width);
+    m_layout = HUDLayout::layout(logicalSize(), m_content, &HUDView::width);
     m_logRows.clear();
 }
 
@@ -80,14 +83,22 @@ void HUDView::resizeEvent(QResizeEvent*) {
 
 void HUDView::paintEvent(QPaintEvent*) {
     QPainter painter(this);
+    painter.scale(m_scale, m_scale);
     draw(painter);
+}
+
+void HUDView::setScale(double scale) {
+    m_scale = scale;
+    setFixedSize((QSizeF(kSize) * scale).toSize());
+    relayout();
+    update();
 }
 
 QImage HUDView::snapshot(qreal devicePixelRatio) {
     // A hidden widget gets its resize event only when shown.
-    if (m_layout.bounds.size() != QSizeF(QWidget::size()))
+    if (m_layout.bounds.size() != logicalSize())
         relayout();
-    QImage out(QWidget::size() * devicePixelRatio, QImage::Format_ARGB32_Premultiplied);
+    QImage out((logicalSize() * devicePixelRatio).toSize(), QImage::Format_ARGB32_Premultiplied);
     out.setDevicePixelRatio(devicePixelRatio);
     {
         QPainter painter(&out);

@@ -68,8 +68,22 @@ public:
     QRectF tagRowRect() const { return m_layout.tagRow.row; }
     QRectF zoneRect() const { return m_layout.zone.rect; }
 
-    // The whole view drawn into an image, as on screen.
+    // The whole view drawn into an image, as on screen at full size.
     QImage snapshot(qreal devicePixelRatio);
+
+    // On a screen too small for the window, the view is drawn at `scale` of its
+    // size and its input read back alike; sets its own fixed size.
+    void setScale(double scale);
+    double scale() const { return m_scale; }
+    // The size the layout is made for, whatever the scale.
+    QSizeF logicalSize() const { return QSizeF(QWidget::size()) / m_scale; }
+
+    // The keyboard's control, an index into HUDLayout::focusOrder: none until
+    // Tab is first pressed, and again after a click of the mouse.
+    std::optional<int> focused() const { return m_focused; }
+    // Does what a click on that control does.
+    void activate(int control);
+    const HUDLayout::Content& content() const { return m_content; }
 
     // Text helpers: every text is drawn in a style (font, size, kern added after
     // each character) and a colour; its width leaves out the kern after the last
@@ -96,6 +110,8 @@ protected:
     void dragMoveEvent(QDragMoveEvent* event) override;
     void dragLeaveEvent(QDragLeaveEvent* event) override;
     void dropEvent(QDropEvent* event) override;
+    bool focusNextPrevChild(bool next) override;
+    void keyPressEvent(QKeyEvent* event) override;
 
 private:
     void draw(QPainter& painter);
@@ -104,6 +120,7 @@ private:
     void drawDropZone(QPainter& painter);
     void drawLog(QPainter& painter);
     void drawSettingsRow(QPainter& painter);
+    void drawFocus(QPainter& painter);
     void segmented(QPainter& painter, const HUDLayout::Segments& segments,
                    const std::function<void(int)>& action);
     const HUDLayout::LogRow& logRow(std::size_t index);
@@ -111,6 +128,7 @@ private:
     void relayout();
     void tick();
     void click(QPointF at);
+    void setFocused(std::optional<int> control);
 
     // What a drop would do: start a batch (zone) or add a tag clip (tag), never both.
     struct DragTarget {
@@ -136,4 +154,6 @@ private:
     };
     std::vector<LogRowMeasured> m_logRows;
     QTimer* m_timer = nullptr;
+    double m_scale = 1;
+    std::optional<int> m_focused;
 };
