@@ -3,8 +3,8 @@
 
 #include "model/Settings.h"
 
-#include <algorithm>
 #include <QTextBoundaryFinder>
+#include <algorithm>
 
 namespace HUDLayout {
 
