@@ -171,9 +171,9 @@ TEST_F(ScreenReader, namesEveryControlWithItsStateAndTheLogAsAList) {
 
     HUDView::State busy = view().state();
     busy.busy = true;
-    busy.progress = {2, 5};
     view().setState(busy);
     QAccessibleInterface* progress = root->child(3);
+    view().setProgress(2, 5);
     EXPECT_FALSE(progress->state().invisible);
     EXPECT_EQ(progress->text(QAccessible::Value), u"02/05"_s);
     EXPECT_EQ(progress->valueInterface()->currentValue(), 2);

@@ -87,7 +87,7 @@ private:
     Tags m_tags;
     std::optional<QString> m_tag;      // the selected clip, as last read
     std::optional<QString> m_tagShown; // its name as the tag row shows it
-    bool m_busy = false;          // a batch runs: starts are dropped until it ends
+    bool m_busy = false;               // a batch runs: starts are dropped until it ends
     QFileSystemWatcher* m_tagWatch = nullptr;
     // Last: at quit it is stopped and joined before anything it reports to goes.
     std::unique_ptr<Batch> m_batch;

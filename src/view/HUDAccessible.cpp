@@ -391,12 +391,37 @@ void install() {
     (void)installed;
 }
 
-void focusMoved(HUDView& view, int control) {
+namespace {
+
+// The view's own interface, or none when no assistive technology listens.
+const Root* listened(HUDView& view) {
     if (!QAccessible::isActive())
-        return;
-    const auto* root = static_cast<const Root*>(QAccessible::queryAccessibleInterface(&view));
-    QAccessibleEvent event(root->forControl(control), QAccessible::Focus);
-    QAccessible::updateAccessibility(&event);
+        return nullptr;
+    return static_cast<const Root*>(QAccessible::queryAccessibleInterface(&view));
+}
+
+} // namespace
+
+void focusMoved(HUDView& view, int control) {
+    if (const Root* root = listened(view)) {
+        QAccessibleEvent event(root->forControl(control), QAccessible::Focus);
+        QAccessible::updateAccessibility(&event);
+    }
+}
+
+void progressChanged(HUDView& view) {
+    if (const Root* root = listened(view)) {
+        QAccessibleValueChangeEvent event(root->element(Kind::progress),
+                                          view.state().progress.done);
+        QAccessible::updateAccessibility(&event);
+    }
+}
+
+void tagChanged(HUDView& view) {
+    if (const Root* root = listened(view)) {
+        QAccessibleEvent event(root->element(Kind::tagField), QAccessible::ValueChanged);
+        QAccessible::updateAccessibility(&event);
+    }
 }
 
 } // namespace HUDAccessible

@@ -12,5 +12,8 @@ void install();
 // Tells assistive technology that the keyboard moved to `control` (an index
 // into HUDLayout::focusOrder).
 void focusMoved(HUDView& view, int control);
+// Tells it that the batch's progress or the selected clip changed.
+void progressChanged(HUDView& view);
+void tagChanged(HUDView& view);
 
 } // namespace HUDAccessible

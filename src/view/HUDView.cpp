@@ -48,12 +48,14 @@ void HUDView::setBusy(bool busy) {
 void HUDView::setProgress(long long done, long long total) {
     m_state.progress = {done, total};
     update();
+    HUDAccessible::progressChanged(*this);
 }
 
 void HUDView::setTag(const std::optional<QString>& name) {
     m_content.tagName = name;
     relayout();
     update();
+    HUDAccessible::tagChanged(*this);
 }
 
 void HUDView::setChoices(int intervalIndex, int levelIndex) {
