@@ -233,12 +233,13 @@ TEST(SmallScreen, theViewIsDrawnSmallerToFitAndClicksFollow) {
     int argc = 3;
     char* argv[] = {name.data(), option.data(), platform.data(), nullptr};
     QApplication app(argc, argv);
+    auto scripted = std::make_unique<::Test::ScriptedMenus>();
+    const ::Test::ScriptedMenus& menus = *scripted;
     AppDelegate delegate{{std::make_unique<::Test::RecordingSounds>(),
                           std::make_unique<::Test::RecordingFileViewer>(),
                           std::make_unique<PreferencesFile>(home.preferencesPath()),
                           std::make_unique<HomeTrash>(home.dataHome() + u"/Trash"_s),
-                          std::make_unique<::Test::ScriptedMenus>(),
-                          std::make_unique<::Test::ScriptedPanels>()},
+                          std::move(scripted), std::make_unique<::Test::ScriptedPanels>()},
                          std::nullopt};
     delegate.didFinishLaunching();
     const QRect available = delegate.window()->screen()->availableGeometry();
@@ -257,4 +258,9 @@ TEST(SmallScreen, theViewIsDrawnSmallerToFitAndClicksFollow) {
     ::Test::click(view, intervals[0].center() * view.scale());
     PreferencesFile preferences(home.preferencesPath());
     EXPECT_EQ(Settings(preferences).intervalIndex(), 0);
+    // The tag menu shows under the field as drawn.
+    const QRectF field = view.layout().tagRow.field;
+    ::Test::click(view, field.center() * view.scale());
+    ASSERT_EQ(menus.where.size(), 1u);
+    EXPECT_EQ(menus.where[0], QPointF(field.left(), field.bottom()) * view.scale() + QPointF(0, 4));
 }

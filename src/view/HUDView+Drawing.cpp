@@ -174,7 +174,11 @@ void HUDView::drawTagRow(QPainter& painter) {
     strokePath(painter, t.chevron, dim, kChevronStroke);
 
     if (!m_state.busy)
-        m_hits.push_back({t.field, [this, field = t.field] { emit tagFieldClicked(field); }});
+        m_hits.push_back({t.field, [this, field = t.field] {
+                              // Where the menu shows is the widget's own, scaled, place.
+                              emit tagFieldClicked(
+                                  QRectF(field.topLeft() * m_scale, field.size() * m_scale));
+                          }});
     segmented(painter, t.addTag, [this](int) { emit addTagClicked(); });
 }
 

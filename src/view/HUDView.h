@@ -94,7 +94,7 @@ public:
 signals:
     void intervalChosen(int index);
     void levelChosen(int index);
-    // The tag field, to open the tag menu under it.
+    // The tag field as the widget shows it, to open the tag menu under it.
     void tagFieldClicked(const QRectF& field);
     void addTagClicked();
     // A click in the drop zone on no region.
