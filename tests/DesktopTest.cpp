@@ -23,7 +23,7 @@ protected:
     QMainWindow& window() { return *delegate.window(); }
     void trigger(const QString& entry) {
         for (QAction* action : window().menuBar()->findChildren<QAction*>())
-            if (action->text() == entry)
+            if (action->text().remove(u'&') == entry)
                 return action->trigger();
         ADD_FAILURE() << "no menu entry " << entry.toStdString();
     }

@@ -210,9 +210,17 @@ void AppDelegate::buildWindow() {
     // The frame is centred, where the platform can tell its margins before showing.
     m_window->winId();
     const QMargins margins = m_window->windowHandle()->frameMargins();
-    if (const QScreen* screen = m_window->screen())
+    if (const QScreen* screen = m_window->screen()) {
+        // On a small screen the view is drawn smaller rather than cut off.
+        const double scale = HUDLayout::fitScale(HUDView::kSize, m_window->size().grownBy(margins),
+                                                 screen->availableGeometry().size());
+        if (scale < 1) {
+            m_hud->setScale(scale);
+            m_window->adjustSize();
+        }
         m_window->move(screen->availableGeometry().center() -
                        QRect(QPoint(), m_window->size().grownBy(margins)).center());
+    }
     (new FrameAutosave(
          *m_window, QStringLiteral("ZelkorMain"), *m_services.preferences,
          [controller = QPointer<WindowController>(m_controller.get())](const TagError& error) {

@@ -3,6 +3,7 @@
 
 #include "app/WindowController.h"
 #include "platform/AppName.h"
+#include "platform/Menus.h"
 #include "platform/Resources.h"
 
 #include <QApplication>
@@ -29,29 +30,29 @@ QIcon applicationIcon() {
 
 void installMenuBar(QMainWindow& window, WindowController& controller) {
     QMenuBar* bar = window.menuBar();
-    QMenu* application = bar->addMenu(QString(appName));
-    QObject::connect(addEntry(*application, QStringLiteral("About ") + appName, {}),
+    QMenu* application = bar->addMenu(menuText(appName, 0));
+    QObject::connect(addEntry(*application, QStringLiteral("&About ") + appName, {}),
                      &QAction::triggered, &window, [&window] { showAbout(window); });
     application->addSeparator();
     // Escape, as in any dialog; the window keeps no other use for it.
     QAction* stop =
-        addEntry(*application, QStringLiteral("Stop Batch"), QKeySequence(Qt::Key_Escape));
+        addEntry(*application, QStringLiteral("&Stop Batch"), QKeySequence(Qt::Key_Escape));
     stop->setEnabled(controller.busy());
     QObject::connect(stop, &QAction::triggered, &controller, &WindowController::stop);
     QObject::connect(&controller, &WindowController::busyChanged, stop, &QAction::setEnabled);
-    QObject::connect(addEntry(*application, QStringLiteral("Hide ") + appName,
+    QObject::connect(addEntry(*application, QStringLiteral("&Hide ") + appName,
                               QKeySequence(Qt::CTRL | Qt::Key_H)),
                      &QAction::triggered, &window, &QWidget::showMinimized);
-    QObject::connect(addEntry(*application, QStringLiteral("Quit ") + appName,
+    QObject::connect(addEntry(*application, QStringLiteral("&Quit ") + appName,
                               QKeySequence(Qt::CTRL | Qt::Key_Q)),
                      &QAction::triggered, qApp, &QCoreApplication::quit, Qt::QueuedConnection);
 
-    QMenu* windowMenu = bar->addMenu(QStringLiteral("Window"));
+    QMenu* windowMenu = bar->addMenu(QStringLiteral("&Window"));
     QObject::connect(
-        addEntry(*windowMenu, QStringLiteral("Minimize"), QKeySequence(Qt::CTRL | Qt::Key_M)),
+        addEntry(*windowMenu, QStringLiteral("Mi&nimize"), QKeySequence(Qt::CTRL | Qt::Key_M)),
         &QAction::triggered, &window, &QWidget::showMinimized);
     QObject::connect(
-        addEntry(*windowMenu, QStringLiteral("Close"), QKeySequence(Qt::CTRL | Qt::Key_W)),
+        addEntry(*windowMenu, QStringLiteral("&Close"), QKeySequence(Qt::CTRL | Qt::Key_W)),
         &QAction::triggered, &window, &QWidget::close);
 }
 

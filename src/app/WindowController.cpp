@@ -29,13 +29,6 @@ namespace {
 
 constexpr double kMenuGap = 4;
 
-// The name as the user gave it: "Voice Tag.wav" -> "Voice Tag".
-QString baseName(const QString& path) {
-    const QString name = Names::fileName(path);
-    const qsizetype dot = name.lastIndexOf(QLatin1Char('.'));
-    return dot < 0 ? name : name.left(dot);
-}
-
 LogLine logLine(const Batch::Outcome& outcome) {
     const QString name = Names::fileName(outcome.track);
     if (!outcome.result)
@@ -124,10 +117,14 @@ bool WindowController::refreshTag() {
             Files::identity(folder).value_or(Files::Identity{}).folder)
             m_tagWatch->addPath(folder);
     std::optional<QString> tag = m_tags.selected();
-    if (tag == m_tag)
+    // A clip added beside the selected one may make its name ambiguous.
+    std::optional<QString> shown =
+        tag ? std::optional(Tags::label(*tag, Tags::all()).toUpper()) : std::nullopt;
+    if (tag == m_tag && shown == m_tagShown)
         return false;
     m_tag = std::move(tag);
-    emit tagChanged(m_tag ? std::optional(Tags::name(*m_tag)) : std::nullopt);
+    m_tagShown = std::move(shown);
+    emit tagChanged(m_tagShown);
     return true;
 }
 
@@ -141,16 +138,17 @@ void WindowController::tagMenu(const QRectF& field) {
     };
     const QStringList clips = Tags::all();
     for (const QString& clip : clips)
-        add({.title = baseName(clip), .checked = clip == selected},
+        add({.title = Tags::label(clip, clips), .checked = clip == selected},
             [this, clip] { pickTag(clip); });
     if (!clips.isEmpty())
         add(MenuItem::separatorItem(), {});
-    add({.title = QStringLiteral("Add Tag\u2026")}, [this] { chooseTag(); });
+    add({.title = QStringLiteral("Add Tag\u2026"), .mnemonic = 0}, [this] { chooseTag(); });
     if (selected)
-        add({.title =
-                 QStringLiteral("Remove \u201C") + baseName(*selected) + QStringLiteral("\u201D")},
+        add({.title = QStringLiteral("Remove \u201C") + Tags::label(*selected, clips) +
+                      QStringLiteral("\u201D"),
+             .mnemonic = 0},
             [this, clip = *selected] { removeTag(clip); });
-    add({.title = QStringLiteral("Show Tags Folder")}, [this] { showTags(); });
+    add({.title = QStringLiteral("Show Tags Folder"), .mnemonic = 0}, [this] { showTags(); });
 
     const std::optional<int> chosen =
         m_services.menus.popUp(items, *m_view, QPointF(field.left(), field.bottom() + kMenuGap));
@@ -175,8 +173,9 @@ void WindowController::pickTag(const std::optional<QString>& clip) {
 }
 
 void WindowController::removeTag(const QString& clip) {
+    const QString shown = Tags::label(clip, Tags::all()).toUpper();
     m_tags.remove(clip);
-    log({StatusTexts::tagRemoved(Tags::name(clip)), StatusTexts::kTrash, dim});
+    log({StatusTexts::tagRemoved(shown), StatusTexts::kTrash, dim});
     refreshTag();
 }
 

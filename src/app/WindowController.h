@@ -101,8 +101,9 @@ private:
     Services m_services;
     Settings m_settings;
     Tags m_tags;
-    std::optional<QString> m_tag; // the selected clip, as last read
-    bool m_busy = false;          // a batch runs: starts join it until it ends
+    std::optional<QString> m_tag;      // the selected clip, as last read
+    std::optional<QString> m_tagShown; // its name as the tag row shows it
+    bool m_busy = false;               // a batch runs: starts join it until it ends
     // The batch as the user sees it. It runs in parts: the tracks handed over
     // while one part runs make the next, with the same job.
     struct Running {

@@ -114,6 +114,17 @@ QString Tags::name(const QString& path) {
     return baseNameOf(Names::fileName(path)).toUpper();
 }
 
+QString Tags::label(const QString& path, const QStringList& clips) {
+    const QString fileName = Names::fileName(path);
+    const QString base = baseNameOf(fileName);
+    for (const QString& clip : clips) {
+        const QString other = Names::fileName(clip);
+        if (other != fileName && baseNameOf(other).compare(base, Qt::CaseInsensitive) == 0)
+            return fileName;
+    }
+    return base;
+}
+
 QString Tags::add(const QString& path) {
     const QString fileName = Names::fileName(path);
     // A file the listing would leave out would be copied in and never seen again.

@@ -35,6 +35,9 @@ public:
 
     // "my tag.wav" -> "MY TAG"
     static QString name(const QString& path);
+    // The clip as the window names it, in its own case: "my tag", or "my
+    // tag.wav" where another of `clips` shares its name in any case.
+    static QString label(const QString& path, const QStringList& clips);
 
     // Copies the file into the library under a free name and selects the copy;
     // throws TagError, with the library and the selection as they were, when

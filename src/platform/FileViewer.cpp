@@ -53,6 +53,18 @@ bool isOtherProgram(const QString& id, const QString& entry, const QString& self
            resolve(program) != resolve(self);
 }
 
+QStringList windowsFor(const QStringList& paths) {
+    QStringList firsts, folders;
+    for (const QString& path : paths) {
+        const QString folder = Names::folderOf(path);
+        if (folders.contains(folder))
+            continue;
+        folders << folder;
+        firsts << path;
+    }
+    return firsts;
+}
+
 namespace {
 
 // A file manager that owns the name but never answers would hold a blocking
@@ -95,10 +107,10 @@ void startQuietly(const QString& program, const QStringList& arguments) {
 class DesktopFileViewer final : public FileViewer {
 public:
     void show(const QStringList& paths) override {
-        if (paths.isEmpty())
-            return;
-        m_queue.push_back(paths);
-        if (m_queue.size() == 1)
+        const bool idle = m_queue.empty();
+        for (const QString& first : windowsFor(paths))
+            m_queue.push_back({first});
+        if (idle && !m_queue.empty())
             showItems(m_queue.front());
     }
 

@@ -4,6 +4,16 @@
 #include <QMenu>
 #include <QWidget>
 
+QString menuText(const QString& title, qsizetype mnemonic) {
+    QString text;
+    for (qsizetype i = 0; i < title.size(); ++i) {
+        if (i == mnemonic || title[i] == QLatin1Char('&'))
+            text += QLatin1Char('&');
+        text += title[i];
+    }
+    return text;
+}
+
 std::unique_ptr<QMenu> buildMenu(const std::vector<MenuItem>& items) {
     auto menu = std::make_unique<QMenu>();
     for (std::size_t i = 0; i < items.size(); ++i) {
@@ -12,7 +22,7 @@ std::unique_ptr<QMenu> buildMenu(const std::vector<MenuItem>& items) {
             menu->addSeparator();
             continue;
         }
-        QAction* action = menu->addAction(item.title);
+        QAction* action = menu->addAction(menuText(item.title, item.mnemonic));
         action->setData(static_cast<int>(i));
         // Only a marked item is checkable: an unchecked one would show an empty box.
         action->setCheckable(item.checked);

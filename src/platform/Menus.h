@@ -15,6 +15,8 @@ struct MenuItem {
     QString title;
     bool checked = false;   // shows a check mark
     bool separator = false; // a line between groups; never chosen
+    // The letter that picks it from the keyboard, by its index in the title.
+    qsizetype mnemonic = -1;
 
     static MenuItem separatorItem() {
         MenuItem item;
@@ -39,3 +41,6 @@ std::unique_ptr<Menus> makeQtMenus();
 
 // The menu that makeQtMenus() shows for `items`; each action's data is its item's index.
 std::unique_ptr<QMenu> buildMenu(const std::vector<MenuItem>& items);
+// `title` as Qt's menus read it: its ampersands shown as such and the letter
+// at `mnemonic`, if any, underlined.
+QString menuText(const QString& title, qsizetype mnemonic);

@@ -18,10 +18,12 @@ inline void rule(QPainter& painter, QPointF from, QPointF to, const QColor& colo
     painter.drawLine(from, to);
 }
 
-inline void outline(QPainter& painter, const QRectF& rect, const QColor& color) {
-    painter.setPen(pen(color));
+// Inside the rectangle, `width` wide.
+inline void outline(QPainter& painter, const QRectF& rect, const QColor& color, double width = 1) {
+    const double in = width / 2;
+    painter.setPen(pen(color, width));
     painter.setBrush(Qt::NoBrush);
-    painter.drawRect(rect.adjusted(0.5, 0.5, -0.5, -0.5));
+    painter.drawRect(rect.adjusted(in, in, -in, -in));
 }
 
 inline QColor withAlpha(QColor color, double alpha) {

@@ -4,6 +4,7 @@
 #include "model/Settings.h"
 
 #include <QTextBoundaryFinder>
+#include <algorithm>
 
 namespace HUDLayout {
 
@@ -416,6 +417,20 @@ int filledCells(long long done, long long total) {
 
 long long firstShownLogLine(long long count) {
     return count >= kLogLinesShown ? count - kLogLinesShown : 0;
+}
+
+std::vector<QRectF> focusOrder(const Layout& layout) {
+    std::vector<QRectF> order{layout.tagRow.field, layout.tagRow.addTag.rects.at(0),
+                              layout.zone.rect};
+    for (const Segments* row : {&layout.controls.intervals, &layout.controls.levels})
+        order.insert(order.end(), row->rects.begin(), row->rects.end());
+    return order;
+}
+
+double fitScale(QSizeF view, QSizeF frame, QSizeF available) {
+    const QSizeF chrome = frame - view;
+    return std::min({1.0, (available.width() - chrome.width()) / view.width(),
+                     (available.height() - chrome.height()) / view.height()});
 }
 
 } // namespace HUDLayout

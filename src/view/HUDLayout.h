@@ -164,4 +164,13 @@ int filledCells(long long done, long long total);
 // The first log entry shown, so that only the last few are.
 long long firstShownLogLine(long long count);
 
+// The controls the keyboard visits, in reading order: the tag field, "+ ADD
+// TAG", the drop zone, the interval segments, the level segments.
+std::vector<QRectF> focusOrder(const Layout& layout);
+
+// How much a view of `view` is drawn scaled so that its window, `frame` with
+// the view at full size, fits in `available`: 1 when it fits; the rest of the
+// frame (title bar, menu bar) keeps its size.
+double fitScale(QSizeF view, QSizeF frame, QSizeF available);
+
 } // namespace HUDLayout

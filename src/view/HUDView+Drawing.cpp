@@ -22,6 +22,7 @@ constexpr double kBracketAlpha = 0.85;
 constexpr double kBracketStroke = 2;
 constexpr double kPlusStroke = 1.5;
 constexpr double kChevronStroke = 1.2;
+constexpr double kFocusStroke = 2;
 
 QImage dotGridImage(const HUDLayout::Zone& z, qreal dpr) {
     QImage grid((z.rect.size() * dpr).toSize(), QImage::Format_ARGB32_Premultiplied);
@@ -69,6 +70,17 @@ void HUDView::draw(QPainter& painter) {
     drawDropZone(painter);
     drawLog(painter);
     drawSettingsRow(painter);
+    drawFocus(painter);
+}
+
+// A ring inside the control, over everything, so it reads on a selected
+// segment's white as on the black.
+void HUDView::drawFocus(QPainter& painter) {
+    if (!m_focused)
+        return;
+    const std::vector<QRectF> controls = HUDLayout::focusOrder(m_layout);
+    Drawing::outline(painter, controls.at(static_cast<std::size_t>(*m_focused)), purple,
+                     kFocusStroke);
 }
 
 void HUDView::drawHeader(QPainter& painter) {
@@ -162,7 +174,11 @@ void HUDView::drawTagRow(QPainter& painter) {
     strokePath(painter, t.chevron, dim, kChevronStroke);
 
     if (!m_state.busy)
-        m_hits.push_back({t.field, [this, field = t.field] { emit tagFieldClicked(field); }});
+        m_hits.push_back({t.field, [this, field = t.field] {
+                              // Where the menu shows is the widget's own, scaled, place.
+                              emit tagFieldClicked(
+                                  QRectF(field.topLeft() * m_scale, field.size() * m_scale));
+                          }});
     segmented(painter, t.addTag, [this](int) { emit addTagClicked(); });
 }
 

@@ -7,6 +7,7 @@
 #include "base/Names.h"
 #include "engine/Collect.h"
 #include "model/Tags.h"
+#include "view/HUDAccessible.h"
 
 #include <QDragEnterEvent>
 #include <QDragLeaveEvent>
@@ -20,8 +21,50 @@
 #include <algorithm>
 
 void HUDView::mousePressEvent(QMouseEvent* event) {
-    if (event->button() == Qt::LeftButton)
-        click(event->position());
+    if (event->button() != Qt::LeftButton)
+        return;
+    // The ring is for the keyboard; a click puts it away.
+    setFocused(std::nullopt);
+    click(event->position() / m_scale);
+}
+
+// Tab goes round the view's own controls: it is the window's only widget.
+bool HUDView::focusNextPrevChild(bool next) {
+    const int count = static_cast<int>(HUDLayout::focusOrder(m_layout).size());
+    int control = next ? 0 : count - 1;
+    if (m_focused)
+        control = (*m_focused + (next ? 1 : count - 1)) % count;
+    setFocused(control);
+    return true;
+}
+
+void HUDView::setFocused(std::optional<int> control) {
+    if (control == m_focused)
+        return;
+    m_focused = control;
+    update();
+    if (m_focused)
+        HUDAccessible::focusMoved(*this, *m_focused);
+}
+
+void HUDView::activate(int control) {
+    click(HUDLayout::focusOrder(m_layout).at(static_cast<std::size_t>(control)).center());
+}
+
+void HUDView::keyPressEvent(QKeyEvent* event) {
+    if (event->matches(QKeySequence::Open)) {
+        // The drop zone's click: the track chooser, or the tag's first.
+        if (!m_state.busy)
+            emit zoneClicked();
+        return;
+    }
+    const bool press = event->key() == Qt::Key_Space || event->key() == Qt::Key_Return ||
+                       event->key() == Qt::Key_Enter;
+    if (press && m_focused && (event->modifiers() & ~Qt::KeypadModifier) == Qt::NoModifier) {
+        activate(*m_focused);
+        return;
+    }
+    scrollKey(event);
 }
 
 void HUDView::click(QPointF at) {
@@ -59,7 +102,8 @@ void HUDView::wheelEvent(QWheelEvent* event) {
     event->accept();
 }
 
-void HUDView::keyPressEvent(QKeyEvent* event) {
+// The log's keys.
+void HUDView::scrollKey(QKeyEvent* event) {
     constexpr long long kPage = 4; // the entries shown
     const long long all = static_cast<long long>(m_state.log.size());
     switch (event->key()) {
@@ -140,7 +184,7 @@ void answer(QDragMoveEvent* event, bool copy) {
 } // namespace
 
 void HUDView::dragEnterEvent(QDragEnterEvent* event) {
-    answer(event, dragOver(event->mimeData(), event->position()));
+    answer(event, dragOver(event->mimeData(), event->position() / m_scale));
     // Qt sends the moves, the drop and the leave only to a widget that took the
     // enter, and a drag refused where it came in may be wanted a little further
     // on. The move that Qt sends right after the enter carries the real answer.
@@ -148,7 +192,7 @@ void HUDView::dragEnterEvent(QDragEnterEvent* event) {
 }
 
 void HUDView::dragMoveEvent(QDragMoveEvent* event) {
-    answer(event, dragOver(event->mimeData(), event->position()));
+    answer(event, dragOver(event->mimeData(), event->position() / m_scale));
 }
 
 void HUDView::dragLeaveEvent(QDragLeaveEvent*) {
@@ -158,7 +202,7 @@ void HUDView::dragLeaveEvent(QDragLeaveEvent*) {
 }
 
 void HUDView::dropEvent(QDropEvent* event) {
-    const DragTarget target = dragTarget(event->mimeData(), event->position());
+    const DragTarget target = dragTarget(event->mimeData(), event->position() / m_scale);
     m_state.hoverZone = false;
     m_state.hoverTag = false;
     const QStringList paths = urls(event->mimeData());

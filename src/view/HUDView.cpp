@@ -3,6 +3,7 @@
 #include "view/HUDView.h"
 
 #include "style/Palette.h"
+#include "view/HUDAccessible.h"
 
 #include <QPaintEvent>
 #include <QPainter>
@@ -19,7 +20,8 @@ HUDView::HUDView(QWidget* parent)
     resize(kSize);
     setAttribute(Qt::WA_OpaquePaintEvent);
     setAcceptDrops(true);
-    setFocusPolicy(Qt::StrongFocus); // the log's keys
+    setFocusPolicy(Qt::StrongFocus);
+    HUDAccessible::install();
     relayout();
     // Parented to the view, so the timer never outlives it.
     m_timer = new QTimer(this);
@@ -49,12 +51,14 @@ void HUDView::setBusy(bool busy) {
 void HUDView::setProgress(long long done, long long total) {
     m_state.progress = {done, total};
     update();
+    HUDAccessible::progressChanged(*this);
 }
 
 void HUDView::setTag(const std::optional<QString>& name) {
     m_content.tagName = name;
     relayout();
     update();
+    HUDAccessible::tagChanged(*this);
 }
 
 void HUDView::setChoices(int intervalIndex, int levelIndex) {
@@ -74,7 +78,7 @@ void HUDView::tick() {
 
 // Everything the drawing shows that takes measuring is done here, so a pass only paints.
 void HUDView::relayout() {
-    m_layout = HUDLayout::layout(QSizeF(QWidget::size()), m_content, &HUDView::width);
+    m_layout = HUDLayout::layout(logicalSize(), m_content, &HUDView::width);
     m_logRows.clear();
 }
 
@@ -84,14 +88,22 @@ void HUDView::resizeEvent(QResizeEvent*) {
 
 void HUDView::paintEvent(QPaintEvent*) {
     QPainter painter(this);
+    painter.scale(m_scale, m_scale);
     draw(painter);
+}
+
+void HUDView::setScale(double scale) {
+    m_scale = scale;
+    setFixedSize((QSizeF(kSize) * scale).toSize());
+    relayout();
+    update();
 }
 
 QImage HUDView::snapshot(qreal devicePixelRatio) {
     // A hidden widget gets its resize event only when shown.
-    if (m_layout.bounds.size() != QSizeF(QWidget::size()))
+    if (m_layout.bounds.size() != logicalSize())
         relayout();
-    QImage out(QWidget::size() * devicePixelRatio, QImage::Format_ARGB32_Premultiplied);
+    QImage out((logicalSize() * devicePixelRatio).toSize(), QImage::Format_ARGB32_Premultiplied);
     out.setDevicePixelRatio(devicePixelRatio);
     {
         QPainter painter(&out);

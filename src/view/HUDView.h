@@ -69,8 +69,22 @@ public:
     QRectF tagRowRect() const { return m_layout.tagRow.row; }
     QRectF zoneRect() const { return m_layout.zone.rect; }
 
-    // The whole view drawn into an image, as on screen.
+    // The whole view drawn into an image, as on screen at full size.
     QImage snapshot(qreal devicePixelRatio);
+
+    // On a screen too small for the window, the view is drawn at `scale` of its
+    // size and its input read back alike; sets its own fixed size.
+    void setScale(double scale);
+    double scale() const { return m_scale; }
+    // The size the layout is made for, whatever the scale.
+    QSizeF logicalSize() const { return QSizeF(QWidget::size()) / m_scale; }
+
+    // The keyboard's control, an index into HUDLayout::focusOrder: none until
+    // Tab is first pressed, and again after a click of the mouse.
+    std::optional<int> focused() const { return m_focused; }
+    // Does what a click on that control does.
+    void activate(int control);
+    const HUDLayout::Content& content() const { return m_content; }
 
     // Text helpers: every text is drawn in a style (font, size, kern added after
     // each character) and a colour; its width leaves out the kern after the last
@@ -81,7 +95,7 @@ public:
 signals:
     void intervalChosen(int index);
     void levelChosen(int index);
-    // The tag field, to open the tag menu under it.
+    // The tag field as the widget shows it, to open the tag menu under it.
     void tagFieldClicked(const QRectF& field);
     void addTagClicked();
     // A click in the drop zone on no region.
@@ -98,6 +112,7 @@ protected:
     void dragLeaveEvent(QDragLeaveEvent* event) override;
     void dropEvent(QDropEvent* event) override;
     void wheelEvent(QWheelEvent* event) override;
+    bool focusNextPrevChild(bool next) override;
     void keyPressEvent(QKeyEvent* event) override;
 
 private:
@@ -107,6 +122,7 @@ private:
     void drawDropZone(QPainter& painter);
     void drawLog(QPainter& painter);
     void drawSettingsRow(QPainter& painter);
+    void drawFocus(QPainter& painter);
     void segmented(QPainter& painter, const HUDLayout::Segments& segments,
                    const std::function<void(int)>& action);
     const HUDLayout::LogRow& logRow(std::size_t index);
@@ -116,6 +132,8 @@ private:
     void click(QPointF at);
     // Back (positive) towards the oldest entries, or forward; 0 shows the newest.
     void scrollLog(long long entries);
+    void scrollKey(QKeyEvent* event);
+    void setFocused(std::optional<int> control);
 
     // What a drop would do: start a batch (zone) or add a tag clip (tag), never both.
     struct DragTarget {
@@ -142,4 +160,6 @@ private:
     std::vector<LogRowMeasured> m_logRows;
     QTimer* m_timer = nullptr;
     int m_wheel = 0; // a wheel's turn not yet a whole entry
+    double m_scale = 1;
+    std::optional<int> m_focused;
 };
