@@ -96,7 +96,7 @@ TEST_F(Keys, everyMenuEntryHasItsOwnMnemonic) {
         return QSet<QChar>(seen.begin(), seen.end()).size() == seen.size();
     };
     QMainWindow window;
-    installMenuBar(window);
+    installMenuBar(window, controller());
     QStringList bar;
     for (QAction* menu : window.menuBar()->actions()) {
         bar << menu->text();
