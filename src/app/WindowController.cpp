@@ -33,7 +33,7 @@ LogLine logLine(const Batch::Outcome& outcome) {
     const QString name = Names::fileName(outcome.track);
     if (!outcome.result)
         return {name, outcome.error, errColor};
-    return {name, StatusTexts::tagged(outcome.result->placements), purple};
+    return {name, StatusTexts::tagged(outcome.result->placements, outcome.result->kbps), purple};
 }
 
 } // namespace

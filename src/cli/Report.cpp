@@ -33,8 +33,8 @@ QString textLine(const Said& said) {
         return name + QStringLiteral("SKIPPED  -> ") + said.track.output.path();
     const Engine::Result& result = *outcome.result;
     if (!said.dryRun)
-        return name + StatusTexts::tagged(result.placements) + QStringLiteral("  -> ") +
-               result.output;
+        return name + StatusTexts::tagged(result.placements, result.kbps) +
+               QStringLiteral("  -> ") + result.output;
     QStringList times;
     for (const double time : result.times)
         times << seconds(time);
@@ -74,6 +74,8 @@ QString jsonLine(const Said& said) {
         // To the hundredth, as the render's filter is given it.
         object.insert(QStringLiteral("gain_db"), std::round(result->gainDB * 100) / 100);
         object.insert(QStringLiteral("track_lufs"), result->trackLufs);
+        if (result->kbps > 0 && result->kbps < StatusTexts::kMp3Kbps)
+            object.insert(QStringLiteral("bitrate_kbps"), result->kbps);
     }
     return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact));
 }

@@ -20,6 +20,7 @@ struct Result {
     std::vector<double> times;
     double gainDB = 0;
     double trackLufs = 0;
+    int kbps = 0; // an MP3 output's bitrate, which its sample rate may hold under 320
 };
 
 // The output's format: the track's own rule (MP3 for MP3, WAV otherwise), or one for all.

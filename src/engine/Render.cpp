@@ -1,6 +1,8 @@
 // Placing the clip over a track and rendering the tagged file with one ffmpeg run.
 #include "engine/Render.h"
+
 #include "base/Files.h"
+#include "engine/Keep.h"
 
 #include <QHash>
 #include <QRegularExpression>
@@ -522,8 +524,12 @@ Prepared prepare(const QString& given, const QString& tag, double interval, doub
 }
 
 Result resultOf(const QString& output, const Prepared& prepared) {
-    return {output, static_cast<int>(prepared.times.size()), prepared.times, prepared.gain,
-            prepared.analysis.lufs};
+    return {output,
+            static_cast<int>(prepared.times.size()),
+            prepared.times,
+            prepared.gain,
+            prepared.analysis.lufs,
+            output.endsWith(QLatin1String(".mp3")) ? Keep::mp3Kbps(output) : 0};
 }
 
 } // namespace
@@ -531,7 +537,9 @@ Result resultOf(const QString& output, const Prepared& prepared) {
 Result preview(const QString& track, const QString& tag, double interval, double levelDB,
                const OutputName& output, Collision collision) {
     const Prepared prepared = prepare(track, tag, interval, levelDB);
-    return resultOf(outputURL(output, collision), prepared);
+    Result result = resultOf(outputURL(output, collision), prepared);
+    result.kbps = 0; // a file under that name is an earlier output, not this one
+    return result;
 }
 
 Result process(const QString& track, const QString& tag, double interval, double levelDB,
@@ -585,6 +593,7 @@ Result process(const QString& given, const QString& tag, double interval, double
     if (const std::optional<QString> fault =
             outputFault(out.file().fd(), result.output, analysis.duration))
         throw TagError::badOutput(*fault);
+    Keep::keepTags(track, out.file().fd(), output.extension);
     return resultOf(out.commit(output.extension, collision), prepared);
 }
 

@@ -7,9 +7,17 @@
 
 namespace StatusTexts {
 
-// A tagged track: "4 TAGS  OK", "1 TAGS  OK" as well.
-inline QString tagged(int placements) {
-    return QString::number(placements) + QStringLiteral(" TAGS  OK");
+// The bitrate every MP3 output is asked for; at sample rates under 32 kHz the format
+// carries less.
+constexpr int kMp3Kbps = 320;
+
+// A tagged track: "4 TAGS  OK", "1 TAGS  OK" as well; an MP3 whose sample rate held its
+// bitrate under 320 says so: "4 TAGS  160 KBIT/S  OK".
+inline QString tagged(int placements, int kbps = kMp3Kbps) {
+    const QString bitrate = kbps > 0 && kbps < kMp3Kbps
+                                ? QString::number(kbps) + QStringLiteral(" KBIT/S  ")
+                                : QString();
+    return QString::number(placements) + QStringLiteral(" TAGS  ") + bitrate + QStringLiteral("OK");
 }
 
 // A batch asked for with no tag clip selected.
