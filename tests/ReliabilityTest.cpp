@@ -30,9 +30,8 @@ protected:
 
 } // namespace
 
-// The render, by the track's name, writes nothing, is cut short, lasts a second, changes
-// the track or the clip, or hangs with a child (ended too, on a stall or Ctrl-C): each
-// fails its own track, leaving no output. Outputs are readable by no more than the track.
+// By the track's name the render writes nothing, is cut, lasts a second, changes an input
+// or hangs with a child (ended too): each fails alone. Outputs keep the track's privacy.
 TEST_F(Reliability, onlyAWholeOutputOfUnchangedInputsIsCommitted) {
     home.setEnv("ZELKOR_STALL_SECONDS", u"3"_s);
     home.setEnv("ZELKOR_RESOURCES", ::Test::resourcesWith(home.root(), R"(in=; prev=

@@ -117,7 +117,6 @@ TEST_F(Watch, followsWhatADawAndASharedFolderDo) {
     if (::chown(theirs.toUtf8().constData(), 65534, 65534) != 0)
         GTEST_SKIP() << "giving a file to another user needs root";
     ::chmod(exports.toUtf8().constData(), 01777);
-    // Link name, target, and whether the link is another user's.
     for (const auto& [name, target, planted] :
          {std::tuple{u"planted.wav"_s, master, true}, std::tuple{u"mine.wav"_s, master, false},
           std::tuple{u"given.wav"_s, theirs, true}}) {
