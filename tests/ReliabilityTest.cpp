@@ -135,6 +135,11 @@ TEST_F(Reliability, tooFewDescriptorsOrProcessesRunFewerTracksAtOnce) {
         SCOPED_TRACE(limit.toStdString());
         if (limit.startsWith(u"setpriv"_s) && ::geteuid() != 0)
             continue;
+#ifdef __SANITIZE_ADDRESS__
+        // The sanitizer's runtime takes descriptors of its own: 24 is not a limit there.
+        if (limit.contains(u"nofile"_s))
+            continue;
+#endif
         for (const QString& track : tag.mid(6))
             QFile::remove(QString(track).replace(u".wav"_s, u" (Tagged).wav"_s));
         const QStringList args = limit.split(u' ') + tag;

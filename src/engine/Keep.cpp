@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <memory>
 #include <unistd.h>
 #include <vector>
 
@@ -429,12 +430,12 @@ void keepTags(const QString& master, int outputFd, const QString& format) {
         QFileInfo(master).suffix().compare(QLatin1String("mp3"), Qt::CaseInsensitive) == 0;
     if (mp3Master != (format == QLatin1String("mp3")))
         return;
-    const int fd = ::open(Names::encode(master).constData(), O_RDONLY | O_CLOEXEC);
+    int fd = ::open(Names::encode(master).constData(), O_RDONLY | O_CLOEXEC);
     if (fd < 0)
         throw TagError::systemFailed(errno);
+    const std::unique_ptr<int, void (*)(int*)> closing(&fd, [](int* open) { ::close(*open); });
     const Source masterFile = fileSource(fd), outputFile = fileSource(outputFd);
     const auto splice = mp3Master ? mp3(masterFile, outputFile) : wav(masterFile, outputFile);
-    ::close(fd);
     if (splice)
         apply(outputFd, *splice);
 }
