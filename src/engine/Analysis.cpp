@@ -4,6 +4,7 @@
 #include "engine/Analysis.h"
 #include "engine/AnalysisCache.h"
 #include "engine/EngineState.h"
+#include "engine/Render.h"
 
 #include <algorithm>
 #include <charconv>
@@ -194,17 +195,20 @@ static Analysis measure(const QString& path) {
     const OpenFile input = openInput(path);
     RunResult result = run(analysisArguments(input.argument()),
                            input.passDown() ? std::vector{input.fd()} : std::vector<int>{});
-    // A run killed half-way leaves text that parses, with figures that are wrong.
-    if (result.status != 0)
-        throw TagError::unreadable();
     // ffmpeg quotes the name as it is, so a name holding a line break could forge a line.
     const QString text = result.output.remove(input.argument());
+    // A run killed half-way leaves text that parses, with figures that are wrong.
+    if (result.status < 0)
+        throw TagError::unreadable(QStringLiteral("FFMPEG ENDED ABNORMALLY"));
+    if (result.status != 0) // ffmpeg's cause follows the name it removed: "NAME: Invalid data"
+        throw TagError::unreadable(
+            failureText(text).remove(QRegularExpression(QStringLiteral("^[: ]+"))));
     // Without one, ffmpeg measures nothing and a render fails on its graph.
     static const QRegularExpression audioStream(
         QStringLiteral(R"(^\s*Stream #0:\d+[^:\n]*: Audio: )"),
         QRegularExpression::MultilineOption);
     if (!audioStream.match(text).hasMatch())
-        throw TagError::unreadable();
+        throw TagError::unreadable(QStringLiteral("NO AUDIO IN IT"));
     return parseAnalysis(text);
 }
 
