@@ -199,7 +199,7 @@ static Analysis measure(const QString& path) {
     const QString text = result.output.remove(input.argument());
     // A run killed half-way leaves text that parses, with figures that are wrong.
     if (result.status < 0)
-        throw TagError::unreadable(QStringLiteral("FFMPEG ENDED ABNORMALLY"));
+        throw TagError::ffmpegFailed(QStringLiteral("FFMPEG ENDED ABNORMALLY"));
     if (result.status != 0) // ffmpeg's cause follows the name it removed: "NAME: Invalid data"
         throw TagError::unreadable(
             failureText(text).remove(QRegularExpression(QStringLiteral("^[: ]+"))));
