@@ -78,7 +78,8 @@ TEST_F(Shell, aTerminalGetsColourAndASummaryAPipeNeither) {
             .out;
     };
     const QString red = u"\x1b[31mdamaged.wav  "_s + kInvalid + u"\x1b[0m\r\n"_s;
-    const QRegularExpression summary(u"\x1b\\[K1 WRITTEN  0 SKIPPED  1 FAILED  IN \\d+\\.\\d S\r\n$"_s);
+    const QRegularExpression summary(
+        u"\x1b\\[K1 WRITTEN  0 SKIPPED  1 FAILED  IN \\d+\\.\\d S\r\n$"_s);
     const QString coloured = onTerminal(u"|"_s);
     EXPECT_TRUE(coloured.contains(red)) << coloured.toStdString();
     EXPECT_TRUE(summary.match(coloured).hasMatch()) << coloured.toStdString();
@@ -133,7 +134,8 @@ TEST_F(Shell, listingWritesNothingAndFirstRunsAtOnceFindTheClip) {
         std::vector<std::unique_ptr<QProcess>> runs;
         for (int i = 0; i < 2; ++i) {
             runs.push_back(std::make_unique<QProcess>());
-            runs.back()->start(::Test::binary(u"zelkor-tag"_s), {u"-n"_s, path(u"it's sub/a.wav"_s)});
+            runs.back()->start(::Test::binary(u"zelkor-tag"_s),
+                               {u"-n"_s, path(u"it's sub/a.wav"_s)});
         }
         for (const auto& run : runs) {
             ASSERT_TRUE(run->waitForFinished(60000));

@@ -128,11 +128,12 @@ TEST_F(ZelkorTag, eachPathGetsItsLineAndATerminalAProgressLine) {
                QString(30 - filled, u'.') + u"]"_s;
     };
     const QString clear = u"\r\x1b[K"_s,
-                  failed = u"b.wav  CAN'T READ FILE: INVALID DATA FOUND WHEN PROCESSING INPUT\r\n"_s;
+                  failed =
+                      u"b.wav  CAN'T READ FILE: INVALID DATA FOUND WHEN PROCESSING INPUT\r\n"_s;
     const QString both = onTerminal({});
-    EXPECT_EQ(both.left(both.lastIndexOf(u"1 WRITTEN"_s)), bar("00/02", 0) + clear + u"a.wav  1 TAGS  OK  -> "_s +
-                                  path(u"a (Tagged).wav"_s) + u"\r\n"_s + bar("01/02", 15) + clear +
-                                  failed + bar("02/02", 30) + clear);
+    EXPECT_EQ(both.left(both.lastIndexOf(u"1 WRITTEN"_s)),
+              bar("00/02", 0) + clear + u"a.wav  1 TAGS  OK  -> "_s + path(u"a (Tagged).wav"_s) +
+                  u"\r\n"_s + bar("01/02", 15) + clear + failed + bar("02/02", 30) + clear);
     EXPECT_EQ(onTerminal(u"-q"_s), failed);
 
     ::Test::FreshHome home;
