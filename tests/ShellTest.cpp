@@ -193,3 +193,28 @@ HOME="$home" XDG_CONFIG_HOME="$home/config" XDG_DATA_HOME="$home/data" exec ")" 
     for (const QString& line : used)
         EXPECT_TRUE(line.contains(u"-t "_s + clip + u" -i 30 -l MID "_s)) << line.toStdString();
 }
+
+// Every option --help lists is in the man page and the completions; the window's
+// man page lists its options and the statuses it exits with.
+TEST_F(Shell, manPagesAndCompletionsListWhatHelpLists) {
+    const auto source = [](const char* file) {
+        return QString::fromUtf8(
+                   ::Test::readAll(u"" ZELKOR_SOURCE_DIR "/packaging/"_s + QLatin1String(file)))
+            .remove(u'\\');
+    };
+    const QString man = source("man/zelkor-tag.1.in"), bash = source("completions/zelkor-tag.bash"),
+                  fish = source("completions/zelkor-tag.fish");
+    const QString help = zelkorTag({u"--help"_s}).out;
+    for (auto it = QRegularExpression(u"  (--[a-z-]+)"_s).globalMatch(help); it.hasNext();) {
+        const QString option = it.next().captured(1);
+        EXPECT_TRUE(man.contains(option) && bash.contains(option) &&
+                    (option == u"--"_s || fish.contains(u"-l "_s + option.mid(2))))
+            << option.toStdString();
+    }
+    const QString window = source("man/zelkor.1.in");
+    const QString statuses = window.mid(window.indexOf(u".SH EXIT STATUS"_s));
+    for (const QString& said :
+         {u"--help"_s, u"--version"_s, u".B --\n"_s, u".B 1\nThe window could not open"_s,
+          u"or the snapshot could not be written"_s, u".B 2\nA usage error"_s})
+        EXPECT_TRUE(window.contains(said) && statuses.contains(said.left(4))) << said.toStdString();
+}

@@ -143,10 +143,10 @@ QStringList analysisArguments(const QString& path) {
 Analysis parseAnalysis(const QString& text) {
     auto durations = patterns().duration.globalMatch(text);
     if (!durations.hasNext())
-        throw TagError::unreadable();
+        throw TagError::unreadable(QStringLiteral("NO LENGTH FOUND"));
     const QRegularExpressionMatch found = durations.next();
     if (durations.hasNext())
-        throw TagError::unreadable();
+        throw TagError::unreadable(QStringLiteral("ITS TAGS MIMIC FFMPEG'S OWN LINES"));
     Analysis analysis;
     const QString described = text.mid(found.capturedEnd());
     analysis.broadcastChunk =
@@ -200,14 +200,20 @@ static Analysis measure(const QString& path) {
     // A run killed half-way leaves text that parses, with figures that are wrong.
     if (result.status < 0)
         throw TagError::ffmpegFailed(QStringLiteral("FFMPEG ENDED ABNORMALLY"));
-    if (result.status != 0) // ffmpeg's cause follows the name it removed: "NAME: Invalid data"
-        throw TagError::unreadable(
-            failureText(text).remove(QRegularExpression(QStringLiteral("^[: ]+"))));
     // Without one, ffmpeg measures nothing and a render fails on its graph.
     static const QRegularExpression audioStream(
         QStringLiteral(R"(^\s*Stream #0:\d+[^:\n]*: Audio: )"),
         QRegularExpression::MultilineOption);
-    if (!audioStream.match(text).hasMatch())
+    // A file ffmpeg opened without audio in it says so; else its cause follows the
+    // name removed above: "NAME: Invalid data found when processing input".
+    const bool opened = text.contains(QLatin1String("Input #0"));
+    const bool audio = audioStream.match(text).hasMatch();
+    if (opened && !audio)
+        throw TagError::unreadable(QStringLiteral("NO AUDIO IN IT"));
+    if (result.status != 0)
+        throw TagError::unreadable(
+            failureText(text).remove(QRegularExpression(QStringLiteral("^[: ]+"))));
+    if (!audio)
         throw TagError::unreadable(QStringLiteral("NO AUDIO IN IT"));
     return parseAnalysis(text);
 }

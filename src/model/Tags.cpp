@@ -16,6 +16,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -104,7 +105,11 @@ QStringList Tags::all() {
 QStringList Tags::allAsSeeded() const {
     const QString folder = libraryFolder();
     QStringList names = Files::names(folder);
-    if (!m_preferences.boolean(kSeededKey).value_or(false))
+    // Seeding copies nothing into a file that stands where the folder should be.
+    struct stat info = {};
+    const bool blocked =
+        ::stat(Names::encode(folder).constData(), &info) == 0 && !S_ISDIR(info.st_mode);
+    if (!blocked && !m_preferences.boolean(kSeededKey).value_or(false))
         for (const QString& name : Files::names(Resources::path(kDefaultTagsFolder)))
             if (!names.contains(name))
                 names << name;
