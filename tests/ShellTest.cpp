@@ -106,7 +106,6 @@ exec "$real" "$@"
     ASSERT_EQ(zelkorTag({u"-t"_s, clip, path(u"it's sub"_s)}, {env}).status, 0);
     const auto dry = zelkorTag({u"-nqt"_s, clip, path(u"it's sub"_s)}, {env});
     EXPECT_TRUE(dry.out.startsWith(u"a.wav  DRY RUN: 1 TAGS AT 0.5 S"_s)) << dry.out.toStdString();
-    EXPECT_EQ(::Test::readAll(path(u"share/runs"_s)).count('\n'), 3); // none for the dry run
 
     const QByteArray latin1 = Names::encode(dir.path()) + "/caf\xe9.wav";
     const auto json = sh(u"n=$(printf 'caf\\351.wav') && cp \"it's sub/a.wav\" \"$n\" && "
