@@ -44,11 +44,13 @@ TEST_F(BatchRunner, aFailingTrackIsLoggedAndTheOthersAreWrittenAndShown) {
     settings.setIntervalIndex(3);
     ASSERT_TRUE(finish());
     QCoreApplication::processEvents();
-    EXPECT_EQ(std::vector<LogLine>(log.begin() + 1, log.end()),
-              (std::vector<LogLine>{{u"a.wav"_s, u"2 TAGS  OK"_s, purple},
-                                    {u"b.wav"_s, u"CAN'T READ FILE"_s, errColor},
-                                    {u"c.wav"_s, u"1 TAGS  OK"_s, purple},
-                                    {u"BATCH 1: 2 OF 3 TAGGED"_s, u"1 FAILED"_s, errColor}}));
+    EXPECT_EQ(
+        std::vector<LogLine>(log.begin() + 1, log.end()),
+        (std::vector<LogLine>{
+            {u"a.wav"_s, u"2 TAGS  OK"_s, purple},
+            {u"b.wav"_s, u"CAN'T READ FILE: INVALID DATA FOUND WHEN PROCESSING INPUT"_s, errColor},
+            {u"c.wav"_s, u"1 TAGS  OK"_s, purple},
+            {u"BATCH 1: 2 OF 3 TAGGED"_s, u"1 FAILED"_s, errColor}}));
     EXPECT_EQ(view().state().progress, (HUDView::Progress{3, 3}));
     EXPECT_EQ(viewer.shown, (std::vector<QStringList>{{home.root() + u"/a (Tagged).wav"_s,
                                                        home.root() + u"/c (Tagged).wav"_s}}));

@@ -4,9 +4,9 @@
 _zelkor_tag() {
     # Options without a value, and options whose value is the next word.
     local flags='--help --version --list-tags --recursive --skip-existing --replace
-        --dry-run --json --quiet --no-cache --'
+        --dry-run --json --quiet --verbose --null --no-cache --'
     local valued='--tag --interval --level --jobs --output-dir --format --watch --add-tag
-        --select-tag'
+        --select-tag --color'
 
     local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
     # "--level=H" comes as one word, or as three when "=" breaks words.
@@ -30,6 +30,9 @@ _zelkor_tag() {
         ;;
     --format | -f)
         mapfile -t COMPREPLY < <(compgen -W 'same mp3 wav' -- "$cur")
+        ;;
+    --color)
+        mapfile -t COMPREPLY < <(compgen -W 'auto never always' -- "$cur")
         ;;
     --level | -l)
         mapfile -t COMPREPLY < <(compgen -W 'LOW MID HIGH' -- "${cur^^}")

@@ -31,6 +31,10 @@ public:
     static TagError noFFmpeg() { return TagError(Kind::noFFmpeg); }
     static TagError noTag() { return TagError(Kind::noTag); }
     static TagError unreadable() { return TagError(Kind::unreadable); }
+    // "CAN'T READ FILE: " and why, in ffmpeg's or the system's words.
+    static TagError unreadable(QString reason) {
+        return {Kind::unreadable, unreadable().reason(), std::move(reason), 0};
+    }
     static TagError stopped() { return TagError(Kind::stopped); }
     static TagError badInterval() { return TagError(Kind::badInterval); }
     static TagError badLevel() { return TagError(Kind::badLevel); }

@@ -16,6 +16,19 @@ constexpr int kExitSignalled = 128;
 // False when the text could not be written whole. Names keep their bytes.
 bool write(std::FILE* stream, const QString& text);
 
+// The words as a shell reads them back: each quoted unless it is plain.
+QString shellQuoted(const QStringList& words);
+
+// A failure's line in red, to be told apart in a scrolling terminal.
+QString inRed(const QString& line);
+
+// How a run went: "3 WRITTEN  1 SKIPPED  2 FAILED  IN 4.2 S", STOPPED added when
+// any was, PLANNED for WRITTEN in a dry run.
+struct Tally {
+    qsizetype written = 0, skipped = 0, failed = 0, stopped = 0;
+    QString line(double seconds, bool dryRun) const;
+};
+
 // The "03/12 [####......]" line on a terminal, redrawn in place.
 class Progress {
 public:

@@ -124,17 +124,17 @@ std::vector<Input> collect(const QStringList& paths, const Collecting& how) {
     return inputs;
 }
 
-QStringList readPaths(std::FILE* in) {
+QStringList readPaths(std::FILE* in, bool nul) {
     QFile input;
     QStringList paths;
     if (!input.open(in, QIODevice::ReadOnly))
         return paths;
-    while (!input.atEnd()) {
-        QByteArray line = input.readLine();
-        while (line.endsWith('\n') || line.endsWith('\r'))
-            line.chop(1);
-        if (!line.isEmpty())
-            paths << Names::decode(line);
+    // A NUL-ended name is taken as it is: only NUL and '/' cannot be in a name.
+    for (QByteArray& name : input.readAll().split(nul ? '\0' : '\n')) {
+        while (!nul && name.endsWith('\r'))
+            name.chop(1);
+        if (!name.isEmpty())
+            paths << Names::decode(name);
     }
     return paths;
 }

@@ -30,8 +30,9 @@ bool isFolder(const QString& path);
 QStringList subFolders(const QString& folder);
 // Whether `path` lies in the folder `folder` or below it.
 bool isWithin(const QString& path, const QString& folder);
-// The lines of `in`, each a path; empty lines are passed by.
-QStringList readPaths(std::FILE* in);
+// The lines of `in`, each a path, or its NUL-ended names when `nul`; empty ones
+// are passed by.
+QStringList readPaths(std::FILE* in, bool nul = false);
 // The track as its line names it: its path below its root.
 QString shownName(const Input& input);
 

@@ -28,7 +28,10 @@ int manageLibrary(const Options& options) {
     PreferencesFile preferences(PreferencesFile::userPath());
     HomeTrash trash(HomeTrash::userFolder());
     Tags tags(preferences, trash);
-    tags.seedDefaults();
+    // A listing alone writes nothing: completion asks for one at every Tab.
+    const bool changing = options.addTag || options.selectTag;
+    if (changing)
+        tags.seedDefaults();
     int status = kExitOk;
     if (options.addTag) {
         const QString& file = *options.addTag;
@@ -70,8 +73,9 @@ int manageLibrary(const Options& options) {
         }
     }
     if (options.listTags) {
-        const std::optional<QString> selected = tags.selected();
-        for (const QString& clip : Tags::all())
+        const QStringList clips = changing ? Tags::all() : tags.allAsSeeded();
+        const std::optional<QString> selected = tags.selectedAmong(clips);
+        for (const QString& clip : clips)
             write(stdout, QStringLiteral("%1 %2\n")
                               .arg(clip == selected ? QLatin1Char('*') : QLatin1Char(' '))
                               .arg(Names::fileName(clip)));

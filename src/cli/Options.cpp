@@ -87,6 +87,18 @@ const std::vector<Option>& options() {
         {0, QLatin1String("json"), false, [](O o, V) { return o.json = true, Problem(); }},
         {'q', QLatin1String("quiet"), false, [](O o, V) { return o.quiet = true, Problem(); }},
         {0, QLatin1String("no-cache"), false, [](O o, V) { return o.noCache = true, Problem(); }},
+        {'v', QLatin1String("verbose"), false, [](O o, V) { return o.verbose = true, Problem(); }},
+        {'0', QLatin1String("null"), false,
+         [](O o, V) { return o.nulSeparated = true, Problem(); }},
+        {0, QLatin1String("color"), true,
+         [](O o, V v) {
+             const QString name = v.toLower();
+             o.colour = name == QLatin1String("never")    ? Colour::never
+                        : name == QLatin1String("always") ? Colour::always
+                                                          : Colour::whenTerminal;
+             return unless(o.colour != Colour::whenTerminal || name == QLatin1String("auto"),
+                           "give auto, never or always");
+         }},
         {0, QLatin1String("watch"), true,
          [](O o, V v) { return o.watch << v, unless(!v.isEmpty(), "give a folder"); }},
         {0, QLatin1String("list-tags"), false, [](O o, V) { return o.listTags = true, Problem(); }},
@@ -141,7 +153,8 @@ QString usage() {
         "\n"
         "Lays the tag clip over every MP3 and WAV track in PATH (files and folders)\n"
         "and writes \"NAME (Tagged).EXT\" next to each track. Originals are never changed.\n"
-        "A PATH of - reads further paths from standard input, one per line.\n"
+        "A PATH of - reads further paths from standard input, one per line (with -0,\n"
+        "each ended by a NUL, as find -print0 writes them).\n"
         "\n"
         "  -t, --tag FILE          the tag clip (default: the one selected in the library)\n"
         "  -i, --interval SECONDS  time between tags, 5 to 600 (default: the saved INTERVAL)\n"
@@ -158,8 +171,15 @@ QString usage() {
         "      --replace           the output takes the name without a number, replacing an\n"
         "                          earlier output there once the new one is complete\n"
         "  -n, --dry-run           analyse and print what would be written; write nothing\n"
+        "                          (with -q too: the lines are what a dry run is for)\n"
         "      --json              one JSON object per track instead of the text line\n"
-        "  -q, --quiet             no progress line; only failures on standard output\n"
+        "  -q, --quiet             no progress line and no summary; only failures on\n"
+        "                          standard output\n"
+        "  -v, --verbose           print each ffmpeg command line on standard error, quoted\n"
+        "                          for a shell (no progress line then)\n"
+        "  -0, --null              with -: paths on standard input end with a NUL\n"
+        "      --color WHEN        failures in colour: auto (on a terminal, unless NO_COLOR\n"
+        "                          is set), never or always (default auto)\n"
         "      --no-cache          measure every track afresh, keeping no figures\n"
         "      --watch DIR         keep running: tag every track that appears in DIR\n"
         "                          (recursively with -r) once it is complete; one --watch\n"
@@ -170,6 +190,15 @@ QString usage() {
         "      --select-tag NAME   select the library's clip with this file name\n"
         "  -h, --help              show this help\n"
         "      --version           show the version\n"
+        "      --                  every argument after it is a PATH\n"
+        "\n"
+        "Files named \"._NAME\" (another system's sidecar files) or with \"(Tagged)\"\n"
+        "(outputs) are never tracks. On a terminal, a run of more than one\n"
+        "track ends with a summary on standard error: written, skipped, failed, stopped,\n"
+        "and the time taken. In --json, a track, output or clip whose name is not UTF-8\n"
+        "also comes as \"track_bytes\", \"output_bytes\" or \"clip_bytes\": the name's\n"
+        "bytes in base64. A tag clip that cannot be used is one line naming it, and\n"
+        "nothing is tagged.\n"
         "\n"
         "Exit status: 0 when every track was written (or skipped), 1 when any failed, a\n"
         "PATH was not found or not a track, or there was nothing to do, 2 for a usage\n"

@@ -12,6 +12,7 @@ namespace Cli {
 
 using Format = Engine::Format;
 using Existing = Engine::Taken;
+enum class Colour { whenTerminal, never, always };
 
 struct Options {
     std::optional<QString> tag;
@@ -26,6 +27,9 @@ struct Options {
     bool json = false;
     bool quiet = false;
     bool noCache = false;
+    bool verbose = false;      // each ffmpeg command line on standard error
+    bool nulSeparated = false; // "-" reads paths ended by NUL, not lines
+    Colour colour = Colour::whenTerminal;
     QStringList watch; // folders, each watched
     bool listTags = false;
     std::optional<QString> addTag;

@@ -1,6 +1,7 @@
 // Formatting one track's outcome, as text or as JSON.
 #include "cli/Report.h"
 
+#include "base/Names.h"
 #include "model/StatusTexts.h"
 
 #include <QJsonArray>
@@ -20,6 +21,15 @@ QString seconds(double value) {
     if (text.endsWith(QLatin1Char('.')))
         text.chop(1);
     return text;
+}
+
+// JSON has no way to carry a byte that is not UTF-8: such a name comes again
+// as "NAME_bytes", its bytes in base64, for a script to open the very file.
+void addBytes(QJsonObject& object, const QString& member) {
+    const QString name = object.value(member).toString();
+    const QByteArray bytes = Names::encode(name);
+    if (QString::fromUtf8(bytes).toUtf8() != bytes)
+        object.insert(member + QStringLiteral("_bytes"), QString::fromLatin1(bytes.toBase64()));
 }
 
 } // namespace
@@ -77,6 +87,9 @@ QString jsonLine(const Said& said) {
         if (result->kbps > 0 && result->kbps < StatusTexts::kMp3Kbps)
             object.insert(QStringLiteral("bitrate_kbps"), result->kbps);
     }
+    for (const QString& member :
+         {QStringLiteral("track"), QStringLiteral("output"), QStringLiteral("clip")})
+        addBytes(object, member);
     return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact));
 }
 

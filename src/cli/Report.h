@@ -18,7 +18,8 @@ struct Said {
 // "beat.wav  4 TAGS  OK  -> /music/beat (Tagged).wav", and the like; no line break.
 QString textLine(const Said& said);
 // {"track": ..., "status": "ok" | "error" | "skipped", "output", "placements",
-// "gain_db", "track_lufs", "clip", "error"}, and "dry_run" in a dry run; one line.
+// "gain_db", "track_lufs", "clip", "error"}, "dry_run" in a dry run, and
+// "track_bytes" (and so on) for a name that is not UTF-8; one line.
 QString jsonLine(const Said& said);
 
 } // namespace Cli

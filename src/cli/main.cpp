@@ -7,18 +7,23 @@
 #include "cli/Options.h"
 #include "cli/Report.h"
 #include "cli/Watch.h"
+#include "engine/Analysis.h"
 #include "engine/AnalysisCache.h"
 #include "engine/Batch.h"
 #include "engine/Engine.h"
+#include "engine/Runner.h"
+#include "model/StatusTexts.h"
 #include "platform/QuitSignals.h"
 
 #include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QSocketNotifier>
 #include <QThread>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -48,6 +53,21 @@ void onBrokenPipe(int) {}
     std::_Exit(kExitSignalled + signal);
 }
 
+// For -v: whole lines, though runs start on several threads.
+void showCommand(const QStringList& commandLine) {
+    static std::mutex one;
+    const std::lock_guard lock(one);
+    write(stderr, shellQuoted(commandLine) + QLatin1Char('\n'));
+}
+
+// NO_COLOR set and not empty is a user's standing wish; --color says it for this run.
+bool coloured(const Options& options) {
+    if (options.colour != Colour::whenTerminal)
+        return options.colour == Colour::always;
+    const char* noColour = std::getenv("NO_COLOR");
+    return isatty(STDOUT_FILENO) && (noColour == nullptr || *noColour == '\0');
+}
+
 // One run over the inputs: a batch at a time, more inputs queued while one runs
 // (a watched folder's), every line in input order. Lives on the main thread;
 // the batch's callbacks touch only what they alone write while it runs.
@@ -58,7 +78,11 @@ public:
         , m_job(std::move(job))
         , m_clip(m_job.clip.isEmpty() ? QString() : Names::absolute(m_job.clip))
         , m_watching(watching)
-        , m_progress(!options.quiet && !watching) {}
+        , m_coloured(!options.json && coloured(options))
+        , m_summed(!options.quiet && isatty(STDERR_FILENO))
+        , m_progress(!options.quiet && !options.verbose && !watching) {
+        m_clock.start();
+    }
 
     void add(std::vector<Input> inputs) {
         m_progress.grow(static_cast<qsizetype>(inputs.size()));
@@ -89,6 +113,10 @@ public:
     int status() {
         m_batch.reset();
         m_progress.clear();
+        const Tally& t = m_tally;
+        if (m_summed && t.written + t.skipped + t.failed + t.stopped > 1)
+            write(stderr, t.line(static_cast<double>(m_clock.elapsed()) / 1000, m_job.dryRun) +
+                              QLatin1Char('\n'));
         if (m_stoppedBy != 0)
             return kExitSignalled + m_stoppedBy;
         if (m_outputError != 0)
@@ -137,14 +165,20 @@ private:
     // On the batch's threads, one at a time.
     void report(const Batch::Outcome& outcome) {
         m_anyFailed = m_anyFailed || outcome.failed();
+        ++(outcome.stopped()   ? m_tally.stopped
+           : outcome.failed()  ? m_tally.failed
+           : outcome.skipped() ? m_tally.skipped
+                               : m_tally.written);
         if (m_watching && outcome.result && !m_job.dryRun)
             m_made[static_cast<std::size_t>(outcome.index)] = outcome.result->output;
         const Said said{m_running[static_cast<std::size_t>(outcome.index)], outcome, m_job.dryRun,
                         m_clip};
         m_progress.clear();
-        if ((outcome.failed() || !m_options.quiet) && m_outputError == 0 &&
-            !write(stdout,
-                   (m_options.json ? jsonLine(said) : textLine(said)) + QLatin1Char('\n'))) {
+        QString line = m_options.json ? jsonLine(said) : textLine(said);
+        if (m_coloured && outcome.failed())
+            line = inRed(line);
+        if ((outcome.failed() || !m_options.quiet || m_job.dryRun) && m_outputError == 0 &&
+            !write(stdout, line + QLatin1Char('\n'))) {
             m_outputError = errno != 0 ? errno : EIO;
             m_batch->stop();
         }
@@ -155,6 +189,10 @@ private:
     const Engine::Job m_job;
     const QString m_clip; // as the JSON lines name it
     const bool m_watching;
+    const bool m_coloured; // failures in red
+    const bool m_summed;   // how the run went, at its end
+    QElapsedTimer m_clock;
+    Tally m_tally;
     std::vector<Input> m_queue;
     Engine::Plan m_running; // read by the running batch
     // A watched track written again after it was tagged is tagged again into
@@ -183,7 +221,8 @@ Engine::Job jobOf(const Options& options) {
 int tagAll(const Options& options) {
     QStringList paths;
     for (const QString& path : options.paths)
-        paths << (path == QLatin1String("-") ? readPaths(stdin) : QStringList{path});
+        paths << (path == QLatin1String("-") ? readPaths(stdin, options.nulSeparated)
+                                             : QStringList{path});
     const Collecting how{options.recursive,
                          options.outputDir ? Names::absolute(*options.outputDir) : QString()};
     std::vector<Input> inputs = collect(paths, how);
@@ -204,6 +243,22 @@ int tagAll(const Options& options) {
     Engine::Job job = jobOf(options);
     if (anyTrack && !chooseClip(options, job))
         return kExitFailed;
+    if (options.verbose)
+        Engine::onRun(showCommand);
+    // A clip that cannot be used would fail every track alike: said once, by its name.
+    try {
+        if (anyTrack)
+            Engine::info(job.clip);
+    } catch (const TagError& error) {
+        if (error.kind() == TagError::Kind::unreadable ||
+            error.kind() == TagError::Kind::systemFailed) {
+            write(options.json ? stderr : stdout,
+                  QStringLiteral("%1  %2: %3\n")
+                      .arg(Names::absolute(job.clip), StatusTexts::kCantUseTag,
+                           error.errorDescription()));
+            return kExitFailed;
+        }
+    }
 
     Tagging tagging(options, std::move(job), watching);
     // SIGINT, SIGTERM (a kill), SIGHUP (the terminal closed), SIGQUIT and a reader

@@ -4,6 +4,7 @@
 #include "engine/Analysis.h"
 #include "engine/AnalysisCache.h"
 #include "engine/EngineState.h"
+#include "engine/Render.h"
 
 #include <algorithm>
 #include <charconv>
@@ -147,10 +148,10 @@ QStringList analysisArguments(const QString& path) {
 Analysis parseAnalysis(const QString& text) {
     auto durations = patterns().duration.globalMatch(text);
     if (!durations.hasNext())
-        throw TagError::unreadable();
+        throw TagError::unreadable(QStringLiteral("NO LENGTH FOUND"));
     const QRegularExpressionMatch found = durations.next();
     if (durations.hasNext())
-        throw TagError::unreadable();
+        throw TagError::unreadable(QStringLiteral("ITS TAGS MIMIC FFMPEG'S OWN LINES"));
     Analysis analysis;
     const QString described = text.mid(found.capturedEnd());
     analysis.broadcastChunk =
@@ -200,21 +201,30 @@ static Analysis measure(const QString& path) {
     const OpenFile input = openInput(path);
     RunResult result = run(analysisArguments(input.argument()),
                            input.passDown() ? std::vector{input.fd()} : std::vector<int>{});
-    // A run killed half-way leaves text that parses, with figures that are wrong.
-    if (result.status != 0) {
-        // ffmpeg that found no thread to spare failed for the machine, not the file.
-        if (const int lack = lackIn(result.output))
-            throw TagError::systemFailed(lack);
-        throw TagError::unreadable();
-    }
     // ffmpeg quotes the name as it is, so a name holding a line break could forge a line.
     const QString text = result.output.remove(input.argument());
+    // A run killed half-way leaves text that parses, with figures that are wrong.
+    if (result.status < 0)
+        throw TagError::ffmpegFailed(QStringLiteral("FFMPEG ENDED ABNORMALLY"));
     // Without one, ffmpeg measures nothing and a render fails on its graph.
     static const QRegularExpression audioStream(
         QStringLiteral(R"(^\s*Stream #0:\d+[^:\n]*: Audio: )"),
         QRegularExpression::MultilineOption);
-    if (!audioStream.match(text).hasMatch())
-        throw TagError::unreadable();
+    // A file ffmpeg opened without audio in it says so; else its cause follows the
+    // name removed above: "NAME: Invalid data found when processing input".
+    const bool opened = text.contains(QLatin1String("Input #0"));
+    const bool audio = audioStream.match(text).hasMatch();
+    if (opened && !audio)
+        throw TagError::unreadable(QStringLiteral("NO AUDIO IN IT"));
+    if (result.status != 0) {
+        // ffmpeg that found no thread to spare failed for the machine, not the file.
+        if (const int lack = lackIn(result.output))
+            throw TagError::systemFailed(lack);
+        throw TagError::unreadable(
+            failureText(text).remove(QRegularExpression(QStringLiteral("^[: ]+"))));
+    }
+    if (!audio)
+        throw TagError::unreadable(QStringLiteral("NO AUDIO IN IT"));
     return parseAnalysis(text);
 }
 

@@ -31,6 +31,9 @@ bool isAscii(std::string_view text) {
 // On the name's bytes: the extensions and "(Tagged)" are ASCII, so most entries
 // of a big folder are turned away before any string is built.
 bool isTrackName(std::string_view name) {
+    // "._NAME" is another system's sidecar of NAME (AppleDouble), never audio.
+    if (name.starts_with("._"))
+        return false;
     const std::size_t dot = name.rfind('.');
     if (dot == std::string_view::npos)
         return false;

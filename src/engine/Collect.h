@@ -6,7 +6,8 @@
 
 namespace Engine {
 
-// Whether the name is a track's: an MP3 or WAV name, not an output's ("(Tagged)").
+// Whether the name is a track's: an MP3 or WAV name, not an output's ("(Tagged)") nor a
+// sidecar's ("._NAME").
 bool isTrack(const QString& path);
 // The tracks among `paths`, a folder giving its own in code-point name order.
 QStringList collect(const QStringList& paths);

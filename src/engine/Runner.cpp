@@ -9,6 +9,7 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -229,13 +230,15 @@ OpenFile openInput(const QString& path) {
     // A FIFO or a device would hang ffmpeg, or feed it without end: looked at
     // before it is opened, and again once it is.
     struct stat info = {};
-    if (::stat(name.constData(), &info) != 0 || !S_ISREG(info.st_mode))
-        throw TagError::unreadable();
+    if (::stat(name.constData(), &info) != 0)
+        throw TagError::unreadable(TagError::systemFailed(errno).reason());
+    if (!S_ISREG(info.st_mode))
+        throw TagError::unreadable(QStringLiteral("NOT A REGULAR FILE"));
     const int fd = ::open(name.constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (fd < 0) {
         if (errno == EMFILE || errno == ENFILE || errno == ENOMEM)
             throw TagError::systemFailed(errno);
-        throw TagError::unreadable();
+        throw TagError::unreadable(TagError::systemFailed(errno).reason());
     }
     OpenFile file(fd, path);
     if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode))
@@ -247,6 +250,12 @@ OpenFile openInput(const QString& path) {
 
 void stopAll() {
     EngineState::shared().stopAll();
+}
+
+static std::atomic<void (*)(const QStringList&)> runSeen = nullptr;
+
+void onRun(void (*seen)(const QStringList& commandLine)) {
+    runSeen = seen;
 }
 
 RunResult run(const QStringList& args, const std::vector<int>& passed) {
@@ -273,6 +282,9 @@ RunResult run(const QStringList& args, const std::vector<int>& passed) {
         for (const int fd : passed)
             ::fcntl(fd, F_SETFD, 0);
     });
+    if (const auto seen = runSeen.load())
+        seen(QStringList{*program, QStringLiteral("-hide_banner"), QStringLiteral("-nostdin")} +
+             args);
     process.start(*program,
                   QStringList{QStringLiteral("-hide_banner"), QStringLiteral("-nostdin")} + args,
                   QIODevice::ReadOnly);

@@ -34,6 +34,9 @@ const std::optional<QString>& ffmpeg();
 // kOutputKept bytes are kept, whole lines only.
 RunResult run(const QStringList& args, const std::vector<int>& passed = {});
 constexpr qsizetype kOutputKept = 1 << 20;
+// `seen` gets each command line (the program first) as it starts, on the thread
+// that runs it; null for none. Set before the first run.
+void onRun(void (*seen)(const QStringList& commandLine));
 // Ends every ffmpeg run in progress and refuses new ones, for quitting: such a
 // run throws TagError::stopped, and a render removes its partial output first.
 void stopAll();

@@ -30,6 +30,7 @@ inline QString tagAdded(const QString& name) {
 }
 constexpr QLatin1String kArmed("ARMED");
 constexpr QLatin1String kCantAddTag("CAN'T ADD TAG");
+constexpr QLatin1String kCantUseTag("CAN'T USE TAG");
 
 inline QString tagRemoved(const QString& name) {
     return QStringLiteral("TAG REMOVED: ") + name;

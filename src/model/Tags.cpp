@@ -11,8 +11,13 @@
 
 #include <QCollator>
 #include <QLocale>
+#include <QScopeGuard>
 #include <algorithm>
 #include <cerrno>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -48,6 +53,26 @@ QCollator browserCollator() {
     return collator;
 }
 
+QString libraryFolder() {
+    return UserFolders::appDataDir() + QStringLiteral("/Tags");
+}
+
+// `names` of `folder` that are clips, as paths in the file browser's order.
+QStringList clipsIn(const QString& folder, QStringList names) {
+    names.removeIf([](const QString& name) { return !Tags::isClip(name); });
+
+    const QCollator collator = browserCollator();
+    std::stable_sort(names.begin(), names.end(), [&](const QString& a, const QString& b) {
+        return collator.compare(a, b) < 0;
+    });
+
+    QStringList clips;
+    clips.reserve(names.size());
+    for (const QString& name : names)
+        clips << folder + QLatin1Char('/') + name;
+    return clips;
+}
+
 } // namespace
 
 const QSet<QString>& Tags::exts() {
@@ -62,7 +87,7 @@ bool Tags::isClip(const QString& path) {
 }
 
 QString Tags::dir() {
-    const QString folder = UserFolders::appDataDir() + QStringLiteral("/Tags");
+    const QString folder = libraryFolder();
     try {
         Files::makeFolders(folder);
     } catch (const TagError&) {
@@ -74,23 +99,28 @@ QString Tags::dir() {
 QStringList Tags::all() {
     const QString folder = dir();
     // By their bytes: QDir would read a Latin-1 name as another file's.
+    return clipsIn(folder, Files::names(folder));
+}
+
+QStringList Tags::allAsSeeded() const {
+    const QString folder = libraryFolder();
     QStringList names = Files::names(folder);
-    names.removeIf([](const QString& name) { return !isClip(name); });
-
-    const QCollator collator = browserCollator();
-    std::stable_sort(names.begin(), names.end(), [&](const QString& a, const QString& b) {
-        return collator.compare(a, b) < 0;
-    });
-
-    QStringList clips;
-    clips.reserve(names.size());
-    for (const QString& name : names)
-        clips << folder + QLatin1Char('/') + name;
-    return clips;
+    // Seeding copies nothing into a file that stands where the folder should be.
+    struct stat info = {};
+    const bool blocked =
+        ::stat(Names::encode(folder).constData(), &info) == 0 && !S_ISDIR(info.st_mode);
+    if (!blocked && !m_preferences.boolean(kSeededKey).value_or(false))
+        for (const QString& name : Files::names(Resources::path(kDefaultTagsFolder)))
+            if (!names.contains(name))
+                names << name;
+    return clipsIn(folder, names);
 }
 
 std::optional<QString> Tags::selected() const {
-    const QStringList clips = all();
+    return selectedAmong(all());
+}
+
+std::optional<QString> Tags::selectedAmong(const QStringList& clips) const {
     if (clips.isEmpty())
         return std::nullopt;
     if (const std::optional<QString> stored = m_preferences.string(kSelectionKey)) {
@@ -155,6 +185,14 @@ QString Tags::add(const QString& path) {
 }
 
 void Tags::seedDefaults() {
+    // Another first run at once waits here until its copies are in, not just its flag.
+    const int lock = ::open(Names::encode(dir()).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const auto unlock = qScopeGuard([lock] {
+        if (lock >= 0)
+            ::close(lock);
+    });
+    if (lock >= 0)
+        ::flock(lock, LOCK_EX);
     if (m_preferences.boolean(kSeededKey).value_or(false))
         return;
     // Flagged before copying: a clip the user deletes later never comes back,

@@ -29,7 +29,13 @@ public:
     // The library's clips, in the file browser's order.
     static QStringList all();
 
+    // The library as seeding would leave it, without writing anything: the clips
+    // there and, until seeded, the defaults that would be copied in.
+    QStringList allAsSeeded() const;
+
     std::optional<QString> selected() const;
+    // Of `clips`, the one selected, else the first.
+    std::optional<QString> selectedAmong(const QStringList& clips) const;
     // Throws TagError when the preferences cannot be written.
     void setSelected(const std::optional<QString>& path);
 
