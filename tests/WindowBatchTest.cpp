@@ -129,10 +129,12 @@ TEST_F(WindowBatch, aFileHandedOverDuringABatchIsTaggedInIt) {
 
     ASSERT_TRUE(finished());
     const LogLine summary{u"BATCH 1: 2 OF 3 TAGGED"_s, u"1 FAILED"_s, errColor};
-    EXPECT_EQ(log(), (std::vector<LogLine>{{u"a.wav"_s, u"2 TAGS  OK"_s, purple},
-                                           {u"b.wav"_s, u"CAN'T READ FILE"_s, errColor},
-                                           {u"c.wav"_s, u"1 TAGS  OK"_s, purple},
-                                           summary}));
+    EXPECT_EQ(log(), (std::vector<LogLine>{
+                         {u"a.wav"_s, u"2 TAGS  OK"_s, purple},
+                         {u"b.wav"_s,
+                          u"CAN'T READ FILE: INVALID DATA FOUND WHEN PROCESSING INPUT"_s, errColor},
+                         {u"c.wav"_s, u"1 TAGS  OK"_s, purple},
+                         summary}));
     EXPECT_EQ(view().state().progress, (HUDView::Progress{3, 3}));
     EXPECT_EQ(viewer->shown, (std::vector<QStringList>{{home.root() + u"/a (Tagged).wav"_s,
                                                         home.root() + u"/c (Tagged).wav"_s}}));
@@ -182,7 +184,8 @@ TEST_F(WindowBatch, escapeStopsTheBatchAndTheNextDropIsTagged) {
 TEST(LogReadBack, theWheelAndKeysScrollBackToAFailure) {
     ::Test::guiApplication();
     HUDView view;
-    std::vector<LogLine> lines{{u"b.wav"_s, u"CAN'T READ FILE"_s, errColor}};
+    std::vector<LogLine> lines{
+        {u"b.wav"_s, u"CAN'T READ FILE: INVALID DATA FOUND WHEN PROCESSING INPUT"_s, errColor}};
     for (int i = 0; i < 10; ++i)
         lines.push_back({u"t%1.wav"_s.arg(i), u"2 TAGS  OK"_s, purple});
     lines.push_back({u"BATCH 1: 10 OF 11 TAGGED"_s, u"1 FAILED"_s, errColor});
