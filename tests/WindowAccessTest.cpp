@@ -134,7 +134,7 @@ TEST_F(WindowBatch, filesHandedOverJoinTheBatchAndEscapeStopsIt) {
               (QStringList{u"a (Tagged).wav"_s, u"c (Tagged).wav"_s})); // nothing written
 
     delegate.open({tracks[1]});
-    ASSERT_TRUE(finished());
+    ASSERT_TRUE(finished() && delegate.window()->windowTitle() == appName);
     EXPECT_EQ(log().back(), (LogLine{u"BATCH 3: 1 OF 1 TAGGED"_s, u"DONE"_s, purple}));
 }
 
