@@ -1,266 +1,322 @@
-// The window for everyone: the keyboard's way round the drawn controls, what a
-// screen reader is told of them (Qt's accessibility in-process: the offscreen
-// platform has no AT-SPI bridge), menus with mnemonics, clips that share a
-// name, a small screen, and the file viewer's windows.
+// The launched window in daily use with the real ffmpeg and a private session bus;
+// the window for everyone: keys, a screen reader (Qt's, in-process), a small screen.
 #include "app/AppDelegate.h"
 #include "app/MenuBar.h"
+#include "app/SingleInstance.h"
+#include "platform/AppName.h"
 #include "style/Palette.h"
 #include "support/GuiSupport.h"
 
 #include <QAccessible>
-#include <QKeyEvent>
 #include <QMainWindow>
 #include <QMenu>
 #include <QMenuBar>
-#include <QPainter>
+#include <QProcess>
 #include <QScreen>
 
 using namespace Qt::StringLiterals;
+using namespace Style;
 
 namespace {
 
-void key(QWidget& widget, int key, Qt::KeyboardModifiers modifiers = Qt::NoModifier) {
-    QKeyEvent press(QEvent::KeyPress, key, modifiers);
-    QCoreApplication::sendEvent(&widget, &press);
+// A session bus of our own before the application asks for one, and a monitor on it.
+struct PrivateBus {
+    PrivateBus() {
+        daemon.start(u"dbus-daemon"_s, {u"--session"_s, u"--nofork"_s, u"--print-address=1"_s});
+        daemon.waitForReadyRead(10'000);
+        const QString address = QString::fromUtf8(daemon.readLine()).trimmed();
+        qputenv("DBUS_SESSION_BUS_ADDRESS", address.toUtf8());
+        monitor.start(u"stdbuf"_s, {u"-oL"_s, u"dbus-monitor"_s, u"--address"_s, address});
+        monitor.waitForReadyRead(10'000); // it has become a monitor
+        ::Test::guiApplication();
+    }
+    QString heard() {
+        monitor.waitForReadyRead(100); // made before the application: no notifier reads it
+        return QString::fromUtf8(seen += monitor.readAll());
+    }
+    QProcess daemon, monitor; // their destructors kill them
+    QByteArray seen;
+};
+
+PrivateBus& bus() {
+    static PrivateBus bus;
+    return bus;
 }
+
+AppDelegate::Services services(const ::Test::FreshHome& home, ::Test::RecordingFileViewer* viewer) {
+    return {std::make_unique<::Test::RecordingSounds>(),
+            std::unique_ptr<FileViewer>(viewer),
+            std::make_unique<PreferencesFile>(home.preferencesPath()),
+            std::make_unique<HomeTrash>(home.dataHome() + u"/Trash"_s),
+            std::make_unique<::Test::ScriptedMenus>(),
+            std::make_unique<::Test::ScriptedPanels>()};
+}
+
+class WindowBatch : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { bus(); }
+    WindowBatch() { delegate.didFinishLaunching(); }
+
+    HUDView& view() { return *delegate.hud(); }
+    const std::vector<LogLine>& log() { return view().state().log; }
+    QString track(const QString& name, double seconds) {
+        QDir().mkpath(home.root());
+        ::Test::makeAudio(home.root() + u'/' + name, u"sine=frequency=220"_s, seconds);
+        return home.root() + u'/' + name;
+    }
+    bool finished() {
+        return ::Test::waitUntil([this] { return !view().state().busy; }, 120'000);
+    }
+
+    ::Test::FreshHome home;
+    ::Test::RecordingFileViewer* viewer = new ::Test::RecordingFileViewer;
+    AppDelegate delegate{services(home, viewer), std::nullopt};
+};
 
 class WindowAccess : public ::Test::ViewFixture {
 protected:
     void SetUp() override { tags.setSelected(clip(u"voice.wav"_s)); }
-    QImage idle() { return view().snapshot(1); }
+    // `key` after going `back` so many controls.
+    void key(int key, int back = 0, Qt::KeyboardModifiers modifiers = Qt::NoModifier) {
+        for (int i = 0; i <= back; ++i) {
+            QKeyEvent press(QEvent::KeyPress, i < back ? int(Qt::Key_Backtab) : key,
+                            i < back ? Qt::ShiftModifier : modifiers);
+            QCoreApplication::sendEvent(&view(), &press);
+        }
+    }
 };
-
-using Keys = WindowAccess;
-using ScreenReader = WindowAccess;
 
 } // namespace
 
-TEST_F(Keys, tabShowsARingOnEveryControlInTurnAndSpaceReturnAndCtrlOClick) {
-    const QImage before = idle();
-    const std::vector<QRectF> controls = HUDLayout::focusOrder(view().layout());
-    ASSERT_EQ(controls.size(), 10u); // tag field, + ADD TAG, zone, 4 intervals, 3 levels
-    for (std::size_t i = 0; i < controls.size(); ++i) {
-        key(view(), Qt::Key_Tab);
-        ASSERT_EQ(view().focused(), static_cast<int>(i));
-        const QImage ringed = idle();
-        const QPoint edge(static_cast<int>(std::floor(controls[i].left())) + 1,
-                          static_cast<int>(controls[i].center().y()));
-        EXPECT_TRUE(::Test::near(ringed.pixelColor(edge), Style::purple, 0)) << i;
-        // Only inside the control does anything change.
-        QImage outside = ringed;
-        const QRect area = controls[i].toAlignedRect();
-        QPainter(&outside).drawImage(area.topLeft(), before.copy(area));
-        EXPECT_EQ(outside, before) << i;
-    }
-    key(view(), Qt::Key_Tab);
-    EXPECT_EQ(view().focused(), 0); // round again
-    key(view(), Qt::Key_Backtab, Qt::ShiftModifier);
-    EXPECT_EQ(view().focused(), 9);
+// Files handed over mid-batch are tagged in it, once each; the window being elsewhere,
+// a notification ends it. Escape stops a batch, writing nothing; the next is tagged.
+TEST_F(WindowBatch, filesHandedOverJoinTheBatchAndEscapeStopsIt) {
+    SingleInstance running(home.root() + u"/socket"_s);
+    running.claim({}, [this](const QStringList& files) { delegate.open(files); });
+    QWidget elsewhere;
+    elsewhere.show();
+    elsewhere.activateWindow();
+    ASSERT_TRUE(::Test::waitUntil([&] { return elsewhere.isActiveWindow(); }, 5000));
 
-    key(view(), Qt::Key_Return); // HIGH
-    EXPECT_EQ(settings.levelIndex(), 2);
-    for (int i = 0; i < 6; ++i)
-        key(view(), Qt::Key_Backtab, Qt::ShiftModifier);
-    key(view(), Qt::Key_Space); // 20S
-    EXPECT_EQ(settings.intervalIndex(), 0);
-    key(view(), Qt::Key_Backtab, Qt::ShiftModifier);
-    key(view(), Qt::Key_Enter, Qt::KeypadModifier); // the zone
-    key(view(), Qt::Key_O, Qt::ControlModifier);
-    EXPECT_EQ(panels.trackPanels, 2);
-    key(view(), Qt::Key_Backtab, Qt::ShiftModifier);
-    key(view(), Qt::Key_Space); // + ADD TAG
-    key(view(), Qt::Key_Backtab, Qt::ShiftModifier);
-    key(view(), Qt::Key_Space); // the tag field
-    EXPECT_TRUE(panels.tagPanels == 1 && menus.shown.size() == 1);
+    const QString a = track(u"a.wav"_s, 60), c = track(u"c.wav"_s, 2);
+    ::Test::writeFile(home.root() + u"/b.wav"_s, "not audio");
+    delegate.open({a, home.root() + u"/b.wav"_s});
+    SingleInstance later(home.root() + u"/socket"_s);
+    EXPECT_EQ(later.claim({c, a}, {}), SingleInstance::Outcome::handedOver);
+    EXPECT_TRUE(::Test::waitUntil([&] { return view().state().progress.total == 3; }, 10'000));
+    EXPECT_TRUE(delegate.window()->windowTitle().endsWith(u"/03 \u2014 "_s + appName));
+    ASSERT_TRUE(finished());
+    EXPECT_EQ(log(), (std::vector<LogLine>{
+                         {u"a.wav"_s, u"2 TAGS  OK"_s, purple},
+                         {u"b.wav"_s,
+                          u"CAN'T READ FILE: INVALID DATA FOUND WHEN PROCESSING INPUT"_s, errColor},
+                         {u"c.wav"_s, u"1 TAGS  OK"_s, purple},
+                         {u"BATCH 1: 2 OF 3 TAGGED"_s, u"1 FAILED"_s, errColor}}));
+    EXPECT_EQ(viewer->shown, (std::vector<QStringList>{{home.root() + u"/a (Tagged).wav"_s,
+                                                        home.root() + u"/c (Tagged).wav"_s}}));
+    for (const QString& part :
+         {u"string \"BATCH 1: 2 OF 3 TAGGED\""_s, u"member=Notify"_s, u"string \"1 FAILED\""_s,
+          u"member=Update"_s, u"string \"application://zelkor.desktop\""_s, u"double 0.666667"_s})
+        EXPECT_TRUE(::Test::waitUntil([&] { return bus().heard().contains(part); }, 10'000));
 
-    // A click puts the ring away: the idle picture again.
-    ::Test::click(view(), QPointF(2, 2));
-    EXPECT_FALSE(view().focused());
-    HUDView::State state = view().state();
-    state.blink = true;
-    view().setState(state);
-    EXPECT_TRUE(current(view().layout().bounds));
+    const QStringList tracks{track(u"one.wav"_s, 30), track(u"two.wav"_s, 30)};
+    delegate.activate();
+    ASSERT_TRUE(::Test::waitUntil([&] { return delegate.window()->isActiveWindow(); }, 5000));
+    delegate.open(tracks);
+    QKeyEvent escape(QEvent::KeyPress, Qt::Key_Escape, Qt::NoModifier);
+    QCoreApplication::sendEvent(QApplication::focusWidget(), &escape);
+    ASSERT_TRUE(finished());
+    const auto stopped = std::count_if(log().begin(), log().end(), [](auto& line) {
+        return line.status == u"STOPPED"_s; // the track running when it stopped
+    });
+    EXPECT_EQ(log().back(),
+              (LogLine{u"BATCH 2: 0 OF 2 TAGGED"_s, u"STOPPED, %1 LEFT"_s.arg(2 - stopped), dim}));
+    EXPECT_EQ(QDir(home.root()).entryList(QDir::Files | QDir::Hidden).filter(u"Tagged"_s),
+              (QStringList{u"a (Tagged).wav"_s, u"c (Tagged).wav"_s})); // nothing written
+
+    delegate.open({tracks[1]});
+    ASSERT_TRUE(finished() && delegate.window()->windowTitle() == appName);
+    EXPECT_EQ(log().back(), (LogLine{u"BATCH 3: 1 OF 1 TAGGED"_s, u"DONE"_s, purple}));
 }
 
-// Mnemonics: one letter each, none twice in a menu; a clip's "&" is shown as one.
-TEST_F(Keys, everyMenuEntryHasItsOwnMnemonic) {
-    EXPECT_EQ(menuText(u"R&B"_s, 0), u"&R&&B"_s);
-    const auto letters = [](const QStringList& texts) {
-        QString seen;
-        for (const QString& text : texts) {
-            const qsizetype at = QString(text).replace(u"&&"_s, u""_s).indexOf(u'&');
-            EXPECT_GE(at, 0) << text.toStdString();
-            if (at >= 0 && at + 1 < text.size())
-                seen += text[at + 1].toLower();
-        }
-        return QSet<QChar>(seen.begin(), seen.end()).size() == seen.size();
-    };
-    QMainWindow window;
-    installMenuBar(window, controller());
-    QStringList bar;
-    for (QAction* menu : window.menuBar()->actions()) {
-        bar << menu->text();
-        QStringList entries;
-        for (QAction* entry : menu->menu()->actions())
-            if (!entry->isSeparator())
-                entries << entry->text();
-        EXPECT_TRUE(letters(entries)) << entries.join(u", "_s).toStdString();
-    }
-    EXPECT_TRUE(letters(bar));
-
-    idle();
-    ::Test::click(view(), view().hits().at(0).rect.center());
-    QStringList tagMenu;
-    const std::unique_ptr<QMenu> built = buildMenu(menus.shown.at(0));
-    for (QAction* entry : built->actions())
-        if (!entry->isSeparator() && !entry->isCheckable())
-            tagMenu << entry->text();
-    EXPECT_EQ(tagMenu.size(), 3); // Add, Remove, Show
-    EXPECT_TRUE(letters(tagMenu));
-}
-
-TEST_F(ScreenReader, namesEveryControlWithItsStateAndTheLogAsAList) {
-    view().appendLog({u"beat.wav"_s, u"3 TAGS  OK"_s, Style::purple});
-    view().show();
-    view().activateWindow();
-    ASSERT_TRUE(::Test::waitUntil([this] { return view().hasFocus(); }, 2000));
-    QAccessibleInterface* root = QAccessible::queryAccessibleInterface(&view());
-    ASSERT_TRUE(root);
-    // Role, name, value, and the names of its children ("*" checked).
-    const auto describe = [](QAccessibleInterface* node) {
-        QStringList children;
-        for (int i = 0; i < node->childCount(); ++i)
-            children << (node->child(i)->state().checked ? u"*"_s : u""_s) +
-                            node->child(i)->text(QAccessible::Name);
-        return QStringList{QString::number(node->role()), node->text(QAccessible::Name),
-                           node->text(QAccessible::Value), children.join(u'|')}
-            .join(u" / "_s);
-    };
-    const QStringList expected{
-        u"%1 / TAG / VOICE / "_s.arg(QAccessible::ButtonMenu),
-        u"%1 / + ADD TAG /  / "_s.arg(QAccessible::PushButton),
-        u"%1 / DROP /  / "_s.arg(QAccessible::PushButton),
-        u"%1 / PROCESSING / 00/00 / "_s.arg(QAccessible::ProgressBar),
-        u"%1 / INTERVAL /  / 20S|*30S|45S|60S"_s.arg(QAccessible::Grouping),
-        u"%1 / LEVEL /  / LOW|*MID|HIGH"_s.arg(QAccessible::Grouping),
-        u"%1 / LOG /  / beat.wav, 3 TAGS  OK"_s.arg(QAccessible::List),
-    };
-    QStringList seen;
-    for (int i = 0; i < root->childCount(); ++i) {
-        seen << describe(root->child(i));
-        EXPECT_EQ(root->child(i)->parent(), root);
-        EXPECT_EQ(root->indexOfChild(root->child(i)), i);
-    }
-    EXPECT_EQ(seen, expected);
-    EXPECT_TRUE(root->child(3)->state().invisible); // no batch: no progress shown
-
-    // Where it is drawn, and the keyboard's control is the focused one.
-    QAccessibleInterface* high = root->child(5)->child(2);
-    EXPECT_EQ(high->rect(), view().layout().controls.levels.rects[2].toAlignedRect().translated(
-                                view().mapToGlobal(QPoint(0, 0))));
-    EXPECT_EQ(root->childAt(high->rect().center().x(), high->rect().center().y()), root->child(5));
-    for (int i = 0; i < 10; ++i)
-        key(view(), Qt::Key_Tab);
-    EXPECT_EQ(root->focusChild(), high);
-    idle();
-    EXPECT_TRUE(high->state().focused && high->state().focusable);
-    // Its action clicks it.
-    high->actionInterface()->doAction(QAccessibleActionInterface::pressAction());
-    EXPECT_EQ(settings.levelIndex(), 2);
-    EXPECT_TRUE(high->state().checked);
-
-    HUDView::State busy = view().state();
-    busy.busy = true;
-    view().setState(busy);
-    QAccessibleInterface* progress = root->child(3);
-    view().setProgress(2, 5);
-    EXPECT_FALSE(progress->state().invisible);
-    EXPECT_EQ(progress->text(QAccessible::Value), u"02/05"_s);
-    EXPECT_EQ(progress->valueInterface()->currentValue(), 2);
-    EXPECT_EQ(progress->valueInterface()->maximumValue(), 5);
-    EXPECT_TRUE(high->state().disabled);
-}
-
-// Two clips of one name: the menu, the row, Remove and its line show which.
-TEST_F(WindowAccess, clipsOfOneNameShowTheirExtensions) {
-    clip(u"voice.mp3"_s);
-    clip(u"other.wav"_s);
-    EXPECT_EQ(view().content().tagName, u"VOICE.WAV"_s);
-    menus.choose = u"Remove \u201Cvoice.wav\u201D"_s;
-    idle();
-    ::Test::click(view(), view().hits().at(0).rect.center());
-    QStringList titles;
-    for (const MenuItem& item : menus.shown.at(0))
-        if (!item.separator)
-            titles << item.title;
-    EXPECT_EQ(titles, (QStringList{u"other"_s, u"voice.mp3"_s, u"voice.wav"_s, u"Add Tag\u2026"_s,
-                                   u"Remove \u201Cvoice.wav\u201D"_s, u"Show Tags Folder"_s}));
-    EXPECT_EQ(view().state().log.back().text, u"TAG REMOVED: VOICE.WAV"_s);
-    // The one left of the name is plain again.
-    tags.setSelected(Tags::dir() + u"/voice.mp3"_s);
-    controller().refreshTag();
-    EXPECT_EQ(view().content().tagName, u"VOICE"_s);
-}
-
-// Thunar opens a window per item of a call: one call per folder, its first file.
-TEST(FileViewerWindows, oneWindowPerFolderWithItsFirstFile) {
-    EXPECT_EQ(windowsFor({u"/a/1.wav"_s, u"/a/2.wav"_s, u"/b/1.wav"_s, u"/a/3.wav"_s,
-                          u"/a/c/1.wav"_s, u"/top.wav"_s}),
-              (QStringList{u"/a/1.wav"_s, u"/b/1.wav"_s, u"/a/c/1.wav"_s, u"/top.wav"_s}));
-    EXPECT_EQ(windowsFor({}), QStringList());
-}
-
-// The offscreen platform's screen is what its configuration file says, read
-// once per application: the check runs again in a process of its own.
+// The offscreen screen's size is read once per application: this reruns in a child.
 TEST(SmallScreen, theViewIsDrawnSmallerToFitAndClicksFollow) {
+    ::Test::FreshHome home;
     const QByteArray config = qgetenv("ZELKOR_SMALL_SCREEN");
     if (config.isEmpty()) {
-        ::Test::FreshHome home;
-        const QString file = home.root() + u"/screen.json"_s;
-        // 1366 x 768 at 125 %, less a panel.
+        const QString file = home.root() + u"/screen.json"_s; // 1366 x 768 at 125 %, a panel
         ::Test::writeFile(file, R"({"screens": [{"name": "small", "x": 0, "y": 0,
                                                  "width": 1093, "height": 590}]})");
         const ::Test::Process child = ::Test::runProgram(
             QFileInfo(u"/proc/self/exe"_s).canonicalFilePath(), {u"--gtest_filter=SmallScreen.*"_s},
             {u"ZELKOR_SMALL_SCREEN="_s + file});
-        EXPECT_EQ(child.status, 0) << child.out.toStdString();
-        EXPECT_TRUE(child.out.contains(u"[  PASSED  ] 1 test."_s)) << child.out.toStdString();
+        EXPECT_TRUE(child.status == 0 && child.out.contains(u"[  PASSED  ] 1 test."_s))
+            << child.out.toStdString();
         return;
     }
-    ::Test::FreshHome home;
     home.useOwnRuntime();
     QByteArray name("zelkor-test"), option("-platform"), platform("offscreen:configfile=" + config);
     int argc = 3;
     char* argv[] = {name.data(), option.data(), platform.data(), nullptr};
     QApplication app(argc, argv);
-    auto scripted = std::make_unique<::Test::ScriptedMenus>();
-    const ::Test::ScriptedMenus& menus = *scripted;
-    AppDelegate delegate{{std::make_unique<::Test::RecordingSounds>(),
-                          std::make_unique<::Test::RecordingFileViewer>(),
-                          std::make_unique<PreferencesFile>(home.preferencesPath()),
-                          std::make_unique<HomeTrash>(home.dataHome() + u"/Trash"_s),
-                          std::move(scripted), std::make_unique<::Test::ScriptedPanels>()},
-                         std::nullopt};
+    AppDelegate delegate{services(home, new ::Test::RecordingFileViewer), std::nullopt};
     delegate.didFinishLaunching();
+    HUDView& view = *delegate.hud();
     const QRect available = delegate.window()->screen()->availableGeometry();
     ASSERT_EQ(available.size(), QSize(1093, 590));
-    HUDView& view = *delegate.hud();
-    EXPECT_LT(view.scale(), 1);
     EXPECT_TRUE(available.contains(delegate.window()->frameGeometry()));
-    EXPECT_EQ(view.size(), (QSizeF(HUDView::kSize) * view.scale()).toSize());
-    EXPECT_EQ(view.snapshot(1).size(), HUDView::kSize); // a snapshot stays whole
-
-    // The picture and the regions shrink alike: the selected 30S is white
-    // where it is drawn, and a click on 20S there chooses it.
+    // Picture and regions shrink alike: 30S shows white where drawn, a click on 20S takes.
     const std::vector<QRectF>& intervals = view.layout().controls.intervals.rects;
     const QPointF inside = (intervals[1].topLeft() + QPointF(3, 3)) * view.scale();
-    EXPECT_TRUE(::Test::near(view.grab().toImage().pixelColor(inside.toPoint()), Style::white));
+    EXPECT_TRUE(::Test::near(view.grab().toImage().pixelColor(inside.toPoint()), white));
     ::Test::click(view, intervals[0].center() * view.scale());
     PreferencesFile preferences(home.preferencesPath());
     EXPECT_EQ(Settings(preferences).intervalIndex(), 0);
-    // The tag menu shows under the field as drawn.
-    const QRectF field = view.layout().tagRow.field;
-    ::Test::click(view, field.center() * view.scale());
-    ASSERT_EQ(menus.where.size(), 1u);
-    EXPECT_EQ(menus.where[0], QPointF(field.left(), field.bottom()) * view.scale() + QPointF(0, 4));
+}
+
+// A failure ten tracks back: the wheel brings it, it stays put, End shows the newest.
+TEST(LogReadBack, theWheelAndKeysScrollBackToAFailure) {
+    ::Test::guiApplication();
+    HUDView view;
+    view.appendLog({u"b.wav"_s, u"CAN'T READ FILE"_s, errColor});
+    for (int i = 0; i < 10; ++i)
+        view.appendLog({u"t%1.wav"_s.arg(i), u"2 TAGS  OK"_s, purple});
+    view.appendLog({u"BATCH 1: 10 OF 11 TAGGED"_s, u"1 FAILED"_s, errColor});
+    const std::vector<LogLine>& lines = view.state().log;
+    const auto upTo = [&](std::size_t end) { // the same log up to `end`, unscrolled
+        HUDView shown;
+        shown.setState(
+            {.progress = {}, .log = {lines.begin(), lines.begin() + std::ptrdiff_t(end)}});
+        return shown.snapshot(1);
+    };
+    const auto scroll = [&](int notches, std::vector<Qt::Key> keys, std::size_t end) {
+        QWheelEvent wheel(view.zoneRect().center(), view.mapToGlobal(QPointF()), {},
+                          {0, notches * 120}, Qt::NoButton, Qt::NoModifier, Qt::NoScrollPhase,
+                          false);
+        QCoreApplication::sendEvent(&view, &wheel);
+        for (Qt::Key k : keys) {
+            QKeyEvent event(QEvent::KeyPress, k, Qt::NoModifier);
+            QCoreApplication::sendEvent(&view, &event);
+        }
+        EXPECT_EQ(view.snapshot(1), upTo(end)) << end;
+    };
+    scroll(20, {}, 4); // no further than the oldest
+    view.appendLog({u"late.wav"_s, u"1 TAGS  OK"_s, purple});
+    scroll(0, {}, 4);
+    scroll(-1, {Qt::Key_Down}, 6);
+    scroll(0, {Qt::Key_End}, lines.size());
+}
+
+// One mnemonic each, none twice a menu, a clip's "&" shown; clips of one name told apart.
+TEST_F(WindowAccess, menusHaveMnemonicsAndClipsOfOneNameTheirExtensions) {
+    EXPECT_EQ(menuText(u"R&B"_s, 0), u"&R&&B"_s);
+    QString seen;
+    const auto letters = [&seen](const QList<QAction*>& entries, bool clips = false) {
+        seen.clear();
+        for (QAction* entry : entries) {
+            const QString text = entry->text().replace(u"&&"_s, u""_s);
+            if (!entry->isSeparator() && !(clips && entry->isCheckable()))
+                seen += text.indexOf(u'&') < 0 ? u'&' : text.at(text.indexOf(u'&') + 1).toLower();
+        }
+        return QSet<QChar>(seen.begin(), seen.end()).size() == seen.size() && !seen.contains(u'&');
+    };
+    QMainWindow window;
+    installMenuBar(window, controller());
+    for (QAction* menu : window.menuBar()->actions())
+        EXPECT_TRUE(letters(menu->menu()->actions())) << seen.toStdString();
+    EXPECT_TRUE(letters(window.menuBar()->actions()));
+    const auto tagMenu = [this] {
+        view().snapshot(1);
+        ::Test::click(view(), view().hits().at(0).rect.center());
+        return menus.shown.back();
+    };
+    EXPECT_TRUE(letters(buildMenu(tagMenu())->actions(), true));
+    EXPECT_EQ(seen.size(), 3); // Add, Remove, Show
+    clip(u"voice.mp3"_s);
+    clip(u"other.wav"_s);
+    controller().refreshTag();
+    EXPECT_EQ(view().content().tagName, u"VOICE.WAV"_s);
+    menus.choose = u"Remove \u201Cvoice.wav\u201D"_s;
+    QStringList titles;
+    for (const MenuItem& item : tagMenu())
+        titles << item.title;
+    EXPECT_EQ(titles.filter(u"voice"_s),
+              (QStringList{u"voice.mp3"_s, u"voice.wav"_s, u"Remove \u201Cvoice.wav\u201D"_s}));
+    EXPECT_EQ(view().state().log.back().text, u"TAG REMOVED: VOICE.WAV"_s);
+    tags.setSelected(Tags::dir() + u"/voice.mp3"_s); // the one left of the name is plain again
+    controller().refreshTag();
+    EXPECT_EQ(view().content().tagName, u"VOICE"_s);
+}
+
+// Tab rings each control, Space, Return and Ctrl+O click; a screen reader hears them.
+TEST_F(WindowAccess, keysAndAScreenReaderReachEveryControl) {
+    view().appendLog({u"beat.wav"_s, u"3 TAGS  OK"_s, purple});
+    view().show();
+    view().activateWindow();
+    ASSERT_TRUE(::Test::waitUntil([this] { return view().hasFocus(); }, 2000));
+    QAccessibleInterface* root = QAccessible::queryAccessibleInterface(&view());
+    // Role, name, value, and the names of its children ("*" checked).
+    QStringList seen;
+    for (int i = 0; i < root->childCount(); ++i) {
+        QAccessibleInterface* node = root->child(i);
+        QStringList children;
+        for (int c = 0; c < node->childCount(); ++c)
+            children << (node->child(c)->state().checked ? u"*"_s : u""_s) +
+                            node->child(c)->text(QAccessible::Name);
+        seen << QStringList{QString::number(node->role()), node->text(QAccessible::Name),
+                            node->text(QAccessible::Value), children.join(u'|')}
+                    .join(u" / "_s);
+    }
+    EXPECT_EQ(seen, (QStringList{
+                        u"%1 / TAG / VOICE / "_s.arg(QAccessible::ButtonMenu),
+                        u"%1 / + ADD TAG /  / "_s.arg(QAccessible::PushButton),
+                        u"%1 / DROP /  / "_s.arg(QAccessible::PushButton),
+                        u"%1 / PROCESSING / 00/00 / "_s.arg(QAccessible::ProgressBar),
+                        u"%1 / INTERVAL /  / 20S|*30S|45S|60S"_s.arg(QAccessible::Grouping),
+                        u"%1 / LEVEL /  / LOW|*MID|HIGH"_s.arg(QAccessible::Grouping),
+                        u"%1 / LOG /  / beat.wav, 3 TAGS  OK"_s.arg(QAccessible::List),
+                    }));
+    QAccessibleInterface *high = root->child(5)->child(2), *progress = root->child(3);
+    EXPECT_TRUE(progress->state().invisible); // no batch: no progress shown
+
+    const std::vector<QRectF> controls = HUDLayout::focusOrder(view().layout());
+    ASSERT_EQ(controls.size(), 10u); // tag field, + ADD TAG, zone, 4 intervals, 3 levels
+    for (std::size_t i = 0; i <= controls.size(); ++i) {
+        key(Qt::Key_Tab);
+        ASSERT_EQ(view().focused(), static_cast<int>(i % controls.size())); // round again
+        if (i == controls.size())
+            break;
+        const QImage ringed = view().snapshot(1);
+        const QRect area = controls[i].toAlignedRect();
+        EXPECT_TRUE(::Test::near(ringed.pixelColor(area.left() + 1, area.center().y()), purple, 0))
+            << i;
+        EXPECT_EQ(root->focusChild() == high, i == 9);
+    }
+    key(Qt::Key_Return, 1); // HIGH
+    EXPECT_TRUE(settings.levelIndex() == 2 && high->state().checked);
+    key(Qt::Key_Space, 6); // 20S
+    EXPECT_EQ(settings.intervalIndex(), 0);
+    key(Qt::Key_Enter, 1, Qt::KeypadModifier); // the zone
+    key(Qt::Key_O, 0, Qt::ControlModifier);
+    EXPECT_EQ(panels.trackPanels, 2);
+    key(Qt::Key_Space, 1); // + ADD TAG
+    key(Qt::Key_Space, 1); // the tag field
+    EXPECT_TRUE(panels.tagPanels == 1 && menus.shown.size() == 1);
+    ::Test::click(view(), QPointF(2, 2)); // a click puts the ring away
+    EXPECT_FALSE(view().focused());
+    // A screen reader's press clicks; while a batch runs, its progress shows.
+    root->child(5)->child(0)->actionInterface()->doAction(
+        QAccessibleActionInterface::pressAction());
+    EXPECT_EQ(settings.levelIndex(), 0);
+    view().setState({.busy = true, .progress = {}, .log = {}});
+    view().setProgress(2, 5);
+    EXPECT_FALSE(progress->state().invisible);
+    EXPECT_EQ(progress->text(QAccessible::Value), u"02/05"_s);
+    EXPECT_TRUE(high->state().disabled);
+}
+
+// Thunar opens a window per item of a call: one call per folder, its first file.
+TEST(FileViewerWindows, oneWindowPerFolderWithItsFirstFile) {
+    EXPECT_EQ(windowsFor({u"/a/1"_s, u"/a/2"_s, u"/b/1"_s, u"/a/3"_s, u"/a/c/1"_s, u"/top"_s}),
+              (QStringList{u"/a/1"_s, u"/b/1"_s, u"/a/c/1"_s, u"/top"_s}));
 }
