@@ -31,31 +31,22 @@ using EngineRender = ::Test::TempFolder;
 
 } // namespace
 
-// A broadcast WAV keeps its tags and bext time reference, an MP3 its cover and title;
-// the clip alone, the output less the track, sits the chosen 9 LU under the track.
-TEST_F(EngineRender, eachKindOfTrackKeepsItsTagsAndHearsTheClipAtItsLevel) {
-    const QString plain = path(u"plain.wav"_s), wav = path(u"beat.wav"_s),
-                  mp3 = path(u"beat.MP3"_s), cover = path(u"cover.png"_s),
-                  clip = path(u"speech.wav"_s), title = u"title=Zelkör ビート 🎧"_s;
-    ::Test::makeAudio(plain, kBeat, 19.5);
-    ::Test::ffmpeg(u"-f lavfi -i testsrc=size=64x48 -frames:v 1"_s.split(u' ') << cover);
-    ::Test::ffmpeg(QStringList{u"-i"_s, plain, u"-metadata"_s, title} +
-                       u"-metadata artist=Prod -metadata time_reference=123456789 -write_bext 1 "
-                       "-c:a pcm_s16le"_s.split(u' ')
-                   << wav);
-    ::Test::ffmpeg({u"-i"_s, plain, u"-i"_s, cover, u"-map"_s, u"0"_s, u"-map"_s, u"1"_s, u"-c:v"_s,
-                    u"copy"_s, u"-disposition:v"_s, u"attached_pic"_s, u"-id3v2_version"_s, u"4"_s,
-                    u"-metadata"_s, title, mp3});
+// The original untouched; the clip alone, the output less the track, sits the chosen
+// 9 LU under the track; an MP3 lasts as long as its master. (Tags: KeepTest.)
+TEST_F(EngineRender, eachKindOfTrackHearsTheClipAtItsLevel) {
+    const QString wav = path(u"beat.wav"_s), mp3 = path(u"beat.MP3"_s),
+                  clip = path(u"speech.wav"_s);
+    ::Test::makeAudio(wav, kBeat, 19.5);
+    ::Test::ffmpeg({u"-i"_s, wav, mp3});
     makeSpeech(clip);
     const QByteArray before = ::Test::readAll(wav);
     const Engine::Result result = Engine::process(wav, clip, 6, -9);
     ASSERT_EQ(result.placements, 4);
-    EXPECT_TRUE(::Test::readAll(wav) == before); // the original untouched
+    EXPECT_TRUE(::Test::readAll(wav) == before);
     const QString described = describe(result.output);
-    for (const QString& expected : {u"Duration: 00:00:19.50"_s,
-                                    u"Audio: pcm_s24le ([1][0][0][0] / 0x0001), 44100 Hz, stereo"_s,
-                                    u"title           : Zelkör ビート 🎧"_s,
-                                    u"artist          : Prod"_s, u"time_reference  : 123456789"_s})
+    for (const QString& expected :
+         {u"Duration: 00:00:19.50"_s,
+          u"Audio: pcm_s24le ([1][0][0][0] / 0x0001), 44100 Hz, stereo"_s})
         EXPECT_TRUE(described.contains(expected)) << described.toStdString();
     ::Test::ffmpeg({u"-i"_s, result.output, u"-i"_s, wav, u"-filter_complex"_s,
                     u"[1:a]volume=-1[n];[0:a][n]amix=normalize=0"_s, path(u"clip.wav"_s)});
@@ -63,11 +54,7 @@ TEST_F(EngineRender, eachKindOfTrackKeepsItsTagsAndHearsTheClipAtItsLevel) {
 
     const Engine::Result encoded = Engine::process(mp3, clip, 6, -9);
     EXPECT_EQ(encoded.output, path(u"beat (Tagged).mp3"_s));
-    EXPECT_TRUE(describe(encoded.output).contains(u"title           : Zelkör ビート 🎧"_s));
     EXPECT_EQ(Engine::analyze(encoded.output).duration, Engine::analyze(mp3).duration);
-    ::Test::ffmpeg({u"-i"_s, encoded.output, u"-map"_s, u"0:v"_s, u"-c"_s, u"copy"_s, u"-f"_s,
-                    u"image2"_s, path(u"picture.png"_s)});
-    EXPECT_EQ(::Test::readAll(path(u"picture.png"_s)), ::Test::readAll(cover));
 }
 
 // Masters at -0.1 and 0 dBFS pass bit-exact outside the tags (bar the limiter's 2 ms and
