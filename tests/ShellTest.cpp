@@ -38,9 +38,8 @@ protected:
 
 } // namespace
 
-// Every failure says why, in its PATH's place; "-" reads more PATHs, one a line;
-// "._" sidecars are no tracks; -v's command lines run as pasted. A clip that cannot
-// be used is one line and nothing else runs.
+// Failures say why, in their PATH's place; "-" reads PATHs by line; "._" files are no
+// tracks; -v's commands paste into a shell. An unusable clip ends the run in one line.
 TEST_F(Shell, failuresSayWhyAndCommandsPasteIntoAShell) {
     const auto run = sh(u"printf \"notes.txt\\n\\nit's sub\\r\\ndamaged.wav\\n\" | \"$0\" -v -t "
                         "tag.wav /typo - 'old (Tagged).wav'"_s);
@@ -82,8 +81,7 @@ TEST_F(Shell, aQuietDryRunPrintsItsPlanAndJsonGivesEveryNameItsBytes) {
 
 // --list-tags, which completion runs, shows the seeded library, writing nothing.
 TEST_F(Shell, listingWritesNothing) {
-    const auto listed = zelkorTag({u"--list-tags"_s});
-    EXPECT_EQ(listed.out, u"* Produced by Zelkor.wav\n"_s);
+    EXPECT_EQ(zelkorTag({u"--list-tags"_s}).out, u"* Produced by Zelkor.wav\n"_s);
     EXPECT_FALSE(QFileInfo::exists(home.dataHome()) || QFileInfo::exists(home.configHome()));
 }
 

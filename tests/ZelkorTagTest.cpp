@@ -27,8 +27,7 @@ class ZelkorTag : public ::Test::TempFolder {
 protected:
     void SetUp() override { ::Test::makeAudio(clip, u"sine=frequency=880"_s, 0.5, 22050, 1); }
     const QString clip = path(u"tag.wav"_s);
-    // An ffmpeg that logs each run to share/runs and runs the real one; a render
-    // fails while share/fail exists.
+    // The real ffmpeg, logging runs to share/runs; renders fail while share/fail exists.
     const QString env = u"ZELKOR_RESOURCES="_s + ::Test::resourcesWith(dir.path(), R"(
 echo "$*" >> "$(dirname "$0")/runs"
 case " $* " in *" -filter_complex "*) [ -e "$(dirname "$0")/fail" ] && exit 1 ;; esac
@@ -40,8 +39,7 @@ exec "$real" "$@"
 
 TEST_F(ZelkorTag, usageErrorsExitTwoAndNameTheBadValueNothingToTagExitsOne) {
     QDir().mkpath(path(u"empty"_s));
-    // Each refusal, its words and its status when not 2; "." is any PATH, "@" the
-    // folder. Nothing to tag is tried at the ends of the options' ranges.
+    // Refusal, its words, status if not 2; "@" is the folder; ranges' ends tag nothing.
     for (QString row :
          {u"--level LOUD .|--level 'LOUD'"_s, u"-l 13 .|--level '13'"_s, u"-i 2 .|--interval '2'"_s,
           u"--interval 9999 .|--interval '9999'"_s, u"--interval=nan .|--interval 'nan'"_s,
@@ -58,9 +56,8 @@ TEST_F(ZelkorTag, usageErrorsExitTwoAndNameTheBadValueNothingToTagExitsOne) {
     }
 }
 
-// An ffmpeg that records each argument list (in share/args-N), answers an analysis
-// with its loudness first and its duration after 1 MB, and a render with 5 s of silence: both
-// came through, and every name whole. Without an executable ffmpeg nothing starts.
+// ffmpeg gets its prefix and every name whole; an analysis' loudness and its duration
+// after 1 MB of progress both count. Without an executable ffmpeg nothing starts.
 TEST_F(ZelkorTag, ffmpegGetsItsFixedPrefixThenEveryArgumentWholeOrIsNotStarted) {
     ::Test::resourcesWith(dir.path(), R"sh(
 here=$(dirname "$0")
