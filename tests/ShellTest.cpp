@@ -66,7 +66,7 @@ TEST_F(Shell, aQuietDryRunPrintsItsPlanAndJsonGivesEveryNameItsBytes) {
         << dry.out.toStdString();
 
     const auto json = sh(u"n=$(printf 'caf\\351.wav') && cp \"it's sub/a.wav\" \"$n\" && "
-                         "\"$0\" --json -t tag.wav \"$n\" tag.wav"_s);
+                         "\"$0\" --json -t tag.wav \"$n\" tag.wav; rm caf*"_s);
     const QStringList lines = json.out.split(u'\n');
     ASSERT_EQ(lines.size(), 3) << json.out.toStdString();
     const auto bytes = [&](int line, const QString& key) {
