@@ -65,8 +65,11 @@ TEST_F(Shell, aQuietDryRunPrintsItsPlanAndJsonGivesEveryNameItsBytes) {
                 dry.out.endsWith(u"\ndamaged.wav  "_s + kInvalid + u'\n'))
         << dry.out.toStdString();
 
-    const auto json = sh(u"n=$(printf 'caf\\351.wav') && cp \"it's sub/a.wav\" \"$n\" && "
-                         "\"$0\" --json -t tag.wav \"$n\" tag.wav; rm caf*"_s);
+    // The same name as a clip: added, selected and used by its bytes.
+    const auto json =
+        sh(u"n=$(printf 'caf\\351.wav') && cp \"it's sub/a.wav\" \"$n\" && "
+           "\"$0\" --add-tag \"$n\" >/dev/null && \"$0\" --select-tag \"$n\" >/dev/null && "
+           "\"$0\" --json \"$n\" tag.wav; rm caf*"_s);
     const QStringList lines = json.out.split(u'\n');
     ASSERT_EQ(lines.size(), 3) << json.out.toStdString();
     const auto bytes = [&](int line, const QString& key) {
@@ -77,6 +80,7 @@ TEST_F(Shell, aQuietDryRunPrintsItsPlanAndJsonGivesEveryNameItsBytes) {
     EXPECT_EQ(bytes(0, u"track_bytes"_s) + bytes(0, u"output_bytes"_s) +
                   bytes(1, u"track_bytes"_s) + bytes(1, u"output_bytes"_s),
               at + ".wav|" + at + " (Tagged).wav|||");
+    EXPECT_TRUE(bytes(1, u"clip_bytes"_s).endsWith("/caf\xe9.wav|"));
 }
 
 // --list-tags, which completion runs, shows the seeded library, writing nothing.

@@ -187,4 +187,10 @@ TEST_F(ZelkorTag, replaceSwapsInOnlyAWholeRenderAndJsonTellsWhatWasWritten) {
     EXPECT_NEAR(high[u"gain_db"_s].toDouble() - low[u"gain_db"_s].toDouble(), 8, 1e-9);
     EXPECT_EQ(high[u"status"_s].toString() + high[u"output"_s].toString(), u"ok"_s + output);
     EXPECT_EQ(high[u"placements"_s].toArray(), (QJsonArray{0.5, 5.5, 10.5}));
+    // A folder under the name fails the track, leaving it and no hidden file.
+    QFile::remove(output);
+    QDir().mkpath(output);
+    EXPECT_EQ(tag({u"--replace"_s}, 1)[u"error"_s], u"IS A DIRECTORY"_s);
+    EXPECT_EQ(QDir(dir.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+              (QStringList{u"beat (Tagged).wav"_s, u"beat.wav"_s, u"share"_s, u"tag.wav"_s}));
 }
