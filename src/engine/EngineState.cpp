@@ -44,10 +44,14 @@ void EngineState::resume() {
 
 TagInfo EngineState::clipInfo(const QString& path, const std::optional<Files::Identity>& identity,
                               const std::function<TagInfo()>& measure) {
-    const std::lock_guard lock(m_clipLock);
-    if (auto it = m_clips.constFind(path); it != m_clips.constEnd() && it->first == identity)
-        return it->second;
+    {
+        const std::lock_guard lock(m_clipLock);
+        if (auto it = m_clips.constFind(path); it != m_clips.constEnd() && it->first == identity)
+            return it->second;
+    }
+    // Measured with no lock held: a child process is no place to hold one.
     const TagInfo measured = measure();
+    const std::lock_guard lock(m_clipLock);
     m_clips.insert(path, {identity, measured});
     return measured;
 }
