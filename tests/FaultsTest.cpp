@@ -38,12 +38,8 @@ QString hiddenIn(const QString& folder) {
     return QDir(folder).entryList({u".*.part"_s}, QDir::Files | QDir::Hidden).join(u'|');
 }
 
-class Faults : public testing::Test {
+class Faults : public ::Test::HomeWithClip {
 protected:
-    void SetUp() override { ::Test::makeAudio(clip, u"sine=frequency=1000"_s, 0.5, 8000, 1); }
-    QString path(const QString& name) const { return home.root() + u'/' + name; }
-    ::Test::FreshHome home;
-    const QString clip = path(u"voice.wav"_s);
     const QString prefs = home.preferencesPath();
 };
 

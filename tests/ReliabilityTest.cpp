@@ -20,13 +20,7 @@ namespace {
 using ::Test::readAll;
 using ::Test::zelkorTag;
 
-class Reliability : public testing::Test {
-protected:
-    void SetUp() override { ::Test::makeAudio(clip, u"sine=frequency=1000"_s, 0.5, 8000, 1); }
-    QString path(const QString& name) const { return home.root() + u'/' + name; }
-    ::Test::FreshHome home;
-    const QString clip = path(u"voice.wav"_s);
-};
+using Reliability = ::Test::HomeWithClip;
 
 } // namespace
 

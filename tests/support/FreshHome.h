@@ -3,6 +3,8 @@
 // user's files.
 #pragma once
 
+#include "support/TestSupport.h"
+
 #include <QByteArray>
 #include <QString>
 #include <QTemporaryDir>
@@ -41,6 +43,15 @@ private:
 
     QTemporaryDir m_dir;
     std::vector<std::pair<QByteArray, std::optional<QByteArray>>> m_saved;
+};
+
+// A test in a fresh home holding a short clip, voice.wav.
+class HomeWithClip : public testing::Test {
+protected:
+    void SetUp() override { makeAudio(clip, QStringLiteral("sine=frequency=1000"), 0.5, 8000, 1); }
+    QString path(const QString& name) const { return home.root() + u'/' + name; }
+    FreshHome home;
+    const QString clip = path(QStringLiteral("voice.wav"));
 };
 
 } // namespace Test
