@@ -46,14 +46,15 @@ Batch::Batch(Work work, OnTrack onTrack, OnEnd onEnd)
     // The threads wait for this lock before their first track, so the count of
     // those that really started is right before any of them can end.
     const std::lock_guard lock(m_mutex);
+    m_running = wanted; // set before any thread starts, which then sees it
     try {
         while (m_threads.size() < wanted)
             m_threads.emplace_back([this] { takeTracks(); });
     } catch (const std::system_error&) {
         if (m_threads.empty())
             throw;
+        m_running = m_threads.size();
     }
-    m_running = m_threads.size();
 }
 
 Batch::~Batch() {
