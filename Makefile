@@ -20,7 +20,7 @@ SMOKE_SECONDS ?= 15
 # Tests with threads of their own (in the test or in the zelkor-tag it runs),
 # run again under ThreadSanitizer.
 THREADED_TESTS := ZelkorTagTest BatchRunnerTest
-THREADED_CASES := ^Batch(Runner|Core)\.
+THREADED_CASES := ^(Batch(Runner|Core)|ZelkorTag)\.
 SANITIZER_ENV := ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	LSAN_OPTIONS=suppressions=$(CURDIR)/tests/sanitizers/lsan.supp:print_suppressions=0 \
 	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
