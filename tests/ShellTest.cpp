@@ -6,8 +6,12 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QJsonObject>
+#include <QProcess>
 #include <QStandardPaths>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
@@ -83,10 +87,25 @@ TEST_F(Shell, aQuietDryRunPrintsItsPlanAndJsonGivesEveryNameItsBytes) {
     EXPECT_TRUE(bytes(1, u"clip_bytes"_s).endsWith("/caf\xe9.wav|"));
 }
 
-// --list-tags, which completion runs, shows the seeded library, writing nothing.
-TEST_F(Shell, listingWritesNothing) {
+// --list-tags, which completion runs, shows the seeded library, writing nothing. A first
+// run waits while another one is copying the seeded clips in, and then finds them.
+TEST_F(Shell, listingWritesNothingAndAFirstRunWaitsForTheSeeding) {
     EXPECT_EQ(zelkorTag({u"--list-tags"_s}).out, u"* Produced by Zelkor.wav\n"_s);
     EXPECT_FALSE(QFileInfo::exists(home.dataHome()) || QFileInfo::exists(home.configHome()));
+
+    QDir().mkpath(home.tagsDir());
+    QDir().mkpath(QFileInfo(home.preferencesPath()).path());
+    ::Test::writeFile(home.preferencesPath(), R"({"seeded":true})");
+    const int seeding =
+        ::open(Names::encode(home.tagsDir()).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(::flock(seeding, LOCK_EX), 0);
+    QProcess first;
+    first.start(::Test::binary(u"zelkor-tag"_s), {u"-nq"_s, path(u"it's sub/a.wav"_s)});
+    first.waitForFinished(500);
+    QFile::copy(clip, home.tagsDir() + u"/tag.wav"_s);
+    ::close(seeding);
+    ASSERT_TRUE(first.waitForFinished(30'000));
+    EXPECT_TRUE(first.readAllStandardOutput().startsWith("a.wav  DRY RUN: "));
 }
 
 // The README's recipe, word for word, over two slots whose homes hold other
