@@ -7,6 +7,7 @@
 #include <QFileInfo>
 #include <QJsonObject>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QStandardPaths>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -149,4 +150,21 @@ HOME="$home" XDG_CONFIG_HOME="$home/config" XDG_DATA_HOME="$home/data" exec ")" 
     const QString used = QString::fromUtf8(::Test::readAll(path(u"used"_s)));
     EXPECT_EQ(used.count(u"-t "_s + clip + u" -i 30 -l MID "_s), used.count(u'\n'));
     EXPECT_EQ(used.count(u'\n'), 3);
+}
+
+// The manual names every option --help gives.
+TEST(ManPage, namesEveryOptionTheHelpGives) {
+    const QString help = zelkorTag({u"--help"_s}).out;
+    const QString manual =
+        QString::fromUtf8(::Test::readAll(u"" ZELKOR_SOURCE_DIR "/packaging/man/zelkor-tag.1.in"_s))
+            .remove(u'\\');
+    static const QRegularExpression option(uR"(^ +(?:(-\w), )? *(--[\w-]*))"_s,
+                                           QRegularExpression::MultilineOption);
+    QStringList names;
+    for (const auto& match : option.globalMatch(help))
+        names << match.captured(1) << match.captured(2);
+    names.removeAll(QString());
+    for (const QString& name : names)
+        EXPECT_TRUE(manual.contains(name)) << name.toStdString();
+    EXPECT_GT(names.size(), 30);
 }
