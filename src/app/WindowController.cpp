@@ -1,7 +1,7 @@
 // The window's actions: the settings chosen, the tag menu and the library's
 // clips picked, added, removed and shown, each leaving its line in the log;
 // and batches, whose guards and lines run on the main thread while the tracks
-// are tagged one at a time in the background.
+// are tagged in the background, one per core.
 #include "app/WindowController.h"
 
 #include "base/Files.h"
@@ -269,7 +269,7 @@ void WindowController::runPart(Engine::Plan plan) {
     auto written = std::make_shared<QStringList>();
     m_batch.reset(); // the last part has ended: its thread is joined here
     m_batch = std::make_unique<Batch>(
-        Batch::Work{m_run.job, std::move(plan), 1},
+        Batch::Work{m_run.job, std::move(plan), 0},
         [this, post, written](const Batch::Outcome& outcome) {
             if (outcome.result)
                 *written << outcome.result->output;

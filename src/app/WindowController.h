@@ -48,7 +48,7 @@ public:
     ~WindowController() override;
 
     // Expands files and folders into tracks and tags them in the background,
-    // one at a time, logging each. While a batch runs they join it, tagged after
+    // one per core, logging each in track order. While a batch runs they join it, tagged after
     // its tracks with its clip and settings; while one stops, they start the next.
     void start(const QStringList& paths);
     // Ends the running track (its partial output goes) and begins no other; the

@@ -18,7 +18,6 @@
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QSocketNotifier>
-#include <QThread>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -141,7 +140,6 @@ private:
         }
         if (m_queue.empty())
             return;
-        const int jobs = m_options.jobs == 0 ? QThread::idealThreadCount() : m_options.jobs;
         const auto queued = std::ssize(m_queue);
         m_running = Engine::plan(m_job, std::exchange(m_queue, {}));
         if (std::ssize(m_running) != queued) // a track given twice is tagged once
@@ -154,7 +152,7 @@ private:
             }
         m_made.assign(m_running.size(), {});
         m_batch = std::make_unique<Batch>(
-            Batch::Work{m_job, m_running, jobs},
+            Batch::Work{m_job, m_running, m_options.jobs},
             [this](const Batch::Outcome& outcome) { report(outcome); },
             [this] {
                 QMetaObject::invokeMethod(

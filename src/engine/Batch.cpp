@@ -2,6 +2,7 @@
 // thread finds the next outcome in track order ready hands it over.
 #include "engine/Batch.h"
 
+#include <QThread>
 #include <algorithm>
 #include <cerrno>
 #include <system_error>
@@ -41,8 +42,9 @@ Batch::Batch(Work work, OnTrack onTrack, OnEnd onEnd)
     , m_onTrack(std::move(onTrack))
     , m_onEnd(std::move(onEnd))
     , m_ready(m_work.tracks.size()) {
+    const int jobs = m_work.jobs == 0 ? QThread::idealThreadCount() : m_work.jobs;
     const auto wanted = std::clamp<std::size_t>(m_work.tracks.size(), 1,
-                                                static_cast<std::size_t>(std::max(m_work.jobs, 1)));
+                                                static_cast<std::size_t>(std::max(jobs, 1)));
     // The threads wait for this lock before their first track, so the count of
     // those that really started is right before any of them can end.
     const std::lock_guard lock(m_mutex);

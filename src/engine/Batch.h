@@ -1,5 +1,5 @@
 // One batch of tracks tagged in the background, for both fronts: the window runs
-// one track at a time, zelkor-tag as many as it is told.
+// one track per core, zelkor-tag as many as it is told.
 #pragma once
 
 #include "engine/Engine.h"
@@ -18,7 +18,7 @@ public:
     struct Work {
         Engine::Job job;
         Engine::Plan tracks;
-        int jobs = 1; // tracks tagged at once, at least 1
+        int jobs = 1; // tracks tagged at once; 0 for one per core
     };
 
     // One track's end: the file written, or the failure (its kind, and the text
