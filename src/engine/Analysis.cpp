@@ -205,7 +205,7 @@ static Analysis measure(const QString& path) {
     const QString text = result.output.remove(input.argument());
     // A run killed half-way leaves text that parses, with figures that are wrong.
     if (result.status < 0)
-        throw TagError::ffmpegFailed(QStringLiteral("FFMPEG ENDED ABNORMALLY"));
+        throw TagError::ffmpegCrashed(result.signal);
     // Without one, ffmpeg measures nothing and a render fails on its graph.
     static const QRegularExpression audioStream(
         QStringLiteral(R"(^\s*Stream #0:\d+[^:\n]*: Audio: )"),

@@ -582,6 +582,8 @@ Result process(const QString& given, const QString& tag, double interval, double
 
     // Stopped or failed, the temporary file goes with `out`.
     const RunResult result = run(args, passed);
+    if (result.signal != 0)
+        throw TagError::ffmpegCrashed(result.signal);
     if (result.status != 0) {
         const QString why = failureText(withoutName(result.output, out.file().argument()));
         if (const int lack = lackIn(result.output))

@@ -308,7 +308,9 @@ RunResult run(const QStringList& args, const std::vector<int>& passed) {
         throw TagError::stalled();
 
     RunResult result;
-    result.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    const bool exited = process.exitStatus() == QProcess::NormalExit;
+    result.status = exited ? process.exitCode() : -1;
+    result.signal = exited ? 0 : process.exitCode(); // Qt gives the signal as the code
     result.output = QString::fromUtf8(text.text());
     return result;
 }

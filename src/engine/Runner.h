@@ -15,6 +15,7 @@ namespace Engine {
 
 struct RunResult {
     int status = 0; // 0 on success; non-zero for any failure, a signal included
+    int signal = 0; // the signal that ended ffmpeg, 0 when it exited
     QString output; // standard output and standard error, interleaved
 };
 
