@@ -496,6 +496,19 @@ QString withoutName(QString text, const QString& name) {
 
 namespace {
 
+// ffmpeg's clock runs ahead of the audio in a graph of concatenated stretches,
+// so a render's progress is read from its output's size: the bytes a second
+// of the track takes in it, 0 when the format is not known.
+double outputBytesPerSecond(const Analysis& analysis, const QString& format) {
+    constexpr double kMp3BytesPerSecond = 320'000 / 8;
+    if (format == QLatin1String("mp3"))
+        return kMp3BytesPerSecond;
+    if (!analysis.format)
+        return 0;
+    return analysis.format->sampleRate * channelCount(analysis.format->channelLayout) *
+           (analysis.floatSamples ? 4.0 : 3.0);
+}
+
 // The measurements and placements a render is made of.
 struct Prepared {
     QString track;
@@ -514,7 +527,10 @@ Prepared prepare(const QString& given, const QString& tag, double interval, doub
     // Absolute from here on: QFileInfo would lose the stray bytes of a relative name.
     Prepared prepared{Names::absolute(given), {}, 0, {}};
     const TagInfo clip = info(tag);
-    prepared.analysis = analyze(prepared.track);
+    {
+        const PassMark analysing(Pass::analysis);
+        prepared.analysis = analyze(prepared.track);
+    }
     prepared.gain = clipGain(levelDB, prepared.analysis.lufs, clip.lufs);
     prepared.times = positions(prepared.analysis.duration, interval, clip.length);
     prepared.tagLength = clip.length;
@@ -581,6 +597,8 @@ Result process(const QString& given, const QString& tag, double interval, double
             passed.push_back(file->fd());
 
     // Stopped or failed, the temporary file goes with `out`.
+    const PassMark rendering(Pass::render, analysis.duration,
+                             outputBytesPerSecond(analysis, output.extension));
     const RunResult result = run(args, passed);
     if (result.signal != 0)
         throw TagError::ffmpegCrashed(result.signal);

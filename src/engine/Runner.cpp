@@ -83,6 +83,7 @@ public:
             m_cut = true;
         }
     }
+    const QByteArray& head() const { return m_head; }
     QByteArray text() const {
         if (!m_cut)
             return m_head + m_tail;
@@ -95,6 +96,80 @@ private:
     QByteArray m_head, m_tail;
     bool m_cut = false;
 };
+
+} // namespace
+
+thread_local const ProgressReports* t_reports = nullptr;
+thread_local const PassMark* t_mark = nullptr;
+
+// One run's progress, read from ffmpeg's reports as they come: blocks of
+// "key=value" lines, each ended by "progress=continue" (or "end").
+struct Watched {
+    const ProgressReports::Reached& reached;
+    const PassMark& mark;
+    double length;
+    int fd; // the read end of the run's standard output, not blocking
+    QByteArray partial;
+    double seconds = 0;
+
+    ~Watched() { ::close(fd); }
+
+    // Whether anything came.
+    bool drain() {
+        bool came = false;
+        char buffer[4096];
+        for (ssize_t got; (got = ::read(fd, buffer, sizeof buffer)) > 0;) {
+            came = true;
+            partial.append(buffer, got);
+        }
+        for (qsizetype end; (end = partial.indexOf('\n')) >= 0; partial.remove(0, end + 1)) {
+            const QByteArray line = partial.left(end);
+            const bool bySize = mark.bytesPerSecond() > 0;
+            const QByteArray key = bySize ? "total_size=" : "out_time_us=";
+            if (line.startsWith(key)) {
+                bool ok = false;
+                const qlonglong value = line.mid(key.size()).toLongLong(&ok);
+                if (ok && value >= 0)
+                    seconds = static_cast<double>(value) / (bySize ? mark.bytesPerSecond() : 1e6);
+            } else if (line.startsWith("progress=")) {
+                reached(mark.pass(), seconds, length);
+            }
+        }
+        return came;
+    }
+
+    // Until the run's header names it: the first input's own Duration line.
+    void readLength(const QByteArray& head) {
+        static const QRegularExpression duration(
+            QStringLiteral(R"(^\s*Duration: (\d+):(\d+):(\d+\.\d+),)"),
+            QRegularExpression::MultilineOption);
+        if (length > 0)
+            return;
+        if (const auto m = duration.match(QString::fromUtf8(head)); m.hasMatch())
+            length = m.captured(1).toDouble() * 3600 + m.captured(2).toDouble() * 60 +
+                     m.captured(3).toDouble();
+    }
+};
+
+ProgressReports::ProgressReports(Reached reached)
+    : m_reached(std::move(reached))
+    , m_outer(std::exchange(t_reports, this)) {}
+
+ProgressReports::~ProgressReports() {
+    t_reports = m_outer;
+}
+
+PassMark::PassMark(Pass pass, double length, double bytesPerSecond)
+    : m_outer(std::exchange(t_mark, this))
+    , m_pass(pass)
+    , m_length(length)
+    , m_bytesPerSecond(bytesPerSecond) {}
+
+PassMark::~PassMark() {
+    t_mark = m_outer;
+}
+
+namespace {
 
 // Without free descriptors QProcess prints a warning and reports a wrong reason;
 // so a run fails here first, with the system's. It takes two pipes and one
@@ -159,9 +234,13 @@ unsigned long long groupTicks(pid_t group) {
 
 // Reads the run's text until it ends; one that shows no progress (no text, no
 // processor time) for stallLimit() is ended with its whole group. Returns whether it stalled.
-bool readUntilEnd(QProcess& process, KeptText& text) {
+// ffmpeg's reports are read at least this often, though an analysis prints nothing.
+constexpr long long kReportsReadMs = 250;
+
+bool readUntilEnd(QProcess& process, KeptText& text, Watched* watched) {
     const std::chrono::milliseconds limit = stallLimit();
-    const int slice = static_cast<int>(std::clamp<long long>(limit.count() / 4, 50, 5000));
+    const int slice = static_cast<int>(
+        std::clamp<long long>(limit.count() / 4, 50, watched ? kReportsReadMs : 5000));
     const auto group = static_cast<pid_t>(process.processId());
     unsigned long long ticks = groupTicks(group);
     QElapsedTimer quiet;
@@ -169,8 +248,17 @@ bool readUntilEnd(QProcess& process, KeptText& text) {
     for (;;) {
         QElapsedTimer waited;
         waited.start();
-        if (process.waitForReadyRead(slice)) {
+        const bool spoke = process.waitForReadyRead(slice);
+        if (spoke)
             text.add(process.readAll());
+        if (watched) {
+            watched->readLength(text.head());
+            if (watched->drain() && !spoke) {
+                quiet.restart();
+                continue;
+            }
+        }
+        if (spoke) {
             quiet.restart();
             continue;
         }
@@ -266,11 +354,30 @@ RunResult run(const QStringList& args, const std::vector<int>& passed) {
         throw TagError::stopped();
     ensureDescriptors();
 
+    // ffmpeg's reports, when a front follows this run, on a pipe of their own:
+    // the text the parsers read stays as it is.
+    QStringList prefix{QStringLiteral("-hide_banner"), QStringLiteral("-nostdin")};
+    std::optional<Watched> watched;
+    int reportsEnd = -1; // the child's end of it
+    if (t_reports && t_mark) {
+        int ends[2];
+        if (::pipe2(ends, O_CLOEXEC) != 0)
+            throw TagError::systemFailed(errno);
+        ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
+        watched.emplace(t_reports->reached(), *t_mark, t_mark->length(), ends[0]);
+        reportsEnd = ends[1];
+        prefix << QStringLiteral("-progress") << QStringLiteral("pipe:1");
+    }
+    const auto closeReportsEnd = [&reportsEnd] {
+        if (reportsEnd >= 0)
+            ::close(std::exchange(reportsEnd, -1));
+    };
+
     QProcess process;
     process.setProcessChannelMode(QProcess::MergedChannels);
     process.setInputChannelMode(QProcess::ForwardedInputChannel);
     const pid_t parent = ::getpid();
-    process.setChildProcessModifier([parent, &passed] {
+    process.setChildProcessModifier([parent, &passed, reportsEnd] {
         // No ffmpeg writes on once Zelkor is gone. The signal comes when the
         // thread that started the child ends: this one, which waits for it.
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -281,13 +388,14 @@ RunResult run(const QStringList& args, const std::vector<int>& passed) {
             ::_exit(127);
         for (const int fd : passed)
             ::fcntl(fd, F_SETFD, 0);
+        // Its standard output, after QProcess has set up the channels.
+        if (reportsEnd >= 0)
+            ::dup2(reportsEnd, STDOUT_FILENO);
     });
     if (const auto seen = runSeen.load())
-        seen(QStringList{*program, QStringLiteral("-hide_banner"), QStringLiteral("-nostdin")} +
-             args);
-    process.start(*program,
-                  QStringList{QStringLiteral("-hide_banner"), QStringLiteral("-nostdin")} + args,
-                  QIODevice::ReadOnly);
+        seen(QStringList{*program} + prefix + args);
+    process.start(*program, prefix + args, QIODevice::ReadOnly);
+    closeReportsEnd(); // the child holds it now: its end is the pipe's
     if (!process.waitForStarted(-1)) {
         // Qt gives the system's reason only as text.
         const QString why = process.errorString();
@@ -298,9 +406,11 @@ RunResult run(const QStringList& args, const std::vector<int>& passed) {
     bool stalled = false;
     {
         const Child child(process.processId());
-        stalled = readUntilEnd(process, text);
+        stalled = readUntilEnd(process, text, watched ? &*watched : nullptr);
         process.waitForFinished(-1);
         text.add(process.readAll());
+        if (watched)
+            watched->drain();
     }
     if (isStopping())
         throw TagError::stopped();
