@@ -114,9 +114,14 @@ TEST_F(BatchRunner, theBarFillsWithinOneLongTrack) {
     std::set<int> lit; // the cells seen lit while the track runs
     ASSERT_TRUE(::Test::waitUntil(
         [&] {
-            const HUDView::Progress& p = view().state().progress;
-            if (p.done == 0)
-                lit.insert(HUDLayout::filledCells(static_cast<double>(p.done) + p.running, 1));
+            if (view().state().progress.done == 0) {
+                const QImage drawn = view().snapshot(1);
+                const auto& cells = view().layout().zone.cells;
+                lit.insert(static_cast<int>(
+                    std::count_if(cells.begin(), cells.end(), [&](const QRectF& cell) {
+                        return drawn.pixelColor(cell.center().toPoint()) == purple;
+                    })));
+            }
             return !view().state().busy;
         },
         120'000));
