@@ -144,7 +144,7 @@ QString Progress::line() const {
     // Once a little of the run is done, its pace so far says the rest.
     const double done = work - static_cast<double>(m_finishedBefore);
     const double seconds = static_cast<double>(m_since.elapsed()) / 1000;
-    if (done > 0.01 && seconds >= 1)
+    if (m_finished < m_total && done > 0.01 && seconds >= 1)
         text += QStringLiteral("  ") +
                 clock(seconds * (static_cast<double>(m_total) - work) / done) +
                 QStringLiteral(" LEFT");

@@ -138,14 +138,16 @@ struct Watched {
         return came;
     }
 
-    // Until the run's header names it: the first input's own Duration line.
+    // Until the run's header names it: the first input's own Duration line, near
+    // the start of its text.
     void readLength(const QByteArray& head) {
         static const QRegularExpression duration(
             QStringLiteral(R"(^\s*Duration: (\d+):(\d+):(\d+\.\d+),)"),
             QRegularExpression::MultilineOption);
+        constexpr qsizetype kHeaderBytes = 1 << 16;
         if (length > 0)
             return;
-        if (const auto m = duration.match(QString::fromUtf8(head)); m.hasMatch())
+        if (const auto m = duration.match(QString::fromUtf8(head.left(kHeaderBytes))); m.hasMatch())
             length = m.captured(1).toDouble() * 3600 + m.captured(2).toDouble() * 60 +
                      m.captured(3).toDouble();
     }
@@ -232,19 +234,21 @@ unsigned long long groupTicks(pid_t group) {
     return ticks;
 }
 
-// Reads the run's text until it ends; one that shows no progress (no text, no
-// processor time) for stallLimit() is ended with its whole group. Returns whether it stalled.
 // ffmpeg's reports are read at least this often, though an analysis prints nothing.
 constexpr long long kReportsReadMs = 250;
 
+// Reads the run's text (and `watched`'s reports) until it ends; one that shows no
+// progress (no text, no report, no processor time) for stallLimit() is ended with
+// its whole group. Returns whether it stalled.
 bool readUntilEnd(QProcess& process, KeptText& text, Watched* watched) {
     const std::chrono::milliseconds limit = stallLimit();
-    const int slice = static_cast<int>(
-        std::clamp<long long>(limit.count() / 4, 50, watched ? kReportsReadMs : 5000));
+    const int lookEvery = static_cast<int>(std::clamp<long long>(limit.count() / 4, 50, 5000));
+    const int slice = watched ? std::min<int>(lookEvery, kReportsReadMs) : lookEvery;
     const auto group = static_cast<pid_t>(process.processId());
     unsigned long long ticks = groupTicks(group);
-    QElapsedTimer quiet;
+    QElapsedTimer quiet, looked;
     quiet.start();
+    looked.start();
     for (;;) {
         QElapsedTimer waited;
         waited.start();
@@ -267,6 +271,10 @@ bool readUntilEnd(QProcess& process, KeptText& text, Watched* watched) {
         // A closed output answers at once: wait for the end instead.
         if (waited.elapsed() < slice / 2 && process.waitForFinished(slice))
             return false;
+        // The processes are not looked at any more often for the reports' sake.
+        if (watched && looked.elapsed() < lookEvery)
+            continue;
+        looked.restart();
         if (const unsigned long long now = groupTicks(group); now != ticks) {
             ticks = now;
             quiet.restart();
@@ -368,11 +376,6 @@ RunResult run(const QStringList& args, const std::vector<int>& passed) {
         reportsEnd = ends[1];
         prefix << QStringLiteral("-progress") << QStringLiteral("pipe:1");
     }
-    const auto closeReportsEnd = [&reportsEnd] {
-        if (reportsEnd >= 0)
-            ::close(std::exchange(reportsEnd, -1));
-    };
-
     QProcess process;
     process.setProcessChannelMode(QProcess::MergedChannels);
     process.setInputChannelMode(QProcess::ForwardedInputChannel);
@@ -395,7 +398,8 @@ RunResult run(const QStringList& args, const std::vector<int>& passed) {
     if (const auto seen = runSeen.load())
         seen(QStringList{*program} + prefix + args);
     process.start(*program, prefix + args, QIODevice::ReadOnly);
-    closeReportsEnd(); // the child holds it now: its end is the pipe's
+    if (reportsEnd >= 0)
+        ::close(reportsEnd); // the child holds it now, so its end is the pipe's
     if (!process.waitForStarted(-1)) {
         // Qt gives the system's reason only as text.
         const QString why = process.errorString();
