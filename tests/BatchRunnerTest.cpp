@@ -77,7 +77,9 @@ QString longTrack(const QString& at) {
 // reaching the track's length, the share of the work to 1, and then the track's end.
 TEST_F(BatchRunner, aTracksProgressReportsGoFromItsAnalysisToItsEnd) {
     ::Test::makeAudio(home.root() + u"/voice.wav"_s, u"sine=frequency=880"_s, 0.5);
-    const Engine::Job job{.clip = home.root() + u"/voice.wav"_s, .interval = 60};
+    Engine::Job job;
+    job.clip = home.root() + u"/voice.wav"_s;
+    job.interval = 60;
     std::mutex lock;
     std::vector<Batch::Progress> reports;
     Batch batch(
