@@ -17,6 +17,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <functional>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -157,9 +158,10 @@ unsigned long long groupTicks(pid_t group) {
     return ticks;
 }
 
-// Reads the run's text until it ends; one that shows no progress (no text, no
-// processor time) for stallLimit() is ended with its whole group. Returns whether it stalled.
-bool readUntilEnd(QProcess& process, KeptText& text) {
+// Reads the run's output until it ends: `drain` takes what came so far and says
+// whether anything did. One that shows no progress (no output, no processor time)
+// for stallLimit() is ended with its whole group. Returns whether it stalled.
+bool readUntilEnd(QProcess& process, const std::function<bool()>& drain) {
     const std::chrono::milliseconds limit = stallLimit();
     const int slice = static_cast<int>(std::clamp<long long>(limit.count() / 4, 50, 5000));
     const auto group = static_cast<pid_t>(process.processId());
@@ -169,8 +171,8 @@ bool readUntilEnd(QProcess& process, KeptText& text) {
     for (;;) {
         QElapsedTimer waited;
         waited.start();
-        if (process.waitForReadyRead(slice)) {
-            text.add(process.readAll());
+        const bool ready = process.waitForReadyRead(slice);
+        if (drain() || ready) {
             quiet.restart();
             continue;
         }
@@ -187,6 +189,67 @@ bool readUntilEnd(QProcess& process, KeptText& text) {
             return true;
         }
     }
+}
+
+std::atomic<void (*)(const QStringList&)> runSeen = nullptr;
+
+// What every run shares: the checks before it, the child's set-up and its end.
+// `channels` says whether its standard output is read apart from its text.
+RunResult runWith(const QStringList& args, const std::vector<int>& passed,
+                  QProcess::ProcessChannelMode channels,
+                  const std::function<bool(QProcess&, KeptText&)>& drain) {
+    const std::optional<QString>& program = ffmpeg();
+    if (!program)
+        throw TagError::noFFmpeg();
+    if (isStopping())
+        throw TagError::stopped();
+    ensureDescriptors();
+
+    QProcess process;
+    process.setProcessChannelMode(channels);
+    process.setInputChannelMode(QProcess::ForwardedInputChannel);
+    const pid_t parent = ::getpid();
+    process.setChildProcessModifier([parent, &passed] {
+        // No ffmpeg writes on once Zelkor is gone. The signal comes when the
+        // thread that started the child ends: this one, which waits for it.
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        // A group of its own, so that what ffmpeg starts (a wrapper's real ffmpeg)
+        // is ended with it.
+        ::setpgid(0, 0);
+        if (::getppid() != parent)
+            ::_exit(127);
+        for (const int fd : passed)
+            ::fcntl(fd, F_SETFD, 0);
+    });
+    if (const auto seen = runSeen.load())
+        seen(QStringList{*program, QStringLiteral("-hide_banner"), QStringLiteral("-nostdin")} +
+             args);
+    process.start(*program,
+                  QStringList{QStringLiteral("-hide_banner"), QStringLiteral("-nostdin")} + args,
+                  QIODevice::ReadOnly);
+    if (!process.waitForStarted(-1)) {
+        // Qt gives the system's reason only as text.
+        const QString why = process.errorString();
+        throw TagError::systemFailed(lackIn(why), {}, why.toUpper());
+    }
+
+    KeptText text;
+    bool stalled = false;
+    {
+        const Child child(process.processId());
+        stalled = readUntilEnd(process, [&] { return drain(process, text); });
+        process.waitForFinished(-1);
+        drain(process, text);
+    }
+    if (isStopping())
+        throw TagError::stopped();
+    if (stalled)
+        throw TagError::stalled();
+
+    RunResult result;
+    result.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    result.output = QString::fromUtf8(text.text());
+    return result;
 }
 
 } // namespace
@@ -225,7 +288,7 @@ OpenFile& OpenFile::operator=(OpenFile&& other) noexcept {
     return *this;
 }
 
-OpenFile openInput(const QString& path) {
+OpenFile openInput(const QString& path, Holding holding) {
     const QByteArray name = Names::encode(Names::absolute(path));
     // A FIFO or a device would hang ffmpeg, or feed it without end: looked at
     // before it is opened, and again once it is.
@@ -243,7 +306,7 @@ OpenFile openInput(const QString& path) {
     OpenFile file(fd, path);
     if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode))
         throw TagError::unreadable();
-    if (!file.passDown())
+    if (!file.passDown() && holding == Holding::whenPassedDown)
         file.close(); // ffmpeg opens it by its name
     return file;
 }
@@ -252,65 +315,29 @@ void stopAll() {
     EngineState::shared().stopAll();
 }
 
-static std::atomic<void (*)(const QStringList&)> runSeen = nullptr;
-
 void onRun(void (*seen)(const QStringList& commandLine)) {
     runSeen = seen;
 }
 
 RunResult run(const QStringList& args, const std::vector<int>& passed) {
-    const std::optional<QString>& program = ffmpeg();
-    if (!program)
-        throw TagError::noFFmpeg();
-    if (isStopping())
-        throw TagError::stopped();
-    ensureDescriptors();
-
-    QProcess process;
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    process.setInputChannelMode(QProcess::ForwardedInputChannel);
-    const pid_t parent = ::getpid();
-    process.setChildProcessModifier([parent, &passed] {
-        // No ffmpeg writes on once Zelkor is gone. The signal comes when the
-        // thread that started the child ends: this one, which waits for it.
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        // A group of its own, so that what ffmpeg starts (a wrapper's real ffmpeg)
-        // is ended with it.
-        ::setpgid(0, 0);
-        if (::getppid() != parent)
-            ::_exit(127);
-        for (const int fd : passed)
-            ::fcntl(fd, F_SETFD, 0);
+    return runWith(args, passed, QProcess::MergedChannels, [](QProcess& process, KeptText& text) {
+        const QByteArray bytes = process.readAll();
+        text.add(bytes);
+        return !bytes.isEmpty();
     });
-    if (const auto seen = runSeen.load())
-        seen(QStringList{*program, QStringLiteral("-hide_banner"), QStringLiteral("-nostdin")} +
-             args);
-    process.start(*program,
-                  QStringList{QStringLiteral("-hide_banner"), QStringLiteral("-nostdin")} + args,
-                  QIODevice::ReadOnly);
-    if (!process.waitForStarted(-1)) {
-        // Qt gives the system's reason only as text.
-        const QString why = process.errorString();
-        throw TagError::systemFailed(lackIn(why), {}, why.toUpper());
-    }
+}
 
-    KeptText text;
-    bool stalled = false;
-    {
-        const Child child(process.processId());
-        stalled = readUntilEnd(process, text);
-        process.waitForFinished(-1);
-        text.add(process.readAll());
-    }
-    if (isStopping())
-        throw TagError::stopped();
-    if (stalled)
-        throw TagError::stalled();
-
-    RunResult result;
-    result.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    result.output = QString::fromUtf8(text.text());
-    return result;
+RunResult runStreaming(const QStringList& args, const Streamed& output,
+                       const std::vector<int>& passed) {
+    return runWith(args, passed, QProcess::SeparateChannels,
+                   [&output](QProcess& process, KeptText& text) {
+                       const QByteArray out = process.readAllStandardOutput();
+                       const QByteArray err = process.readAllStandardError();
+                       text.add(err);
+                       if (!out.isEmpty() || !err.isEmpty())
+                           output(out, err);
+                       return !out.isEmpty() || !err.isEmpty();
+                   });
 }
 
 int lackIn(const QString& text) {
