@@ -1,15 +1,20 @@
 // The meter on signals whose figures are known: EBU Tech 3341's loudness cases,
 // a click's peak, and where a trailing silence begins.
 #include "engine/Meter.h"
+#include "engine/Analysis.h"
+#include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <numbers>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 using Engine::Meter;
+using MeterAgreement = ::Test::TempFolder;
 
 // A 1 kHz sine of `dbfs` peak level on every channel, for `seconds`.
 void sine(Meter& meter, int rate, int channels, double dbfs, double seconds) {
@@ -127,3 +132,64 @@ TEST(Meter, channelsAreWeighedByTheirPlace) {
 }
 
 } // namespace
+
+// Files read here and files ffmpeg decodes into the meter read as ffmpeg's own
+// meter and silence detector read them.
+TEST_F(MeterAgreement, everyKindOfTrackReadsAsFfmpegsMeterReadsIt) {
+    struct Row {
+        QString name;
+        QString source; // lavfi
+        QStringList options;
+    };
+    const QString noise = u"anoisesrc=color=pink:amplitude=0.3:seed=%1"_s;
+    const auto channels = [](const QString& layout, int count) {
+        QStringList parts;
+        for (int c = 0; c < count; ++c)
+            parts << u"(0.05+0.05*%1)*sin(2*PI*(200+300*%1)*t)*(1+sin(2*PI*0.5*t))"_s.arg(c);
+        return u"aevalsrc="_s + parts.join(u'|') + u":c="_s + layout;
+    };
+    const std::vector<Row> rows{
+        {u"mono8k.wav"_s, u"sine=frequency=700:sample_rate=8000"_s, {u"-c:a"_s, u"pcm_u8"_s}},
+        {u"stereo.wav"_s, noise.arg(1), {u"-ac"_s, u"2"_s}},
+        {u"side51.wav"_s,
+         channels(u"5.1(side)"_s, 6),
+         {u"-ar"_s, u"48000"_s, u"-c:a"_s, u"pcm_s24le"_s}},
+        {u"four.wav"_s, channels(u"4.0"_s, 4), {u"-ar"_s, u"22050"_s, u"-c:a"_s, u"pcm_s32le"_s}},
+        {u"seven1.wav"_s, channels(u"7.1"_s, 8), {u"-ar"_s, u"96000"_s, u"-c:a"_s, u"pcm_f32le"_s}},
+        {u"threec.wav"_s, channels(u"3c"_s, 3), {u"-c:a"_s, u"pcm_f64le"_s}},
+        {u"silent.wav"_s, u"anullsrc=r=44100"_s, {}},
+        {u"click.wav"_s, u"aevalsrc=if(eq(n\\,22050)\\,0.9\\,0):s=44100"_s, {}},
+        {u"ending.wav"_s, u"aevalsrc=0.2*sin(2*PI*440*t)*lt(t\\,2.5):s=44100"_s, {}},
+        {u"beat.mp3"_s, noise.arg(2), {u"-ac"_s, u"2"_s, u"-b:a"_s, u"192k"_s}},
+        {u"side51.flac"_s, channels(u"5.1(side)"_s, 6), {}},
+    };
+    for (const Row& row : rows) {
+        const QString file = path(row.name);
+        ::Test::ffmpeg(QStringList{u"-f"_s, u"lavfi"_s, u"-i"_s, row.source, u"-t"_s, u"4"_s} +
+                       row.options + QStringList{file});
+        const auto theirs = ::Test::runProgram(
+            ::Test::systemFFmpeg(),
+            {u"-hide_banner"_s, u"-nostats"_s, u"-i"_s, file, u"-af"_s,
+             u"silencedetect=n=-50dB:d=0.3,ebur128=framelog=verbose:peak=sample"_s, u"-f"_s,
+             u"null"_s, u"-"_s});
+        const Engine::Analysis expected = Engine::parseAnalysis(theirs.err);
+        const Engine::Analysis ours =
+            Engine::analyze(file, {.trailingSilence = true, .progress = {}});
+        const std::string name = row.name.toStdString();
+        EXPECT_NEAR(ours.lufs, expected.lufs, 0.1) << name;
+        ASSERT_TRUE(ours.peak && expected.peak) << name;
+        if (std::isfinite(*expected.peak)) {
+            EXPECT_NEAR(*ours.peak, *expected.peak, 0.1) << name;
+        } else {
+            EXPECT_EQ(*ours.peak, *expected.peak) << name;
+        }
+        EXPECT_EQ(ours.duration, expected.duration) << name;
+        EXPECT_EQ(ours.format, expected.format) << name;
+        EXPECT_EQ(ours.integerSamples, expected.integerSamples) << name;
+        EXPECT_EQ(ours.floatSamples, expected.floatSamples) << name;
+        ASSERT_EQ(ours.silenceStart.has_value(), expected.silenceStart.has_value()) << name;
+        if (expected.silenceStart) {
+            EXPECT_NEAR(*ours.silenceStart, *expected.silenceStart, 0.001) << name;
+        }
+    }
+}
