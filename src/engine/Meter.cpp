@@ -83,7 +83,56 @@ Meter::Meter(int sampleRate, std::vector<double> weights, bool trailingSilence)
     m_highPass = {1, -2, 1, 2 * (k * k - 1) / a0, (1 - k / q + k * k) / a0};
 }
 
+namespace {
+
+// Where the processor has them, three-operand and fused multiply-add
+// instructions do the filters' work in far fewer steps.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+#define WIDE __attribute__((target_clones("arch=x86-64-v3", "default")))
+#else
+#define WIDE
+#endif
+
+template<Meter::Encoding E>
+constexpr std::size_t kWidth = E == Meter::Encoding::f64   ? 8
+                               : E == Meter::Encoding::f32 ? 4
+                                                           : 2;
+
+// One sample at full scale 1.0; read byte-wise, since a piece may start anywhere.
+template<Meter::Encoding E> double load(const char* p) {
+    if constexpr (E == Meter::Encoding::f64) {
+        double v;
+        std::memcpy(&v, p, sizeof v);
+        return v;
+    } else if constexpr (E == Meter::Encoding::f32) {
+        float v;
+        std::memcpy(&v, p, sizeof v);
+        return v;
+    } else {
+        std::int16_t v;
+        std::memcpy(&v, p, sizeof v);
+        return v * (1.0 / 32768);
+    }
+}
+
+} // namespace
+
 void Meter::add(const double* samples, std::size_t frames) {
+    add(reinterpret_cast<const char*>(samples), frames, Encoding::f64);
+}
+
+void Meter::add(const char* samples, std::size_t frames, Encoding encoding) {
+    switch (encoding) {
+    case Encoding::f64:
+        return addAs<Encoding::f64>(samples, frames);
+    case Encoding::f32:
+        return addAs<Encoding::f32>(samples, frames);
+    case Encoding::s16:
+        return addAs<Encoding::s16>(samples, frames);
+    }
+}
+
+template<Meter::Encoding E> void Meter::addAs(const char* samples, std::size_t frames) {
     const std::size_t channels = m_channels;
     if (channels == 0)
         return;
@@ -91,7 +140,7 @@ void Meter::add(const double* samples, std::size_t frames) {
         const std::int64_t first = m_frames * static_cast<std::int64_t>(channels);
         const std::size_t values = frames * channels;
         for (std::size_t i = 0; i < values; ++i) {
-            if (std::abs(samples[i]) < kSilenceThreshold) {
+            if (std::abs(load<E>(samples + i * kWidth<E>)) < kSilenceThreshold) {
                 if (m_quietValues++ == 0)
                     m_quietFrom = first + static_cast<std::int64_t>(i);
             } else {
@@ -104,10 +153,10 @@ void Meter::add(const double* samples, std::size_t frames) {
             std::min<std::int64_t>(m_stepFrames - m_inStep, static_cast<std::int64_t>(frames)));
         std::size_t c = 0;
         for (; c + 1 < channels; c += 2)
-            filterPair(samples + c, run, c);
+            filterPair<E>(samples + c * kWidth<E>, run, c);
         if (c < channels)
-            filterOne(samples + c, run, c);
-        samples += run * channels;
+            filterOne<E>(samples + c * kWidth<E>, run, c);
+        samples += run * channels * kWidth<E>;
         frames -= run;
         m_frames += static_cast<std::int64_t>(run);
         m_inStep += static_cast<std::int64_t>(run);
@@ -118,7 +167,8 @@ void Meter::add(const double* samples, std::size_t frames) {
 
 // Two channels at once, each lane of the vectors one of them: half the
 // instructions of one at a time.
-void Meter::filterPair(const double* x, std::size_t frames, std::size_t c) {
+template<Meter::Encoding E>
+WIDE void Meter::filterPair(const char* x, std::size_t frames, std::size_t c) {
     using Pair = double __attribute__((vector_size(16)));
     const auto both = [](double v) { return Pair{v, v}; };
     const Pair sb0 = both(m_shelf.b0), sb1 = both(m_shelf.b1), sb2 = both(m_shelf.b2),
@@ -128,9 +178,9 @@ void Meter::filterPair(const double* x, std::size_t frames, std::size_t c) {
     double* right = &m_state[(c + 1) * 4];
     Pair z1{left[0], right[0]}, z2{left[1], right[1]}, z3{left[2], right[2]}, z4{left[3], right[3]};
     Pair sum{0, 0}, high{0, 0}, low{0, 0};
-    for (std::size_t i = 0; i < frames; ++i, x += m_channels) {
-        Pair in;
-        std::memcpy(&in, x, sizeof in);
+    const std::size_t stride = m_channels * kWidth<E>;
+    for (std::size_t i = 0; i < frames; ++i, x += stride) {
+        const Pair in{load<E>(x), load<E>(x + kWidth<E>)};
         high = high > in ? high : in;
         low = low < in ? low : in;
         const Pair shelved = sb0 * in + z1;
@@ -149,14 +199,16 @@ void Meter::filterPair(const double* x, std::size_t frames, std::size_t c) {
     m_peak = std::max({m_peak, high[0], high[1], -low[0], -low[1]});
 }
 
-void Meter::filterOne(const double* x, std::size_t frames, std::size_t c) {
+template<Meter::Encoding E>
+WIDE void Meter::filterOne(const char* x, std::size_t frames, std::size_t c) {
     const Biquad s = m_shelf;
     const Biquad h = m_highPass;
     double* z = &m_state[c * 4];
     double z1 = z[0], z2 = z[1], z3 = z[2], z4 = z[3];
     double sum = 0, high = 0, low = 0;
-    for (std::size_t i = 0; i < frames; ++i, x += m_channels) {
-        const double in = *x;
+    const std::size_t stride = m_channels * kWidth<E>;
+    for (std::size_t i = 0; i < frames; ++i, x += stride) {
+        const double in = load<E>(x);
         high = std::max(high, in);
         low = std::min(low, in);
         const double shelved = s.b0 * in + z1;

@@ -20,6 +20,9 @@ public:
 
     // Interleaved frames at full scale 1.0, fed in blocks of any size.
     void add(const double* samples, std::size_t frames);
+    // The same as stored: read as they are, with no pass to convert them first.
+    enum class Encoding { f64, f32, s16 };
+    void add(const char* samples, std::size_t frames, Encoding encoding);
 
     // Integrated loudness in LUFS; kAbsoluteGate when no block reaches it.
     double loudness() const;
@@ -31,8 +34,9 @@ public:
     std::optional<double> silenceStart() const;
 
 private:
-    void filterPair(const double* x, std::size_t frames, std::size_t c);
-    void filterOne(const double* x, std::size_t frames, std::size_t c);
+    template<Encoding E> void addAs(const char* samples, std::size_t frames);
+    template<Encoding E> void filterPair(const char* x, std::size_t frames, std::size_t c);
+    template<Encoding E> void filterOne(const char* x, std::size_t frames, std::size_t c);
     void endStep();
 
     int m_rate;

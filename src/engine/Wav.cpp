@@ -193,33 +193,23 @@ void Stream::decode(const char* bytes, std::size_t size) {
 
 void Stream::measure(const char* bytes, std::size_t frames) {
     const int width = m_format->bits / 8;
+    // What the meter reads as it is stored; the rest is converted block by block.
+    if (m_format->floating || width == 2) {
+        m_meter->add(bytes, frames,
+                     width == 8   ? Meter::Encoding::f64
+                     : width == 4 ? Meter::Encoding::f32
+                                  : Meter::Encoding::s16);
+        return;
+    }
     const auto channels = static_cast<std::size_t>(m_format->channels);
     m_block.resize(kBlockFrames * channels);
     while (frames > 0) {
         const std::size_t block = std::min(kBlockFrames, frames);
         const std::size_t values = block * channels;
         double* out = m_block.data();
-        if (m_format->floating && width == 4)
-            convert(bytes, values, 4, out, [](const char* p) {
-                float v;
-                std::memcpy(&v, p, 4);
-                return static_cast<double>(v);
-            });
-        else if (m_format->floating)
-            convert(bytes, values, 8, out, [](const char* p) {
-                double v;
-                std::memcpy(&v, p, 8);
-                return v;
-            });
-        else if (width == 1)
+        if (width == 1)
             convert(bytes, values, 1, out,
                     [](const char* p) { return (static_cast<unsigned char>(*p) - 128) / 128.0; });
-        else if (width == 2)
-            convert(bytes, values, 2, out, [](const char* p) {
-                std::int16_t v;
-                std::memcpy(&v, p, 2);
-                return v / 32768.0;
-            });
         else if (width == 3)
             convert(bytes, values, 3, out, [](const char* p) {
                 return static_cast<std::int32_t>(le(p, 3) << 8) / 2147483648.0;
