@@ -47,7 +47,7 @@ protected:
 
 // One batch, each track a fault and its line; the batch goes on past each and every
 // track that stays is left as it was. The fake ffmpeg removes "vanished" once measured;
-// a render of "killed" dies as the OOM killer would.
+// a render of "killed" and the analysis of "cut" die as the OOM killer would.
 TEST_F(Faults, eachFaultFailsItsOwnTrackAndTheBatchGoesOn) {
     const QString share = ::Test::resourcesWith(home.root(), R"(in=; prev=
 for arg; do [ "$prev" = -i ] && [ -z "$in" ] && in=$arg; prev=$arg; out=$arg; done
@@ -61,6 +61,7 @@ case " $* " in *" -filter_complex "*)
 esac
 case "$in" in
 *vanished*) "$real" "$@"; status=$?; rm "$in"; exit $status ;;
+*cut*) "$real" "$@" | head -c 65536; kill -9 $$ ;;
 esac
 exec "$real" "$@"
 )");
@@ -69,6 +70,7 @@ exec "$real" "$@"
         {u"0 first.wav"_s, u"1 TAGS  OK  -> "_s + path(u"0 first (Tagged).wav"_s)},
         {u"a killed.wav"_s, u"SIZE=      64KB TIME=00:00:00.37 BITRATE=1411.2KBITS/S"_s},
         {u"b vanished.mp3"_s, {}},
+        {u"c cut.mp3"_s, u"FFMPEG ENDED ABNORMALLY"_s},
         {u"f fifo.mp3"_s, u"CAN'T READ FILE: NOT A REGULAR FILE"_s}, // never hanging ffmpeg
         {u"g.wav"_s, u"1 TAGS  OK  -> "_s + path(u"g (Tagged).wav"_s)},
         // 1.7 MB of 16-bit audio leaves no room for its 24-bit copy.
@@ -76,7 +78,7 @@ exec "$real" "$@"
         {u"ro/beat.wav"_s, u"READ-ONLY FILE SYSTEM"_s}};
     const ::Test::Tmpfs full(path(u"full"_s), u"2m"_s), readOnly(path(u"ro"_s), u"2m"_s);
     if (!full.mounted() || !readOnly.mounted()) // where no tmpfs can be mounted
-        rows.resize(5);
+        rows.resize(6);
     QStringList tracks;
     QList<QByteArray> originals;
     for (const auto& [track, line] : rows) {
@@ -84,8 +86,8 @@ exec "$real" "$@"
         ::Test::makeAudio(tracks.last(), u"sine=frequency=220"_s, track.startsWith(u'f') ? 10 : 3);
         originals << readAll(tracks.last());
     }
-    QFile::remove(tracks[3]);
-    ASSERT_EQ(::mkfifo(QFile::encodeName(tracks[3]).constData(), 0644), 0);
+    QFile::remove(tracks[4]);
+    ASSERT_EQ(::mkfifo(QFile::encodeName(tracks[4]).constData(), 0644), 0);
     ::Test::runProgram(u"mount"_s, {u"-o"_s, u"remount,ro"_s, path(u"ro"_s)});
 
     const auto run = zelkorTag(QStringList{u"--tag"_s, clip, u"--interval"_s, u"5"_s} + tracks,
@@ -99,7 +101,7 @@ exec "$real" "$@"
         EXPECT_TRUE(line.isEmpty() ? said[i].startsWith(name) && !said[i].contains(u"OK"_s)
                                    : said[i] == name + line)
             << said[i].toStdString();
-        EXPECT_TRUE(line.isEmpty() || i == 3 || readAll(tracks[i]) == originals[i]) << i;
+        EXPECT_TRUE(line.isEmpty() || i == 4 || readAll(tracks[i]) == originals[i]) << i;
     }
     EXPECT_EQ(taggedIn(home.root()) + taggedIn(path(u"full"_s)) + taggedIn(path(u"ro"_s)),
               u"0 first (Tagged).wav|g (Tagged).wav"_s);
