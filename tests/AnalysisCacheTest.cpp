@@ -33,8 +33,8 @@ TEST(AnalysisCache, keptFiguresServeOnlyTheSameFile) {
     ::Test::writeFile(track, "loud");
     awaitSettled({track});
     int runs = 0;
-    const auto measured = [&](const QString& path) {
-        Engine::AnalysisCache::kept(path, {}, [&](const QString&) {
+    const auto measured = [&](const QString& path, const QString& method = {}) {
+        Engine::AnalysisCache::kept(path, method, [&](const QString&) {
             Engine::Analysis analysis;
             analysis.duration = ++runs;
             return analysis;
@@ -49,21 +49,23 @@ TEST(AnalysisCache, keptFiguresServeOnlyTheSameFile) {
     ::Test::writeFile(Engine::AnalysisCache::folder() + u'/' + entries()[0], "{\"key\":[1,\"");
     EXPECT_EQ(measured(track), 2); // a damaged entry is replaced
     EXPECT_EQ(measured(track), 2);
+    EXPECT_EQ(measured(track, u"another way"_s), 3); // kept apart from the other way's
+    EXPECT_EQ(measured(track, u"another way"_s), 3);
 
     // New bytes in the same file, as an editor saving in place writes them: measured
     // again, even with the old modification time put back.
     struct stat before {};
     ASSERT_EQ(::stat(QFile::encodeName(track).constData(), &before), 0);
     ::Test::writeFile(track, "soft");
-    EXPECT_EQ(measured(track), 3);
+    EXPECT_EQ(measured(track), 4);
     ::Test::writeFile(track, "loud");
     const timespec times[2] = {before.st_atim, before.st_mtim};
     ASSERT_EQ(::utimensat(AT_FDCWD, QFile::encodeName(track).constData(), times, 0), 0);
-    EXPECT_EQ(measured(track), 4);
+    EXPECT_EQ(measured(track), 5);
 
     // A cache folder that cannot be made is passed by.
     home.setEnv("XDG_CACHE_HOME", track + u"/cache"_s);
-    EXPECT_EQ(measured(track), 5);
+    EXPECT_EQ(measured(track), 6);
 }
 
 // zelkor-tag through ffmpeg wrappers that log their runs; each count is of all runs so far.
