@@ -8,11 +8,9 @@
 
 namespace {
 
-// The analysis' share of a track's work when it runs, by the output's format:
-// measured on 10-minute tracks, the analysis takes as long as a WAV's render,
-// and a sixth of an MP3's (most of that goes to the encoder).
-constexpr double kAnalysisShareOfWav = 0.5;
-constexpr double kAnalysisShareOfMp3 = 0.15;
+// The analysis' share of a track's work when it runs: measured on 10-minute
+// tracks, about a sixth of the whole for a WAV and for an MP3 alike.
+constexpr double kAnalysisShare = 0.15;
 
 // A track's passes turned into one share of its work: the analysis up to its
 // share, the render from wherever it began to 1.
@@ -20,11 +18,7 @@ class TrackShare {
 public:
     TrackShare(const Batch::Work& work, qsizetype index)
         : m_work(work)
-        , m_index(index)
-        , m_analysisShare(work.tracks[static_cast<std::size_t>(index)].output.extension ==
-                                  QLatin1String("mp3")
-                              ? kAnalysisShareOfMp3
-                              : kAnalysisShareOfWav) {}
+        , m_index(index) {}
 
     void reached(Engine::Pass pass, double seconds, double length) {
         const double part = length > 0 ? std::clamp(seconds / length, 0.0, 1.0) : 0;
@@ -32,7 +26,7 @@ public:
             m_rendering = true;
             m_from = m_fraction;
         }
-        const double fraction = m_rendering ? m_from + (1 - m_from) * part : m_analysisShare * part;
+        const double fraction = m_rendering ? m_from + (1 - m_from) * part : kAnalysisShare * part;
         m_fraction = std::max(m_fraction, fraction);
         m_work.onProgress({m_index, pass, seconds, length, m_fraction, false});
     }
@@ -40,7 +34,6 @@ public:
 private:
     const Batch::Work& m_work;
     qsizetype m_index;
-    double m_analysisShare;
     bool m_rendering = false;
     double m_from = 0;
     double m_fraction = 0;

@@ -527,10 +527,12 @@ Prepared prepare(const QString& given, const QString& tag, double interval, doub
     // Absolute from here on: QFileInfo would lose the stray bytes of a relative name.
     Prepared prepared{Names::absolute(given), {}, 0, {}};
     const TagInfo clip = info(tag);
-    {
-        const PassMark analysing(Pass::analysis);
-        prepared.analysis = analyze(prepared.track);
-    }
+    Measuring measuring;
+    if (const ProgressReports* reports = ProgressReports::current())
+        measuring.progress = [reports](double seconds, double length) {
+            reports->reached()(Pass::analysis, seconds, length);
+        };
+    prepared.analysis = analyze(prepared.track, measuring);
     prepared.gain = clipGain(levelDB, prepared.analysis.lufs, clip.lufs);
     prepared.times = positions(prepared.analysis.duration, interval, clip.length);
     prepared.tagLength = clip.length;

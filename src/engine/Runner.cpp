@@ -17,6 +17,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <functional>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -161,6 +162,10 @@ ProgressReports::~ProgressReports() {
     t_reports = m_outer;
 }
 
+const ProgressReports* ProgressReports::current() {
+    return t_reports;
+}
+
 PassMark::PassMark(Pass pass, double length, double bytesPerSecond)
     : m_outer(std::exchange(t_mark, this))
     , m_pass(pass)
@@ -237,10 +242,12 @@ unsigned long long groupTicks(pid_t group) {
 // ffmpeg's reports are read at least this often, though an analysis prints nothing.
 constexpr long long kReportsReadMs = 250;
 
-// Reads the run's text (and `watched`'s reports) until it ends; one that shows no
-// progress (no text, no report, no processor time) for stallLimit() is ended with
+// Reads the run's output until it ends: `drain` takes what came so far into `text`
+// and says whether anything did; `watched` reads ffmpeg's reports. One that shows no
+// progress (no output, no report, no processor time) for stallLimit() is ended with
 // its whole group. Returns whether it stalled.
-bool readUntilEnd(QProcess& process, KeptText& text, Watched* watched) {
+bool readUntilEnd(QProcess& process, const KeptText& text, const std::function<bool()>& drain,
+                  Watched* watched) {
     const std::chrono::milliseconds limit = stallLimit();
     const int lookEvery = static_cast<int>(std::clamp<long long>(limit.count() / 4, 50, 5000));
     const int slice = watched ? std::min<int>(lookEvery, kReportsReadMs) : lookEvery;
@@ -252,9 +259,8 @@ bool readUntilEnd(QProcess& process, KeptText& text, Watched* watched) {
     for (;;) {
         QElapsedTimer waited;
         waited.start();
-        const bool spoke = process.waitForReadyRead(slice);
-        if (spoke)
-            text.add(process.readAll());
+        const bool ready = process.waitForReadyRead(slice);
+        const bool spoke = drain() || ready;
         if (watched) {
             watched->readLength(text.head());
             if (watched->drain() && !spoke) {
@@ -283,6 +289,88 @@ bool readUntilEnd(QProcess& process, KeptText& text, Watched* watched) {
             return true;
         }
     }
+}
+
+std::atomic<void (*)(const QStringList&)> runSeen = nullptr;
+
+// What every run shares: the checks before it, the child's set-up and its end.
+// `channels` says whether its standard output is read apart from its text; when it
+// is not, and a front follows this run, ffmpeg's reports take it.
+RunResult runWith(const QStringList& args, const std::vector<int>& passed,
+                  QProcess::ProcessChannelMode channels,
+                  const std::function<bool(QProcess&, KeptText&)>& drain) {
+    const std::optional<QString>& program = ffmpeg();
+    if (!program)
+        throw TagError::noFFmpeg();
+    if (isStopping())
+        throw TagError::stopped();
+    ensureDescriptors();
+
+    // ffmpeg's reports on a pipe of their own: the text the parsers read stays as it is.
+    QStringList prefix{QStringLiteral("-hide_banner"), QStringLiteral("-nostdin")};
+    std::optional<Watched> watched;
+    int reportsEnd = -1; // the child's end of it
+    if (t_reports && t_mark && channels == QProcess::MergedChannels) {
+        int ends[2];
+        if (::pipe2(ends, O_CLOEXEC) != 0)
+            throw TagError::systemFailed(errno);
+        ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
+        watched.emplace(t_reports->reached(), *t_mark, t_mark->length(), ends[0]);
+        reportsEnd = ends[1];
+        prefix << QStringLiteral("-progress") << QStringLiteral("pipe:1");
+    }
+    QProcess process;
+    process.setProcessChannelMode(channels);
+    process.setInputChannelMode(QProcess::ForwardedInputChannel);
+    const pid_t parent = ::getpid();
+    process.setChildProcessModifier([parent, &passed, reportsEnd] {
+        // No ffmpeg writes on once Zelkor is gone. The signal comes when the
+        // thread that started the child ends: this one, which waits for it.
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        // A group of its own, so that what ffmpeg starts (a wrapper's real ffmpeg)
+        // is ended with it.
+        ::setpgid(0, 0);
+        if (::getppid() != parent)
+            ::_exit(127);
+        for (const int fd : passed)
+            ::fcntl(fd, F_SETFD, 0);
+        // Its standard output, after QProcess has set up the channels.
+        if (reportsEnd >= 0)
+            ::dup2(reportsEnd, STDOUT_FILENO);
+    });
+    if (const auto seen = runSeen.load())
+        seen(QStringList{*program} + prefix + args);
+    process.start(*program, prefix + args, QIODevice::ReadOnly);
+    if (reportsEnd >= 0)
+        ::close(reportsEnd); // the child holds it now, so its end is the pipe's
+    if (!process.waitForStarted(-1)) {
+        // Qt gives the system's reason only as text.
+        const QString why = process.errorString();
+        throw TagError::systemFailed(lackIn(why), {}, why.toUpper());
+    }
+
+    KeptText text;
+    bool stalled = false;
+    {
+        const Child child(process.processId());
+        stalled = readUntilEnd(
+            process, text, [&] { return drain(process, text); }, watched ? &*watched : nullptr);
+        process.waitForFinished(-1);
+        drain(process, text);
+        if (watched)
+            watched->drain();
+    }
+    if (isStopping())
+        throw TagError::stopped();
+    if (stalled)
+        throw TagError::stalled();
+
+    RunResult result;
+    const bool exited = process.exitStatus() == QProcess::NormalExit;
+    result.status = exited ? process.exitCode() : -1;
+    result.signal = exited ? 0 : process.exitCode(); // Qt gives the signal as the code
+    result.output = QString::fromUtf8(text.text());
+    return result;
 }
 
 } // namespace
@@ -321,7 +409,7 @@ OpenFile& OpenFile::operator=(OpenFile&& other) noexcept {
     return *this;
 }
 
-OpenFile openInput(const QString& path) {
+OpenFile openInput(const QString& path, Holding holding) {
     const QByteArray name = Names::encode(Names::absolute(path));
     // A FIFO or a device would hang ffmpeg, or feed it without end: looked at
     // before it is opened, and again once it is.
@@ -339,7 +427,7 @@ OpenFile openInput(const QString& path) {
     OpenFile file(fd, path);
     if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode))
         throw TagError::unreadable();
-    if (!file.passDown())
+    if (!file.passDown() && holding == Holding::whenPassedDown)
         file.close(); // ffmpeg opens it by its name
     return file;
 }
@@ -348,85 +436,29 @@ void stopAll() {
     EngineState::shared().stopAll();
 }
 
-static std::atomic<void (*)(const QStringList&)> runSeen = nullptr;
-
 void onRun(void (*seen)(const QStringList& commandLine)) {
     runSeen = seen;
 }
 
 RunResult run(const QStringList& args, const std::vector<int>& passed) {
-    const std::optional<QString>& program = ffmpeg();
-    if (!program)
-        throw TagError::noFFmpeg();
-    if (isStopping())
-        throw TagError::stopped();
-    ensureDescriptors();
-
-    // ffmpeg's reports, when a front follows this run, on a pipe of their own:
-    // the text the parsers read stays as it is.
-    QStringList prefix{QStringLiteral("-hide_banner"), QStringLiteral("-nostdin")};
-    std::optional<Watched> watched;
-    int reportsEnd = -1; // the child's end of it
-    if (t_reports && t_mark) {
-        int ends[2];
-        if (::pipe2(ends, O_CLOEXEC) != 0)
-            throw TagError::systemFailed(errno);
-        ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
-        watched.emplace(t_reports->reached(), *t_mark, t_mark->length(), ends[0]);
-        reportsEnd = ends[1];
-        prefix << QStringLiteral("-progress") << QStringLiteral("pipe:1");
-    }
-    QProcess process;
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    process.setInputChannelMode(QProcess::ForwardedInputChannel);
-    const pid_t parent = ::getpid();
-    process.setChildProcessModifier([parent, &passed, reportsEnd] {
-        // No ffmpeg writes on once Zelkor is gone. The signal comes when the
-        // thread that started the child ends: this one, which waits for it.
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        // A group of its own, so that what ffmpeg starts (a wrapper's real ffmpeg)
-        // is ended with it.
-        ::setpgid(0, 0);
-        if (::getppid() != parent)
-            ::_exit(127);
-        for (const int fd : passed)
-            ::fcntl(fd, F_SETFD, 0);
-        // Its standard output, after QProcess has set up the channels.
-        if (reportsEnd >= 0)
-            ::dup2(reportsEnd, STDOUT_FILENO);
+    return runWith(args, passed, QProcess::MergedChannels, [](QProcess& process, KeptText& text) {
+        const QByteArray bytes = process.readAll();
+        text.add(bytes);
+        return !bytes.isEmpty();
     });
-    if (const auto seen = runSeen.load())
-        seen(QStringList{*program} + prefix + args);
-    process.start(*program, prefix + args, QIODevice::ReadOnly);
-    if (reportsEnd >= 0)
-        ::close(reportsEnd); // the child holds it now, so its end is the pipe's
-    if (!process.waitForStarted(-1)) {
-        // Qt gives the system's reason only as text.
-        const QString why = process.errorString();
-        throw TagError::systemFailed(lackIn(why), {}, why.toUpper());
-    }
+}
 
-    KeptText text;
-    bool stalled = false;
-    {
-        const Child child(process.processId());
-        stalled = readUntilEnd(process, text, watched ? &*watched : nullptr);
-        process.waitForFinished(-1);
-        text.add(process.readAll());
-        if (watched)
-            watched->drain();
-    }
-    if (isStopping())
-        throw TagError::stopped();
-    if (stalled)
-        throw TagError::stalled();
-
-    RunResult result;
-    const bool exited = process.exitStatus() == QProcess::NormalExit;
-    result.status = exited ? process.exitCode() : -1;
-    result.signal = exited ? 0 : process.exitCode(); // Qt gives the signal as the code
-    result.output = QString::fromUtf8(text.text());
-    return result;
+RunResult runStreaming(const QStringList& args, const Streamed& output,
+                       const std::vector<int>& passed) {
+    return runWith(args, passed, QProcess::SeparateChannels,
+                   [&output](QProcess& process, KeptText& text) {
+                       const QByteArray out = process.readAllStandardOutput();
+                       const QByteArray err = process.readAllStandardError();
+                       text.add(err);
+                       if (!out.isEmpty() || !err.isEmpty())
+                           output(out, err);
+                       return !out.isEmpty() || !err.isEmpty();
+                   });
 }
 
 int lackIn(const QString& text) {

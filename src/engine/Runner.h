@@ -36,6 +36,13 @@ const std::optional<QString>& ffmpeg();
 // kOutputKept bytes are kept, whole lines only.
 RunResult run(const QStringList& args, const std::vector<int>& passed = {});
 constexpr qsizetype kOutputKept = 1 << 20;
+// As run, but the child's standard output is handed on as it comes instead of
+// kept: `output` gets each piece of it (of any size) with the text (standard
+// error) that came meanwhile, on the calling thread. The result's output is that
+// text alone.
+using Streamed = std::function<void(QByteArrayView output, QByteArrayView text)>;
+RunResult runStreaming(const QStringList& args, const Streamed& output,
+                       const std::vector<int>& passed = {});
 // `seen` gets each command line (the program first) as it starts, on the thread
 // that runs it; null for none. Set before the first run.
 void onRun(void (*seen)(const QStringList& commandLine));
@@ -57,6 +64,8 @@ public:
     ProgressReports(const ProgressReports&) = delete;
     ProgressReports& operator=(const ProgressReports&) = delete;
     const Reached& reached() const { return m_reached; }
+    // The reports this thread gives, if any: for work done without ffmpeg.
+    static const ProgressReports* current();
 
 private:
     Reached m_reached;
@@ -112,8 +121,9 @@ private:
 // is accepted: anything else, or a file that cannot be opened, throws
 // TagError::unreadable without touching it further; running out of descriptors
 // throws TagError::systemFailed. A file ffmpeg is given by name is
-// closed again at once.
-OpenFile openInput(const QString& path);
+// closed again at once, unless it is to be read here too.
+enum class Holding { whenPassedDown, always };
+OpenFile openInput(const QString& path, Holding holding = Holding::whenPassedDown);
 
 // The errno value of a lack of processes, threads or descriptors that `text`
 // (a run's, or Qt's reason it could not start one) names in the system's words; 0
