@@ -112,11 +112,11 @@ std::vector<std::pair<long long, long long>> stretches(const Mix& mix, int rate,
 // The stream cut at the stretches' bounds into pieces labelled after `cut`, each stretch
 // through `treat` (given its piece's number and its own, and the label to write) into a piece
 // labelled after `treated`, the rest passed on as it is, and all joined again into `out`.
-// In double precision throughout, or the pieces would be joined in single precision and
-// round differently.
+// Every piece in the sample format `format`, so that concat never has to convert them.
 QString
-throughStretches(const std::vector<std::pair<long long, long long>>& stretches, const QString& cut,
-                 const QString& treated, const QString& out,
+throughStretches(const std::vector<std::pair<long long, long long>>& stretches,
+                 const QString& format, const QString& cut, const QString& treated,
+                 const QString& out,
                  const std::function<QString(qsizetype, std::size_t, const QString&)>& treat) {
     QStringList bounds;
     for (const auto& [from, to] : stretches) {
@@ -127,8 +127,8 @@ throughStretches(const std::vector<std::pair<long long, long long>>& stretches, 
     const qsizetype pieces = bounds.size() + 1;
     // Piece 0 is a stretch when the first stretch starts with the track; then they alternate.
     const int firstTreated = stretches.front().first == 0 ? 0 : 1;
-    QString stage =
-        QStringLiteral("aformat=sample_fmts=dbl,asegment=samples=") + bounds.join(QLatin1Char('|'));
+    QString stage = QStringLiteral("aformat=sample_fmts=%1,asegment=samples=").arg(format) +
+                    bounds.join(QLatin1Char('|'));
     QString joined;
     for (qsizetype i = 0; i < pieces; ++i)
         stage += QStringLiteral("[%1%2]").arg(cut).arg(i);
@@ -153,8 +153,10 @@ throughStretches(const std::vector<std::pair<long long, long long>>& stretches, 
 QString limiterStage(const Mix& mix, int rate) {
     if (!mix.clearOfCeiling || rate <= 0 || mix.times.size() > kMaxLimitedStretches)
         return limiter(mix, QStringLiteral("k"), QStringLiteral("[out]"));
-    return throughStretches(stretches(mix, rate, rate / 100, rate / 10), QStringLiteral("g"),
-                            QStringLiteral("h"), QStringLiteral("[out]"),
+    // In the limiter's own double precision throughout, or the pieces would be joined in
+    // single precision and round differently.
+    return throughStretches(stretches(mix, rate, rate / 100, rate / 10), QStringLiteral("dbl"),
+                            QStringLiteral("g"), QStringLiteral("h"), QStringLiteral("[out]"),
                             [&](qsizetype i, std::size_t, const QString& done) {
                                 return limiter(mix, QStringLiteral("k%1").arg(i), done);
                             });
@@ -162,20 +164,24 @@ QString limiterStage(const Mix& mix, int rate) {
 
 // The beat under each copy gives way by the mix's duck, faded in and out like the copy:
 // each stretch plus its own opposite, scaled and shaped by the copy's fades. Only those
-// stretches are worked on; the rest of the track passes as it is, writing [beat].
+// stretches are worked on; the rest of the track passes as it is, writing [beat]. The joined
+// pieces keep their own timestamps, so they are counted afresh for what reads them.
 QString duckedBeat(const Mix& mix, int rate) {
     const long long fade = std::max(1LL, std::llround(kFadeSeconds * rate));
     const auto spans = stretches(mix, rate, 0, 0);
     const QString opposite = QString::number(std::pow(10.0, -mix.duckDB / 20) - 1, 'g', 17);
     return QStringLiteral("[0:a]") +
            throughStretches(
-               spans, QStringLiteral("b"), QStringLiteral("c"), QStringLiteral("[beat];"),
+               // In single precision, as the mix after it: double would cost the whole
+               // track a sixth more.
+               spans, QStringLiteral("flt"), QStringLiteral("b"), QStringLiteral("c"),
+               QStringLiteral(",asetpts=N/SR/TB[beat];"),
                [&](qsizetype i, std::size_t span, const QString& done) {
                    const long long length = spans[span].second - spans[span].first;
                    return QStringLiteral(
                               "asplit=2[%1x][%1y];[%1y]asetpts=N/SR/TB,"
                               "afade=t=in:ns=%2:curve=hsin,afade=t=out:ss=%3:ns=%2:curve=hsin,"
-                              "volume=volume=%4:precision=double[%1z];"
+                              "volume=volume=%4:precision=float[%1z];"
                               "[%1x][%1z]amix=inputs=2:normalize=0:duration=first:"
                               "dropout_transition=0")
                               .arg(QStringLiteral("b%1").arg(i))
@@ -225,14 +231,15 @@ double clipGain(double levelDB, double trackLufs, double tagLufs) {
 double duck(std::optional<double> trackPeakDB, double ceiling, std::optional<double> tagPeakDB) {
     if (!trackPeakDB || !tagPeakDB)
         return 0;
-    // A copy's peaks and the beat's meet somewhere under a tag, and the limiter takes what
-    // passes the ceiling from both. So the beat gives way until the two fit under it together,
-    // or as far as it may when the copy alone comes near the ceiling.
-    const double room = ceiling - std::pow(10.0, *tagPeakDB / 20);
-    const double beat = std::pow(10.0, *trackPeakDB / 20);
-    if (room <= beat * std::pow(10.0, -kMostDuck / 20))
+    // The limiter takes from the copy and the beat alike whatever passes the ceiling. Their
+    // peaks seldom meet in full: measured, they add like powers, not like amplitudes. So the
+    // beat gives way until the two fit so, and as far as it may once the copy alone nears it.
+    const double tag = std::pow(10.0, *tagPeakDB / 20), beat = std::pow(10.0, *trackPeakDB / 20);
+    const double room = ceiling * ceiling - tag * tag,
+                 least = beat * std::pow(10.0, -kMostDuck / 20);
+    if (room <= least * least)
         return kMostDuck;
-    return std::max(0.0, 20 * std::log10(beat / room));
+    return std::max(0.0, 20 * std::log10(beat / std::sqrt(room)));
 }
 
 bool carriesOverFullScale(const Analysis& track, const QString& format) {

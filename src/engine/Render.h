@@ -23,7 +23,7 @@ constexpr std::size_t kMaxPlacements = 100'000;
 
 constexpr double kDefaultCeiling = 0.97;
 constexpr double kFadeSeconds = 0.005;
-constexpr double kMostDuck = 9; // dB the track gives way under a tag, at most
+constexpr double kMostDuck = 12; // dB the track gives way under a tag, at most
 // The loop of the one-branch graph holds an interval of the track's audio (about 64 MB).
 constexpr long long kMaxLoopSamples = 1LL << 24;
 // Up to this many tags the limiter runs only on the stretches around them: each stretch
