@@ -115,14 +115,18 @@ std::vector<QStringList> commandsFor(const QString& track, const QString& clip, 
     const Engine::Analysis analysis = Engine::analyze(track);
     const bool today = render == Render::branchPerCopy;
     const QString format = QFileInfo(track).suffix().toLower();
+    const double gain = Engine::clipGain(-5, analysis.lufs, tag.lufs),
+                 limit =
+                     Engine::ceiling(analysis.peak, Engine::carriesOverFullScale(analysis, format));
     const Engine::Mix mix{
-        .gainDB = Engine::clipGain(-5, analysis.lufs, tag.lufs),
+        .gainDB = gain,
         .times = Engine::positions(analysis.duration, interval, tag.length),
         .tagLength = tag.length,
-        .ceiling = Engine::ceiling(analysis.peak, Engine::carriesOverFullScale(analysis, format)),
+        .ceiling = limit,
         .format = analysis.format,
         .clearOfCeiling = !today && Engine::clearOfCeiling(analysis, format),
-        .duckDB = Engine::duck(analysis, -5)};
+        .duckDB = Engine::duck(analysis.peak, limit,
+                               tag.peak ? std::optional(*tag.peak + gain) : std::nullopt)};
     const QString graph = Engine::filterGraph(mix, today ? Engine::GraphShape::branchPerCopy
                                                          : Engine::graphShape(mix));
     return {prefix + Engine::analysisArguments(clip), prefix + Engine::analysisArguments(track),

@@ -372,9 +372,10 @@ TagInfo info(const QString& path) {
     // A clip rewritten under its name is another clip: measured again.
     return EngineState::shared().clipInfo(path, Files::identity(Names::absolute(path)), [&path] {
         const Analysis analysis = analyze(path, {.trailingSilence = true, .progress = {}});
-        return TagInfo{analysis.lufs, analysis.silenceStart
-                                          ? std::max(*analysis.silenceStart, kMinimumTagLength)
-                                          : analysis.duration};
+        return TagInfo{analysis.lufs,
+                       analysis.silenceStart ? std::max(*analysis.silenceStart, kMinimumTagLength)
+                                             : analysis.duration,
+                       analysis.peak};
     });
 }
 

@@ -33,7 +33,8 @@ struct Analysis {
 
 struct TagInfo {
     double lufs = -70;
-    double length = 0; // audible length
+    double length = 0;          // audible length
+    std::optional<double> peak; // sample peak in dBFS
 };
 
 constexpr double kLoudnessFloor = kAbsoluteGate;
