@@ -55,7 +55,10 @@ struct Node {
     }
     QList<Node> children() const {
         QList<Node> found;
-        const auto list = call(kAccessible, u"GetChildren"_s).value<QDBusArgument>();
+        const QVariant reply = call(kAccessible, u"GetChildren"_s);
+        if (reply.metaType() != QMetaType::fromType<QDBusArgument>())
+            return found; // gone, or never there
+        const auto list = reply.value<QDBusArgument>();
         list.beginArray();
         while (!list.atEnd()) {
             QString owner;
@@ -134,15 +137,17 @@ protected:
             u"DBUS_SESSION_BUS_ADDRESS"_s,
             start(bus, u"dbus-daemon"_s, {u"--session"_s, u"--nofork"_s, u"--print-address=1"_s}));
         environment.insert(u"QT_QPA_PLATFORM"_s, u"xcb"_s);
-        environment.insert(u"QT_LINUX_ACCESSIBILITY_ALWAYS_ON"_s, u"1"_s);
+        const Node launcher{QDBusConnection::connectToBus(
+                                environment.value(u"DBUS_SESSION_BUS_ADDRESS"_s), u"session"_s),
+                            u"org.a11y.Bus"_s, u"/org/a11y/bus"_s};
+        // What a screen reader does as it starts: the program then joins.
+        launcher.call(
+            u"org.freedesktop.DBus.Properties"_s, u"Set"_s,
+            {u"org.a11y.Status"_s, u"IsEnabled"_s, QVariant::fromValue(QDBusVariant(true))});
+        const QVariant address = launcher.call(u"org.a11y.Bus"_s, u"GetAddress"_s);
         zelkor.setProcessEnvironment(environment);
         zelkor.start(::Test::binary(u"zelkor"_s), {track});
         ASSERT_TRUE(zelkor.waitForStarted(kWaitMs));
-
-        const QDBusConnection session = QDBusConnection::connectToBus(
-            environment.value(u"DBUS_SESSION_BUS_ADDRESS"_s), u"session"_s);
-        const QVariant address = Node{session, u"org.a11y.Bus"_s, u"/org/a11y/bus"_s}.call(
-            u"org.a11y.Bus"_s, u"GetAddress"_s);
         registry = {QDBusConnection::connectToBus(address.toString(), u"a11y"_s),
                     u"org.a11y.atspi.Registry"_s, u"/org/a11y/atspi/accessible/root"_s};
         ASSERT_TRUE(registry.bus.isConnected()) << address.toString().toStdString();
@@ -151,7 +156,8 @@ protected:
     void TearDown() override {
         for (QProcess* process : {&zelkor, &bus, &x}) {
             process->terminate();
-            EXPECT_TRUE(process->waitForFinished(kWaitMs)) << process->program().toStdString();
+            if (!process->waitForFinished(kWaitMs))
+                process->kill();
         }
         QDBusConnection::disconnectFromBus(u"a11y"_s);
         QDBusConnection::disconnectFromBus(u"session"_s);
@@ -232,7 +238,7 @@ TEST_F(AtSpi, aScreenReaderReadsEveryControlAndActsThroughIt) {
     expected[14] += u" checked"_s;
     EXPECT_EQ(window.tree(), expected);
 
-    const Node firstMenu = window.children().back().children().value(0).children().value(0);
+    const Node firstMenu = window.children().value(1).children().value(0).children().value(0);
     EXPECT_FALSE(firstMenu.has(kShowing));
     registry.call(u"org.a11y.atspi.DeviceEventController"_s, u"GenerateKeyboardEvent"_s,
                   {kF10, QString(), uint(kKeySym)},
