@@ -26,9 +26,9 @@ namespace {
 constexpr int kWaitMs = 30'000;
 constexpr int kCallMs = 5000;
 const QString kAccessible = u"org.a11y.atspi.Accessible"_s;
-// AtspiStateType bits; a screen reader says "not checked" for a radio button without one.
+// AtspiStateType bit numbers; a reader says "not checked" for a radio button without one.
 constexpr int kChecked = 4, kShowing = 25;
-constexpr int kF10 = 0xffc7, kKeySym = 3; // an X keysym, and AT-SPI's "press and release it"
+constexpr int kTab = 0xff09, kF10 = 0xffc7, kKeySym = 3; // X keysyms; AT-SPI's "type it"
 
 // One object of the tree, asked for what Orca asks.
 struct Node {
@@ -144,17 +144,17 @@ protected:
         launcher.call(
             u"org.freedesktop.DBus.Properties"_s, u"Set"_s,
             {u"org.a11y.Status"_s, u"IsEnabled"_s, QVariant::fromValue(QDBusVariant(true))});
-        const QVariant address = launcher.call(u"org.a11y.Bus"_s, u"GetAddress"_s);
+        accessibility = launcher.call(u"org.a11y.Bus"_s, u"GetAddress"_s).toString();
         zelkor.setProcessEnvironment(environment);
         zelkor.start(::Test::binary(u"zelkor"_s), {track});
         ASSERT_TRUE(zelkor.waitForStarted(kWaitMs));
-        registry = {QDBusConnection::connectToBus(address.toString(), u"a11y"_s),
+        registry = {QDBusConnection::connectToBus(accessibility, u"a11y"_s),
                     u"org.a11y.atspi.Registry"_s, u"/org/a11y/atspi/accessible/root"_s};
-        ASSERT_TRUE(registry.bus.isConnected()) << address.toString().toStdString();
+        ASSERT_TRUE(registry.bus.isConnected()) << accessibility.toStdString();
     }
 
     void TearDown() override {
-        for (QProcess* process : {&zelkor, &bus, &x}) {
+        for (QProcess* process : {&monitor, &zelkor, &bus, &x}) {
             process->terminate();
             if (!process->waitForFinished(kWaitMs))
                 process->kill();
@@ -186,6 +186,13 @@ protected:
         return QString::fromUtf8(process.readLine()).trimmed();
     }
 
+    // Types the key `keysym` into the display, as a reader's own keys would.
+    void press(int keysym) {
+        registry.call(u"org.a11y.atspi.DeviceEventController"_s, u"GenerateKeyboardEvent"_s,
+                      {keysym, QString(), uint(kKeySym)},
+                      u"/org/a11y/atspi/registry/deviceeventcontroller"_s);
+    }
+
     // The window's frame, once the program (the bus's only one) has told the registry.
     Node frame() {
         ::Test::waitUntil([&] { return registry.children().size() == 1; }, kWaitMs);
@@ -197,14 +204,15 @@ protected:
     ::Test::FreshHome home;
     const QString track = home.root() + u"/b.wav"_s;
     QProcessEnvironment environment;
-    QProcess x, bus, zelkor;
+    QProcess x, bus, zelkor, monitor;
+    QString accessibility; // the accessibility bus's address
     Node registry;
 };
 
 } // namespace
 
 // A batch at launch with a track that fails: every control, the counter and the
-// log reach the reader; a press and F10 through AT-SPI act as in the window.
+// log reach the reader; its press acts, Tab is heard, F10 opens the first menu.
 TEST_F(AtSpi, aScreenReaderReadsEveryControlAndActsThroughIt) {
     const Node window = frame();
     QStringList expected{
@@ -238,10 +246,21 @@ TEST_F(AtSpi, aScreenReaderReadsEveryControlAndActsThroughIt) {
     expected[14] += u" checked"_s;
     EXPECT_EQ(window.tree(), expected);
 
+    // The reader follows the keyboard by the focus events it asked for.
+    start(monitor, u"dbus-monitor"_s,
+          {u"--address"_s, accessibility, u"interface='org.a11y.atspi.Event.Focus'"_s});
+    registry.call(u"org.a11y.atspi.Registry"_s, u"RegisterEvent"_s,
+                  {u"focus:"_s, QStringList(), QString()}, u"/org/a11y/atspi/registry"_s);
+    press(kTab);
+    const QString tagField = window.children().value(0).children().value(0).path;
+    QByteArray heard;
+    EXPECT_TRUE(::Test::waitUntil(
+        [&] { return (heard += monitor.readAll()).contains(tagField.toUtf8() + "; interface"); },
+        kWaitMs))
+        << heard.constData();
+
     const Node firstMenu = window.children().value(1).children().value(0).children().value(0);
     EXPECT_FALSE(firstMenu.has(kShowing));
-    registry.call(u"org.a11y.atspi.DeviceEventController"_s, u"GenerateKeyboardEvent"_s,
-                  {kF10, QString(), uint(kKeySym)},
-                  u"/org/a11y/atspi/registry/deviceeventcontroller"_s);
+    press(kF10);
     EXPECT_TRUE(::Test::waitUntil([&] { return firstMenu.has(kShowing); }, kWaitMs));
 }
