@@ -71,11 +71,11 @@ build-fuzz/build.ninja:
 	@CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DZELKOR_FUZZ=ON -DZELKOR_TESTS=OFF -DZELKOR_BENCH=OFF
 
 fuzz-smoke: deps build-fuzz/build.ninja
-	@cmake --build build-fuzz -j $(JOBS) --target AnalysisFuzz KeepFuzz NamesFuzz
+	@cmake --build build-fuzz -j $(JOBS) --target AnalysisFuzz KeepFuzz NamesFuzz WavFuzz
 	@scripts/fuzz build-fuzz/bin $(SMOKE_SECONDS)
 
 fuzz: deps build-fuzz/build.ninja
-	@cmake --build build-fuzz -j $(JOBS) --target AnalysisFuzz KeepFuzz NamesFuzz
+	@cmake --build build-fuzz -j $(JOBS) --target AnalysisFuzz KeepFuzz NamesFuzz WavFuzz
 	@scripts/fuzz build-fuzz/bin $(FUZZ_SECONDS)
 
 bench: build

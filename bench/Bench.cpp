@@ -204,14 +204,18 @@ QStringList branchPerCopyRender(const QString& track, const QString& clip, doubl
     const Engine::TagInfo tag = Engine::info(clip);
     const Engine::Analysis analysis = Engine::analyze(track);
     const QString format = QFileInfo(track).suffix().toLower();
+    const double gain = Engine::clipGain(-5, analysis.lufs, tag.lufs),
+                 limit =
+                     Engine::ceiling(analysis.peak, Engine::carriesOverFullScale(analysis, format));
     const Engine::Mix mix{
-        .gainDB = Engine::clipGain(-5, analysis.lufs, tag.lufs),
+        .gainDB = gain,
         .times = Engine::positions(analysis.duration, interval, tag.length),
         .tagLength = tag.length,
-        .ceiling = Engine::ceiling(analysis.peak, Engine::carriesOverFullScale(analysis, format)),
+        .ceiling = limit,
         .format = analysis.format,
         .clearOfCeiling = false,
-        .duckDB = Engine::duck(analysis, -5)};
+        .duckDB = Engine::duck(analysis.peak, limit,
+                               tag.peak ? std::optional(*tag.peak + gain) : std::nullopt)};
     const QString graph = Engine::filterGraph(mix, Engine::GraphShape::branchPerCopy);
     return QStringList{QStringLiteral("-hide_banner"), QStringLiteral("-nostdin")} +
            Engine::renderArguments(track, clip, graph, analysis, Engine::outputURL(track),

@@ -33,8 +33,8 @@ TEST(AnalysisCache, keptFiguresServeOnlyTheSameFile) {
     ::Test::writeFile(track, "loud");
     awaitSettled({track});
     int runs = 0;
-    const auto measured = [&](const QString& path) {
-        Engine::AnalysisCache::kept(path, [&](const QString&) {
+    const auto measured = [&](const QString& path, const QString& method = {}) {
+        Engine::AnalysisCache::kept(path, method, [&](const QString&) {
             Engine::Analysis analysis;
             analysis.duration = ++runs;
             return analysis;
@@ -42,34 +42,37 @@ TEST(AnalysisCache, keptFiguresServeOnlyTheSameFile) {
         return runs;
     };
     const auto failing = [](const QString&) -> Engine::Analysis { throw TagError::unreadable(); };
-    EXPECT_THROW(Engine::AnalysisCache::kept(track, failing), TagError);
+    EXPECT_THROW(Engine::AnalysisCache::kept(track, {}, failing), TagError);
     EXPECT_EQ(entries(), QStringList()); // a failure keeps nothing
     EXPECT_EQ(measured(track), 1);
     ASSERT_EQ(entries().size(), 1);
     ::Test::writeFile(Engine::AnalysisCache::folder() + u'/' + entries()[0], "{\"key\":[1,\"");
     EXPECT_EQ(measured(track), 2); // a damaged entry is replaced
     EXPECT_EQ(measured(track), 2);
+    EXPECT_EQ(measured(track, u"another way"_s), 3); // kept apart from the other way's
+    EXPECT_EQ(measured(track, u"another way"_s), 3);
 
     // New bytes in the same file, as an editor saving in place writes them: measured
     // again, even with the old modification time put back.
     struct stat before {};
     ASSERT_EQ(::stat(QFile::encodeName(track).constData(), &before), 0);
     ::Test::writeFile(track, "soft");
-    EXPECT_EQ(measured(track), 3);
+    EXPECT_EQ(measured(track), 4);
     ::Test::writeFile(track, "loud");
     const timespec times[2] = {before.st_atim, before.st_mtim};
     ASSERT_EQ(::utimensat(AT_FDCWD, QFile::encodeName(track).constData(), times, 0), 0);
-    EXPECT_EQ(measured(track), 4);
+    EXPECT_EQ(measured(track), 5);
 
     // A cache folder that cannot be made is passed by.
     home.setEnv("XDG_CACHE_HOME", track + u"/cache"_s);
-    EXPECT_EQ(measured(track), 5);
+    EXPECT_EQ(measured(track), 6);
 }
 
 // zelkor-tag through ffmpeg wrappers that log their runs; each count is of all runs so far.
 TEST(AnalysisCache, aSecondRunMeasuresNothingUnlessFfmpegIsAnotherOrItIsTurnedOff) {
     ::Test::FreshHome home;
-    const QString track = home.root() + u"/beat.wav"_s, clip = home.root() + u"/tag.wav"_s;
+    // MP3s: a WAV is read without ffmpeg.
+    const QString track = home.root() + u"/beat.mp3"_s, clip = home.root() + u"/tag.mp3"_s;
     ::Test::makeAudio(track, u"sine=frequency=220"_s, 6);
     ::Test::makeAudio(clip, u"sine=frequency=880"_s, 0.5, 8000, 1);
     // The second ffmpeg says 2.4 MiB more after each Duration: the kept text still has both ends.
@@ -78,13 +81,13 @@ TEST(AnalysisCache, aSecondRunMeasuresNothingUnlessFfmpegIsAnotherOrItIsTurnedOf
                               "echo \"$*\" >> \"$0.log\"\nexec \"$real\" \"$@\"\n"),
         ::Test::resourcesWith(
             home.root() + u"/1"_s,
-            "echo \"$*\" >> \"$0.log\"\n\"$real\" \"$@\" 2>&1 | awk '{ print } "
-            "/Duration/ { for (i = 0; i < 40000; i++) printf \"%063d\\n\", i }' >&2\n")};
+            "echo \"$*\" >> \"$0.log\"\n{ \"$real\" \"$@\" 2>&1 1>&3 | awk '{ print } "
+            "/Duration/ { for (i = 0; i < 40000; i++) printf \"%063d\\n\", i }' >&2; } 3>&1\n")};
     const auto tag = [&](const QString& share, const QStringList& options = {}) {
         const auto run = ::Test::zelkorTag(options + QStringList{u"--tag"_s, clip, track},
                                            {u"ZELKOR_RESOURCES="_s + share});
         EXPECT_EQ(run.status, 0) << run.out.toStdString();
-        return QString::fromUtf8(::Test::readAll(share + u"/ffmpeg.log"_s)).count(u" -f null -"_s);
+        return QString::fromUtf8(::Test::readAll(share + u"/ffmpeg.log"_s)).count(u" pipe:1"_s);
     };
     awaitSettled({track, clip});
     EXPECT_EQ(tag(shares[0]), 2);

@@ -6,6 +6,8 @@
 #include "support/GuiSupport.h"
 
 #include <gtest/gtest.h>
+#include <mutex>
+#include <set>
 
 using namespace Qt::StringLiterals;
 using namespace Style;
@@ -59,4 +61,80 @@ TEST_F(BatchRunner, aFailingTrackIsLoggedAndTheOthersAreWrittenAndShown) {
     EXPECT_EQ(log.size(), 8u);
     EXPECT_EQ(viewer.shown.size(), 1u);
     EXPECT_EQ(sounds.played, (QStringList{u"Basso"_s, u"Glass"_s, u"Basso"_s}));
+}
+
+namespace {
+
+// Ten minutes of stereo WAV: long enough for ffmpeg to report several times per pass.
+QString longTrack(const QString& at) {
+    ::Test::makeAudio(at, u"sine=frequency=220"_s, 600);
+    return at;
+}
+
+} // namespace
+
+// ffmpeg's reports come in order, from the analysis to the render, each pass
+// reaching the track's length, the share of the work to 1, and then the track's end.
+TEST_F(BatchRunner, aTracksProgressReportsGoFromItsAnalysisToItsEnd) {
+    ::Test::makeAudio(home.root() + u"/voice.wav"_s, u"sine=frequency=880"_s, 0.5);
+    Engine::Job job;
+    job.clip = home.root() + u"/voice.wav"_s;
+    job.interval = 60;
+    std::mutex lock;
+    std::vector<Batch::Progress> reports;
+    Batch batch(
+        {job, Engine::plan(job, {longTrack(home.root() + u"/long.wav"_s)}), 1,
+         [&](const Batch::Progress& progress) {
+             const std::lock_guard locked(lock);
+             reports.push_back(progress);
+         }},
+        [](const Batch::Outcome&) {}, [] {});
+    batch.wait();
+    ASSERT_GE(reports.size(), 4u);
+    EXPECT_TRUE(reports.back().ended && reports.back().fraction == 1);
+    for (std::size_t i = 1; i + 1 < reports.size(); ++i) {
+        const Batch::Progress &was = reports[i - 1], &is = reports[i];
+        EXPECT_TRUE(is.fraction >= was.fraction && is.pass >= was.pass &&
+                    (is.pass != was.pass || is.seconds >= was.seconds) && is.length == 600)
+            << i;
+    }
+    const auto last = [&](Engine::Pass pass) {
+        return *std::find_if(reports.rbegin(), reports.rend(), [pass](const Batch::Progress& p) {
+            return p.pass == pass && !p.ended;
+        });
+    };
+    EXPECT_NEAR(last(Engine::Pass::analysis).seconds, 600, 0.1);
+    EXPECT_NEAR(last(Engine::Pass::render).seconds, 600, 0.1);
+    EXPECT_GT(reports[reports.size() - 2].fraction, 0.99);
+}
+
+// Within one long track the bar's cells advance, step by step, before its line comes.
+TEST_F(BatchRunner, theBarFillsWithinOneLongTrack) {
+    QDir().mkpath(home.tagsDir());
+    ::Test::makeAudio(home.tagsDir() + u"/voice.wav"_s, u"sine=frequency=880"_s, 1);
+    // The render reads its two minutes of track at 40 times their speed, on any machine.
+    home.setEnv("ZELKOR_RESOURCES", ::Test::resourcesWith(home.root(), R"(case " $* " in
+*" -filter_complex "*) exec "$real" -readrate 40 "$@" ;;
+esac
+exec "$real" "$@"
+)"));
+    ::Test::makeAudio(home.root() + u"/long.wav"_s, u"sine=frequency=220"_s, 120);
+    controller().start({home.root() + u"/long.wav"_s});
+    std::set<int> lit; // the cells seen lit while the track runs
+    ASSERT_TRUE(::Test::waitUntil(
+        [&] {
+            if (view().state().progress.done == 0) {
+                const QImage drawn = view().snapshot(1);
+                const auto& cells = view().layout().zone.cells;
+                lit.insert(static_cast<int>(
+                    std::count_if(cells.begin(), cells.end(), [&](const QRectF& cell) {
+                        return drawn.pixelColor(cell.center().toPoint()) == purple;
+                    })));
+            }
+            return !view().state().busy;
+        },
+        120'000));
+    lit.erase(0);
+    lit.erase(HUDLayout::kProgressCells);
+    EXPECT_GE(lit.size(), 2u);
 }

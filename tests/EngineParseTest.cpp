@@ -148,6 +148,16 @@ TEST(EnginePlacement, theCeilingFollowsTheMasterAndOnlyClearMastersSkipTheLimite
     }
 }
 
+// Unmeasured or clear of the ceiling, the beat stays; a copy alone at the ceiling takes the most.
+TEST(EnginePlacement, theBeatGivesWayAsFarAsTheCopyNeedsAndNoFurther) {
+    const std::optional<double> none;
+    for (const auto& [track, ceiling, tag, duck] : {std::tuple{none, 1.0, std::optional(-6.0), 0.0},
+                                                    {-6.0, 0.97, -20.0, 0.0},
+                                                    {0.0, 1.0, -3.0, 3.0205},
+                                                    {0.0, 1.0, 0.0, Engine::kMostDuck}})
+        EXPECT_NEAR(Engine::duck(track, ceiling, tag), duck, 1e-3) << tag.value_or(NAN);
+}
+
 // A dangling link takes a name too: ffmpeg would write through it.
 TEST_F(EngineFiles, outputsAreNamedAfterTheTrackAndNeverTakeAUsedNameAndFoldersGiveTracks) {
     const QString d = dir.path() + u'/';

@@ -51,7 +51,8 @@ protected:
 
 // One batch, each track a fault and its line; the batch goes on past each and every
 // track that stays is left as it was. The fake ffmpeg removes "vanished" once measured;
-// a render of "killed" and the clip's first analysis die as the OOM killer would.
+// a render of "killed" dies as the OOM killer would; a render of "crashed" and the
+// analysis of "cut", half-way through its decode, by a segmentation fault: each says how.
 TEST_F(Faults, eachFaultFailsItsOwnTrackAndTheBatchGoesOn) {
     const QString share = ::Test::resourcesWith(home.root(), R"(in=; prev=
 for arg; do [ "$prev" = -i ] && [ -z "$in" ] && in=$arg; prev=$arg; out=$arg; done
@@ -60,21 +61,23 @@ case " $* " in *" -filter_complex "*)
         head -c 65536 /dev/zero > "$out"
         echo 'size=      64kB time=00:00:00.37 bitrate=1411.2kbits/s' >&2
         kill -9 $$ ;;
+    *crashed*) ulimit -c 0; kill -SEGV $$ ;;
     esac
     exec "$real" "$@" ;;
 esac
 case "$in" in
-*/voice.wav) [ -e "$in.m" ] || { touch "$in.m"; "$real" "$@" 2>&1 | head -n 12; kill -9 $$; } ;;
 *vanished*) "$real" "$@"; status=$?; rm "$in"; exit $status ;;
+*cut*) "$real" "$@" | head -c 65536; ulimit -c 0; kill -SEGV $$ ;;
 esac
 exec "$real" "$@"
 )");
     // No line where it depends on when the change lands.
     std::vector<std::pair<QString, QString>> rows{
-        // The clip's analysis, killed before the run, is not kept: the track measures it again.
         {u"0 first.wav"_s, u"1 TAGS  OK  -> "_s + path(u"0 first (Tagged).wav"_s)},
-        {u"a killed.wav"_s, u"SIZE=      64KB TIME=00:00:00.37 BITRATE=1411.2KBITS/S"_s},
-        {u"b vanished.wav"_s, {}},
+        {u"a killed.wav"_s, u"FFMPEG WAS KILLED (OUT OF MEMORY?)"_s},
+        {u"c crashed.wav"_s, u"FFMPEG CRASHED (SEGMENTATION FAULT)"_s},
+        {u"d cut.mp3"_s, u"FFMPEG CRASHED (SEGMENTATION FAULT)"_s},
+        {u"b vanished.mp3"_s, {}},
         {u"f fifo.mp3"_s, u"CAN'T READ FILE: NOT A REGULAR FILE"_s}, // never hanging ffmpeg
         {u"g.wav"_s, u"1 TAGS  OK  -> "_s + path(u"g (Tagged).wav"_s)},
         // 1.7 MB of 16-bit audio leaves no room for its 24-bit copy.
@@ -82,7 +85,7 @@ exec "$real" "$@"
         {u"ro/beat.wav"_s, u"READ-ONLY FILE SYSTEM"_s}};
     const ::Test::Tmpfs full(path(u"full"_s), u"2m"_s), readOnly(path(u"ro"_s), u"2m"_s);
     if (!full.mounted() || !readOnly.mounted()) // where no tmpfs can be mounted
-        rows.resize(5);
+        rows.resize(7);
     QStringList tracks;
     QList<QByteArray> originals;
     for (const auto& [track, line] : rows) {
@@ -90,8 +93,8 @@ exec "$real" "$@"
         ::Test::makeAudio(tracks.last(), u"sine=frequency=220"_s, track.startsWith(u'f') ? 10 : 3);
         originals << readAll(tracks.last());
     }
-    QFile::remove(tracks[3]);
-    ASSERT_EQ(::mkfifo(QFile::encodeName(tracks[3]).constData(), 0644), 0);
+    QFile::remove(tracks[5]);
+    ASSERT_EQ(::mkfifo(QFile::encodeName(tracks[5]).constData(), 0644), 0);
     ::Test::runProgram(u"mount"_s, {u"-o"_s, u"remount,ro"_s, path(u"ro"_s)});
 
     const auto run = zelkorTag(QStringList{u"--tag"_s, clip, u"--interval"_s, u"5"_s} + tracks,
@@ -105,7 +108,7 @@ exec "$real" "$@"
         EXPECT_TRUE(line.isEmpty() ? said[i].startsWith(name) && !said[i].contains(u"OK"_s)
                                    : said[i] == name + line)
             << said[i].toStdString();
-        EXPECT_TRUE(line.isEmpty() || i == 3 || readAll(tracks[i]) == originals[i]) << i;
+        EXPECT_TRUE(line.isEmpty() || i == 5 || readAll(tracks[i]) == originals[i]) << i;
     }
     EXPECT_EQ(taggedIn(home.root()) + taggedIn(path(u"full"_s)) + taggedIn(path(u"ro"_s)),
               u"0 first (Tagged).wav|g (Tagged).wav"_s);

@@ -107,8 +107,14 @@ TEST(HUDLayout, textsFollowTheSettingsAndTheTag) {
 }
 
 TEST(HUDLayout, countsCellsLogLinesAndEdges) {
-    for (const auto& [done, total, cells] : std::vector<std::tuple<long long, long long, int>>{
-             {0, 0, 0}, {1, 0, 0}, {3, 12, 7}, {12, 12, 30}, {40, 12, 30}, {-1, 5, 0}})
+    for (const auto& [done, total, cells] :
+         std::vector<std::tuple<double, long long, int>>{{0, 0, 0},
+                                                         {1, 0, 0},
+                                                         {3, 12, 7},
+                                                         {3.4, 12, 8},
+                                                         {12, 12, 30},
+                                                         {40, 12, 30},
+                                                         {-1, 5, 0}})
         EXPECT_EQ(filledCells(done, total), cells) << done << "/" << total;
     for (const auto& [count, first] :
          std::vector<std::pair<long long, long long>>{{0, 0}, {3, 0}, {4, 0}, {6, 2}})

@@ -60,7 +60,8 @@ TEST_F(Shell, failuresSayWhyAndCommandsPasteIntoAShell) {
     const auto badClip = zelkorTag({u"-t"_s, path(u"damaged.wav"_s), path(u"it's sub"_s)});
     EXPECT_EQ(badClip.out + QString::number(badClip.status),
               path(u"damaged.wav"_s) + u"  CAN'T USE TAG: "_s + kInvalid + u"\n1"_s);
-    EXPECT_EQ(QDir(path(u"it's sub"_s)).entryList(QDir::Files | QDir::Hidden).size(), 3);
+    // The track, its sidecar, its output, and the hidden output of the pasted render.
+    EXPECT_EQ(QDir(path(u"it's sub"_s)).entryList(QDir::Files | QDir::Hidden).size(), 4);
 }
 
 // -n -q prints its plan, from -0's NUL list; JSON gives non-UTF-8 names' bytes.

@@ -47,6 +47,13 @@ void installMenuBar(QMainWindow& window, WindowController& controller) {
                               QKeySequence(Qt::CTRL | Qt::Key_Q)),
                      &QAction::triggered, qApp, &QCoreApplication::quit, Qt::QueuedConnection);
 
+    // F10 opens the first menu, as in the desktop's other applications.
+    auto* menuKey = new QAction(&window);
+    menuKey->setShortcut(QKeySequence(Qt::Key_F10));
+    window.addAction(menuKey);
+    QObject::connect(menuKey, &QAction::triggered, bar,
+                     [bar, application] { bar->setActiveAction(application->menuAction()); });
+
     QMenu* windowMenu = bar->addMenu(QStringLiteral("&Window"));
     QObject::connect(
         addEntry(*windowMenu, QStringLiteral("Mi&nimize"), QKeySequence(Qt::CTRL | Qt::Key_M)),

@@ -47,6 +47,8 @@ WindowController::WindowController(HUDView& view, Services services, QObject* pa
     connect(this, &WindowController::logged, &view, &HUDView::appendLog);
     connect(this, &WindowController::busyChanged, &view, &HUDView::setBusy);
     connect(this, &WindowController::progressChanged, &view, &HUDView::setProgress);
+    connect(this, &WindowController::fractionChanged, &view,
+            [this](double done) { m_view->setRunning(done - static_cast<double>(m_run.done)); });
     connect(this, &WindowController::tagChanged, &view, &HUDView::setTag);
     connect(this, &WindowController::choicesChanged, &view, &HUDView::setChoices);
     connect(&view, &HUDView::intervalChosen, this,
@@ -227,10 +229,14 @@ void WindowController::stop() {
         m_batch->stop();
 }
 
-void WindowController::trackProgress(double fraction) {
-    if (m_busy)
-        emit fractionChanged(static_cast<double>(m_run.done) + std::clamp(fraction, 0.0, 1.0),
-                             m_run.total);
+void WindowController::trackProgress(qsizetype track, double fraction) {
+    if (!m_busy)
+        return;
+    m_run.shares[track] = std::clamp(fraction, 0.0, 1.0);
+    double running = 0;
+    for (const auto& [index, share] : m_run.shares)
+        running += share;
+    emit fractionChanged(static_cast<double>(m_run.done) + running, m_run.total);
 }
 
 void WindowController::startBatch(const QStringList& tracks, const QString& tag) {
@@ -268,23 +274,30 @@ void WindowController::runPart(Engine::Plan plan) {
     // Written by the batch's callbacks only, which never run two at a time.
     auto written = std::make_shared<QStringList>();
     m_batch.reset(); // the last part has ended: its thread is joined here
+    const auto reached = [this, post](const Batch::Progress& progress) {
+        post([this, progress] { trackProgress(progress.index, progress.fraction); });
+    };
     m_batch = std::make_unique<Batch>(
-        Batch::Work{m_run.job, std::move(plan), 0},
+        Batch::Work{m_run.job, std::move(plan), 0, reached},
         [this, post, written](const Batch::Outcome& outcome) {
             if (outcome.result)
                 *written << outcome.result->output;
-            post([this, line = logLine(outcome), failed = outcome.failed() && !outcome.stopped()] {
-                trackDone(line, failed);
+            post([this, index = outcome.index, line = logLine(outcome),
+                  failed = outcome.failed() && !outcome.stopped()] {
+                trackDone(index, line, failed);
             });
         },
         [this, post, written] { post([this, written = *written] { partEnded(written); }); });
 }
 
-void WindowController::trackDone(const LogLine& line, bool failed) {
+void WindowController::trackDone(qsizetype track, const LogLine& line, bool failed) {
     log(line);
     ++m_run.done;
     m_run.failed += failed ? 1 : 0;
+    m_run.shares.erase(track);
     emit progressChanged(m_run.done, m_run.total);
+    if (!m_run.shares.empty())
+        trackProgress(m_run.shares.begin()->first, m_run.shares.begin()->second);
 }
 
 void WindowController::partEnded(const QStringList& written) {

@@ -15,6 +15,7 @@
 #include <QRectF>
 #include <QStringList>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 
@@ -54,8 +55,9 @@ public:
     // Ends the running track (its partial output goes) and begins no other; the
     // batch's last line says how many were left. Nothing without a batch.
     void stop();
-    // How far the running track is, 0 to 1, for a runner that reports it.
-    void trackProgress(double fraction);
+    // How far the running track `track` of the batch's part now is, 0 to 1; the
+    // bar fills by the shares of all that run.
+    void trackProgress(qsizetype track, double fraction);
     bool busy() const { return m_busy; }
     // Reads the selected tag clip again; true when it changed. Called whenever
     // the library or the preferences change on disk, and when the window is activated.
@@ -89,7 +91,7 @@ private:
     void startBatch(const QStringList& tracks, const QString& tag);
     void join(const QStringList& tracks);
     void runPart(Engine::Plan plan);
-    void trackDone(const LogLine& line, bool failed);
+    void trackDone(qsizetype track, const LogLine& line, bool failed);
     void partEnded(const QStringList& written);
     void finishBatch();
     LogLine summary() const;
@@ -111,6 +113,7 @@ private:
         QStringList tracks; // every track given to it, so that none runs twice
         Engine::Plan queued;
         long long done = 0, total = 0, failed = 0;
+        std::map<qsizetype, double> shares; // of the running tracks, by their index in the part
         QStringList written;
         bool stopping = false;
         QStringList afterStop; // handed over while it stopped: the next batch

@@ -1,6 +1,7 @@
 // The messages of the program's errors.
 #include "base/TagError.h"
 
+#include <csignal>
 #include <cstring>
 
 namespace {
@@ -49,6 +50,24 @@ TagError::TagError(Kind kind, QString action, QString reason, int code)
     , m_reason(std::move(reason))
     , m_code(code)
     , m_what(errorDescription().toUtf8()) {}
+
+TagError TagError::ffmpegCrashed(int signal) {
+    const QString name = QString::fromLocal8Bit(strsignal(signal)).toUpper();
+    switch (signal) {
+    case SIGKILL: // the out-of-memory killer's, most often
+        return ffmpegFailed(QStringLiteral("FFMPEG WAS KILLED (OUT OF MEMORY?)"));
+    case SIGSEGV:
+    case SIGBUS:
+    case SIGILL:
+    case SIGFPE:
+    case SIGABRT:
+    case SIGSYS:
+    case SIGTRAP:
+        return ffmpegFailed(QStringLiteral("FFMPEG CRASHED (%1)").arg(name));
+    default:
+        return ffmpegFailed(QStringLiteral("FFMPEG ENDED BY A SIGNAL (%1)").arg(name));
+    }
+}
 
 TagError TagError::systemFailed(int code, QString action) {
     return {Kind::systemFailed, std::move(action),

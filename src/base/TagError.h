@@ -28,6 +28,8 @@ public:
     static TagError ffmpegFailed(QString message) {
         return {Kind::ffmpegFailed, {}, std::move(message), 0};
     }
+    // ffmpeg ended by `signal`: "FFMPEG CRASHED (SEGMENTATION FAULT)", and the like.
+    static TagError ffmpegCrashed(int signal);
     static TagError noFFmpeg() { return TagError(Kind::noFFmpeg); }
     static TagError noTag() { return TagError(Kind::noTag); }
     static TagError unreadable() { return TagError(Kind::unreadable); }

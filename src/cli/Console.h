@@ -2,8 +2,13 @@
 // whole or not, and the progress line.
 #pragma once
 
+#include "engine/Batch.h"
+
+#include <QElapsedTimer>
 #include <QString>
 #include <cstdio>
+#include <mutex>
+#include <vector>
 
 namespace Cli {
 
@@ -29,26 +34,44 @@ struct Tally {
     QString line(double seconds, bool dryRun) const;
 };
 
-// The "03/12 [####......]" line on a terminal, redrawn in place.
+// On a terminal, the line under the output, redrawn in place: the tracks
+// finished of all so far, the running ones with the time reached in each, and
+// the time left as the run's pace so far gives it. Safe from any thread.
 class Progress {
 public:
     static constexpr int kBarCells = 30;
+    // Redrawn at most this often, and at every change of the count.
+    static constexpr qint64 kRedrawMs = 250;
 
     // Shown when wanted and standard error is a terminal.
     explicit Progress(bool wanted);
-    // More tracks to come, and one more done.
+    bool shown() const { return m_shown; }
+    // More tracks to come.
     void grow(qsizetype tracks);
-    void step();
+    // How far the track shown as `name` is; it is finished once `ended`. A batch's
+    // tracks are told apart by their index: batches follow each other.
+    void reached(const QString& name, const Batch::Progress& progress);
+    // Writes `text` to `stream` with the line lifted out of its way.
+    bool above(std::FILE* stream, const QString& text);
     void clear();
-    // The line as it stands.
-    static QString line(qsizetype done, qsizetype total);
 
 private:
+    struct Running {
+        QString name;
+        Batch::Progress progress;
+    };
+    QString line() const;
     void show();
 
-    bool m_shown;
+    const bool m_shown;
+    std::mutex m_mutex; // guards what follows
     qsizetype m_total = 0;
-    qsizetype m_done = 0;
+    qsizetype m_finished = 0;
+    std::vector<Running> m_running; // in the order they began
+    // The pace: time since tracks came to an idle run, and what was finished then.
+    QElapsedTimer m_since;
+    qsizetype m_finishedBefore = 0;
+    QElapsedTimer m_drawn;
 };
 
 } // namespace Cli

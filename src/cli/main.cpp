@@ -79,7 +79,7 @@ public:
         , m_watching(watching)
         , m_coloured(!options.json && coloured(options))
         , m_summed(!options.quiet && isatty(STDERR_FILENO))
-        , m_progress(!options.quiet && !options.verbose && !watching) {
+        , m_progress(!options.quiet && !options.verbose) {
         m_clock.start();
     }
 
@@ -151,8 +151,14 @@ private:
                 planned.ownOutput = true;
             }
         m_made.assign(m_running.size(), {});
+        Batch::OnProgress reached;
+        if (m_progress.shown())
+            reached = [this](const Batch::Progress& progress) {
+                m_progress.reached(
+                    shownName(m_running[static_cast<std::size_t>(progress.index)].input), progress);
+            };
         m_batch = std::make_unique<Batch>(
-            Batch::Work{m_job, m_running, m_options.jobs},
+            Batch::Work{m_job, m_running, m_options.jobs, std::move(reached)},
             [this](const Batch::Outcome& outcome) { report(outcome); },
             [this] {
                 QMetaObject::invokeMethod(
@@ -171,16 +177,14 @@ private:
             m_made[static_cast<std::size_t>(outcome.index)] = outcome.result->output;
         const Said said{m_running[static_cast<std::size_t>(outcome.index)], outcome, m_job.dryRun,
                         m_clip};
-        m_progress.clear();
         QString line = m_options.json ? jsonLine(said) : textLine(said);
         if (m_coloured && outcome.failed())
             line = inRed(line);
         if ((outcome.failed() || !m_options.quiet || m_job.dryRun) && m_outputError == 0 &&
-            !write(stdout, line + QLatin1Char('\n'))) {
+            !m_progress.above(stdout, line + QLatin1Char('\n'))) {
             m_outputError = errno != 0 ? errno : EIO;
             m_batch->stop();
         }
-        m_progress.step();
     }
 
     const Options& m_options;

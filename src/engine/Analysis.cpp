@@ -1,14 +1,21 @@
-// Measuring a file with one ffmpeg pass: duration, loudness, sample peak,
-// trailing silence, the audio format and the extras an output keeps, read from
-// ffmpeg's own lines only (a title or a file name may quote any of them).
+// Measuring a file in one pass: duration, loudness, sample peak, trailing
+// silence, the audio format and the extras an output keeps. A plain WAV is read
+// here; any other is decoded by ffmpeg, whose text is read from its own lines
+// only (a title or a file name may quote any of them).
 #include "engine/Analysis.h"
 #include "engine/AnalysisCache.h"
 #include "engine/EngineState.h"
+#include "engine/Keep.h"
 #include "engine/Render.h"
+#include "engine/Wav.h"
+
+#include <QElapsedTimer>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cmath>
+#include <unistd.h>
 
 namespace Engine {
 
@@ -134,8 +141,8 @@ std::optional<double> readNumber(QStringView text) {
 QStringList analysisArguments(const QString& path) {
     // No pictures decoded: the audio is all that is measured.
     return {QStringLiteral("-nostats"), QStringLiteral("-i"),   Names::absolute(path),
-            QStringLiteral("-vn"),      QStringLiteral("-af"),  kAnalysisFilter,
-            QStringLiteral("-f"),       QStringLiteral("null"), QStringLiteral("-")};
+            QStringLiteral("-vn"),      QStringLiteral("-c:a"), QStringLiteral("pcm_f32le"),
+            QStringLiteral("-f"),       QStringLiteral("wav"),  QStringLiteral("pipe:1")};
 }
 
 // ffmpeg indents every line of a tag's value, but prints a tag's name as it is, so
@@ -197,15 +204,130 @@ Analysis parseAnalysis(const QString& text) {
     return analysis;
 }
 
-static Analysis measure(const QString& path) {
-    const OpenFile input = openInput(path);
-    RunResult result = run(analysisArguments(input.argument()),
-                           input.passDown() ? std::vector{input.fd()} : std::vector<int>{});
+namespace {
+
+// ffmpeg's figures as it printed them: the meter's to 0.1, a time to 6 digits.
+double tenths(double value) {
+    return std::isfinite(value) ? std::round(value * 10) / 10 : value;
+}
+
+double sixDigits(double seconds) {
+    return QString::number(seconds, 'g', 6).toDouble();
+}
+
+// Calls `progress` with the seconds read, at most kProgressPerSecond times a second.
+class Reporter {
+public:
+    explicit Reporter(const Progress& progress)
+        : m_progress(progress) {}
+    void operator()(double seconds, double length) {
+        if (!m_progress || (m_timer.isValid() && m_timer.elapsed() < 1000 / kProgressPerSecond))
+            return;
+        m_timer.start();
+        m_progress(std::clamp(seconds, 0.0, length), length);
+    }
+    // The end, whenever it comes.
+    void finish(double length) {
+        if (m_progress)
+            m_progress(length, length);
+    }
+
+private:
+    static constexpr int kProgressPerSecond = 4;
+    const Progress& m_progress;
+    QElapsedTimer m_timer;
+};
+
+void takeFigures(Analysis& analysis, const Meter& meter) {
+    analysis.lufs = std::max(tenths(meter.loudness()), kLoudnessFloor);
+    analysis.peak = tenths(meter.peakDb());
+    if (const std::optional<double> start = meter.silenceStart())
+        analysis.silenceStart = sixDigits(*start);
+}
+
+// A WAV whose every figure its header and samples give as ffmpeg would: its
+// format ffmpeg names a standard layout, its samples whole, and no ID3 chunk
+// (whose pictures ffmpeg would report). Nothing for any other file.
+std::optional<Analysis> readWav(int fd, const Measuring& measuring) {
+    const Keep::Source file = Keep::fileSource(fd);
+    const std::optional<std::vector<Keep::Chunk>> chunks = Keep::chunks(file);
+    if (!chunks)
+        return std::nullopt;
+    std::optional<Wav::Format> format;
+    std::optional<Keep::Chunk> data;
+    bool broadcast = false;
+    for (const Keep::Chunk& chunk : *chunks) {
+        if (chunk.id == "fmt " && !format && !data)
+            format = Wav::readFormat(file.read(chunk.offset + 8, chunk.size));
+        else if (chunk.id == "data" && !data)
+            data = chunk;
+        else if (chunk.id == "id3 " || chunk.id == "ID3 ")
+            return std::nullopt;
+        broadcast = broadcast || chunk.id == "bext";
+    }
+    const std::optional<Wav::Layout> layout = format ? Wav::layout(*format) : std::nullopt;
+    if (!layout || !data || data->size == 0 || data->offset + 8 + data->size > file.size)
+        return std::nullopt;
+
+    Wav::Stream stream(Wav::Stream::Places::guessed, measuring.trailingSilence);
+    Reporter report(measuring.progress);
+    constexpr qint64 kBlock = 1 << 18;
+    const qint64 end = data->offset + 8 + data->size;
+    const double length = static_cast<double>(data->size) /
+                          (format->bits / 8 * format->channels * format->sampleRate);
+    std::vector<char> block(kBlock);
+    for (qint64 at = 0; at < end;) {
+        const ssize_t got =
+            ::pread(fd, block.data(), static_cast<std::size_t>(std::min(kBlock, end - at)), at);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0 || !stream.feed(block.data(), static_cast<std::size_t>(got)))
+            return std::nullopt;
+        at += got;
+        if (stream.meter())
+            report(stream.meter()->seconds(), length);
+    }
+    if (!stream.meter())
+        return std::nullopt;
+    report.finish(length);
+    Analysis analysis;
+    // As ffmpeg prints a duration: to the nearest 10 ms.
+    analysis.duration = std::floor((stream.meter()->seconds() + 0.005) * 100) / 100;
+    analysis.format = AudioFormat{format->sampleRate, layout->name};
+    analysis.integerSamples = !format->floating;
+    analysis.floatSamples = format->floating;
+    analysis.broadcastChunk = broadcast;
+    takeFigures(analysis, *stream.meter());
+    return analysis;
+}
+
+Analysis decode(const OpenFile& input, const Measuring& measuring) {
+    Wav::Stream stream(Wav::Stream::Places::given, measuring.trailingSilence);
+    Reporter report(measuring.progress);
+    QByteArray head; // the text up to its Duration line, for the fraction done
+    std::optional<double> duration;
+    RunResult result = runStreaming(
+        analysisArguments(input.argument()),
+        [&](QByteArrayView output, QByteArrayView text) {
+            stream.feed(output.data(), static_cast<std::size_t>(output.size()));
+            if (!duration && head.size() < kOutputKept) {
+                head += text;
+                if (const QStringList found = match(patterns().duration, QString::fromUtf8(head));
+                    found.size() == 1) {
+                    const QStringList hms = found[0].split(QLatin1Char(':'));
+                    duration =
+                        hms[0].toDouble() * 3600 + hms[1].toDouble() * 60 + hms[2].toDouble();
+                }
+            }
+            if (duration && *duration > 0 && stream.meter())
+                report(stream.meter()->seconds(), *duration);
+        },
+        input.passDown() ? std::vector{input.fd()} : std::vector<int>{});
     // ffmpeg quotes the name as it is, so a name holding a line break could forge a line.
     const QString text = result.output.remove(input.argument());
-    // A run killed half-way leaves text that parses, with figures that are wrong.
+    // A run killed half-way leaves figures that are wrong.
     if (result.status < 0)
-        throw TagError::ffmpegFailed(QStringLiteral("FFMPEG ENDED ABNORMALLY"));
+        throw TagError::ffmpegCrashed(result.signal);
     // Without one, ffmpeg measures nothing and a render fails on its graph.
     static const QRegularExpression audioStream(
         QStringLiteral(R"(^\s*Stream #0:\d+[^:\n]*: Audio: )"),
@@ -223,22 +345,37 @@ static Analysis measure(const QString& path) {
         throw TagError::unreadable(
             failureText(text).remove(QRegularExpression(QStringLiteral("^[: ]+"))));
     }
-    if (!audio)
+    if (!audio || !stream.meter())
         throw TagError::unreadable(QStringLiteral("NO AUDIO IN IT"));
-    return parseAnalysis(text);
+    Analysis analysis = parseAnalysis(text);
+    takeFigures(analysis, *stream.meter());
+    report.finish(analysis.duration);
+    return analysis;
 }
 
-Analysis analyze(const QString& path) {
-    return AnalysisCache::kept(path, measure);
+Analysis measure(const QString& path, const Measuring& measuring) {
+    const OpenFile input = openInput(path, Holding::always);
+    if (std::optional<Analysis> read = readWav(input.fd(), measuring))
+        return *read;
+    return decode(input, measuring);
+}
+
+} // namespace
+
+Analysis analyze(const QString& path, const Measuring& measuring) {
+    return AnalysisCache::kept(
+        path, measuring.trailingSilence ? QStringLiteral("with its trailing silence") : QString(),
+        [&measuring](const QString& file) { return measure(file, measuring); });
 }
 
 TagInfo info(const QString& path) {
     // A clip rewritten under its name is another clip: measured again.
     return EngineState::shared().clipInfo(path, Files::identity(Names::absolute(path)), [&path] {
-        const Analysis analysis = analyze(path);
-        return TagInfo{analysis.lufs, analysis.silenceStart
-                                          ? std::max(*analysis.silenceStart, kMinimumTagLength)
-                                          : analysis.duration};
+        const Analysis analysis = analyze(path, {.trailingSilence = true, .progress = {}});
+        return TagInfo{analysis.lufs,
+                       analysis.silenceStart ? std::max(*analysis.silenceStart, kMinimumTagLength)
+                                             : analysis.duration,
+                       analysis.peak};
     });
 }
 

@@ -2,9 +2,12 @@
 // format and what of it an output can keep.
 #pragma once
 
+#include "engine/Meter.h"
+
 #include <QString>
 #include <QStringList>
 #include <QStringView>
+#include <functional>
 #include <optional>
 
 namespace Engine {
@@ -30,27 +33,41 @@ struct Analysis {
 
 struct TagInfo {
     double lufs = -70;
-    double length = 0; // audible length
+    double length = 0;          // audible length
+    std::optional<double> peak; // sample peak in dBFS
 };
 
-constexpr double kLoudnessFloor = -70;
+constexpr double kLoudnessFloor = kAbsoluteGate;
 constexpr double kMinimumTagLength = 0.5;
-inline const QString kAnalysisFilter =
-    QStringLiteral("silencedetect=n=-50dB:d=0.3,ebur128=framelog=verbose:peak=sample");
 
+// Raised whenever the same file would be measured otherwise: kept analyses
+// of another way of measuring are measured again.
+constexpr int kMeterVersion = 1;
+
+// The seconds of a file read so far and its length, reported at most a few times a second.
+using Progress = std::function<void(double seconds, double length)>;
+
+struct Measuring {
+    bool trailingSilence = false; // only a clip's length needs it
+    Progress progress;
+};
+
+// ffmpeg decoding a file that is not read here into a float WAV on its output.
 QStringList analysisArguments(const QString& path);
 // Reads the figures from an analysis run's text; throws TagError::unreadable
-// when it holds no duration.
+// when it holds no duration. Figures the meter measures are taken from it in
+// `analyze`.
 Analysis parseAnalysis(const QString& output);
 // A capture as a number: digits with at most one point, an optional leading
 // minus, or "-inf". Anything else is not a number.
 std::optional<double> readNumber(QStringView text);
 
-// Throws TagError::unreadable also when the run did not end normally with
-// status 0, or the file holds no audio stream.
+// A WAV of integer or float PCM is read here; any other file is decoded by
+// ffmpeg into the meter. Throws TagError::unreadable when it cannot be read, or
+// ffmpeg did not end normally with status 0, or the file holds no audio stream.
 // Figures kept from an earlier run serve while the file and ffmpeg are unchanged
 // (engine/AnalysisCache.h).
-Analysis analyze(const QString& path);
+Analysis analyze(const QString& path, const Measuring& measuring = {});
 // For tag clips: measured once per path for the life of the process (EngineState).
 TagInfo info(const QString& path);
 

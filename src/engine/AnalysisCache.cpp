@@ -32,7 +32,7 @@ std::atomic<bool> enabled{true};
 // Raised when an entry's layout changes.
 constexpr int kCacheVersion = 1;
 // Raised when the same ffmpeg text would give other figures (a change to
-// parseAnalysis); a change to the filter chain makes other keys by itself.
+// parseAnalysis); a change to the meter raises kMeterVersion, which is in the key.
 constexpr int kFiguresVersion = 3;
 // An entry is a few hundred bytes; anything far bigger is damage.
 constexpr qint64 kMaxEntryBytes = 64 * 1024;
@@ -75,8 +75,10 @@ bool settledAt(const Stamp& file, Time at) {
 }
 
 QJsonArray identity(const QString& file, const Stamp& fileStamp, const QString& program,
-                    const Stamp& programStamp) {
-    QJsonArray key{kCacheVersion, kFiguresVersion, kAnalysisFilter};
+                    const Stamp& programStamp, const QString& method) {
+    // The former pass's entries held ffmpeg's filter here: none of them can match.
+    QJsonArray key{kCacheVersion, kFiguresVersion, QStringLiteral("meter %1").arg(kMeterVersion),
+                   method};
     for (const auto& [path, stamp] : {std::pair(file, fileStamp), std::pair(program, programStamp)})
         key << path << QString::number(stamp.size) << QString::number(stamp.device)
             << QString::number(stamp.inode) << text(stamp.modified) << text(stamp.changed);
@@ -289,7 +291,8 @@ QString folder() {
     return UserFolders::cacheHome() + QLatin1Char('/') + appName + QStringLiteral("/analyses");
 }
 
-Analysis kept(const QString& path, const std::function<Analysis(const QString&)>& measure) {
+Analysis kept(const QString& path, const QString& method,
+              const std::function<Analysis(const QString&)>& measure) {
     const std::optional<QString>& program = ffmpeg();
     if (!enabled || !program)
         return measure(path);
@@ -300,7 +303,7 @@ Analysis kept(const QString& path, const std::function<Analysis(const QString&)>
     if (!stamp || !stamp->regular || !programStamp)
         return measure(path);
 
-    const QJsonArray key = identity(file, *stamp, *program, *programStamp);
+    const QJsonArray key = identity(file, *stamp, *program, *programStamp, method);
     const QString entry = entryPath(key);
     if (std::optional<Analysis> found = trusted(folder()) ? read(entry, key) : std::nullopt) {
         ::utimensat(AT_FDCWD, Names::encode(entry).constData(), nullptr, 0);

@@ -22,10 +22,12 @@ constexpr int kMaxEntries = 5000;
 // $XDG_CACHE_HOME/ODRAVEX Zelkor/analyses (default ~/.cache); made on the first write.
 QString folder();
 
-// The figures kept for the file at `path` when neither it nor ffmpeg has changed
-// since they were measured; otherwise `measure(path)`, kept when it returns. A
-// throw keeps nothing, and a cache that cannot be read or written is passed by.
-Analysis kept(const QString& path, const std::function<Analysis(const QString&)>& measure);
+// The figures kept for the file at `path`, measured by `method` (figures measured
+// otherwise never serve), when neither it nor ffmpeg has changed since; otherwise
+// `measure(path)`, kept when it returns. A throw keeps nothing, and a cache that
+// cannot be read or written is passed by.
+Analysis kept(const QString& path, const QString& method,
+              const std::function<Analysis(const QString&)>& measure);
 
 // Whether figures measured now would be kept: a file changed moments ago is
 // measured but not kept, since a second change within one tick of the file

@@ -9,12 +9,49 @@
 
 namespace {
 
+// The analysis' share of a track's work when it runs: measured on 10-minute
+// tracks, about a sixth of the whole for a WAV and for an MP3 alike.
+constexpr double kAnalysisShare = 0.15;
+
+// A track's passes turned into one share of its work: the analysis up to its
+// share, the render from wherever it began to 1.
+class TrackShare {
+public:
+    TrackShare(const Batch::Work& work, qsizetype index)
+        : m_work(work)
+        , m_index(index) {}
+
+    void reached(Engine::Pass pass, double seconds, double length) {
+        const double part = length > 0 ? std::clamp(seconds / length, 0.0, 1.0) : 0;
+        if (pass == Engine::Pass::render && !m_rendering) {
+            m_rendering = true;
+            m_from = m_fraction;
+        }
+        const double fraction = m_rendering ? m_from + (1 - m_from) * part : kAnalysisShare * part;
+        m_fraction = std::max(m_fraction, fraction);
+        m_work.onProgress({m_index, pass, seconds, length, m_fraction, false});
+    }
+
+private:
+    const Batch::Work& m_work;
+    qsizetype m_index;
+    bool m_rendering = false;
+    double m_from = 0;
+    double m_fraction = 0;
+};
+
 // Sets `lacking` when the system had no process, thread, descriptor or memory to
 // spare: a lack that passes when fewer tracks run at once.
 Batch::Outcome outcomeOf(const Batch::Work& work, qsizetype index, bool& lacking) {
     const Engine::Planned& planned = work.tracks[static_cast<std::size_t>(index)];
     Batch::Outcome outcome{index, planned.input.track, std::nullopt, {}, {}};
     lacking = false;
+    TrackShare share(work, index);
+    std::optional<Engine::ProgressReports> reports;
+    if (work.onProgress)
+        reports.emplace([&share](Engine::Pass pass, double seconds, double length) {
+            share.reached(pass, seconds, length);
+        });
     try {
         outcome.result = Engine::tag(work.job, planned);
         return outcome;
@@ -119,6 +156,12 @@ void Batch::takeTracks() {
                 outcome.failure = TagError::Kind::stopped;
                 outcome.error = TagError::stopped().errorDescription();
             }
+        }
+        // Before any thread can deliver the outcome.
+        if (m_work.onProgress)
+            m_work.onProgress({.index = index, .fraction = 1, .ended = true});
+        {
+            const std::lock_guard lock(m_mutex);
             m_ready[static_cast<std::size_t>(index)] = std::move(outcome);
         }
         deliver();

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "engine/Engine.h"
+#include "engine/Runner.h"
 
 #include <QString>
 #include <QStringList>
@@ -15,10 +16,28 @@
 
 class Batch {
 public:
+    // How far a track is: the pass ffmpeg runs, the seconds of the track it has
+    // reached in it and the track's length (0 while unknown), and the share of
+    // the track's whole work done, 0 to 1, which never goes back.
+    struct Progress {
+        qsizetype index = 0; // the track's position in Work::tracks
+        Engine::Pass pass = Engine::Pass::analysis;
+        double seconds = 0;
+        double length = 0;
+        double fraction = 0;
+        bool ended = false; // the track is done, its outcome not yet delivered maybe
+    };
+    // Called on the thread that tags the track, so for several tracks at once
+    // with `jobs` above 1: about twice a second while its ffmpeg runs, then once
+    // with `ended` (and fraction 1) as it ends, before its outcome is delivered.
+    // Not called for a track given no outcome. Must not throw.
+    using OnProgress = std::function<void(const Progress&)>;
+
     struct Work {
         Engine::Job job;
         Engine::Plan tracks;
-        int jobs = 1; // tracks tagged at once; 0 for one per core
+        int jobs = 1;            // tracks tagged at once; 0 for one per core
+        OnProgress onProgress{}; // none: ffmpeg is not asked for its reports
     };
 
     // One track's end: the file written, or the failure (its kind, and the text

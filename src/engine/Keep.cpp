@@ -218,16 +218,6 @@ std::optional<Splice> mp3(const Source& master, const Source& output) {
     return splice;
 }
 
-namespace {
-
-struct Chunk {
-    QByteArray id;
-    qint64 offset = 0; // of its header
-    qint64 size = 0;   // of its payload
-};
-
-// A plain RIFF WAVE's chunks in file order. A chunk that runs past the end ends the
-// list; data may (a file written as it was recorded).
 std::optional<std::vector<Chunk>> chunks(const Source& file) {
     const QByteArray header = file.read(0, kRiffHeaderSize);
     if (header.size() < kRiffHeaderSize || !header.startsWith("RIFF") || header.mid(8) != "WAVE")
@@ -244,6 +234,8 @@ std::optional<std::vector<Chunk>> chunks(const Source& file) {
     }
     return list;
 }
+
+namespace {
 
 // What the output's own encoding is described by; the master's would be wrong.
 bool encodingChunk(const QByteArray& id) {
@@ -327,8 +319,6 @@ std::optional<Splice> wav(const Source& master, const Source& output) {
     return splice;
 }
 
-namespace {
-
 Source fileSource(int fd) {
     const qint64 size = ::lseek(fd, 0, SEEK_END);
     return {[fd](qint64 offset, qint64 length) {
@@ -347,6 +337,8 @@ Source fileSource(int fd) {
             },
             std::max<qint64>(0, size)};
 }
+
+namespace {
 
 void readFully(int fd, char* to, qint64 length, qint64 offset) {
     while (length > 0) {

@@ -7,6 +7,7 @@
 #include <QString>
 #include <functional>
 #include <optional>
+#include <vector>
 
 namespace Engine::Keep {
 
@@ -16,6 +17,17 @@ struct Source {
     qint64 size = 0;
 };
 Source bytes(const QByteArray& data);
+// An open file's bytes, read where asked; the descriptor stays the caller's.
+Source fileSource(int fd);
+
+struct Chunk {
+    QByteArray id;
+    qint64 offset = 0; // of its header
+    qint64 size = 0;   // of its payload
+};
+// A plain RIFF WAVE's chunks in file order. A chunk that runs past the end ends the
+// list; data may (a file written as it was recorded, or a stream).
+std::optional<std::vector<Chunk>> chunks(const Source& file);
 
 // The output made again: `head`, then the output's bytes [from, to), then `tail`.
 struct Splice {

@@ -92,24 +92,32 @@ QString limiter(const Mix& mix, const QString& id, const QString& out) {
            out;
 }
 
-// The limiter, writing [out]. When nothing of the track reaches the ceiling it can only
-// act near a copy: from its 2 ms look-ahead before the copy to its 40 ms release after
-// it. Then only those stretches (with room to spare) pass through a limiter of their
-// own and the rest is passed on untouched: the same samples at a fraction of the cost.
-QString limiterStage(const Mix& mix, int rate) {
-    if (!mix.clearOfCeiling || rate <= 0 || mix.times.size() > kMaxLimitedStretches)
-        return limiter(mix, QStringLiteral("k"), QStringLiteral("[out]"));
-    const long long lead = rate / 100, tail = rate / 10,
-                    length = audibleSamples(mix.tagLength, rate);
-    std::vector<std::pair<long long, long long>> stretches;
+// Stretches of the track in samples, one around each copy from `lead` before its start to
+// `tail` after its audible end; stretches that meet are one.
+std::vector<std::pair<long long, long long>> stretches(const Mix& mix, int rate, long long lead,
+                                                       long long tail) {
+    const long long length = audibleSamples(mix.tagLength, rate);
+    std::vector<std::pair<long long, long long>> found;
     for (double t : mix.times) {
         const long long from = std::max(0LL, sampleDelay(t, rate) - lead);
         const long long to = sampleDelay(t, rate) + length + tail;
-        if (!stretches.empty() && from <= stretches.back().second)
-            stretches.back().second = std::max(stretches.back().second, to);
+        if (!found.empty() && from <= found.back().second)
+            found.back().second = std::max(found.back().second, to);
         else
-            stretches.emplace_back(from, to);
+            found.emplace_back(from, to);
     }
+    return found;
+}
+
+// The stream cut at the stretches' bounds into pieces labelled after `cut`, each stretch
+// through `treat` (given its piece's number and its own, and the label to write) into a piece
+// labelled after `treated`, the rest passed on as it is, and all joined again into `out`.
+// Every piece in the sample format `format`, so that concat never has to convert them.
+QString
+throughStretches(const std::vector<std::pair<long long, long long>>& stretches,
+                 const QString& format, const QString& cut, const QString& treated,
+                 const QString& out,
+                 const std::function<QString(qsizetype, std::size_t, const QString&)>& treat) {
     QStringList bounds;
     for (const auto& [from, to] : stretches) {
         if (from > 0)
@@ -117,28 +125,71 @@ QString limiterStage(const Mix& mix, int rate) {
         bounds << QString::number(to);
     }
     const qsizetype pieces = bounds.size() + 1;
-    // Piece 0 is limited when the first stretch starts with the track; then they alternate.
-    const int firstLimited = stretches.front().first == 0 ? 0 : 1;
-    // In the limiter's own double precision throughout, or the pieces would be joined in
-    // single precision and round differently.
-    QString stage =
-        QStringLiteral("aformat=sample_fmts=dbl,asegment=samples=") + bounds.join(QLatin1Char('|'));
+    // Piece 0 is a stretch when the first stretch starts with the track; then they alternate.
+    const int firstTreated = stretches.front().first == 0 ? 0 : 1;
+    QString stage = QStringLiteral("aformat=sample_fmts=%1,asegment=samples=").arg(format) +
+                    bounds.join(QLatin1Char('|'));
     QString joined;
     for (qsizetype i = 0; i < pieces; ++i)
-        stage += QStringLiteral("[g%1]").arg(i);
+        stage += QStringLiteral("[%1%2]").arg(cut).arg(i);
     stage += QLatin1Char(';');
     for (qsizetype i = 0; i < pieces; ++i) {
-        if (i % 2 == firstLimited) {
-            stage += QStringLiteral("[g%1]%2;")
-                         .arg(i)
-                         .arg(limiter(mix, QStringLiteral("k%1").arg(i),
-                                      QStringLiteral("[h%1]").arg(i)));
-            joined += QStringLiteral("[h%1]").arg(i);
+        const QString piece = QStringLiteral("[%1%2]").arg(cut).arg(i);
+        if (i % 2 == firstTreated) {
+            const QString done = QStringLiteral("[%1%2]").arg(treated).arg(i);
+            stage += piece + treat(i, std::size_t(i / 2), done) + QLatin1Char(';');
+            joined += done;
         } else {
-            joined += QStringLiteral("[g%1]").arg(i);
+            joined += piece;
         }
     }
-    return stage + joined + QStringLiteral("concat=n=%1:v=0:a=1[out]").arg(pieces);
+    return stage + joined + QStringLiteral("concat=n=%1:v=0:a=1").arg(pieces) + out;
+}
+
+// The limiter, writing [out]. When nothing of the track reaches the ceiling it can only
+// act near a copy: from its 2 ms look-ahead before the copy to its 40 ms release after
+// it. Then only those stretches (with room to spare) pass through a limiter of their
+// own and the rest is passed on untouched: the same samples at a fraction of the cost.
+QString limiterStage(const Mix& mix, int rate) {
+    if (!mix.clearOfCeiling || rate <= 0 || mix.times.size() > kMaxLimitedStretches)
+        return limiter(mix, QStringLiteral("k"), QStringLiteral("[out]"));
+    // In the limiter's own double precision throughout, or the pieces would be joined in
+    // single precision and round differently.
+    return throughStretches(stretches(mix, rate, rate / 100, rate / 10), QStringLiteral("dbl"),
+                            QStringLiteral("g"), QStringLiteral("h"), QStringLiteral("[out]"),
+                            [&](qsizetype i, std::size_t, const QString& done) {
+                                return limiter(mix, QStringLiteral("k%1").arg(i), done);
+                            });
+}
+
+// The beat under each copy gives way by the mix's duck, faded in and out like the copy:
+// each stretch plus its own opposite, scaled and shaped by the copy's fades. Only those
+// stretches are worked on; the rest of the track passes as it is, writing [beat]. The joined
+// pieces keep their own timestamps, so they are counted afresh for what reads them.
+QString duckedBeat(const Mix& mix, int rate) {
+    const long long fade = std::max(1LL, std::llround(kFadeSeconds * rate));
+    const auto spans = stretches(mix, rate, 0, 0);
+    const QString opposite = QString::number(std::pow(10.0, -mix.duckDB / 20) - 1, 'g', 17);
+    return QStringLiteral("[0:a]") +
+           throughStretches(
+               // In single precision, as the mix after it: double would cost the whole
+               // track a sixth more.
+               spans, QStringLiteral("flt"), QStringLiteral("b"), QStringLiteral("c"),
+               QStringLiteral(",asetpts=N/SR/TB[beat];"),
+               [&](qsizetype i, std::size_t span, const QString& done) {
+                   const long long length = spans[span].second - spans[span].first;
+                   return QStringLiteral(
+                              "asplit=2[%1x][%1y];[%1y]asetpts=N/SR/TB,"
+                              "afade=t=in:ns=%2:curve=hsin,afade=t=out:ss=%3:ns=%2:curve=hsin,"
+                              "volume=volume=%4:precision=float[%1z];"
+                              "[%1x][%1z]amix=inputs=2:normalize=0:duration=first:"
+                              "dropout_transition=0")
+                              .arg(QStringLiteral("b%1").arg(i))
+                              .arg(fade)
+                              .arg(std::max(0LL, length - fade))
+                              .arg(opposite) +
+                          done;
+               });
 }
 
 QString firstCharacters(const QString& text, int count) {
@@ -177,12 +228,18 @@ double clipGain(double levelDB, double trackLufs, double tagLufs) {
     return gain;
 }
 
-double duck(const Analysis& track, double levelDB) {
-    // Measured on brickwalled masters: the limiter takes a tag's syllables down with the
-    // beat once the tag comes within about 13 dB of the room between the track's loudness
-    // and its ceiling; giving way by that much keeps the tag within 1 LU of its level.
-    const double room = 20 * std::log10(ceiling(track.peak)) - track.lufs;
-    return std::clamp(levelDB + kDuckReach - room, 0.0, kMostDuck);
+double duck(std::optional<double> trackPeakDB, double ceiling, std::optional<double> tagPeakDB) {
+    if (!trackPeakDB || !tagPeakDB)
+        return 0;
+    // The limiter takes from the copy and the beat alike whatever passes the ceiling. Their
+    // peaks seldom meet in full: measured, they add like powers, not like amplitudes. So the
+    // beat gives way until the two fit so, and as far as it may once the copy alone nears it.
+    const double tag = std::pow(10.0, *tagPeakDB / 20), beat = std::pow(10.0, *trackPeakDB / 20);
+    const double room = ceiling * ceiling - tag * tag,
+                 least = beat * std::pow(10.0, -kMostDuck / 20);
+    if (room <= least * least)
+        return kMostDuck;
+    return std::max(0.0, 20 * std::log10(beat / std::sqrt(room)));
 }
 
 bool carriesOverFullScale(const Analysis& track, const QString& format) {
@@ -307,28 +364,7 @@ QString filterGraph(const Mix& mix, GraphShape shape) {
     const QString limiter = limiterStage(mix, rate);
     if (!(mix.duckDB > 0) || !rate)
         return graph + QStringLiteral("[0:a]") + laid + mixed + QLatin1Char(',') + limiter;
-
-    // The beat gives way under each copy, faded like it: the track plus its opposite scaled
-    // by an envelope of the copies' shape (amix takes no negative weight), so that outside
-    // them it is added to nothing but zeros.
-    graph += QStringLiteral("aevalsrc=exprs=%1:c=%2:s=%3,")
-                 .arg(QString::number(std::pow(10.0, -mix.duckDB / 20) - 1, 'g', 17),
-                      mix.format->channelLayout)
-                 .arg(rate) +
-             restamp +
-             QStringLiteral("atrim=end_sample=%1,").arg(audibleSamples(mix.tagLength, rate)) +
-             faded;
-    const auto [envelopes, shaped] = lay(QStringLiteral("e"));
-    graph += envelopes;
-    if (!looped)
-        graph += shaped + QStringLiteral("amix=inputs=%1:normalize=0:duration=longest:"
-                                         "dropout_transition=0[ebed];")
-                              .arg(n);
-    return graph +
-           QStringLiteral("[ebed]apad[env];[0:a]asplit=2[t0][t1];[t1][env]amultiply[dk];[t0][dk]") +
-           laid +
-           mixed.replace(QStringLiteral("inputs=%1").arg(inputs),
-                         QStringLiteral("inputs=%1").arg(inputs + 1)) +
+    return graph + duckedBeat(mix, rate) + QStringLiteral("[beat]") + laid + mixed +
            QLatin1Char(',') + limiter;
 }
 
@@ -496,6 +532,19 @@ QString withoutName(QString text, const QString& name) {
 
 namespace {
 
+// ffmpeg's clock runs ahead of the audio in a graph of concatenated stretches,
+// so a render's progress is read from its output's size: the bytes a second
+// of the track takes in it, 0 when the format is not known.
+double outputBytesPerSecond(const Analysis& analysis, const QString& format) {
+    constexpr double kMp3BytesPerSecond = 320'000 / 8;
+    if (format == QLatin1String("mp3"))
+        return kMp3BytesPerSecond;
+    if (!analysis.format)
+        return 0;
+    return analysis.format->sampleRate * channelCount(analysis.format->channelLayout) *
+           (analysis.floatSamples ? 4.0 : 3.0);
+}
+
 // The measurements and placements a render is made of.
 struct Prepared {
     QString track;
@@ -503,6 +552,7 @@ struct Prepared {
     double gain = 0;
     std::vector<double> times;
     double tagLength = 0;
+    std::optional<double> tagPeak; // dBFS, at its gain
 };
 
 Prepared prepare(const QString& given, const QString& tag, double interval, double levelDB) {
@@ -512,12 +562,19 @@ Prepared prepare(const QString& given, const QString& tag, double interval, doub
         throw TagError::badLevel();
 
     // Absolute from here on: QFileInfo would lose the stray bytes of a relative name.
-    Prepared prepared{Names::absolute(given), {}, 0, {}};
+    Prepared prepared{Names::absolute(given), {}, 0, {}, 0, {}};
     const TagInfo clip = info(tag);
-    prepared.analysis = analyze(prepared.track);
+    Measuring measuring;
+    if (const ProgressReports* reports = ProgressReports::current())
+        measuring.progress = [reports](double seconds, double length) {
+            reports->reached()(Pass::analysis, seconds, length);
+        };
+    prepared.analysis = analyze(prepared.track, measuring);
     prepared.gain = clipGain(levelDB, prepared.analysis.lufs, clip.lufs);
     prepared.times = positions(prepared.analysis.duration, interval, clip.length);
     prepared.tagLength = clip.length;
+    if (clip.peak)
+        prepared.tagPeak = *clip.peak + prepared.gain;
     if (prepared.times.size() == kMaxPlacements)
         throw TagError::tooManyTags();
     return prepared;
@@ -564,14 +621,14 @@ Result process(const QString& given, const QString& tag, double interval, double
     // Readable by no more people than the track.
     PendingOutput out(output.folder, output.stem,
                       (trackWas ? trackWas->permissions & 0666 : 0666) | S_IRUSR | S_IWUSR);
+    const double limit = ceiling(analysis.peak, carriesOverFullScale(analysis, output.extension));
     const Mix mix{.gainDB = prepared.gain,
                   .times = prepared.times,
                   .tagLength = prepared.tagLength,
-                  .ceiling =
-                      ceiling(analysis.peak, carriesOverFullScale(analysis, output.extension)),
+                  .ceiling = limit,
                   .format = analysis.format,
                   .clearOfCeiling = clearOfCeiling(analysis, output.extension),
-                  .duckDB = duck(analysis, levelDB)};
+                  .duckDB = duck(analysis.peak, limit, prepared.tagPeak)};
     const QStringList args =
         renderArguments(trackFile.argument(), tagFile.argument(), filterGraph(mix), analysis,
                         out.file().argument(), output.extension);
@@ -581,7 +638,11 @@ Result process(const QString& given, const QString& tag, double interval, double
             passed.push_back(file->fd());
 
     // Stopped or failed, the temporary file goes with `out`.
+    const PassMark rendering(Pass::render, analysis.duration,
+                             outputBytesPerSecond(analysis, output.extension));
     const RunResult result = run(args, passed);
+    if (result.signal != 0)
+        throw TagError::ffmpegCrashed(result.signal);
     if (result.status != 0) {
         const QString why = failureText(withoutName(result.output, out.file().argument()));
         if (const int lack = lackIn(result.output))

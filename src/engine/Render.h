@@ -23,8 +23,7 @@ constexpr std::size_t kMaxPlacements = 100'000;
 
 constexpr double kDefaultCeiling = 0.97;
 constexpr double kFadeSeconds = 0.005;
-constexpr double kDuckReach = 13; // dB, see duck()
-constexpr double kMostDuck = 9;   // dB the track gives way under a tag, at most
+constexpr double kMostDuck = 12; // dB the track gives way under a tag, at most
 // The loop of the one-branch graph holds an interval of the track's audio (about 64 MB).
 constexpr long long kMaxLoopSamples = 1LL << 24;
 // Up to this many tags the limiter runs only on the stretches around them: each stretch
@@ -36,8 +35,9 @@ double clipGain(double levelDB, double trackLufs, double tagLufs);
 constexpr double kHighestCeiling = 64; // the most the limiter's levels can scale
 // Whether an output of `format` keeps samples past full scale exactly: a WAV of floats.
 bool carriesOverFullScale(const Analysis& track, const QString& format);
-// How far the track gives way under each copy so that the limiter leaves the tag its level.
-double duck(const Analysis& track, double levelDB);
+// How far the track (its sample peak in dBFS) gives way under each copy so that the copy
+// (its peak at its gain) and the beat fit under `ceiling` together: 0 to kMostDuck dB.
+double duck(std::optional<double> trackPeakDB, double ceiling, std::optional<double> tagPeakDB);
 // The limiter's ceiling: never below the track's own peak, so that it acts only under a
 // tag; past full scale only where the output carries it.
 double ceiling(std::optional<double> peakDB, bool overFullScale = false);

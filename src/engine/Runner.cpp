@@ -17,6 +17,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <functional>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -83,6 +84,7 @@ public:
             m_cut = true;
         }
     }
+    const QByteArray& head() const { return m_head; }
     QByteArray text() const {
         if (!m_cut)
             return m_head + m_tail;
@@ -95,6 +97,86 @@ private:
     QByteArray m_head, m_tail;
     bool m_cut = false;
 };
+
+} // namespace
+
+thread_local const ProgressReports* t_reports = nullptr;
+thread_local const PassMark* t_mark = nullptr;
+
+// One run's progress, read from ffmpeg's reports as they come: blocks of
+// "key=value" lines, each ended by "progress=continue" (or "end").
+struct Watched {
+    const ProgressReports::Reached& reached;
+    const PassMark& mark;
+    double length;
+    int fd; // the read end of the run's standard output, not blocking
+    QByteArray partial;
+    double seconds = 0;
+
+    ~Watched() { ::close(fd); }
+
+    // Whether anything came.
+    bool drain() {
+        bool came = false;
+        char buffer[4096];
+        for (ssize_t got; (got = ::read(fd, buffer, sizeof buffer)) > 0;) {
+            came = true;
+            partial.append(buffer, got);
+        }
+        for (qsizetype end; (end = partial.indexOf('\n')) >= 0; partial.remove(0, end + 1)) {
+            const QByteArray line = partial.left(end);
+            const bool bySize = mark.bytesPerSecond() > 0;
+            const QByteArray key = bySize ? "total_size=" : "out_time_us=";
+            if (line.startsWith(key)) {
+                bool ok = false;
+                const qlonglong value = line.mid(key.size()).toLongLong(&ok);
+                if (ok && value >= 0)
+                    seconds = static_cast<double>(value) / (bySize ? mark.bytesPerSecond() : 1e6);
+            } else if (line.startsWith("progress=")) {
+                reached(mark.pass(), seconds, length);
+            }
+        }
+        return came;
+    }
+
+    // Until the run's header names it: the first input's own Duration line, near
+    // the start of its text.
+    void readLength(const QByteArray& head) {
+        static const QRegularExpression duration(
+            QStringLiteral(R"(^\s*Duration: (\d+):(\d+):(\d+\.\d+),)"),
+            QRegularExpression::MultilineOption);
+        constexpr qsizetype kHeaderBytes = 1 << 16;
+        if (length > 0)
+            return;
+        if (const auto m = duration.match(QString::fromUtf8(head.left(kHeaderBytes))); m.hasMatch())
+            length = m.captured(1).toDouble() * 3600 + m.captured(2).toDouble() * 60 +
+                     m.captured(3).toDouble();
+    }
+};
+
+ProgressReports::ProgressReports(Reached reached)
+    : m_reached(std::move(reached))
+    , m_outer(std::exchange(t_reports, this)) {}
+
+ProgressReports::~ProgressReports() {
+    t_reports = m_outer;
+}
+
+const ProgressReports* ProgressReports::current() {
+    return t_reports;
+}
+
+PassMark::PassMark(Pass pass, double length, double bytesPerSecond)
+    : m_outer(std::exchange(t_mark, this))
+    , m_pass(pass)
+    , m_length(length)
+    , m_bytesPerSecond(bytesPerSecond) {}
+
+PassMark::~PassMark() {
+    t_mark = m_outer;
+}
+
+namespace {
 
 // Without free descriptors QProcess prints a warning and reports a wrong reason;
 // so a run fails here first, with the system's. It takes two pipes and one
@@ -157,20 +239,36 @@ unsigned long long groupTicks(pid_t group) {
     return ticks;
 }
 
-// Reads the run's text until it ends; one that shows no progress (no text, no
-// processor time) for stallLimit() is ended with its whole group. Returns whether it stalled.
-bool readUntilEnd(QProcess& process, KeptText& text) {
+// ffmpeg's reports are read at least this often, though an analysis prints nothing.
+constexpr long long kReportsReadMs = 250;
+
+// Reads the run's output until it ends: `drain` takes what came so far into `text`
+// and says whether anything did; `watched` reads ffmpeg's reports. One that shows no
+// progress (no output, no report, no processor time) for stallLimit() is ended with
+// its whole group. Returns whether it stalled.
+bool readUntilEnd(QProcess& process, const KeptText& text, const std::function<bool()>& drain,
+                  Watched* watched) {
     const std::chrono::milliseconds limit = stallLimit();
-    const int slice = static_cast<int>(std::clamp<long long>(limit.count() / 4, 50, 5000));
+    const int lookEvery = static_cast<int>(std::clamp<long long>(limit.count() / 4, 50, 5000));
+    const int slice = watched ? std::min<int>(lookEvery, kReportsReadMs) : lookEvery;
     const auto group = static_cast<pid_t>(process.processId());
     unsigned long long ticks = groupTicks(group);
-    QElapsedTimer quiet;
+    QElapsedTimer quiet, looked;
     quiet.start();
+    looked.start();
     for (;;) {
         QElapsedTimer waited;
         waited.start();
-        if (process.waitForReadyRead(slice)) {
-            text.add(process.readAll());
+        const bool ready = process.waitForReadyRead(slice);
+        const bool spoke = drain() || ready;
+        if (watched) {
+            watched->readLength(text.head());
+            if (watched->drain() && !spoke) {
+                quiet.restart();
+                continue;
+            }
+        }
+        if (spoke) {
             quiet.restart();
             continue;
         }
@@ -179,6 +277,10 @@ bool readUntilEnd(QProcess& process, KeptText& text) {
         // A closed output answers at once: wait for the end instead.
         if (waited.elapsed() < slice / 2 && process.waitForFinished(slice))
             return false;
+        // The processes are not looked at any more often for the reports' sake.
+        if (watched && looked.elapsed() < lookEvery)
+            continue;
+        looked.restart();
         if (const unsigned long long now = groupTicks(group); now != ticks) {
             ticks = now;
             quiet.restart();
@@ -187,6 +289,88 @@ bool readUntilEnd(QProcess& process, KeptText& text) {
             return true;
         }
     }
+}
+
+std::atomic<void (*)(const QStringList&)> runSeen = nullptr;
+
+// What every run shares: the checks before it, the child's set-up and its end.
+// `channels` says whether its standard output is read apart from its text; when it
+// is not, and a front follows this run, ffmpeg's reports take it.
+RunResult runWith(const QStringList& args, const std::vector<int>& passed,
+                  QProcess::ProcessChannelMode channels,
+                  const std::function<bool(QProcess&, KeptText&)>& drain) {
+    const std::optional<QString>& program = ffmpeg();
+    if (!program)
+        throw TagError::noFFmpeg();
+    if (isStopping())
+        throw TagError::stopped();
+    ensureDescriptors();
+
+    // ffmpeg's reports on a pipe of their own: the text the parsers read stays as it is.
+    QStringList prefix{QStringLiteral("-hide_banner"), QStringLiteral("-nostdin")};
+    std::optional<Watched> watched;
+    int reportsEnd = -1; // the child's end of it
+    if (t_reports && t_mark && channels == QProcess::MergedChannels) {
+        int ends[2];
+        if (::pipe2(ends, O_CLOEXEC) != 0)
+            throw TagError::systemFailed(errno);
+        ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
+        watched.emplace(t_reports->reached(), *t_mark, t_mark->length(), ends[0]);
+        reportsEnd = ends[1];
+        prefix << QStringLiteral("-progress") << QStringLiteral("pipe:1");
+    }
+    QProcess process;
+    process.setProcessChannelMode(channels);
+    process.setInputChannelMode(QProcess::ForwardedInputChannel);
+    const pid_t parent = ::getpid();
+    process.setChildProcessModifier([parent, &passed, reportsEnd] {
+        // No ffmpeg writes on once Zelkor is gone. The signal comes when the
+        // thread that started the child ends: this one, which waits for it.
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        // A group of its own, so that what ffmpeg starts (a wrapper's real ffmpeg)
+        // is ended with it.
+        ::setpgid(0, 0);
+        if (::getppid() != parent)
+            ::_exit(127);
+        for (const int fd : passed)
+            ::fcntl(fd, F_SETFD, 0);
+        // Its standard output, after QProcess has set up the channels.
+        if (reportsEnd >= 0)
+            ::dup2(reportsEnd, STDOUT_FILENO);
+    });
+    if (const auto seen = runSeen.load())
+        seen(QStringList{*program} + prefix + args);
+    process.start(*program, prefix + args, QIODevice::ReadOnly);
+    if (reportsEnd >= 0)
+        ::close(reportsEnd); // the child holds it now, so its end is the pipe's
+    if (!process.waitForStarted(-1)) {
+        // Qt gives the system's reason only as text.
+        const QString why = process.errorString();
+        throw TagError::systemFailed(lackIn(why), {}, why.toUpper());
+    }
+
+    KeptText text;
+    bool stalled = false;
+    {
+        const Child child(process.processId());
+        stalled = readUntilEnd(
+            process, text, [&] { return drain(process, text); }, watched ? &*watched : nullptr);
+        process.waitForFinished(-1);
+        drain(process, text);
+        if (watched)
+            watched->drain();
+    }
+    if (isStopping())
+        throw TagError::stopped();
+    if (stalled)
+        throw TagError::stalled();
+
+    RunResult result;
+    const bool exited = process.exitStatus() == QProcess::NormalExit;
+    result.status = exited ? process.exitCode() : -1;
+    result.signal = exited ? 0 : process.exitCode(); // Qt gives the signal as the code
+    result.output = QString::fromUtf8(text.text());
+    return result;
 }
 
 } // namespace
@@ -225,7 +409,7 @@ OpenFile& OpenFile::operator=(OpenFile&& other) noexcept {
     return *this;
 }
 
-OpenFile openInput(const QString& path) {
+OpenFile openInput(const QString& path, Holding holding) {
     const QByteArray name = Names::encode(Names::absolute(path));
     // A FIFO or a device would hang ffmpeg, or feed it without end: looked at
     // before it is opened, and again once it is.
@@ -243,7 +427,7 @@ OpenFile openInput(const QString& path) {
     OpenFile file(fd, path);
     if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode))
         throw TagError::unreadable();
-    if (!file.passDown())
+    if (!file.passDown() && holding == Holding::whenPassedDown)
         file.close(); // ffmpeg opens it by its name
     return file;
 }
@@ -252,65 +436,29 @@ void stopAll() {
     EngineState::shared().stopAll();
 }
 
-static std::atomic<void (*)(const QStringList&)> runSeen = nullptr;
-
 void onRun(void (*seen)(const QStringList& commandLine)) {
     runSeen = seen;
 }
 
 RunResult run(const QStringList& args, const std::vector<int>& passed) {
-    const std::optional<QString>& program = ffmpeg();
-    if (!program)
-        throw TagError::noFFmpeg();
-    if (isStopping())
-        throw TagError::stopped();
-    ensureDescriptors();
-
-    QProcess process;
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    process.setInputChannelMode(QProcess::ForwardedInputChannel);
-    const pid_t parent = ::getpid();
-    process.setChildProcessModifier([parent, &passed] {
-        // No ffmpeg writes on once Zelkor is gone. The signal comes when the
-        // thread that started the child ends: this one, which waits for it.
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        // A group of its own, so that what ffmpeg starts (a wrapper's real ffmpeg)
-        // is ended with it.
-        ::setpgid(0, 0);
-        if (::getppid() != parent)
-            ::_exit(127);
-        for (const int fd : passed)
-            ::fcntl(fd, F_SETFD, 0);
+    return runWith(args, passed, QProcess::MergedChannels, [](QProcess& process, KeptText& text) {
+        const QByteArray bytes = process.readAll();
+        text.add(bytes);
+        return !bytes.isEmpty();
     });
-    if (const auto seen = runSeen.load())
-        seen(QStringList{*program, QStringLiteral("-hide_banner"), QStringLiteral("-nostdin")} +
-             args);
-    process.start(*program,
-                  QStringList{QStringLiteral("-hide_banner"), QStringLiteral("-nostdin")} + args,
-                  QIODevice::ReadOnly);
-    if (!process.waitForStarted(-1)) {
-        // Qt gives the system's reason only as text.
-        const QString why = process.errorString();
-        throw TagError::systemFailed(lackIn(why), {}, why.toUpper());
-    }
+}
 
-    KeptText text;
-    bool stalled = false;
-    {
-        const Child child(process.processId());
-        stalled = readUntilEnd(process, text);
-        process.waitForFinished(-1);
-        text.add(process.readAll());
-    }
-    if (isStopping())
-        throw TagError::stopped();
-    if (stalled)
-        throw TagError::stalled();
-
-    RunResult result;
-    result.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    result.output = QString::fromUtf8(text.text());
-    return result;
+RunResult runStreaming(const QStringList& args, const Streamed& output,
+                       const std::vector<int>& passed) {
+    return runWith(args, passed, QProcess::SeparateChannels,
+                   [&output](QProcess& process, KeptText& text) {
+                       const QByteArray out = process.readAllStandardOutput();
+                       const QByteArray err = process.readAllStandardError();
+                       text.add(err);
+                       if (!out.isEmpty() || !err.isEmpty())
+                           output(out, err);
+                       return !out.isEmpty() || !err.isEmpty();
+                   });
 }
 
 int lackIn(const QString& text) {

@@ -8,6 +8,7 @@
 #include <QRegularExpression>
 #include <QString>
 #include <QStringList>
+#include <functional>
 #include <optional>
 #include <vector>
 
@@ -15,6 +16,7 @@ namespace Engine {
 
 struct RunResult {
     int status = 0; // 0 on success; non-zero for any failure, a signal included
+    int signal = 0; // the signal that ended ffmpeg, 0 when it exited
     QString output; // standard output and standard error, interleaved
 };
 
@@ -34,9 +36,62 @@ const std::optional<QString>& ffmpeg();
 // kOutputKept bytes are kept, whole lines only.
 RunResult run(const QStringList& args, const std::vector<int>& passed = {});
 constexpr qsizetype kOutputKept = 1 << 20;
+// As run, but the child's standard output is handed on as it comes instead of
+// kept: `output` gets each piece of it (of any size) with the text (standard
+// error) that came meanwhile, on the calling thread. The result's output is that
+// text alone.
+using Streamed = std::function<void(QByteArrayView output, QByteArrayView text)>;
+RunResult runStreaming(const QStringList& args, const Streamed& output,
+                       const std::vector<int>& passed = {});
 // `seen` gets each command line (the program first) as it starts, on the thread
 // that runs it; null for none. Set before the first run.
 void onRun(void (*seen)(const QStringList& commandLine));
+
+// The part of a track's work an ffmpeg run is.
+enum class Pass { analysis, render };
+
+// While one lives on a thread, each ffmpeg run started there under a PassMark
+// tells how far it is, from ffmpeg's own reports (`-progress pipe:1`, its
+// standard output, which none of these runs uses otherwise): `reached` gets the
+// pass, the seconds of the input done and the input's length (the mark's, else
+// its header's; 0 while unknown). On the running thread, about twice a second
+// and once at the run's end.
+class ProgressReports {
+public:
+    using Reached = std::function<void(Pass pass, double seconds, double length)>;
+    explicit ProgressReports(Reached reached);
+    ~ProgressReports();
+    ProgressReports(const ProgressReports&) = delete;
+    ProgressReports& operator=(const ProgressReports&) = delete;
+    const Reached& reached() const { return m_reached; }
+    // The reports this thread gives, if any: for work done without ffmpeg.
+    static const ProgressReports* current();
+
+private:
+    Reached m_reached;
+    const ProgressReports* m_outer;
+};
+
+// Marks the runs started on this thread while it lives as `pass` over `length`
+// seconds of input (0: as ffmpeg's header says). With `bytesPerSecond`, the time
+// reached is the size of the output written over it, not ffmpeg's own clock.
+class PassMark {
+public:
+    explicit PassMark(Pass pass, double length = 0, double bytesPerSecond = 0);
+    ~PassMark();
+    PassMark(const PassMark&) = delete;
+    PassMark& operator=(const PassMark&) = delete;
+    Pass pass() const { return m_pass; }
+    double length() const { return m_length; }
+    double bytesPerSecond() const { return m_bytesPerSecond; }
+
+private:
+    const PassMark* m_outer;
+    Pass m_pass;
+    double m_length;
+    double m_bytesPerSecond;
+};
+
 // Ends every ffmpeg run in progress and refuses new ones, for quitting: such a
 // run throws TagError::stopped, and a render removes its partial output first.
 void stopAll();
@@ -66,8 +121,9 @@ private:
 // is accepted: anything else, or a file that cannot be opened, throws
 // TagError::unreadable without touching it further; running out of descriptors
 // throws TagError::systemFailed. A file ffmpeg is given by name is
-// closed again at once.
-OpenFile openInput(const QString& path);
+// closed again at once, unless it is to be read here too.
+enum class Holding { whenPassedDown, always };
+OpenFile openInput(const QString& path, Holding holding = Holding::whenPassedDown);
 
 // The errno value of a lack of processes, threads or descriptors that `text`
 // (a run's, or Qt's reason it could not start one) names in the system's words; 0

@@ -296,8 +296,9 @@ QString Element::text(QAccessible::Text t) const {
             return QString::asprintf("%02lld/%02lld", s.progress.done, s.progress.total);
         return {};
     }
-    if (t == QAccessible::Description && m_kind == Kind::zone)
-        return l.zone.hint.string;
+    // AT-SPI carries no value text: the clip and the counter are said as descriptions.
+    if (t == QAccessible::Description)
+        return m_kind == Kind::zone ? l.zone.hint.string : text(QAccessible::Value);
     if (t != QAccessible::Name)
         return {};
     switch (m_kind) {

@@ -406,10 +406,10 @@ LogRow logRow(const Log& log, const QString& text, const QString& status, const 
     return out;
 }
 
-int filledCells(long long done, long long total) {
+int filledCells(double done, long long total) {
     if (total <= 0)
         return 0;
-    const double share = static_cast<double>(done) * kProgressCells / static_cast<double>(total);
+    const double share = done * kProgressCells / static_cast<double>(total);
     if (!(share > 0))
         return 0;
     return share >= kProgressCells ? kProgressCells : static_cast<int>(share);

@@ -158,8 +158,8 @@ struct LogRow {
 LogRow logRow(const Log& log, const QString& text, const QString& status, const Measure& measure);
 
 // How many of the progress bar's cells are lit: none for an empty batch, all
-// once done reaches the total.
-int filledCells(long long done, long long total);
+// once done (the running tracks' shares included) reaches the total.
+int filledCells(double done, long long total);
 
 // The first log entry shown, so that only the last few are.
 long long firstShownLogLine(long long count);

@@ -207,7 +207,7 @@ void HUDView::drawDropZone(QPainter& painter) {
                                   &HUDView::width),
                  white);
         drawText(painter, m_state.blink ? z.processingWithCursor : z.processing, purple);
-        const int filled = HUDLayout::filledCells(p.done, p.total);
+        const int filled = HUDLayout::filledCells(static_cast<double>(p.done) + p.running, p.total);
         for (int i = 0; i < HUDLayout::kProgressCells; ++i)
             painter.fillRect(z.cells[static_cast<std::size_t>(i)], i < filled ? purple : line);
     } else {

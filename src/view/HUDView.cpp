@@ -54,6 +54,11 @@ void HUDView::setProgress(long long done, long long total) {
     HUDAccessible::progressChanged(*this);
 }
 
+void HUDView::setRunning(double running) {
+    m_state.progress.running = running;
+    update();
+}
+
 void HUDView::setTag(const std::optional<QString>& name) {
     m_content.tagName = name;
     relayout();

@@ -25,6 +25,7 @@ public:
     struct Progress {
         long long done = 0;
         long long total = 0;
+        double running = 0; // the running tracks' shares of their work, summed
         bool operator==(const Progress&) const = default;
     };
 
@@ -56,6 +57,8 @@ public:
     void appendLog(const LogLine& line);
     void setBusy(bool busy);
     void setProgress(long long done, long long total);
+    // The bar fills by the running tracks too; a new count drops their shares.
+    void setRunning(double running);
     // The selected clip's name as shown ("VOICE TAG"), none without a clip.
     void setTag(const std::optional<QString>& name);
     void setChoices(int intervalIndex, int levelIndex);

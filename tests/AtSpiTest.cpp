@@ -1,0 +1,268 @@
+// What a screen reader gets of the window: the real program on an X server and
+// a session bus of the test's own, its tree walked over AT-SPI as Orca walks it.
+#include "model/Tags.h"
+#include "platform/AppName.h"
+#include "platform/Preferences.h"
+#include "platform/Trash.h"
+#include "support/FreshHome.h"
+
+#include <QCoreApplication>
+#include <QDBusArgument>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusObjectPath>
+#include <QDBusVariant>
+#include <QDir>
+#include <QProcess>
+#include <csignal>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int kWaitMs = 30'000;
+constexpr int kStartMs = 120'000; // the program joining; seen beyond 30 s on a loaded machine
+constexpr int kCallMs = 5000;
+const QString kAccessible = u"org.a11y.atspi.Accessible"_s;
+// AtspiStateType bit numbers; a reader says "not checked" for a radio button without one.
+constexpr int kChecked = 4, kShowing = 25;
+constexpr int kTab = 0xff09, kF10 = 0xffc7, kKeySym = 3; // X keysyms; AT-SPI's "type it"
+
+// One object of the tree, asked for what Orca asks.
+struct Node {
+    QDBusConnection bus{QString()};
+    QString service, path;
+
+    QVariant call(const QString& interface, const QString& method, const QVariantList& args = {},
+                  const QString& object = {}) const {
+        QDBusMessage message = QDBusMessage::createMethodCall(
+            service, object.isEmpty() ? path : object, interface, method);
+        message.setArguments(args);
+        const QDBusMessage reply = bus.call(message, QDBus::Block, kCallMs);
+        return reply.type() == QDBusMessage::ReplyMessage ? reply.arguments().value(0) : QVariant();
+    }
+    QVariant get(const QString& interface, const QString& name) const {
+        return call(u"org.freedesktop.DBus.Properties"_s, u"Get"_s, {interface, name})
+            .value<QDBusVariant>()
+            .variant();
+    }
+    QString name() const { return get(kAccessible, u"Name"_s).toString(); }
+    bool has(int state) const {
+        const auto set = qdbus_cast<QList<uint>>(call(kAccessible, u"GetState"_s));
+        return set.size() == 2 && (set[state / 32] >> (state % 32) & 1);
+    }
+    QList<Node> children() const {
+        QList<Node> found;
+        const QVariant reply = call(kAccessible, u"GetChildren"_s);
+        if (reply.metaType() != QMetaType::fromType<QDBusArgument>())
+            return found; // gone, or never there
+        const auto list = reply.value<QDBusArgument>();
+        list.beginArray();
+        while (!list.atEnd()) {
+            QString owner;
+            QDBusObjectPath object;
+            list.beginStructure();
+            list >> owner >> object;
+            list.endStructure();
+            found.push_back({bus, owner, object.path()});
+        }
+        list.endArray();
+        return found;
+    }
+    // "role: name (description) current/maximum <first action> checked hidden"
+    QString line() const {
+        QString seen = call(kAccessible, u"GetRoleName"_s).toString() + u": "_s + name();
+        if (const QString about = get(kAccessible, u"Description"_s).toString(); !about.isEmpty())
+            seen += u" ("_s + about + u')';
+        const QStringList interfaces = call(kAccessible, u"GetInterfaces"_s).toStringList();
+        const QString value = u"org.a11y.atspi.Value"_s;
+        if (interfaces.contains(value))
+            seen += u" %1/%2"_s.arg(get(value, u"CurrentValue"_s).toDouble())
+                        .arg(get(value, u"MaximumValue"_s).toDouble());
+        if (const QString action = call(u"org.a11y.atspi.Action"_s, u"GetName"_s, {0}).toString();
+            !action.isEmpty())
+            seen += u" <"_s + action + u'>';
+        return seen + (has(kChecked) ? u" checked"_s : u""_s) +
+               (has(kShowing) ? u""_s : u" hidden"_s);
+    }
+    // This and all below, indented by depth; the menus are Qt's own, left out.
+    QStringList tree(int depth = 0) const {
+        QStringList lines{QString(depth * 2, u' ') + line()};
+        if (!lines.front().contains(u"menu bar:"_s))
+            for (const Node& child : children())
+                lines << child.tree(depth + 1);
+        return lines;
+    }
+};
+
+// This process's children: its own, and the orphans of theirs it adopted.
+std::vector<pid_t> children() {
+    std::vector<pid_t> found;
+    for (const QString& entry : QDir(u"/proc"_s).entryList(QDir::Dirs)) {
+        const QByteArray stat = ::Test::readAll(u"/proc/"_s + entry + u"/stat"_s);
+        // "pid (name) state ppid ...", where the name may hold anything.
+        const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
+        if (fields.size() > 1 && fields[1].toInt() == getpid())
+            found.push_back(entry.toInt());
+    }
+    return found;
+}
+
+class AtSpi : public testing::Test {
+protected:
+    void SetUp() override {
+        static int argc = 1;
+        static char name[] = "zelkor-test";
+        static char* argv[] = {name, nullptr};
+        static QCoreApplication app(argc, argv); // for D-Bus
+        // The session bus starts the accessibility bus and its registry on its
+        // own; orphaned, they come to this process, which checks they end.
+        ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+        home.useOwnRuntime();
+        environment = QProcessEnvironment::systemEnvironment();
+        const QString clip = home.tagsDir() + u"/voice.wav"_s;
+        QDir().mkpath(home.tagsDir());
+        ::Test::makeAudio(clip, u"sine=frequency=1000"_s, 0.5, 8000, 1);
+        PreferencesFile preferences(home.preferencesPath());
+        HomeTrash trash(home.dataHome() + u"/Trash"_s);
+        Tags(preferences, trash).setSelected(clip);
+        ::Test::writeFile(track, "not audio");
+
+        environment.insert(
+            u"DISPLAY"_s,
+            u':' + start(x, u"Xvfb"_s, {u"-displayfd"_s, u"1"_s, u"-nolisten"_s, u"tcp"_s}));
+        environment.insert(
+            u"DBUS_SESSION_BUS_ADDRESS"_s,
+            start(bus, u"dbus-daemon"_s, {u"--session"_s, u"--nofork"_s, u"--print-address=1"_s}));
+        environment.insert(u"QT_QPA_PLATFORM"_s, u"xcb"_s);
+        const Node launcher{QDBusConnection::connectToBus(
+                                environment.value(u"DBUS_SESSION_BUS_ADDRESS"_s), u"session"_s),
+                            u"org.a11y.Bus"_s, u"/org/a11y/bus"_s};
+        // What a screen reader does as it starts: the program then joins.
+        launcher.call(
+            u"org.freedesktop.DBus.Properties"_s, u"Set"_s,
+            {u"org.a11y.Status"_s, u"IsEnabled"_s, QVariant::fromValue(QDBusVariant(true))});
+        accessibility = launcher.call(u"org.a11y.Bus"_s, u"GetAddress"_s).toString();
+        zelkor.setProcessEnvironment(environment);
+        zelkor.start(::Test::binary(u"zelkor"_s), {track});
+        ASSERT_TRUE(zelkor.waitForStarted(kWaitMs));
+        registry = {QDBusConnection::connectToBus(accessibility, u"a11y"_s),
+                    u"org.a11y.atspi.Registry"_s, u"/org/a11y/atspi/accessible/root"_s};
+        ASSERT_TRUE(registry.bus.isConnected()) << accessibility.toStdString();
+    }
+
+    void TearDown() override {
+        for (QProcess* process : {&monitor, &zelkor, &bus, &x}) {
+            process->terminate();
+            if (!process->waitForFinished(kWaitMs))
+                process->kill();
+        }
+        QDBusConnection::disconnectFromBus(u"a11y"_s);
+        QDBusConnection::disconnectFromBus(u"session"_s);
+        const auto reaped = [] {
+            for (const pid_t child : children())
+                waitpid(child, nullptr, WNOHANG);
+            return children().empty();
+        };
+        EXPECT_TRUE(::Test::waitUntil(reaped, kWaitMs)) << "processes left over";
+        ::Test::waitUntil( // the rest ends now, and whatever it started
+            [&] {
+                for (const pid_t child : children())
+                    kill(child, SIGKILL);
+                return reaped();
+            },
+            kWaitMs);
+    }
+
+    // Starts `program` and returns the first line it prints.
+    QString start(QProcess& process, const QString& program, const QStringList& args) {
+        process.setProcessEnvironment(environment);
+        process.start(program, args);
+        ::Test::waitUntil([&] { return process.waitForReadyRead(100) && process.canReadLine(); },
+                          kWaitMs);
+        EXPECT_TRUE(process.canReadLine()) << program.toStdString() << " did not start";
+        return QString::fromUtf8(process.readLine()).trimmed();
+    }
+
+    // Types the key `keysym` into the display, as a reader's own keys would.
+    void press(int keysym) {
+        registry.call(u"org.a11y.atspi.DeviceEventController"_s, u"GenerateKeyboardEvent"_s,
+                      {keysym, QString(), uint(kKeySym)},
+                      u"/org/a11y/atspi/registry/deviceeventcontroller"_s);
+    }
+
+    // The window's frame, once the program (the bus's only one) has told the registry.
+    Node frame() {
+        ::Test::waitUntil([&] { return registry.children().size() == 1; }, kStartMs);
+        const Node program = registry.children().value(0);
+        EXPECT_EQ(program.name(), appName)
+            << zelkor.state() << ' ' << zelkor.readAllStandardError().constData();
+        return program.children().value(0);
+    }
+
+    ::Test::FreshHome home;
+    const QString track = home.root() + u"/b.wav"_s;
+    QProcessEnvironment environment;
+    QProcess x, bus, zelkor, monitor;
+    QString accessibility; // the accessibility bus's address
+    Node registry;
+};
+
+} // namespace
+
+// A batch at launch with a track that fails: every control, the counter and the
+// log reach the reader; its press acts, Tab is heard, F10 opens the first menu.
+TEST_F(AtSpi, aScreenReaderReadsEveryControlAndActsThroughIt) {
+    const Node window = frame();
+    QStringList expected{
+        u"frame: ODRAVEX Zelkor"_s,
+        u"  filler: ODRAVEX Zelkor <SetFocus>"_s,
+        u"    button menu: TAG (VOICE) <ShowMenu>"_s,
+        u"    push button: + ADD TAG <Press>"_s,
+        u"    push button: DROP (MP3 / WAV \u2014 ONE FILE OR MANY. OR CLICK TO CHOOSE) <Press>"_s,
+        u"    progress bar: PROCESSING (01/01) 1/1 <Increase> hidden"_s,
+        u"    panel: INTERVAL"_s,
+        u"      radio button: 20S <Press>"_s,
+        u"      radio button: 30S <Press> checked"_s,
+        u"      radio button: 45S <Press>"_s,
+        u"      radio button: 60S <Press>"_s,
+        u"    panel: LEVEL"_s,
+        u"      radio button: LOW <Press>"_s,
+        u"      radio button: MID <Press> checked"_s,
+        u"      radio button: HIGH <Press>"_s,
+        u"    list: LOG"_s,
+        u"      list item: b.wav, CAN'T READ FILE: INVALID DATA FOUND WHEN PROCESSING INPUT"_s,
+        u"      list item: BATCH 1: 0 OF 1 TAGGED, 1 FAILED"_s,
+        u"  menu bar: "_s,
+    };
+    QStringList seen;
+    ::Test::waitUntil([&] { return (seen = window.tree()) == expected; }, kWaitMs);
+    EXPECT_EQ(seen, expected);
+
+    const Node high = window.children().value(0).children().value(5).children().value(2);
+    EXPECT_TRUE(high.call(u"org.a11y.atspi.Action"_s, u"DoAction"_s, {0}).toBool());
+    expected[13].chop(u" checked"_s.size());
+    expected[14] += u" checked"_s;
+    EXPECT_EQ(window.tree(), expected);
+
+    // The reader follows the keyboard by the focus events it asked for.
+    start(monitor, u"dbus-monitor"_s,
+          {u"--address"_s, accessibility, u"interface='org.a11y.atspi.Event.Focus'"_s});
+    registry.call(u"org.a11y.atspi.Registry"_s, u"RegisterEvent"_s,
+                  {u"focus:"_s, QStringList(), QString()}, u"/org/a11y/atspi/registry"_s);
+    press(kTab);
+    const QString tagField = window.children().value(0).children().value(0).path;
+    QByteArray heard;
+    EXPECT_TRUE(::Test::waitUntil(
+        [&] { return (heard += monitor.readAll()).contains(tagField.toUtf8() + "; interface"); },
+        kWaitMs))
+        << heard.constData();
+
+    const Node firstMenu = window.children().value(1).children().value(0).children().value(0);
+    EXPECT_FALSE(firstMenu.has(kShowing));
+    press(kF10);
+    EXPECT_TRUE(::Test::waitUntil([&] { return firstMenu.has(kShowing); }, kWaitMs));
+}

@@ -1,0 +1,195 @@
+// The meter on signals whose figures are known: EBU Tech 3341's loudness cases,
+// a click's peak, and where a trailing silence begins.
+#include "engine/Meter.h"
+#include "engine/Analysis.h"
+#include "support/TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <numbers>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+using Engine::Meter;
+using MeterAgreement = ::Test::TempFolder;
+
+// A 1 kHz sine of `dbfs` peak level on every channel, for `seconds`.
+void sine(Meter& meter, int rate, int channels, double dbfs, double seconds) {
+    const double amplitude = std::pow(10.0, dbfs / 20);
+    std::vector<double> frame(static_cast<std::size_t>(channels));
+    const auto frames = static_cast<long>(std::lround(seconds * rate));
+    static long phase = 0;
+    for (long i = 0; i < frames; ++i, ++phase) {
+        std::fill(frame.begin(), frame.end(),
+                  amplitude * std::sin(2 * std::numbers::pi * 1000 * phase / rate));
+        meter.add(frame.data(), 1);
+    }
+}
+
+struct Segment {
+    double dbfs;
+    double seconds;
+};
+
+TEST(Meter, techThreeThreeFortyOneCasesReadTheirLoudness) {
+    struct Row {
+        const char* name;
+        int rate;
+        std::vector<Segment> segments;
+        double lufs;
+    };
+    const std::vector<Row> rows{
+        {"case 1", 48000, {{-23, 20}}, -23},
+        {"case 2", 48000, {{-33, 20}}, -33},
+        {"case 3: the absolute gate", 48000, {{-36, 10}, {-23, 60}, {-36, 10}}, -23},
+        {"case 4: both gates", 48000, {{-72, 10}, {-36, 10}, {-23, 60}, {-36, 10}, {-72, 10}}, -23},
+        {"case 5", 48000, {{-26, 20}, {-20, 20.1}, {-26, 20}}, -23},
+        {"case 1 at 44.1 kHz", 44100, {{-23, 20}}, -23},
+        {"case 1 at 96 kHz", 96000, {{-23, 20}}, -23},
+    };
+    for (const Row& row : rows) {
+        Meter meter(row.rate, {1, 1}, false);
+        for (const Segment& segment : row.segments)
+            sine(meter, row.rate, 2, segment.dbfs, segment.seconds);
+        EXPECT_NEAR(meter.loudness(), row.lufs, 0.1) << row.name;
+    }
+}
+
+TEST(Meter, silenceAndAClickReadTheFloorAndTheClicksPeak) {
+    Meter meter(44100, {1, 1}, true);
+    std::vector<double> quiet(44100 * 2);
+    meter.add(quiet.data(), 44100);
+    const double click[2] = {0.5, -0.25};
+    meter.add(click, 1);
+    EXPECT_EQ(meter.loudness(), Engine::kAbsoluteGate);
+    EXPECT_NEAR(meter.peakDb(), -6.02, 0.01);
+    EXPECT_EQ(meter.frames(), 44101);
+
+    Meter silent(8000, {1}, true);
+    silent.add(quiet.data(), 8000);
+    EXPECT_EQ(silent.peakDb(), -std::numeric_limits<double>::infinity());
+    EXPECT_EQ(silent.silenceStart(), 0.0);
+    EXPECT_DOUBLE_EQ(silent.seconds(), 1.0);
+}
+
+TEST(Meter, onlyASilenceOfAtLeastThreeTenthsRunningAtTheEndIsTrailing) {
+    struct Row {
+        std::vector<Segment> segments; // -120 dBFS is silence
+        bool asked;
+        std::optional<double> start;
+    };
+    const std::vector<Row> rows{
+        {{{-20, 1}, {-120, 0.5}}, true, 1.0},
+        {{{-20, 1}, {-49, 0.5}}, true, std::nullopt},
+        {{{-20, 1}, {-120, 0.29}}, true, std::nullopt},
+        {{{-20, 1}, {-120, 0.3}}, true, 1.0},
+        {{{-20, 1}, {-120, 0.5}, {-20, 0.1}}, true, std::nullopt},
+        {{{-20, 1}, {-120, 0.5}}, false, std::nullopt},
+    };
+    for (const Row& row : rows) {
+        Meter meter(48000, {1, 1}, row.asked);
+        for (const Segment& segment : row.segments)
+            sine(meter, 48000, 2, segment.dbfs, segment.seconds);
+        ASSERT_EQ(meter.silenceStart().has_value(), row.start.has_value());
+        // A sine crosses zero: its quiet edge may start a few samples early.
+        if (row.start) {
+            EXPECT_NEAR(*meter.silenceStart(), *row.start, 0.001);
+        }
+    }
+}
+
+TEST(Meter, blocksOfAnySizeGiveTheSameFigures) {
+    std::vector<double> samples(48000 * 2 * 3);
+    for (std::size_t i = 0; i < samples.size(); ++i)
+        samples[i] = 0.3 * std::sin(static_cast<double>(i) * 0.01) * (i % 7 == 0 ? 1 : 0.5);
+    Meter whole(48000, {1, 1.41}, true), pieces(48000, {1, 1.41}, true);
+    whole.add(samples.data(), samples.size() / 2);
+    for (std::size_t at = 0, step = 1; at < samples.size() / 2; at += step, step = step * 3 % 1021)
+        pieces.add(samples.data() + at * 2, std::min(step, samples.size() / 2 - at));
+    EXPECT_DOUBLE_EQ(whole.loudness(), pieces.loudness());
+    EXPECT_EQ(whole.peakDb(), pieces.peakDb());
+    EXPECT_EQ(whole.frames(), pieces.frames());
+}
+
+TEST(Meter, channelsAreWeighedByTheirPlace) {
+    struct Row {
+        std::uint64_t mask;
+        int channels;
+        std::vector<double> weights;
+    };
+    const std::vector<Row> rows{
+        {0x3, 2, {1, 1}},
+        {0x60F, 6, {1, 1, 1, 0, 1.41, 1.41}},       // 5.1(side)
+        {0x13F, 7, {1, 1, 1, 0, 1.41, 1.41, 1.41}}, // 6.1(back)
+        {0, 3, {1, 1, 1}},
+        {0xB, 4, {1, 1, 0, 1}}, // a mask short of the channels
+    };
+    for (const Row& row : rows)
+        EXPECT_EQ(Engine::channelWeights(row.mask, row.channels), row.weights) << row.mask;
+}
+
+} // namespace
+
+// Files read here and files ffmpeg decodes into the meter read as ffmpeg's own
+// meter and silence detector read them.
+TEST_F(MeterAgreement, everyKindOfTrackReadsAsFfmpegsMeterReadsIt) {
+    struct Row {
+        QString name;
+        QString source; // lavfi
+        QStringList options;
+    };
+    const QString noise = u"anoisesrc=color=pink:amplitude=0.3:seed=%1"_s;
+    const auto channels = [](const QString& layout, int count) {
+        QStringList parts;
+        for (int c = 0; c < count; ++c)
+            parts << u"(0.05+0.05*%1)*sin(2*PI*(200+300*%1)*t)*(1+sin(2*PI*0.5*t))"_s.arg(c);
+        return u"aevalsrc="_s + parts.join(u'|') + u":c="_s + layout;
+    };
+    const std::vector<Row> rows{
+        {u"mono8k.wav"_s, u"sine=frequency=700:sample_rate=8000"_s, {u"-c:a"_s, u"pcm_u8"_s}},
+        {u"stereo.wav"_s, noise.arg(1), {u"-ac"_s, u"2"_s}},
+        {u"side51.wav"_s,
+         channels(u"5.1(side)"_s, 6),
+         {u"-ar"_s, u"48000"_s, u"-c:a"_s, u"pcm_s24le"_s}},
+        {u"four.wav"_s, channels(u"4.0"_s, 4), {u"-ar"_s, u"22050"_s, u"-c:a"_s, u"pcm_s32le"_s}},
+        {u"seven1.wav"_s, channels(u"7.1"_s, 8), {u"-ar"_s, u"96000"_s, u"-c:a"_s, u"pcm_f32le"_s}},
+        {u"threec.wav"_s, channels(u"3c"_s, 3), {u"-c:a"_s, u"pcm_f64le"_s}},
+        {u"silent.wav"_s, u"anullsrc=r=44100"_s, {}},
+        {u"click.wav"_s, u"aevalsrc=if(eq(n\\,22050)\\,0.9\\,0):s=44100"_s, {}},
+        {u"ending.wav"_s, u"aevalsrc=0.2*sin(2*PI*440*t)*lt(t\\,2.5):s=44100"_s, {}},
+        {u"beat.mp3"_s, noise.arg(2), {u"-ac"_s, u"2"_s, u"-b:a"_s, u"192k"_s}},
+        {u"side51.flac"_s, channels(u"5.1(side)"_s, 6), {}},
+    };
+    for (const Row& row : rows) {
+        const QString file = path(row.name);
+        ::Test::ffmpeg(QStringList{u"-f"_s, u"lavfi"_s, u"-i"_s, row.source, u"-t"_s, u"4"_s} +
+                       row.options + QStringList{file});
+        const auto theirs = ::Test::runProgram(
+            ::Test::systemFFmpeg(),
+            {u"-hide_banner"_s, u"-nostats"_s, u"-i"_s, file, u"-af"_s,
+             u"silencedetect=n=-50dB:d=0.3,ebur128=framelog=verbose:peak=sample"_s, u"-f"_s,
+             u"null"_s, u"-"_s});
+        const Engine::Analysis expected = Engine::parseAnalysis(theirs.err);
+        const Engine::Analysis ours =
+            Engine::analyze(file, {.trailingSilence = true, .progress = {}});
+        const std::string name = row.name.toStdString();
+        EXPECT_NEAR(ours.lufs, expected.lufs, 0.1) << name;
+        ASSERT_TRUE(ours.peak && expected.peak) << name;
+        if (std::isfinite(*expected.peak)) {
+            EXPECT_NEAR(*ours.peak, *expected.peak, 0.1) << name;
+        } else {
+            EXPECT_EQ(*ours.peak, *expected.peak) << name;
+        }
+        EXPECT_EQ(ours.duration, expected.duration) << name;
+        EXPECT_EQ(ours.format, expected.format) << name;
+        EXPECT_EQ(ours.integerSamples, expected.integerSamples) << name;
+        EXPECT_EQ(ours.floatSamples, expected.floatSamples) << name;
+        ASSERT_EQ(ours.silenceStart.has_value(), expected.silenceStart.has_value()) << name;
+        if (expected.silenceStart) {
+            EXPECT_NEAR(*ours.silenceStart, *expected.silenceStart, 0.001) << name;
+        }
+    }
+}
