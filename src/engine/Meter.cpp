@@ -85,13 +85,6 @@ Meter::Meter(int sampleRate, std::vector<double> weights, bool trailingSilence)
 
 namespace {
 
-// Where the processor has them, three-operand and fused multiply-add
-// instructions do the filters' work in far fewer steps.
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
-#define WIDE __attribute__((target_clones("arch=x86-64-v3", "default")))
-#else
-#define WIDE
-#endif
 
 template<Meter::Encoding E>
 constexpr std::size_t kWidth = E == Meter::Encoding::f64   ? 8
@@ -168,7 +161,7 @@ template<Meter::Encoding E> void Meter::addAs(const char* samples, std::size_t f
 // Two channels at once, each lane of the vectors one of them: half the
 // instructions of one at a time.
 template<Meter::Encoding E>
-WIDE void Meter::filterPair(const char* x, std::size_t frames, std::size_t c) {
+void Meter::filterPair(const char* x, std::size_t frames, std::size_t c) {
     using Pair = double __attribute__((vector_size(16)));
     const auto both = [](double v) { return Pair{v, v}; };
     const Pair sb0 = both(m_shelf.b0), sb1 = both(m_shelf.b1), sb2 = both(m_shelf.b2),
@@ -200,7 +193,7 @@ WIDE void Meter::filterPair(const char* x, std::size_t frames, std::size_t c) {
 }
 
 template<Meter::Encoding E>
-WIDE void Meter::filterOne(const char* x, std::size_t frames, std::size_t c) {
+void Meter::filterOne(const char* x, std::size_t frames, std::size_t c) {
     const Biquad s = m_shelf;
     const Biquad h = m_highPass;
     double* z = &m_state[c * 4];
