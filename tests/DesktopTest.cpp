@@ -50,9 +50,8 @@ TEST_F(AppShell, theMenuBarHidesShowsAndQuitsWithTheWindow) {
     delegate.activate();
     EXPECT_FALSE(window().isMinimized());
 
-    constexpr int kStillRunning = 7;
     QTimer::singleShot(0, &window(), [this] { trigger(u"Close"_s); });
-    QTimer::singleShot(10'000, qApp, [] { QCoreApplication::exit(kStillRunning); });
+    QTimer::singleShot(10'000, qApp, [] { QCoreApplication::exit(7); }); // still running
     EXPECT_EQ(QCoreApplication::exec(), 0);
 }
 
@@ -66,7 +65,7 @@ TEST(DarkMenus, standOutFromTheWindowAndShowTheirSeparators) {
     const auto menu = buildMenu({{.title = u"a"_s}, MenuItem::separatorItem(), {.title = u"b"_s}});
     menu->adjustSize();
     const QImage image = menu->grab().toImage();
-    const auto grey = [&](int x, int y) { return qGray(image.pixel(x, y)); };
+    const auto grey = [&image](int x, int y) { return qGray(image.pixel(x, y)); };
     const int x = image.width() - 8, window = qGray(Style::black.rgb()), background = grey(x, 3);
     int separator = background;
     for (int y = 3; y < image.height() - 3; ++y)
@@ -118,12 +117,12 @@ TEST_F(TagRow, followsChangesMadeByOtherProgramsAndRereadsOnFocus) {
 // Zelkor handed a folder would tag it again and show it again without end: the
 // fallback hands folders only to another program.
 TEST(FileViewerFallback, handsAFolderOnlyToAnotherProgram) {
-    const auto resolve = [](const QString& program) {
-        return program == u"zelkor-link"_s ? u"/usr/bin/zelkor"_s
-                                           : u"/usr/bin/"_s + QFileInfo(program).fileName();
+    const auto resolve = [](const QString& program) { // zelkor-link: a link to Zelkor
+        return u"/usr/bin/"_s +
+               (program == u"zelkor-link"_s ? u"zelkor"_s : QFileInfo(program).fileName());
     };
-    const QString self = u"/usr/bin/zelkor"_s;
-    const QString other = u"[Desktop Entry]\nExec=env A=1 B=2 \"/opt/my files/thunar\" %F\n"_s;
+    const QString self = u"/usr/bin/zelkor"_s,
+                  other = u"[Desktop Entry]\nExec=env A=1 B=2 \"/opt/my files/thunar\" %F\n"_s;
     const std::vector<std::tuple<QString, QString, bool>> rows{
         {u"thunar.desktop"_s, other, true},
         {u""_s, other, false},               // no handler

@@ -1,6 +1,6 @@
 // The main view drawn offscreen at device pixel ratio 1: what only pixels show
 // (colours, the logo, anti-aliasing, texts' drawn widths), each probed at the
-// places its layout gives; the click regions; and the text measure.
+// places its layout gives; and the click regions.
 #include "style/Palette.h"
 #include "support/GuiSupport.h"
 #include "view/Drawing.h"
@@ -52,17 +52,13 @@ void expectDrawn(const QImage& image, const Text& text, int threshold = 40) {
 
 class ViewDrawing : public ::Test::ViewFixture {
 protected:
-    QImage render(const std::function<void(HUDView::State&)>& set = {}) {
-        HUDView::State state;
-        if (set)
-            set(state);
+    QImage render(HUDView::State state = {}) {
         view().setState(std::move(state));
         return image = view().snapshot(1);
     }
     // Whether the last image shows `colour` at `at`.
     bool is(QPointF at, QColor colour, int tolerance = 3) {
-        return near(image.pixelColor(static_cast<int>(at.x()), static_cast<int>(at.y())), colour,
-                    tolerance);
+        return near(image.pixelColor(QPoint(int(at.x()), int(at.y()))), colour, tolerance);
     }
     QImage image;
 };
@@ -80,8 +76,8 @@ TEST_F(ViewDrawing, eachStateShowsItsDecisivePixelsAndLeavesItsRegions) {
     EXPECT_TRUE(
         lit(image, view().layout().header.logo.value_or(QRectF()).toAlignedRect()).isValid());
     expectDrawn(image, t->text);
-    EXPECT_FALSE(lit(image, box(t->text), 200).isValid());                      // dim, never white
-    expectDrawn(render([](auto& s) { s.hoverTag = true; }), t->hoverText, 200); // in white
+    EXPECT_FALSE(lit(image, box(t->text), 200).isValid());      // dim, never white
+    expectDrawn(render({.hoverTag = true}), t->hoverText, 200); // in white
 
     clip(u"my tag.mp3"_s);
     settings.setIntervalIndex(2);
@@ -123,14 +119,14 @@ TEST_F(ViewDrawing, eachStateShowsItsDecisivePixelsAndLeavesItsRegions) {
     expectDrawn(image, z->headline, 120);
     expectDrawn(image, z->saves);
 
-    expectDrawn(render([](auto& s) { s.hoverZone = true; }), z->hoverHeadline, 120);
+    expectDrawn(render({.hoverZone = true}), z->hoverHeadline, 120);
     EXPECT_TRUE(is(dot + QPointF(8, 8), over(purpleSoft, black))); // the zone lit, the field not
     EXPECT_TRUE(is(edge, over(lineStrong, black)));
-    render([](auto& s) { s.hoverTag = true; }); // the tag field lit, the zone not
+    render({.hoverTag = true}); // the tag field lit, the zone not
     EXPECT_TRUE(is(edge, purple) && is(dot + QPointF(8, 8), black, 0));
 
     // The bar: 3 of 12 lights 7 of 30 cells in purple, the rest in the line's grey.
-    render([](auto& s) { s.busy = true, s.progress = {3, 12}; });
+    render({.busy = true, .progress = {3, 12}});
     int purpleCells = 0;
     for (const QRectF& cell : z->cells)
         purpleCells += is(cell.center(), purple)              ? 1
@@ -152,15 +148,13 @@ TEST_F(ViewDrawing, logWaitsWithABlinkingCursorThenShowsTheLastFourInTheirColour
     EXPECT_GT(withCursor.right(), without.right() + 4);
 
     const QString ok = u"12 TAGS  OK"_s, unread = u"CAN'T READ FILE"_s;
-    render([&](auto& s) {
-        s.log = {{u"one.wav"_s, ok, purple},
-                 {u"two.wav"_s, ok, purple},
-                 {u"AN EXTREMELY LONG BEAT NAME THAT GOES ON AND ON UNTIL IT CANNOT FIT.wav"_s,
-                  unread, errColor},
-                 {u"four.wav"_s, ok, purple},
-                 {u"five.wav"_s, unread, errColor},
-                 {u"six.mp3"_s, ok, purple}};
-    });
+    render({.log = {{u"one.wav"_s, ok, purple},
+                    {u"two.wav"_s, ok, purple},
+                    {u"AN EXTREMELY LONG BEAT NAME THAT GOES ON AND ON UNTIL IT CANNOT FIT.wav"_s,
+                     unread, errColor},
+                    {u"four.wav"_s, ok, purple},
+                    {u"five.wav"_s, unread, errColor},
+                    {u"six.mp3"_s, ok, purple}}});
     const HUDLayout::Log& l = view().layout().log;
     const auto row = [&](int index, double from) {
         const int top = static_cast<int>(l.firstLine + HUDLayout::kLogLineStep * index) - 6;
@@ -176,13 +170,4 @@ TEST_F(ViewDrawing, logWaitsWithABlinkingCursorThenShowsTheLastFourInTheirColour
         EXPECT_LE(lit(image, status.adjusted(0, 0, 8, 0)).right(), l.right);
     }
     EXPECT_FALSE(lit(image, row(4, 0).adjusted(0, 0, 16, 0)).isValid()); // no fifth line
-}
-
-TEST(ViewText, widthLeavesOutTheLastKern) {
-    ::Test::guiApplication();
-    const TextStyle plain{TextStyle::Face::body, 12, 0};
-    const TextStyle kerned{TextStyle::Face::body, 12, 0.9};
-    // Qt keeps spacing in 1/64 px: 0.9 becomes 0.890625.
-    EXPECT_NEAR(HUDView::width(u"ABCD"_s, kerned), HUDView::width(u"ABCD"_s, plain) + 3 * 0.890625,
-                1e-6);
 }
