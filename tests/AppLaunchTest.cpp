@@ -1,5 +1,4 @@
-// The program as a whole: its command line run as a child process; and the
-// window's frame kept across launches.
+// The program's command line as a child process; the frame kept across launches.
 #include "app/FrameAutosave.h"
 #include "support/GuiSupport.h"
 
@@ -7,9 +6,8 @@
 
 using namespace Qt::StringLiterals;
 
-// Without a display the window cannot open: what needs none still works, and
-// what does says why it did not; a snapshot that cannot be written (its parent
-// a file) says so in one line and leaves nothing.
+// Without a display, what needs none still works and the rest says why; an
+// unwritable snapshot says so in one line and leaves nothing.
 TEST(LaunchCommandLine, answersWithoutADisplayAndEndsWithTheReason) {
     ::Test::FreshHome home;
     home.useOwnRuntime();

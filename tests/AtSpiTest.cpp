@@ -2,14 +2,7 @@
 // a session bus of the test's own, its tree walked over AT-SPI as Orca walks it.
 #include "support/FreshHome.h"
 
-#include <QCoreApplication>
-#include <QDBusArgument>
-#include <QDBusConnection>
-#include <QDBusMessage>
-#include <QDBusObjectPath>
-#include <QDBusVariant>
-#include <QDir>
-#include <QProcess>
+#include <QtDBus>
 #include <csignal>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -23,9 +16,8 @@ constexpr int kWaitMs = 30'000, kCallMs = 5000;
 constexpr int kStartMs = 120'000; // the program joining; seen beyond 30 s on a loaded machine
 const QString kAccessible = u"org.a11y.atspi.Accessible"_s,
               kProperties = u"org.freedesktop.DBus.Properties"_s;
-// AtspiStateType bit numbers; a reader says "not checked" for a radio button without one.
-constexpr int kChecked = 4, kShowing = 25;
-constexpr int kTab = 0xff09, kF10 = 0xffc7; // X keysyms
+// AtspiStateType bits (a reader says "not checked" for a radio button without one); X keysyms.
+constexpr int kChecked = 4, kShowing = 25, kTab = 0xff09, kF10 = 0xffc7;
 
 // One object of the tree, asked for what Orca asks.
 struct Node {
@@ -43,7 +35,6 @@ struct Node {
     QVariant get(const QString& interface, const QString& name) const {
         return call(kProperties, u"Get"_s, {interface, name}).value<QDBusVariant>().variant();
     }
-    QString name() const { return get(kAccessible, u"Name"_s).toString(); }
     bool has(int state) const {
         const auto set = qdbus_cast<QList<uint>>(call(kAccessible, u"GetState"_s));
         return set.size() == 2 && (set[state / 32] >> (state % 32) & 1);
@@ -57,7 +48,8 @@ struct Node {
     }
     // "role: name (description) current/maximum <first action> checked hidden"
     QString line() const {
-        QString seen = call(kAccessible, u"GetRoleName"_s).toString() + u": "_s + name();
+        QString seen = call(kAccessible, u"GetRoleName"_s).toString() + u": "_s +
+                       get(kAccessible, u"Name"_s).toString();
         if (const QString about = get(kAccessible, u"Description"_s).toString(); !about.isEmpty())
             seen += u" ("_s + about + u')';
         const QStringList interfaces = call(kAccessible, u"GetInterfaces"_s).toStringList();
@@ -101,10 +93,10 @@ protected:
         static char name[] = "zelkor-test";
         static char* argv[] = {name, nullptr};
         static QCoreApplication app(argc, argv); // for D-Bus
-        // The session bus starts the accessibility bus and its registry on its
-        // own; orphaned, they come to this process, which checks they end.
+        // Orphans of the buses' own children come here, to be checked they end.
         ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
         home.useOwnRuntime();
+        environment = QProcessEnvironment::systemEnvironment();
         QDir().mkpath(home.tagsDir());
         ::Test::makeAudio(home.tagsDir() + u"/voice.wav"_s, u"sine=frequency=1000"_s, 0.5, 8000, 1);
         ASSERT_EQ(::Test::zelkorTag({u"--select-tag"_s, u"voice.wav"_s}).status, 0);
@@ -153,7 +145,7 @@ protected:
         process.setProcessEnvironment(environment);
         process.start(program, args);
         EXPECT_TRUE(::Test::waitUntil(
-            [&] { return process.waitForReadyRead(100) && process.canReadLine(); }, kWaitMs))
+            [&] { return process.waitForReadyRead(100), process.canReadLine(); }, kWaitMs))
             << program.toStdString() << " did not start";
         return QString::fromUtf8(process.readLine()).trimmed();
     }
@@ -174,7 +166,7 @@ protected:
 
     ::Test::FreshHome home;
     const QString track = home.root() + u"/b.wav"_s;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    QProcessEnvironment environment;
     QProcess x, bus, zelkor, monitor;
     QString accessibility; // the accessibility bus's address
     Node registry;

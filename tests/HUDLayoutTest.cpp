@@ -1,6 +1,5 @@
-// The window's geometry as a table: sizes and contents in, rectangles out,
-// measured by a fixed-width measure (each character half its style's size,
-// no kern) and without any application object.
+// The window's geometry as a table, measured with each character half its
+// style's size and no kern, without any application object.
 #include "view/HUDLayout.h"
 
 #include <QTextBoundaryFinder>
@@ -120,8 +119,7 @@ TEST(HUDLayout, countsCellsLogLinesAndEdges) {
             << point.x() << ", " << point.y();
 }
 
-// Two characters off and "…" on, round by round, while it does not fit and
-// has 7 characters or more (the log's minimum); characters as a reader sees them.
+// Two characters (as a reader sees them) off and "…" on per round, down to 7.
 TEST(HUDLayout, shorteningDropsTwoAndAddsAnEllipsisPerRound) {
     const QString e = u"e\u0301"_s, key = u"\U0001F3B9"_s;
     for (const auto& [text, room, expected] : std::vector<std::tuple<QString, int, QString>>{

@@ -1,10 +1,8 @@
-// One Zelkor per user, the real program in child processes: a second launch
-// hands its files over and ends, a crashed one's socket does not stop the next
-// launch, and the socket sits where only its user can reach it.
+// One Zelkor per user: a second launch hands its files over and ends, a crashed
+// one's socket does not stop the next, and only its user can reach the socket.
 #include "app/SingleInstance.h"
 #include "base/Names.h"
 #include "support/FreshHome.h"
-#include "support/TestSupport.h"
 
 #include <QProcess>
 #include <pwd.h>

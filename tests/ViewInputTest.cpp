@@ -5,11 +5,7 @@
 #include "style/Palette.h"
 #include "support/GuiSupport.h"
 
-#include <QDragEnterEvent>
-#include <QFileSystemModel>
-#include <QLineEdit>
-#include <QListView>
-#include <QMimeData>
+#include <QtWidgets>
 
 using namespace Qt::StringLiterals;
 using namespace Style;
@@ -38,8 +34,7 @@ protected:
         return titles;
     }
 
-    // The answer ("copy" or "none") followed by the hover flags that are set. The
-    // paths go as a file manager sends them: their bytes, escaped, in a uri-list.
+    // "copy" or "none" and the hover flags set; the paths sent as a file manager does.
     template<typename Event = QDragMoveEvent>
     std::string drag(QPoint at, const QStringList& paths) {
         QMimeData data;
@@ -74,7 +69,8 @@ TEST_F(ViewInput, aSegmentsRightEdgeBelongsToTheNextOneAndABusyViewIgnoresClicks
 
     // A busy view ignores clicks, even on regions drawn before the batch.
     const std::vector<HUDView::Hit> hits = drawn();
-    view().setState({.busy = true}); // not drawn again yet: the old regions remain
+    view().setState(
+        {.busy = true, .progress = {}, .log = {}}); // not drawn again yet: the old regions remain
     for (const QPointF at :
          {hits[0].rect.center(), hits[4].rect.center(), view().zoneRect().center()})
         click(view(), at);
@@ -154,7 +150,7 @@ TEST_F(ViewInput, oneClipTargetsTheRowAndItsBandOnlyTracksTheRestAndABusyViewNot
     const QStringList folder{QFileInfo(file(u"beats/beat.MP3"_s)).path()};
     EXPECT_EQ(drag(zone, folder), "copy zone");
     EXPECT_EQ(drag(band, folder), "none");
-    view().setState({.hoverZone = true, .busy = true});
+    view().setState({.hoverZone = true, .busy = true, .progress = {}, .log = {}});
     EXPECT_EQ(drag<QDragEnterEvent>(band, wav), "none zone"); // refused, flags kept
 }
 
@@ -178,8 +174,7 @@ TEST_F(ViewInput, aClipDroppedOnTheRowIsAddedAndArmedAndAFolderDroppedElsewhereS
 }
 
 // The real dialog, short of its modal loop: it lists only tracks and folders; a
-// folder typed into the name field (which selects its row) is opened, not
-// taken; files and folders selected together come back together.
+// folder typed into the name field is opened, not taken.
 TEST(TrackDialog, takesFilesAndFoldersSelectedTogetherAndListsOnlyTracks) {
     ::Test::guiApplication();
     QTemporaryDir folder;
