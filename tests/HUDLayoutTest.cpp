@@ -110,7 +110,7 @@ TEST(HUDLayout, countsCellsLogLinesAndEdges) {
                                    {12, 12, 30}, {40, 12, 30}, {-1, 5, 0}};
     for (const auto& [done, total, filled] : cells)
         EXPECT_EQ(filledCells(done, total), filled) << done << "/" << total;
-    for (const auto& [count, first] : std::vector<std::pair<int, int>>{{0, 0}, {4, 0}, {6, 2}})
+    for (const auto& [count, first] : std::vector<std::pair<int, int>>{{3, 0}, {4, 0}, {6, 2}})
         EXPECT_EQ(firstShownLogLine(count), first) << count;
     using Point = std::pair<QPointF, bool>;
     for (const auto& [point, inside] : std::vector<Point>{
