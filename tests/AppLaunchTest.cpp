@@ -1,33 +1,24 @@
-// The program as a whole: its command line run as a child process; and the
-// window's frame kept across launches.
+// The program's command line as a child process; the frame kept across launches.
 #include "app/FrameAutosave.h"
 #include "support/GuiSupport.h"
 
-#include <QJsonObject>
 #include <QRegularExpression>
 
 using namespace Qt::StringLiterals;
 
-namespace {
-
-::Test::Process zelkor(const QStringList& args, const QStringList& environment = {}) {
-    return ::Test::runProgram(::Test::binary(u"zelkor"_s), args, environment);
-}
-
-} // namespace
-
-// Without a display the window cannot open: what needs none still works, and
-// what does says why it did not; a snapshot that cannot be written (its parent
-// a file) says so in one line and leaves nothing.
+// Without a display, what needs none still works and the rest says why; an
+// unwritable snapshot says so in one line and leaves nothing.
 TEST(LaunchCommandLine, answersWithoutADisplayAndEndsWithTheReason) {
     ::Test::FreshHome home;
     home.useOwnRuntime();
     home.setEnv("QT_QPA_PLATFORM", u"xcb"_s);
-    home.setEnv("DISPLAY", std::nullopt);
-    home.setEnv("WAYLAND_DISPLAY", std::nullopt);
+    for (const char* display : {"DISPLAY", "WAYLAND_DISPLAY"})
+        home.setEnv(display, std::nullopt);
     const QString file = home.root() + u"/file"_s;
     ::Test::writeFile(file, "x");
-    const QString oneLine = u"^zelkor: [^\n]*\n$"_s;
+    const QString oneLine = u"^zelkor: [^\n]*\n$"_s,
+                  unwritable = u"^zelkor: can't write the snapshot "_s +
+                               QRegularExpression::escape(file) + u"/x.png[^\n]*\n$"_s;
     const std::vector<std::tuple<QStringList, QStringList, int, QString, QString>> rows{
         {{u"--version"_s}, {}, 0, u"^zelkor " ZELKOR_VERSION "\n$"_s, u"^$"_s},
         {{u"--bogus"_s}, {}, 2, u"^$"_s, oneLine},
@@ -37,11 +28,11 @@ TEST(LaunchCommandLine, answersWithoutADisplayAndEndsWithTheReason) {
          {u"QT_QPA_PLATFORM=offscreen"_s},
          1,
          u"^$"_s,
-         u"^zelkor: can't write the snapshot "_s + QRegularExpression::escape(file) +
-             u"/x.png[^\n]*\n$"_s}};
+         unwritable}};
     for (const auto& [args, environment, status, out, err] : rows) {
         SCOPED_TRACE(args.join(u' ').toStdString());
-        const ::Test::Process run = zelkor(args, environment);
+        const ::Test::Process run =
+            ::Test::runProgram(::Test::binary(u"zelkor"_s), args, environment);
         EXPECT_EQ(run.status, status);
         EXPECT_TRUE(QRegularExpression(out).match(run.out).hasMatch()) << run.out.toStdString();
         EXPECT_TRUE(QRegularExpression(err).match(run.err).hasMatch()) << run.err.toStdString();
@@ -78,14 +69,4 @@ TEST(FrameAutosave, aMovedWindowReopensWhereItWasLeft) {
     again.resize(200, 100);
     (new FrameAutosave(again, name, preferences))->restore();
     EXPECT_EQ(again.pos(), QPoint(120, 90));
-
-    // Off every screen, or not numbers: left where the launch put it.
-    QWidget lost;
-    lost.move(10, 10);
-    for (const QJsonObject& frame : {QJsonObject{{u"x"_s, -9000}, {u"y"_s, -9000}},
-                                     QJsonObject{{u"x"_s, u"a"_s}, {u"y"_s, 5}}}) {
-        preferences.setObject(name, frame);
-        (new FrameAutosave(lost, name, preferences))->restore();
-        EXPECT_EQ(lost.pos(), QPoint(10, 10));
-    }
 }

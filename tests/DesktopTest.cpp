@@ -1,17 +1,10 @@
-// The application shell and the desktop around it: the window the launch
-// builds and its menu bar; the tag row kept in step with the library whoever
-// changes it; the program the file viewer's fallback may hand a folder to.
+// The shell and the desktop around it: the window and its menu bar, the tag row
+// in step with the library, the program the file viewer may hand a folder to.
 #include "app/AppDelegate.h"
 #include "style/Palette.h"
 #include "support/GuiSupport.h"
 
-#include <QFileSystemWatcher>
-#include <QMainWindow>
-#include <QMenu>
-#include <QMenuBar>
-#include <QScreen>
-#include <QTimer>
-#include <gtest/gtest.h>
+#include <QtWidgets>
 
 using namespace Qt::StringLiterals;
 
@@ -50,23 +43,21 @@ TEST_F(AppShell, theMenuBarHidesShowsAndQuitsWithTheWindow) {
     delegate.activate();
     EXPECT_FALSE(window().isMinimized());
 
-    constexpr int kStillRunning = 7;
     QTimer::singleShot(0, &window(), [this] { trigger(u"Close"_s); });
-    QTimer::singleShot(10'000, qApp, [] { QCoreApplication::exit(kStillRunning); });
+    QTimer::singleShot(10'000, qApp, [] { QCoreApplication::exit(7); }); // still running
     EXPECT_EQ(QCoreApplication::exec(), 0);
 }
 
 using TagRow = ::Test::ViewFixture;
 
-// Menus read on a dark desktop: lighter than the window, with a border and
-// separators Fusion alone draws darker than the menu.
+// Dark menus stand out from the window, with a border and visible separators.
 TEST(DarkMenus, standOutFromTheWindowAndShowTheirSeparators) {
     ::Test::guiApplication();
     applyDarkAppearance();
     const auto menu = buildMenu({{.title = u"a"_s}, MenuItem::separatorItem(), {.title = u"b"_s}});
     menu->adjustSize();
     const QImage image = menu->grab().toImage();
-    const auto grey = [&](int x, int y) { return qGray(image.pixel(x, y)); };
+    const auto grey = [&image](int x, int y) { return qGray(image.pixel(x, y)); };
     const int x = image.width() - 8, window = qGray(Style::black.rgb()), background = grey(x, 3);
     int separator = background;
     for (int y = 3; y < image.height() - 3; ++y)
@@ -77,8 +68,7 @@ TEST(DarkMenus, standOutFromTheWindowAndShowTheirSeparators) {
     EXPECT_GE(grey(0, image.height() / 2) - window, 40); // the border
 }
 
-// Another program changes the selection, a file manager deletes the clips:
-// the window shows it by itself, within a second or so.
+// Another program's changes to the library show by themselves, within a second.
 TEST_F(TagRow, followsChangesMadeByOtherProgramsAndRereadsOnFocus) {
     clip(u"a.wav"_s);
     tags.setSelected(clip(u"b.wav"_s));
@@ -103,8 +93,7 @@ TEST_F(TagRow, followsChangesMadeByOtherProgramsAndRereadsOnFocus) {
     controller().findChild<QFileSystemWatcher*>()->blockSignals(true);
     tags.setSelected(clip(u"c.wav"_s));
     const auto focus = [](QWidget& window) {
-        window.show();
-        window.activateWindow();
+        window.show(), window.activateWindow();
         return ::Test::waitUntil(
             [&] { return QGuiApplication::focusWindow() == window.windowHandle(); }, 2000);
     };
@@ -115,15 +104,14 @@ TEST_F(TagRow, followsChangesMadeByOtherProgramsAndRereadsOnFocus) {
     EXPECT_TRUE(inStep());
 }
 
-// Zelkor handed a folder would tag it again and show it again without end: the
-// fallback hands folders only to another program.
+// Zelkor handed a folder would tag it and show it again without end.
 TEST(FileViewerFallback, handsAFolderOnlyToAnotherProgram) {
-    const auto resolve = [](const QString& program) {
-        return program == u"zelkor-link"_s ? u"/usr/bin/zelkor"_s
-                                           : u"/usr/bin/"_s + QFileInfo(program).fileName();
+    const auto resolve = [](const QString& program) { // zelkor-link: a link to Zelkor
+        return u"/usr/bin/"_s +
+               (program == u"zelkor-link"_s ? u"zelkor"_s : QFileInfo(program).fileName());
     };
-    const QString self = u"/usr/bin/zelkor"_s;
-    const QString other = u"[Desktop Entry]\nExec=env A=1 B=2 \"/opt/my files/thunar\" %F\n"_s;
+    const QString self = u"/usr/bin/zelkor"_s,
+                  other = u"[Desktop Entry]\nExec=env A=1 B=2 \"/opt/my files/thunar\" %F\n"_s;
     const std::vector<std::tuple<QString, QString, bool>> rows{
         {u"thunar.desktop"_s, other, true},
         {u""_s, other, false},               // no handler

@@ -1,10 +1,8 @@
-// One Zelkor per user, the real program in child processes: a second launch
-// hands its files over and ends, a crashed one's socket does not stop the next
-// launch, and the socket sits where only its user can reach it.
+// One Zelkor per user: a second launch hands its files over and ends, a crashed
+// one's socket does not stop the next, and only its user can reach the socket.
 #include "app/SingleInstance.h"
 #include "base/Names.h"
 #include "support/FreshHome.h"
-#include "support/TestSupport.h"
 
 #include <QProcess>
 #include <pwd.h>
@@ -13,43 +11,29 @@
 
 using namespace Qt::StringLiterals;
 
-class SingleInstanceLaunch : public ::testing::Test {
-protected:
-    ~SingleInstanceLaunch() override {
-        for (auto& process : running) {
-            process->kill();
-            process->waitForFinished();
-        }
-    }
-    // `program args...` started in `folder`, left running.
-    QProcess& launch(const QString& program, const QStringList& args, const QString& folder) {
-        auto& process = running.emplace_back(std::make_unique<QProcess>());
-        process->setWorkingDirectory(folder);
-        process->start(program, args);
-        EXPECT_TRUE(process->waitForStarted());
-        return *process;
-    }
-    bool appears(const QByteArray& name, int ms = 60'000) {
-        struct stat info = {};
-        return ::Test::waitUntil([&] { return ::stat(name.constData(), &info) == 0; }, ms);
-    }
-
+TEST(SingleInstanceLaunch, aSecondLaunchHandsItsFilesToTheFirstAndACrashedOnesSocketIsTakenOver) {
     ::Test::FreshHome home;
     const QString runtime = home.useOwnRuntime(), zelkor = ::Test::binary(u"zelkor"_s);
     const QByteArray socket = Names::encode(runtime + u"/zelkor-"_s + QString::number(getuid()));
     const QByteArray folder = Names::encode(home.root()) + '/';
-    std::vector<std::unique_ptr<QProcess>> running;
-};
-
-TEST_F(SingleInstanceLaunch, aSecondLaunchHandsItsFilesToTheFirstAndACrashedOnesSocketIsTakenOver) {
+    QProcess first, second, next; // killed as they go out of scope
+    const auto launch = [](QProcess& process, const QStringList& command, const QString& where) {
+        process.setWorkingDirectory(where);
+        process.start(command.front(), command.mid(1));
+        EXPECT_TRUE(process.waitForStarted());
+    };
+    const auto appears = [](const QByteArray& name, int ms = 60'000) {
+        struct stat info = {};
+        return ::Test::waitUntil([&] { return ::stat(name.constData(), &info) == 0; }, ms);
+    };
     for (const char* name : {"beat.wav", "next.wav"})
         ::Test::makeAudio(home.root() + u'/' + QLatin1StringView(name), u"sine=frequency=220"_s, 3);
     // A relative name that is not UTF-8 reaches the window by its bytes.
     ASSERT_EQ(::rename(folder + "next.wav", folder + "next \xe9.wav"), 0);
     // Elsewhere, so that only an absolute path handed over finds the beat.
-    QProcess& first = launch(zelkor, {}, runtime);
+    launch(first, {zelkor}, runtime);
     ASSERT_TRUE(appears(socket, 10'000));
-    QProcess& second = launch(zelkor, {u"beat.wav"_s}, home.root());
+    launch(second, {zelkor, u"beat.wav"_s}, home.root());
     ASSERT_TRUE(second.waitForFinished(10'000));
     EXPECT_TRUE(second.exitStatus() == QProcess::NormalExit && second.exitCode() == 0);
     EXPECT_TRUE(appears(folder + "beat (Tagged).wav"));
@@ -59,9 +43,8 @@ TEST_F(SingleInstanceLaunch, aSecondLaunchHandsItsFilesToTheFirstAndACrashedOnes
     first.waitForFinished();
     ASSERT_TRUE(appears(socket, 0));
     // Handed to the dead socket, the file would never be tagged.
-    QProcess& next =
-        launch(u"/bin/sh"_s, {u"-c"_s, u"exec \"$0\" \"$(printf 'next \\351.wav')\""_s, zelkor},
-               home.root());
+    launch(next, {u"/bin/sh"_s, u"-c"_s, u"exec \"$0\" \"$(printf 'next \\351.wav')\""_s, zelkor},
+           home.root());
     EXPECT_TRUE(appears(folder + "next \xe9 (Tagged).wav"));
     EXPECT_EQ(next.state(), QProcess::Running);
 }

@@ -1,6 +1,5 @@
-// The main view drawn offscreen at device pixel ratio 1: what only pixels show
-// (colours, the logo, anti-aliasing, texts' drawn widths), each probed at the
-// places its layout gives; the click regions; and the text measure.
+// The main view drawn offscreen at ratio 1: what only pixels show (colours, the
+// logo, anti-aliasing, texts' widths) where the layout puts it; the click regions.
 #include "style/Palette.h"
 #include "support/GuiSupport.h"
 #include "view/Drawing.h"
@@ -8,8 +7,6 @@
 
 using namespace Qt::StringLiterals;
 using namespace Style;
-using Drawing::withAlpha;
-using HUDLayout::Text;
 using ::Test::near;
 using ::Test::over;
 
@@ -25,22 +22,20 @@ QRect extent(const QImage& image, const QRect& box, const std::function<bool(QCo
     return found;
 }
 
-// Pixels brighter than the background.
-QRect lit(const QImage& image, const QRect& box, int threshold = 40) {
+QRect lit(const QImage& image, const QRect& box, int threshold = 40) { // brighter than black
     return extent(image, box, [threshold](QColor c) {
         return std::max({c.red(), c.green(), c.blue()}) >= threshold;
     });
 }
 
 // Where a text may leave ink: its advance and a little more, around its line.
-QRect box(const Text& text) {
+QRect box(const HUDLayout::Text& text) {
     const double half = text.style.size * 0.6;
     return QRectF(text.x - 2, text.line - half, text.width + 4, 2 * half).toAlignedRect();
 }
 
-// A text of capitals drawn where the layout put it: its ink from its start to
-// its end, give or take a side bearing, and its capitals' middle on its line.
-void expectDrawn(const QImage& image, const Text& text, int threshold = 40) {
+// Capitals where the layout put them: ink from start to end, give or take a bearing.
+void expectDrawn(const QImage& image, const HUDLayout::Text& text, int threshold = 40) {
     SCOPED_TRACE(text.string.toStdString());
     const QRect ink = lit(image, box(text), threshold);
     ASSERT_TRUE(ink.isValid());
@@ -52,26 +47,21 @@ void expectDrawn(const QImage& image, const Text& text, int threshold = 40) {
 
 class ViewDrawing : public ::Test::ViewFixture {
 protected:
-    QImage render(const std::function<void(HUDView::State&)>& set = {}) {
-        HUDView::State state;
-        if (set)
-            set(state);
+    QImage render(HUDView::State state = {}) {
         view().setState(std::move(state));
         return image = view().snapshot(1);
     }
     // Whether the last image shows `colour` at `at`.
     bool is(QPointF at, QColor colour, int tolerance = 3) {
-        return near(image.pixelColor(static_cast<int>(at.x()), static_cast<int>(at.y())), colour,
-                    tolerance);
+        return near(image.pixelColor(QPoint(int(at.x()), int(at.y()))), colour, tolerance);
     }
     QImage image;
 };
 
 } // namespace
 
-// A few decisive pixels per state: without a tag, then with one and no images.
-// The regions are the layout's rectangles, in drawing order; the chosen
-// segments are white inside, the others black.
+// A few decisive pixels per state: without a tag, then with one and no images;
+// the regions are the layout's rectangles, in drawing order.
 TEST_F(ViewDrawing, eachStateShowsItsDecisivePixelsAndLeavesItsRegions) {
     render();
     const HUDLayout::TagRow* t = &view().layout().tagRow;
@@ -80,8 +70,8 @@ TEST_F(ViewDrawing, eachStateShowsItsDecisivePixelsAndLeavesItsRegions) {
     EXPECT_TRUE(
         lit(image, view().layout().header.logo.value_or(QRectF()).toAlignedRect()).isValid());
     expectDrawn(image, t->text);
-    EXPECT_FALSE(lit(image, box(t->text), 200).isValid());                      // dim, never white
-    expectDrawn(render([](auto& s) { s.hoverTag = true; }), t->hoverText, 200); // in white
+    EXPECT_FALSE(lit(image, box(t->text), 200).isValid()); // dim, never white
+    expectDrawn(render({.hoverTag = true, .progress = {}, .log = {}}), t->hoverText, 200);
 
     clip(u"my tag.mp3"_s);
     settings.setIntervalIndex(2);
@@ -101,11 +91,9 @@ TEST_F(ViewDrawing, eachStateShowsItsDecisivePixelsAndLeavesItsRegions) {
         EXPECT_TRUE(i < 2 || (i == 4 || i == 8 ? near(inside, white) : near(inside, black, 0)))
             << i;
     }
-    // A rule between two segments.
+    // A rule between two segments, a hairline wide at their shared edge.
     const auto ruled = [&](const QRectF& r) {
-        return !near(image.pixelColor(
-                         QPointF(r.left() + HUDLayout::kHairline, r.center().y() + 9).toPoint()),
-                     black, 0);
+        return !is(QPointF(r.left() + 0.5, r.center().y() + 9).toPoint(), black, 0);
     };
     EXPECT_TRUE(ruled(rects[3]) && ruled(rects[7]));
     t = &l.tagRow;
@@ -116,32 +104,32 @@ TEST_F(ViewDrawing, eachStateShowsItsDecisivePixelsAndLeavesItsRegions) {
     const QPointF dot = z->dots.front().topLeft(), edge(t->field.left(), t->field.center().y());
     EXPECT_TRUE(is(dot, over(rgb(0xFAFAFA, 0.07), black)));
     // The vertical stroke, 1.5 wide on a pixel edge: three quarters of a pixel.
-    EXPECT_TRUE(is(z->plusDown.p1() + QPointF(0, 6), over(withAlpha(purple, 0.75), black), 6));
+    EXPECT_TRUE(
+        is(z->plusDown.p1() + QPointF(0, 6), over(Drawing::withAlpha(purple, 0.75), black), 6));
     EXPECT_TRUE(is(z->cells.front().center(), black, 0)); // no progress bar
     EXPECT_EQ(t->text.string, u"MY TAG"_s);
     expectDrawn(image, t->text, 200); // in white
     expectDrawn(image, z->headline, 120);
     expectDrawn(image, z->saves);
 
-    expectDrawn(render([](auto& s) { s.hoverZone = true; }), z->hoverHeadline, 120);
+    expectDrawn(render({.hoverZone = true, .progress = {}, .log = {}}), z->hoverHeadline, 120);
     EXPECT_TRUE(is(dot + QPointF(8, 8), over(purpleSoft, black))); // the zone lit, the field not
     EXPECT_TRUE(is(edge, over(lineStrong, black)));
-    render([](auto& s) { s.hoverTag = true; }); // the tag field lit, the zone not
+    render({.hoverTag = true, .progress = {}, .log = {}}); // the tag field lit, the zone not
     EXPECT_TRUE(is(edge, purple) && is(dot + QPointF(8, 8), black, 0));
 
     // The bar: 3 of 12 lights 7 of 30 cells in purple, the rest in the line's grey.
-    render([](auto& s) { s.busy = true, s.progress = {3, 12}; });
-    int purpleCells = 0;
-    for (const QRectF& cell : z->cells)
-        purpleCells += is(cell.center(), purple)              ? 1
-                       : is(cell.center(), over(line, black)) ? 0
-                                                              : 99;
-    EXPECT_EQ(purpleCells, 7);
+    render({.busy = true, .progress = {3, 12}, .log = {}});
+    const auto cells = [&](QColor colour) {
+        return std::ranges::count_if(z->cells,
+                                     [&](QRectF cell) { return is(cell.center(), colour); });
+    };
+    EXPECT_TRUE(cells(purple) == 7 && cells(over(line, black)) == 23);
     // The first digit alone: "/" reaches above the capitals and below the baseline.
-    const QRect counter(static_cast<int>(z->centre.x()) - 150,
-                        static_cast<int>(z->counterLine) - 25, 300, 50);
-    const QRect firstDigit(lit(image, counter).left(), counter.top(), 16, counter.height());
-    EXPECT_NEAR(QRectF(lit(image, firstDigit)).center().y(), z->counterLine, 1.0);
+    const QRect counter(QPointF(z->centre.x() - 150, z->counterLine - 25).toPoint(),
+                        QSize(300, 50));
+    const QRect digit(lit(image, counter).left(), counter.top(), 16, 50);
+    EXPECT_NEAR(QRectF(lit(image, digit)).center().y(), z->counterLine, 1.0);
 }
 
 TEST_F(ViewDrawing, logWaitsWithABlinkingCursorThenShowsTheLastFourInTheirColours) {
@@ -152,15 +140,14 @@ TEST_F(ViewDrawing, logWaitsWithABlinkingCursorThenShowsTheLastFourInTheirColour
     EXPECT_GT(withCursor.right(), without.right() + 4);
 
     const QString ok = u"12 TAGS  OK"_s, unread = u"CAN'T READ FILE"_s;
-    render([&](auto& s) {
-        s.log = {{u"one.wav"_s, ok, purple},
-                 {u"two.wav"_s, ok, purple},
-                 {u"AN EXTREMELY LONG BEAT NAME THAT GOES ON AND ON UNTIL IT CANNOT FIT.wav"_s,
-                  unread, errColor},
-                 {u"four.wav"_s, ok, purple},
-                 {u"five.wav"_s, unread, errColor},
-                 {u"six.mp3"_s, ok, purple}};
-    });
+    render({.progress = {},
+            .log = {{u"one.wav"_s, ok, purple},
+                    {u"two.wav"_s, ok, purple},
+                    {u"AN EXTREMELY LONG BEAT NAME THAT GOES ON AND ON UNTIL IT CANNOT FIT.wav"_s,
+                     unread, errColor},
+                    {u"four.wav"_s, ok, purple},
+                    {u"five.wav"_s, unread, errColor},
+                    {u"six.mp3"_s, ok, purple}}});
     const HUDLayout::Log& l = view().layout().log;
     const auto row = [&](int index, double from) {
         const int top = static_cast<int>(l.firstLine + HUDLayout::kLogLineStep * index) - 6;
@@ -176,13 +163,4 @@ TEST_F(ViewDrawing, logWaitsWithABlinkingCursorThenShowsTheLastFourInTheirColour
         EXPECT_LE(lit(image, status.adjusted(0, 0, 8, 0)).right(), l.right);
     }
     EXPECT_FALSE(lit(image, row(4, 0).adjusted(0, 0, 16, 0)).isValid()); // no fifth line
-}
-
-TEST(ViewText, widthLeavesOutTheLastKern) {
-    ::Test::guiApplication();
-    const TextStyle plain{TextStyle::Face::body, 12, 0};
-    const TextStyle kerned{TextStyle::Face::body, 12, 0.9};
-    // Qt keeps spacing in 1/64 px: 0.9 becomes 0.890625.
-    EXPECT_NEAR(HUDView::width(u"ABCD"_s, kerned), HUDView::width(u"ABCD"_s, plain) + 3 * 0.890625,
-                1e-6);
 }

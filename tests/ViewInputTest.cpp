@@ -5,11 +5,7 @@
 #include "style/Palette.h"
 #include "support/GuiSupport.h"
 
-#include <QDragEnterEvent>
-#include <QFileSystemModel>
-#include <QLineEdit>
-#include <QListView>
-#include <QMimeData>
+#include <QtWidgets>
 
 using namespace Qt::StringLiterals;
 using namespace Style;
@@ -38,8 +34,7 @@ protected:
         return titles;
     }
 
-    // The answer ("copy" or "none") followed by the hover flags that are set. The
-    // paths go as a file manager sends them: their bytes, escaped, in a uri-list.
+    // "copy" or "none" and the hover flags set; the paths sent as a file manager does.
     template<typename Event = QDragMoveEvent>
     std::string drag(QPoint at, const QStringList& paths) {
         QMimeData data;
@@ -49,22 +44,17 @@ protected:
         data.setData(u"text/uri-list"_s, list);
         Event event(at, Qt::CopyAction | Qt::MoveAction, &data, Qt::LeftButton, Qt::NoModifier);
         QCoreApplication::sendEvent(&view(), &event);
-        std::string answer =
-            event.isAccepted() && event.dropAction() == Qt::CopyAction ? "copy" : "none";
-        return answer + (view().state().hoverZone ? " zone" : "") +
+        const bool copy = event.isAccepted() && event.dropAction() == Qt::CopyAction;
+        return std::string(copy ? "copy" : "none") + (view().state().hoverZone ? " zone" : "") +
                (view().state().hoverTag ? " tag" : "");
     }
 
     const QPoint band{300, 100}, zone{300, 290};
 };
 
-using ViewClicks = ViewInput;
-using TagMenu = ViewInput;
-using DragDrop = ViewInput;
-
 } // namespace
 
-TEST_F(ViewClicks, aSegmentsRightEdgeBelongsToTheNextOneAndABusyViewIgnoresClicks) {
+TEST_F(ViewInput, aSegmentsRightEdgeBelongsToTheNextOneAndABusyViewIgnoresClicks) {
     settings.setIntervalIndex(0);
     settings.setLevelIndex(0);
     const auto edge = [&](int hit) {
@@ -79,9 +69,8 @@ TEST_F(ViewClicks, aSegmentsRightEdgeBelongsToTheNextOneAndABusyViewIgnoresClick
 
     // A busy view ignores clicks, even on regions drawn before the batch.
     const std::vector<HUDView::Hit> hits = drawn();
-    HUDView::State busy;
-    busy.busy = true;
-    view().setState(busy); // not drawn again yet: the old regions remain
+    view().setState(
+        {.busy = true, .progress = {}, .log = {}}); // not drawn again yet: the old regions remain
     for (const QPointF at :
          {hits[0].rect.center(), hits[4].rect.center(), view().zoneRect().center()})
         click(view(), at);
@@ -89,7 +78,7 @@ TEST_F(ViewClicks, aSegmentsRightEdgeBelongsToTheNextOneAndABusyViewIgnoresClick
     EXPECT_EQ(panels.tagPanels + panels.trackPanels, 0);
 }
 
-TEST_F(ViewClicks, aChoiceThatCannotBeSavedLeavesTheOldOneAndALineWithTheSystemsReason) {
+TEST_F(ViewInput, aChoiceThatCannotBeSavedLeavesTheOldOneAndALineWithTheSystemsReason) {
     QDir().mkpath(home.configHome());
     ::Test::writeFile(home.configHome() + u"/ODRAVEX Zelkor"_s, "in the way");
     const LogLine unsaved{u"CAN'T SAVE PREFERENCES.JSON"_s, u"NOT A DIRECTORY"_s, errColor};
@@ -99,7 +88,7 @@ TEST_F(ViewClicks, aChoiceThatCannotBeSavedLeavesTheOldOneAndALineWithTheSystems
     EXPECT_TRUE(settings.intervalIndex() == 1 && settings.levelIndex() == 1);
 }
 
-TEST_F(ViewClicks, theDropZoneAsksForATagFirstThenForTracks) {
+TEST_F(ViewInput, theDropZoneAsksForATagFirstThenForTracks) {
     const QPointF centre = view().zoneRect().center();
     panels.tag = file(u"voice.wav"_s, "RIFF");
     click(view(), centre);
@@ -113,7 +102,7 @@ TEST_F(ViewClicks, theDropZoneAsksForATagFirstThenForTracks) {
     EXPECT_EQ(view().state().progress, (HUDView::Progress{0, 1})); // a batch over the track
 }
 
-TEST_F(TagMenu, listsTheClipsWithTheSelectedOneCheckedPicksRemovesAndAddsThem) {
+TEST_F(ViewInput, listsTheClipsWithTheSelectedOneCheckedPicksRemovesAndAddsThem) {
     const QString a = clip(u"a.mp3"_s), b = clip(u"b.wav"_s);
     tags.setSelected(b);
     EXPECT_EQ(
@@ -140,7 +129,7 @@ TEST_F(TagMenu, listsTheClipsWithTheSelectedOneCheckedPicksRemovesAndAddsThem) {
     EXPECT_EQ(tags.selected(), Tags::dir() + u"/voice.wav"_s);
 }
 
-TEST_F(DragDrop, oneClipTargetsTheRowAndItsBandOnlyTracksTheRestAndABusyViewNothing) {
+TEST_F(ViewInput, oneClipTargetsTheRowAndItsBandOnlyTracksTheRestAndABusyViewNothing) {
     const QStringList wav{file(u"voice.wav"_s)}; // a clip and a track at once
     EXPECT_EQ(drag<QDragEnterEvent>(zone, wav), "copy zone");
     QDragLeaveEvent leave;
@@ -158,20 +147,17 @@ TEST_F(DragDrop, oneClipTargetsTheRowAndItsBandOnlyTracksTheRestAndABusyViewNoth
     const QStringList m4a{file(u"voice.m4a"_s)};
     EXPECT_EQ(drag(band, m4a), "copy tag");
     EXPECT_EQ(drag(zone, m4a), "none");
-    file(u"beats/beat.MP3"_s);
-    const QStringList folder{home.root() + u"/beats"_s};
+    const QStringList folder{QFileInfo(file(u"beats/beat.MP3"_s)).path()};
     EXPECT_EQ(drag(zone, folder), "copy zone");
     EXPECT_EQ(drag(band, folder), "none");
-    HUDView::State busy;
-    busy.busy = busy.hoverZone = true;
-    view().setState(busy);
+    view().setState({.hoverZone = true, .busy = true, .progress = {}, .log = {}});
     EXPECT_EQ(drag<QDragEnterEvent>(band, wav), "none zone"); // refused, flags kept
 }
 
-TEST_F(DragDrop, aClipDroppedOnTheRowIsAddedAndArmedAndAFolderDroppedElsewhereStartsABatch) {
-    const QString voice = file(u"voice.wav"_s);
-    drag<QDragEnterEvent>(band, {voice});
-    EXPECT_EQ(drag<QDropEvent>(band, {voice}), "copy");
+TEST_F(ViewInput, aClipDroppedOnTheRowIsAddedAndArmedAndAFolderDroppedElsewhereStartsABatch) {
+    const QStringList voice{file(u"voice.wav"_s)};
+    drag<QDragEnterEvent>(band, voice);
+    EXPECT_EQ(drag<QDropEvent>(band, voice), "copy");
     EXPECT_TRUE(!view().state().busy && tags.selected() == Tags::dir() + u"/voice.wav"_s);
     EXPECT_EQ(view().state().log,
               (std::vector<LogLine>{{u"TAG ADDED: VOICE"_s, u"ARMED"_s, purple}}));
@@ -188,8 +174,7 @@ TEST_F(DragDrop, aClipDroppedOnTheRowIsAddedAndArmedAndAFolderDroppedElsewhereSt
 }
 
 // The real dialog, short of its modal loop: it lists only tracks and folders; a
-// folder typed into the name field (which selects its row) is opened, not
-// taken; files and folders selected together come back together.
+// folder typed into the name field is opened, not taken.
 TEST(TrackDialog, takesFilesAndFoldersSelectedTogetherAndListsOnlyTracks) {
     ::Test::guiApplication();
     QTemporaryDir folder;
