@@ -2,6 +2,7 @@
 #include "app/FrameAutosave.h"
 #include "support/GuiSupport.h"
 
+#include <QJsonObject>
 #include <QRegularExpression>
 
 using namespace Qt::StringLiterals;
@@ -69,4 +70,14 @@ TEST(FrameAutosave, aMovedWindowReopensWhereItWasLeft) {
     again.resize(200, 100);
     (new FrameAutosave(again, name, preferences))->restore();
     EXPECT_EQ(again.pos(), QPoint(120, 90));
+
+    // Off every screen (a monitor unplugged since), or not numbers: left where the launch put it.
+    QWidget lost;
+    lost.move(10, 10);
+    for (const QJsonObject& frame : {QJsonObject{{u"x"_s, -9000}, {u"y"_s, -9000}},
+                                     QJsonObject{{u"x"_s, u"a"_s}, {u"y"_s, 5}}}) {
+        preferences.setObject(name, frame);
+        (new FrameAutosave(lost, name, preferences))->restore();
+        EXPECT_EQ(lost.pos(), QPoint(10, 10));
+    }
 }
