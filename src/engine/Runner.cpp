@@ -113,6 +113,13 @@ struct Watched {
     QByteArray partial;
     double seconds = 0;
 
+    Watched(const ProgressReports::Reached& reached, const PassMark& mark, double length, int fd)
+        : reached(reached)
+        , mark(mark)
+        , length(length)
+        , fd(fd) {}
+    Watched(const Watched&) = delete;
+    Watched& operator=(const Watched&) = delete;
     ~Watched() { ::close(fd); }
 
     // Whether anything came.
