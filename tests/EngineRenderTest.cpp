@@ -23,10 +23,6 @@ void makeSpeech(const QString& path) {
     ::Test::ffmpeg({u"-i"_s, path + u".wav"_s, u"-ar"_s, u"8000"_s, path});
 }
 
-QString describe(const QString& path) {
-    return ::Test::runProgram(::Test::systemFFmpeg(), {u"-hide_banner"_s, u"-i"_s, path}).err;
-}
-
 using EngineRender = ::Test::TempFolder;
 
 } // namespace
@@ -43,7 +39,8 @@ TEST_F(EngineRender, eachKindOfTrackHearsTheClipAtItsLevel) {
     const Engine::Result result = Engine::process(wav, clip, 6, -9);
     ASSERT_EQ(result.placements, 4);
     EXPECT_TRUE(::Test::readAll(wav) == before);
-    const QString described = describe(result.output);
+    const QString described =
+        ::Test::runProgram(::Test::systemFFmpeg(), {u"-hide_banner"_s, u"-i"_s, result.output}).err;
     for (const QString& expected :
          {u"Duration: 00:00:19.50"_s,
           u"Audio: pcm_s24le ([1][0][0][0] / 0x0001), 44100 Hz, stereo"_s})
@@ -57,13 +54,18 @@ TEST_F(EngineRender, eachKindOfTrackHearsTheClipAtItsLevel) {
     EXPECT_EQ(Engine::analyze(encoded.output).duration, Engine::analyze(mp3).duration);
 }
 
-// Masters at -0.1 and 0 dBFS pass bit-exact outside the tags (bar the limiter's 2 ms and
-// 40 ms) and peak no higher under them; a clip cut at its peak never clicks.
+// Masters at -0.1, 0 and, in floats, +3 dBFS pass bit-exact outside the tags (bar the
+// limiter's 2 ms and 40 ms) and peak no higher under them; a clip cut at its peak never clicks.
 TEST_F(EngineRender, theMasterChangesOnlyUnderItsTagsAndCopiesNeverClick) {
     const QString clip = path(u"cut.wav"_s), ordinary = path(u"ordinary.wav"_s);
     ::Test::makeAudio(clip, u"aevalsrc=0.5*cos(2*PI*250*t)"_s, 1, 22050, 1);
     ::Test::makeAudio(ordinary, kBeat, 12);
-    QStringList tracks{ordinary};
+    const QString hot = path(u"hot.wav"_s);
+    ::Test::ffmpeg(u"-f lavfi -i aevalsrc=1.41*sin(2*PI*100*t)|0.5*sin(2*PI*150*t):s=44100:d=12 "
+                   "-c:a pcm_f32le"_s.split(u' ')
+                   << hot);
+    EXPECT_FALSE(Engine::carriesOverFullScale(Engine::analyze(hot), u"mp3"_s));
+    QStringList tracks{ordinary, hot};
     for (const QString& limit : {u"0.98855"_s, u"1"_s}) {
         const QString noise = u"anoisesrc=color=pink:sample_rate=44100:duration=12:seed="_s;
         tracks << path(limit + u".wav"_s);
@@ -95,6 +97,8 @@ TEST_F(EngineRender, theMasterChangesOnlyUnderItsTagsAndCopiesNeverClick) {
         }
         EXPECT_EQ(changed[0], 0u);
         EXPECT_GT(changed[1], 3u * kRate);
+        if (track == hot) // floats stay over full scale
+            EXPECT_TRUE(Engine::analyze(result.output).floatSamples && taggedPeak > 1.2);
         if (track != ordinary) { // a quieter master may rise to the 0.97 floor of the ceiling
             EXPECT_LE(taggedPeak, masterPeak * std::pow(10, 0.1 / 20));
             continue;
