@@ -37,10 +37,7 @@ TEST(Meter, techThreeThreeFortyOneCasesReadTheirLoudness) {
              {"case 1", 48000, {{-23, 20}}, -23},
              {"case 2", 48000, {{-33, 20}}, -33},
              {"case 3: the absolute gate", 48000, {{-36, 10}, {-23, 60}, {-36, 10}}, -23},
-             {"case 4: both gates",
-              48000,
-              {{-72, 10}, {-36, 10}, {-23, 60}, {-36, 10}, {-72, 10}},
-              -23},
+             {"case 4: gates", 48000, {{-72, 10}, {-36, 10}, {-23, 60}, {-36, 10}, {-72, 10}}, -23},
              {"case 5", 48000, {{-26, 20}, {-20, 20.1}, {-26, 20}}, -23},
              {"case 1 at 44.1 kHz", 44100, {{-23, 20}}, -23},
              {"case 1 at 96 kHz", 96000, {{-23, 20}}, -23}}) {
@@ -51,7 +48,7 @@ TEST(Meter, techThreeThreeFortyOneCasesReadTheirLoudness) {
     }
 }
 
-TEST(Meter, silenceAClickAndTheChannelsWeights) {
+TEST(Meter, silenceClicksWeightsBlocksAndTrailingSilences) {
     Meter meter(44100, {1, 1}, true);
     std::vector<double> quiet(44100 * 2);
     meter.add(quiet.data(), 44100);
@@ -69,10 +66,19 @@ TEST(Meter, silenceAClickAndTheChannelsWeights) {
     EXPECT_EQ(Engine::channelWeights(0x13F, 7),
               (std::vector{1.0, 1.0, 1.0, 0.0, 1.41, 1.41, 1.41}));
     EXPECT_EQ(Engine::channelWeights(0xB, 4), (std::vector{1.0, 1.0, 0.0, 1.0}));
-}
-
-// -120 dBFS is silence; a sine crosses zero, so its quiet edge may start a few samples early.
-TEST(Meter, onlyASilenceOfAtLeastThreeTenthsRunningAtTheEndIsTrailing) {
+    // Blocks of any size give the same figures.
+    std::vector<double> samples(48000 * 2 * 3);
+    for (std::size_t i = 0; i < samples.size(); ++i)
+        samples[i] = 0.3 * std::sin(static_cast<double>(i) * 0.01) * (i % 7 == 0 ? 1 : 0.5);
+    Meter whole(48000, {1, 1.41}, true), pieces(48000, {1, 1.41}, true);
+    whole.add(samples.data(), samples.size() / 2);
+    for (std::size_t at = 0, step = 1; at < samples.size() / 2; at += step, step = step * 3 % 1021)
+        pieces.add(samples.data() + at * 2, std::min(step, samples.size() / 2 - at));
+    EXPECT_DOUBLE_EQ(whole.loudness(), pieces.loudness());
+    EXPECT_EQ(whole.peakDb(), pieces.peakDb());
+    EXPECT_EQ(whole.frames(), pieces.frames());
+    // Only a silence of at least 0.3 s running at the end is trailing (-120 dBFS is silence);
+    // a sine crosses zero, so its quiet edge may start a few samples early.
     for (const auto& [segments, asked, start] :
          std::vector<std::tuple<std::vector<Segment>, bool, double>>{
              {{{-20, 1}, {-120, 0.5}}, true, 1.0},
@@ -86,19 +92,6 @@ TEST(Meter, onlyASilenceOfAtLeastThreeTenthsRunningAtTheEndIsTrailing) {
             sine(meter, 48000, 2, dbfs, seconds);
         EXPECT_NEAR(meter.silenceStart().value_or(-1), start, 0.001) << segments.size() << asked;
     }
-}
-
-TEST(Meter, blocksOfAnySizeGiveTheSameFigures) {
-    std::vector<double> samples(48000 * 2 * 3);
-    for (std::size_t i = 0; i < samples.size(); ++i)
-        samples[i] = 0.3 * std::sin(static_cast<double>(i) * 0.01) * (i % 7 == 0 ? 1 : 0.5);
-    Meter whole(48000, {1, 1.41}, true), pieces(48000, {1, 1.41}, true);
-    whole.add(samples.data(), samples.size() / 2);
-    for (std::size_t at = 0, step = 1; at < samples.size() / 2; at += step, step = step * 3 % 1021)
-        pieces.add(samples.data() + at * 2, std::min(step, samples.size() / 2 - at));
-    EXPECT_DOUBLE_EQ(whole.loudness(), pieces.loudness());
-    EXPECT_EQ(whole.peakDb(), pieces.peakDb());
-    EXPECT_EQ(whole.frames(), pieces.frames());
 }
 
 } // namespace
@@ -149,10 +142,10 @@ TEST_F(MeterAgreement, everyKindOfTrackReadsAsFfmpegsMeterReadsIt) {
         } else {
             EXPECT_EQ(*ours.peak, *expected.peak) << name;
         }
-        EXPECT_EQ(ours.duration, expected.duration) << name;
-        EXPECT_EQ(ours.format, expected.format) << name;
-        EXPECT_EQ(ours.integerSamples, expected.integerSamples) << name;
-        EXPECT_EQ(ours.floatSamples, expected.floatSamples) << name;
+        EXPECT_TRUE(ours.duration == expected.duration && ours.format == expected.format) << name;
+        EXPECT_TRUE(ours.integerSamples == expected.integerSamples &&
+                    ours.floatSamples == expected.floatSamples)
+            << name;
         EXPECT_NEAR(ours.silenceStart.value_or(-1), expected.silenceStart.value_or(-1), 0.001)
             << name;
     }
