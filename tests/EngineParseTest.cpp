@@ -29,9 +29,9 @@ using EngineFiles = ::Test::TempFolder;
 // Real transcripts: the format, pictures and bext chunk come only from lines ffmpeg starts.
 TEST(EngineParse, realTranscriptsAndForgedLines) {
     const Engine::Analysis track = Engine::parseAnalysis(::Test::fixture(u"titled-track.txt"_s));
-    EXPECT_TRUE(track.duration == 12.5 && !track.pictures);
+    EXPECT_TRUE(track.duration == 12.5 && !track.pictures && track.broadcastChunk &&
+                track.integerSamples);
     EXPECT_EQ(track.format, (Engine::AudioFormat{44100, u"stereo"_s}));
-    EXPECT_TRUE(track.broadcastChunk && track.integerSamples);
     const QString covered = ::Test::fixture(u"covered-track.txt"_s);
     EXPECT_TRUE(Engine::parseAnalysis(covered).pictures &&
                 !Engine::parseAnalysis(covered).integerSamples);
@@ -68,7 +68,7 @@ TEST(EngineParse, realTranscriptsAndForgedLines) {
 }
 
 // Copies repeat while they end by half a second after the track; nonsense gives one.
-TEST(EnginePlacement, copiesRepeatWhileTheyFitAndShareABranchWhenTheyCannotOverlap) {
+TEST(EnginePlacement, copiesRepeatWhileTheyFitAndTheBeatGivesWayUnderThem) {
     const double nan = std::nan("");
     EXPECT_EQ(Engine::positions(95, 30, 3), (std::vector{0.5, 30.5, 60.5, 90.5}));
     EXPECT_EQ(Engine::positions(10, 30, 10), std::vector{0.5});
@@ -101,10 +101,7 @@ TEST(EnginePlacement, copiesRepeatWhileTheyFitAndShareABranchWhenTheyCannotOverl
         EXPECT_EQ(Engine::graphShape({0, times, length, 0.97, format}), shape)
             << length << " " << rate << " " << layout.toStdString();
     }
-}
-
-// The ceiling follows the master's peak, read to 0.1 dB so raised half a step, in 0.97..1.
-TEST(EnginePlacement, theCeilingAndTheBeatsGivingWayFollowTheMaster) {
+    // The ceiling follows the master's peak, read to 0.1 dB so raised half a step, in 0.97..1.
     for (const auto& [peak, ceiling] :
          {std::pair{std::optional<double>(), 0.97}, {-0.4, 0.97}, {-0.3, 0.971628}, {0.0, 1.0}})
         EXPECT_DOUBLE_EQ(Engine::ceiling(peak), ceiling) << peak.value_or(NAN);
@@ -152,10 +149,7 @@ TEST_F(EngineFiles, outputsAreNamedAfterTheTrackAndNeverTakeAUsedNameAndFoldersG
     EXPECT_EQ(Engine::collect(in("B.wav|gone.mp3|sub|b.mp3|sub/y.mp3")),
               in("B.wav|gone.mp3|sub/y.mp3|b.mp3|sub/y.mp3"));
     EXPECT_TRUE(Engine::collect({d + u"c.txt"_s, d + u"loops.wav/"_s}).isEmpty());
-}
-
-// A run's plan names every output on the names alone, beside the track or mirrored.
-TEST(EngineJob, thePlanNamesEachOutputBesideItsTrackOrMirrored) {
+    // A run's plan names every output on the names alone, beside the track or mirrored.
     using enum Engine::Format;
     for (const auto& [mirror, format, track, root, output] :
          std::vector<std::tuple<QString, Engine::Format, QString, QString, QString>>{
