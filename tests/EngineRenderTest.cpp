@@ -97,8 +97,9 @@ TEST_F(EngineRender, theMasterChangesOnlyUnderItsTagsAndCopiesNeverClick) {
         }
         EXPECT_EQ(changed[0], 0u);
         EXPECT_GT(changed[1], 3u * kRate);
-        if (track == hot) // floats stay over full scale
-            EXPECT_TRUE(Engine::analyze(result.output).floatSamples && taggedPeak > 1.2);
+        // Floats stay over full scale.
+        EXPECT_TRUE(track != hot ||
+                    (Engine::analyze(result.output).floatSamples && taggedPeak > 1.2));
         if (track != ordinary) { // a quieter master may rise to the 0.97 floor of the ceiling
             EXPECT_LE(taggedPeak, masterPeak * std::pow(10, 0.1 / 20));
             continue;
@@ -214,11 +215,6 @@ TEST_F(EngineRender, oddAndLatin1NamesWorkEndToEnd) {
     EXPECT_EQ(
         QDir(folder).entryList({u"*.part"_s}, QDir::Files | QDir::Hidden),
         QStringList({u".hidden.part"_s, u".x.zelkor-1-ab.part"_s, u"b.zelkor-1-abcdef.part"_s}));
-    // A name too long for a temporary one beside it, cut short between characters.
-    const QString longName = path(u"z"_s + QString(120, u'\u00e9') + u".wav"_s);
-    QFile::copy(path(u"-tag é 🎧.wav"_s), longName);
-    EXPECT_EQ(Engine::process(longName, clip, 5, -5).output,
-              path(u"z"_s + QString(120, u'\u00e9') + u" (Tagged).wav"_s));
     EXPECT_EQ(QDir(folder).count(), 5u); // two tracks, two outputs, the user's file
 }
 
