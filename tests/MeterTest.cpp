@@ -61,7 +61,6 @@ TEST(Meter, silenceClicksWeightsBlocksAndTrailingSilences) {
     silent.add(quiet.data(), 8000);
     EXPECT_EQ(silent.peakDb(), -std::numeric_limits<double>::infinity());
     EXPECT_EQ(silent.silenceStart(), 0.0);
-    EXPECT_DOUBLE_EQ(silent.seconds(), 1.0);
     // Surrounds weigh 1.41 and low frequencies nothing; channels past the mask weigh 1.
     EXPECT_EQ(Engine::channelWeights(0x13F, 7),
               (std::vector{1.0, 1.0, 1.0, 0.0, 1.41, 1.41, 1.41}));
