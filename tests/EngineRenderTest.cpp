@@ -23,10 +23,6 @@ void makeSpeech(const QString& path) {
     ::Test::ffmpeg({u"-i"_s, path + u".wav"_s, u"-ar"_s, u"8000"_s, path});
 }
 
-QString describe(const QString& path) {
-    return ::Test::runProgram(::Test::systemFFmpeg(), {u"-hide_banner"_s, u"-i"_s, path}).err;
-}
-
 using EngineRender = ::Test::TempFolder;
 
 } // namespace
@@ -41,9 +37,9 @@ TEST_F(EngineRender, eachKindOfTrackHearsTheClipAtItsLevel) {
     makeSpeech(clip);
     const QByteArray before = ::Test::readAll(wav);
     const Engine::Result result = Engine::process(wav, clip, 6, -9);
-    ASSERT_EQ(result.placements, 4);
-    EXPECT_TRUE(::Test::readAll(wav) == before);
-    const QString described = describe(result.output);
+    ASSERT_TRUE(result.placements == 4 && ::Test::readAll(wav) == before) << result.placements;
+    const QString described =
+        ::Test::runProgram(::Test::systemFFmpeg(), {u"-hide_banner"_s, u"-i"_s, result.output}).err;
     for (const QString& expected :
          {u"Duration: 00:00:19.50"_s,
           u"Audio: pcm_s24le ([1][0][0][0] / 0x0001), 44100 Hz, stereo"_s})
@@ -57,13 +53,18 @@ TEST_F(EngineRender, eachKindOfTrackHearsTheClipAtItsLevel) {
     EXPECT_EQ(Engine::analyze(encoded.output).duration, Engine::analyze(mp3).duration);
 }
 
-// Masters at -0.1 and 0 dBFS pass bit-exact outside the tags (bar the limiter's 2 ms and
-// 40 ms) and peak no higher under them; a clip cut at its peak never clicks.
+// Masters at -0.1, 0 and, in floats, +3 dBFS pass bit-exact outside the tags (bar the
+// limiter's 2 ms and 40 ms) and peak no higher under them; a clip cut at its peak never clicks.
 TEST_F(EngineRender, theMasterChangesOnlyUnderItsTagsAndCopiesNeverClick) {
     const QString clip = path(u"cut.wav"_s), ordinary = path(u"ordinary.wav"_s);
     ::Test::makeAudio(clip, u"aevalsrc=0.5*cos(2*PI*250*t)"_s, 1, 22050, 1);
     ::Test::makeAudio(ordinary, kBeat, 12);
-    QStringList tracks{ordinary};
+    const QString hot = path(u"hot.wav"_s);
+    ::Test::ffmpeg(u"-f lavfi -i aevalsrc=1.41*sin(2*PI*100*t)|0.5*sin(2*PI*150*t):s=44100:d=12 "
+                   "-c:a pcm_f32le"_s.split(u' ')
+                   << hot);
+    EXPECT_FALSE(Engine::carriesOverFullScale(Engine::analyze(hot), u"mp3"_s));
+    QStringList tracks{ordinary, hot};
     for (const QString& limit : {u"0.98855"_s, u"1"_s}) {
         const QString noise = u"anoisesrc=color=pink:sample_rate=44100:duration=12:seed="_s;
         tracks << path(limit + u".wav"_s);
@@ -95,6 +96,9 @@ TEST_F(EngineRender, theMasterChangesOnlyUnderItsTagsAndCopiesNeverClick) {
         }
         EXPECT_EQ(changed[0], 0u);
         EXPECT_GT(changed[1], 3u * kRate);
+        // Floats stay over full scale.
+        EXPECT_TRUE(track != hot ||
+                    (Engine::analyze(result.output).floatSamples && taggedPeak > 1.2));
         if (track != ordinary) { // a quieter master may rise to the 0.97 floor of the ceiling
             EXPECT_LE(taggedPeak, masterPeak * std::pow(10, 0.1 / 20));
             continue;
@@ -210,11 +214,6 @@ TEST_F(EngineRender, oddAndLatin1NamesWorkEndToEnd) {
     EXPECT_EQ(
         QDir(folder).entryList({u"*.part"_s}, QDir::Files | QDir::Hidden),
         QStringList({u".hidden.part"_s, u".x.zelkor-1-ab.part"_s, u"b.zelkor-1-abcdef.part"_s}));
-    // A name too long for a temporary one beside it, cut short between characters.
-    const QString longName = path(u"z"_s + QString(120, u'\u00e9') + u".wav"_s);
-    QFile::copy(path(u"-tag é 🎧.wav"_s), longName);
-    EXPECT_EQ(Engine::process(longName, clip, 5, -5).output,
-              path(u"z"_s + QString(120, u'\u00e9') + u" (Tagged).wav"_s));
     EXPECT_EQ(QDir(folder).count(), 5u); // two tracks, two outputs, the user's file
 }
 
@@ -223,8 +222,7 @@ TEST_F(EngineRender, aClipIsMeasuredOnceWithoutItsTrailingSilenceOrRefused) {
     makeSpeech(speech);
     ::Test::ffmpeg({u"-i"_s, speech, u"-af"_s, u"apad=pad_dur=1.5"_s, padded});
     const double length = Engine::info(padded).length;
-    EXPECT_GT(length, 0.5);
-    EXPECT_LT(length, Engine::analyze(padded).duration - 1.4);
+    EXPECT_TRUE(length > 0.5 && length < Engine::analyze(padded).duration - 1.4) << length;
 
     // Clips with nothing to hear, a picture and a clip with no samples, fail and write nothing.
     ::Test::ffmpeg(u"-f lavfi -i testsrc=duration=1 -c:v mpeg4"_s.split(u' ')
@@ -240,10 +238,8 @@ TEST_F(EngineRender, aClipIsMeasuredOnceWithoutItsTrailingSilenceOrRefused) {
         }
     }
     EXPECT_TRUE(QDir(dir.path()).entryList({u"*Tagged*"_s}, QDir::Files | QDir::Hidden).isEmpty());
-
-    // A blip followed by silence counts half a second; a failure is not cached.
-    const QString blip = path(u"blip.wav"_s);
-    EXPECT_THROW(Engine::info(blip), TagError);
-    ::Test::makeAudio(blip, u"aevalsrc=0.3*sin(2*PI*440*t)*lt(t\\,0.2)"_s, 1.5, 44100, 1);
-    EXPECT_EQ(Engine::info(blip).length, 0.5);
+    // A blip followed by silence counts half a second.
+    ::Test::makeAudio(path(u"blip.wav"_s), u"aevalsrc=0.3*sin(2*PI*440*t)*lt(t\\,0.2)"_s, 1.5,
+                      44100, 1);
+    EXPECT_EQ(Engine::info(path(u"blip.wav"_s)).length, 0.5);
 }

@@ -1,5 +1,6 @@
-// Masters of every kind through the real render: over full scale, many channels, brickwalled.
+// Masters of every kind through the real render: many channels, brickwalled, loud MP3s.
 #include "engine/Analysis.h"
+#include "engine/Meter.h"
 #include "engine/Render.h"
 #include "support/TestSupport.h"
 
@@ -16,34 +17,11 @@ constexpr double kInterval = 5, kClip = 1;
 
 } // namespace
 
-// A float master at +3 dBFS comes out as floats, untouched outside the tags and under them as
-// high as its own peak, no higher. Masters of 4 to 8 channels with one channel far above the
-// others are never flipped to the opposite ceiling, as ffmpeg's own limiter does.
+// Masters of 4 to 8 channels with one channel far above the others are never flipped to the
+// opposite ceiling, as ffmpeg's own limiter does.
 TEST_F(Master, everyKindOfMasterComesThroughIntact) {
-    const QString hot = path(u"hot.wav"_s), clip = path(u"clip.wav"_s);
+    const QString clip = path(u"clip.wav"_s);
     ::Test::makeAudio(clip, u"sine=frequency=1000"_s, kClip, 22050, 1);
-    ::Test::ffmpeg(u"-f lavfi -i aevalsrc=1.41*sin(2*PI*100*t)|0.5*sin(2*PI*150*t):s=44100:d=12 "
-                   "-c:a pcm_f32le"_s.split(u' ')
-                   << hot);
-    const Engine::Result result = Engine::process(hot, clip, kInterval, -1);
-    EXPECT_TRUE(Engine::analyze(result.output).floatSamples);
-    EXPECT_FALSE(Engine::carriesOverFullScale(Engine::analyze(hot), u"mp3"_s));
-    const auto a = ::Test::samples(result.output, 44100, 2), b = ::Test::samples(hot, 44100, 2);
-    ASSERT_EQ(a.size(), b.size());
-    std::size_t changed[2] = {0, 0};
-    double peak[2] = {0, 0};
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        // The limiter's look-ahead before a copy, its release after, a millisecond to spare.
-        const double t = double(i / 2) / 44100 - 0.5 + 0.003;
-        const bool tagged = t >= 0 && std::fmod(t, kInterval) < 0.003 + kClip + 0.04 + 0.002;
-        changed[tagged] += a[i] != b[i];
-        peak[tagged] = std::max(peak[tagged], std::abs(a[i]));
-    }
-    EXPECT_EQ(changed[0], 0u);
-    EXPECT_GT(changed[1], 44100u);
-    EXPECT_GT(peak[1], 1.2);
-    EXPECT_LE(peak[1], peak[0] * std::pow(10, 0.1 / 20));
-
     for (const auto& [layout, channels] : {std::pair{u"4.0"_s, 4}, {u"5.1"_s, 6}, {u"7.1"_s, 8}}) {
         SCOPED_TRACE(layout.toStdString());
         QStringList waves;
@@ -97,15 +75,11 @@ TEST_F(Master, everyKindOfMasterComesThroughIntact) {
     const auto x = ::Test::samples(walled.output, 44100, 2), y = ::Test::samples(brick, 44100, 2),
                z = ::Test::samples(placed, 44100, 2);
     ASSERT_TRUE(x.size() == y.size() && x.size() == z.size());
-    // Integrated loudness of interleaved stereo samples, as the analysis measures a track.
-    const auto loudness = [&](const std::vector<double>& values) {
-        ::Test::writeFile(path(u"piece.raw"_s),
-                          QByteArray(reinterpret_cast<const char*>(values.data()),
-                                     qsizetype(values.size() * sizeof(double))));
-        ::Test::ffmpeg(u"-f f64le -ar 44100 -ac 2 -i %1 -c:a pcm_f32le %2"_s
-                           .arg(path(u"piece.raw"_s), path(u"piece.wav"_s))
-                           .split(u' '));
-        return Engine::analyze(path(u"piece.wav"_s)).lufs;
+    // Integrated loudness of interleaved stereo samples, as the meter measures a track.
+    const auto loudness = [](const std::vector<double>& values) {
+        Engine::Meter meter(44100, {1, 1}, false);
+        meter.add(values.data(), values.size() / 2);
+        return meter.loudness();
     };
     for (double t : walled.times) {
         const auto from = std::size_t(std::lround(t * 44100)) * 2,

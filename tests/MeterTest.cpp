@@ -29,36 +29,26 @@ void sine(Meter& meter, int rate, int channels, double dbfs, double seconds) {
     }
 }
 
-struct Segment {
-    double dbfs;
-    double seconds;
-};
+using Segment = std::pair<double, double>; // dBFS, seconds
 
 TEST(Meter, techThreeThreeFortyOneCasesReadTheirLoudness) {
-    struct Row {
-        const char* name;
-        int rate;
-        std::vector<Segment> segments;
-        double lufs;
-    };
-    const std::vector<Row> rows{
-        {"case 1", 48000, {{-23, 20}}, -23},
-        {"case 2", 48000, {{-33, 20}}, -33},
-        {"case 3: the absolute gate", 48000, {{-36, 10}, {-23, 60}, {-36, 10}}, -23},
-        {"case 4: both gates", 48000, {{-72, 10}, {-36, 10}, {-23, 60}, {-36, 10}, {-72, 10}}, -23},
-        {"case 5", 48000, {{-26, 20}, {-20, 20.1}, {-26, 20}}, -23},
-        {"case 1 at 44.1 kHz", 44100, {{-23, 20}}, -23},
-        {"case 1 at 96 kHz", 96000, {{-23, 20}}, -23},
-    };
-    for (const Row& row : rows) {
-        Meter meter(row.rate, {1, 1}, false);
-        for (const Segment& segment : row.segments)
-            sine(meter, row.rate, 2, segment.dbfs, segment.seconds);
-        EXPECT_NEAR(meter.loudness(), row.lufs, 0.1) << row.name;
+    for (const auto& [name, rate, segments, lufs] :
+         std::vector<std::tuple<const char*, int, std::vector<Segment>, double>>{
+             {"case 1", 48000, {{-23, 20}}, -23},
+             {"case 2", 48000, {{-33, 20}}, -33},
+             {"case 3: the absolute gate", 48000, {{-36, 10}, {-23, 60}, {-36, 10}}, -23},
+             {"case 4: gates", 48000, {{-72, 10}, {-36, 10}, {-23, 60}, {-36, 10}, {-72, 10}}, -23},
+             {"case 5", 48000, {{-26, 20}, {-20, 20.1}, {-26, 20}}, -23},
+             {"case 1 at 44.1 kHz", 44100, {{-23, 20}}, -23},
+             {"case 1 at 96 kHz", 96000, {{-23, 20}}, -23}}) {
+        Meter meter(rate, {1, 1}, false);
+        for (const auto& [dbfs, seconds] : segments)
+            sine(meter, rate, 2, dbfs, seconds);
+        EXPECT_NEAR(meter.loudness(), lufs, 0.1) << name;
     }
 }
 
-TEST(Meter, silenceAndAClickReadTheFloorAndTheClicksPeak) {
+TEST(Meter, silenceClicksWeightsBlocksAndTrailingSilences) {
     Meter meter(44100, {1, 1}, true);
     std::vector<double> quiet(44100 * 2);
     meter.add(quiet.data(), 44100);
@@ -66,42 +56,16 @@ TEST(Meter, silenceAndAClickReadTheFloorAndTheClicksPeak) {
     meter.add(click, 1);
     EXPECT_EQ(meter.loudness(), Engine::kAbsoluteGate);
     EXPECT_NEAR(meter.peakDb(), -6.02, 0.01);
-    EXPECT_EQ(meter.frames(), 44101);
 
     Meter silent(8000, {1}, true);
     silent.add(quiet.data(), 8000);
     EXPECT_EQ(silent.peakDb(), -std::numeric_limits<double>::infinity());
     EXPECT_EQ(silent.silenceStart(), 0.0);
-    EXPECT_DOUBLE_EQ(silent.seconds(), 1.0);
-}
-
-TEST(Meter, onlyASilenceOfAtLeastThreeTenthsRunningAtTheEndIsTrailing) {
-    struct Row {
-        std::vector<Segment> segments; // -120 dBFS is silence
-        bool asked;
-        std::optional<double> start;
-    };
-    const std::vector<Row> rows{
-        {{{-20, 1}, {-120, 0.5}}, true, 1.0},
-        {{{-20, 1}, {-49, 0.5}}, true, std::nullopt},
-        {{{-20, 1}, {-120, 0.29}}, true, std::nullopt},
-        {{{-20, 1}, {-120, 0.3}}, true, 1.0},
-        {{{-20, 1}, {-120, 0.5}, {-20, 0.1}}, true, std::nullopt},
-        {{{-20, 1}, {-120, 0.5}}, false, std::nullopt},
-    };
-    for (const Row& row : rows) {
-        Meter meter(48000, {1, 1}, row.asked);
-        for (const Segment& segment : row.segments)
-            sine(meter, 48000, 2, segment.dbfs, segment.seconds);
-        ASSERT_EQ(meter.silenceStart().has_value(), row.start.has_value());
-        // A sine crosses zero: its quiet edge may start a few samples early.
-        if (row.start) {
-            EXPECT_NEAR(*meter.silenceStart(), *row.start, 0.001);
-        }
-    }
-}
-
-TEST(Meter, blocksOfAnySizeGiveTheSameFigures) {
+    // Surrounds weigh 1.41 and low frequencies nothing; channels past the mask weigh 1.
+    EXPECT_EQ(Engine::channelWeights(0x13F, 7),
+              (std::vector{1.0, 1.0, 1.0, 0.0, 1.41, 1.41, 1.41}));
+    EXPECT_EQ(Engine::channelWeights(0xB, 4), (std::vector{1.0, 1.0, 0.0, 1.0}));
+    // Blocks of any size give the same figures.
     std::vector<double> samples(48000 * 2 * 3);
     for (std::size_t i = 0; i < samples.size(); ++i)
         samples[i] = 0.3 * std::sin(static_cast<double>(i) * 0.01) * (i % 7 == 0 ? 1 : 0.5);
@@ -112,23 +76,21 @@ TEST(Meter, blocksOfAnySizeGiveTheSameFigures) {
     EXPECT_DOUBLE_EQ(whole.loudness(), pieces.loudness());
     EXPECT_EQ(whole.peakDb(), pieces.peakDb());
     EXPECT_EQ(whole.frames(), pieces.frames());
-}
-
-TEST(Meter, channelsAreWeighedByTheirPlace) {
-    struct Row {
-        std::uint64_t mask;
-        int channels;
-        std::vector<double> weights;
-    };
-    const std::vector<Row> rows{
-        {0x3, 2, {1, 1}},
-        {0x60F, 6, {1, 1, 1, 0, 1.41, 1.41}},       // 5.1(side)
-        {0x13F, 7, {1, 1, 1, 0, 1.41, 1.41, 1.41}}, // 6.1(back)
-        {0, 3, {1, 1, 1}},
-        {0xB, 4, {1, 1, 0, 1}}, // a mask short of the channels
-    };
-    for (const Row& row : rows)
-        EXPECT_EQ(Engine::channelWeights(row.mask, row.channels), row.weights) << row.mask;
+    // Only a silence of at least 0.3 s running at the end is trailing (-120 dBFS is silence);
+    // a sine crosses zero, so its quiet edge may start a few samples early.
+    for (const auto& [segments, asked, start] :
+         std::vector<std::tuple<std::vector<Segment>, bool, double>>{
+             {{{-20, 1}, {-120, 0.5}}, true, 1.0},
+             {{{-20, 1}, {-49, 0.5}}, true, -1},
+             {{{-20, 1}, {-120, 0.29}}, true, -1},
+             {{{-20, 1}, {-120, 0.3}}, true, 1.0},
+             {{{-20, 1}, {-120, 0.5}, {-20, 0.1}}, true, -1},
+             {{{-20, 1}, {-120, 0.5}}, false, -1}}) {
+        Meter meter(48000, {1, 1}, asked);
+        for (const auto& [dbfs, seconds] : segments)
+            sine(meter, 48000, 2, dbfs, seconds);
+        EXPECT_NEAR(meter.silenceStart().value_or(-1), start, 0.001) << segments.size() << asked;
+    }
 }
 
 } // namespace
@@ -136,11 +98,6 @@ TEST(Meter, channelsAreWeighedByTheirPlace) {
 // Files read here and files ffmpeg decodes into the meter read as ffmpeg's own
 // meter and silence detector read them.
 TEST_F(MeterAgreement, everyKindOfTrackReadsAsFfmpegsMeterReadsIt) {
-    struct Row {
-        QString name;
-        QString source; // lavfi
-        QStringList options;
-    };
     const QString noise = u"anoisesrc=color=pink:amplitude=0.3:seed=%1"_s;
     const auto channels = [](const QString& layout, int count) {
         QStringList parts;
@@ -148,7 +105,8 @@ TEST_F(MeterAgreement, everyKindOfTrackReadsAsFfmpegsMeterReadsIt) {
             parts << u"(0.05+0.05*%1)*sin(2*PI*(200+300*%1)*t)*(1+sin(2*PI*0.5*t))"_s.arg(c);
         return u"aevalsrc="_s + parts.join(u'|') + u":c="_s + layout;
     };
-    const std::vector<Row> rows{
+    // The file's name, its lavfi source and ffmpeg's options for it.
+    const std::vector<std::tuple<QString, QString, QStringList>> rows{
         {u"mono8k.wav"_s, u"sine=frequency=700:sample_rate=8000"_s, {u"-c:a"_s, u"pcm_u8"_s}},
         {u"stereo.wav"_s, noise.arg(1), {u"-ac"_s, u"2"_s}},
         {u"side51.wav"_s,
@@ -163,10 +121,10 @@ TEST_F(MeterAgreement, everyKindOfTrackReadsAsFfmpegsMeterReadsIt) {
         {u"beat.mp3"_s, noise.arg(2), {u"-ac"_s, u"2"_s, u"-b:a"_s, u"192k"_s}},
         {u"side51.flac"_s, channels(u"5.1(side)"_s, 6), {}},
     };
-    for (const Row& row : rows) {
-        const QString file = path(row.name);
-        ::Test::ffmpeg(QStringList{u"-f"_s, u"lavfi"_s, u"-i"_s, row.source, u"-t"_s, u"4"_s} +
-                       row.options + QStringList{file});
+    for (const auto& [fileName, source, options] : rows) {
+        const QString file = path(fileName);
+        ::Test::ffmpeg(QStringList{u"-f"_s, u"lavfi"_s, u"-i"_s, source, u"-t"_s, u"4"_s} +
+                       options + QStringList{file});
         const auto theirs = ::Test::runProgram(
             ::Test::systemFFmpeg(),
             {u"-hide_banner"_s, u"-nostats"_s, u"-i"_s, file, u"-af"_s,
@@ -175,7 +133,7 @@ TEST_F(MeterAgreement, everyKindOfTrackReadsAsFfmpegsMeterReadsIt) {
         const Engine::Analysis expected = Engine::parseAnalysis(theirs.err);
         const Engine::Analysis ours =
             Engine::analyze(file, {.trailingSilence = true, .progress = {}});
-        const std::string name = row.name.toStdString();
+        const std::string name = fileName.toStdString();
         EXPECT_NEAR(ours.lufs, expected.lufs, 0.1) << name;
         ASSERT_TRUE(ours.peak && expected.peak) << name;
         if (std::isfinite(*expected.peak)) {
@@ -183,13 +141,11 @@ TEST_F(MeterAgreement, everyKindOfTrackReadsAsFfmpegsMeterReadsIt) {
         } else {
             EXPECT_EQ(*ours.peak, *expected.peak) << name;
         }
-        EXPECT_EQ(ours.duration, expected.duration) << name;
-        EXPECT_EQ(ours.format, expected.format) << name;
-        EXPECT_EQ(ours.integerSamples, expected.integerSamples) << name;
-        EXPECT_EQ(ours.floatSamples, expected.floatSamples) << name;
-        ASSERT_EQ(ours.silenceStart.has_value(), expected.silenceStart.has_value()) << name;
-        if (expected.silenceStart) {
-            EXPECT_NEAR(*ours.silenceStart, *expected.silenceStart, 0.001) << name;
-        }
+        EXPECT_TRUE(ours.duration == expected.duration && ours.format == expected.format) << name;
+        EXPECT_TRUE(ours.integerSamples == expected.integerSamples &&
+                    ours.floatSamples == expected.floatSamples)
+            << name;
+        EXPECT_NEAR(ours.silenceStart.value_or(-1), expected.silenceStart.value_or(-1), 0.001)
+            << name;
     }
 }
