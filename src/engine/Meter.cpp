@@ -85,7 +85,6 @@ Meter::Meter(int sampleRate, std::vector<double> weights, bool trailingSilence)
 
 namespace {
 
-
 template<Meter::Encoding E>
 constexpr std::size_t kWidth = E == Meter::Encoding::f64   ? 8
                                : E == Meter::Encoding::f32 ? 4
