@@ -108,15 +108,13 @@ thread_local const PassMark* t_mark = nullptr;
 struct Watched {
     const ProgressReports::Reached& reached;
     const PassMark& mark;
-    double length;
     int fd; // the read end of the run's standard output, not blocking
     QByteArray partial;
     double seconds = 0;
 
-    Watched(const ProgressReports::Reached& reached, const PassMark& mark, double length, int fd)
+    Watched(const ProgressReports::Reached& reached, const PassMark& mark, int fd)
         : reached(reached)
         , mark(mark)
-        , length(length)
         , fd(fd) {}
     Watched(const Watched&) = delete;
     Watched& operator=(const Watched&) = delete;
@@ -140,24 +138,10 @@ struct Watched {
                 if (ok && value >= 0)
                     seconds = static_cast<double>(value) / (bySize ? mark.bytesPerSecond() : 1e6);
             } else if (line.startsWith("progress=")) {
-                reached(mark.pass(), seconds, length);
+                reached(mark.pass(), seconds, mark.length());
             }
         }
         return came;
-    }
-
-    // Until the run's header names it: the first input's own Duration line, near
-    // the start of its text.
-    void readLength(const QByteArray& head) {
-        static const QRegularExpression duration(
-            QStringLiteral(R"(^\s*Duration: (\d+):(\d+):(\d+\.\d+),)"),
-            QRegularExpression::MultilineOption);
-        constexpr qsizetype kHeaderBytes = 1 << 16;
-        if (length > 0)
-            return;
-        if (const auto m = duration.match(QString::fromUtf8(head.left(kHeaderBytes))); m.hasMatch())
-            length = m.captured(1).toDouble() * 3600 + m.captured(2).toDouble() * 60 +
-                     m.captured(3).toDouble();
     }
 };
 
@@ -249,12 +233,11 @@ unsigned long long groupTicks(pid_t group) {
 // ffmpeg's reports are read at least this often, though an analysis prints nothing.
 constexpr long long kReportsReadMs = 250;
 
-// Reads the run's output until it ends: `drain` takes what came so far into `text`
-// and says whether anything did; `watched` reads ffmpeg's reports. One that shows no
+// Reads the run's output until it ends: `drain` takes what came so far and says
+// whether anything did; `watched` reads ffmpeg's reports. One that shows no
 // progress (no output, no report, no processor time) for stallLimit() is ended with
 // its whole group. Returns whether it stalled.
-bool readUntilEnd(QProcess& process, const KeptText& text, const std::function<bool()>& drain,
-                  Watched* watched) {
+bool readUntilEnd(QProcess& process, const std::function<bool()>& drain, Watched* watched) {
     const std::chrono::milliseconds limit = stallLimit();
     const int lookEvery = static_cast<int>(std::clamp<long long>(limit.count() / 4, 50, 5000));
     const int slice = watched ? std::min<int>(lookEvery, kReportsReadMs) : lookEvery;
@@ -268,12 +251,9 @@ bool readUntilEnd(QProcess& process, const KeptText& text, const std::function<b
         waited.start();
         const bool ready = process.waitForReadyRead(slice);
         const bool spoke = drain() || ready;
-        if (watched) {
-            watched->readLength(text.head());
-            if (watched->drain() && !spoke) {
-                quiet.restart();
-                continue;
-            }
+        if (watched && watched->drain() && !spoke) {
+            quiet.restart();
+            continue;
         }
         if (spoke) {
             quiet.restart();
@@ -322,7 +302,7 @@ RunResult runWith(const QStringList& args, const std::vector<int>& passed,
         if (::pipe2(ends, O_CLOEXEC) != 0)
             throw TagError::systemFailed(errno);
         ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
-        watched.emplace(t_reports->reached(), *t_mark, t_mark->length(), ends[0]);
+        watched.emplace(t_reports->reached(), *t_mark, ends[0]);
         reportsEnd = ends[1];
         prefix << QStringLiteral("-progress") << QStringLiteral("pipe:1");
     }
@@ -361,7 +341,7 @@ RunResult runWith(const QStringList& args, const std::vector<int>& passed,
     {
         const Child child(process.processId());
         stalled = readUntilEnd(
-            process, text, [&] { return drain(process, text); }, watched ? &*watched : nullptr);
+            process, [&] { return drain(process, text); }, watched ? &*watched : nullptr);
         process.waitForFinished(-1);
         drain(process, text);
         if (watched)

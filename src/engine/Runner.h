@@ -53,9 +53,8 @@ enum class Pass { analysis, render };
 // While one lives on a thread, each ffmpeg run started there under a PassMark
 // tells how far it is, from ffmpeg's own reports (`-progress pipe:1`, its
 // standard output, which none of these runs uses otherwise): `reached` gets the
-// pass, the seconds of the input done and the input's length (the mark's, else
-// its header's; 0 while unknown). On the running thread, about twice a second
-// and once at the run's end.
+// pass, the seconds of the input done and the mark's length. On the running
+// thread, about twice a second and once at the run's end.
 class ProgressReports {
 public:
     using Reached = std::function<void(Pass pass, double seconds, double length)>;
@@ -73,11 +72,11 @@ private:
 };
 
 // Marks the runs started on this thread while it lives as `pass` over `length`
-// seconds of input (0: as ffmpeg's header says). With `bytesPerSecond`, the time
+// seconds of input. With `bytesPerSecond`, the time
 // reached is the size of the output written over it, not ffmpeg's own clock.
 class PassMark {
 public:
-    explicit PassMark(Pass pass, double length = 0, double bytesPerSecond = 0);
+    PassMark(Pass pass, double length, double bytesPerSecond = 0);
     ~PassMark();
     PassMark(const PassMark&) = delete;
     PassMark& operator=(const PassMark&) = delete;
