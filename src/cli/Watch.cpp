@@ -105,9 +105,11 @@ std::optional<Watch::Seen> Watch::look(const QString& path) {
                 info.st_dev, info.st_ino, 0};
 }
 
-Watch::Watch(const QStringList& folders, const Collecting& how, std::function<void(Input)> ready)
+Watch::Watch(const QStringList& folders, const Collecting& how, std::function<void(Input)> ready,
+             std::function<void(const QString&)> notice)
     : m_how(how)
-    , m_ready(std::move(ready)) {
+    , m_ready(std::move(ready))
+    , m_notice(std::move(notice)) {
     // ZELKOR_WATCH_SETTLE_MS shortens the settling time, for tests of exports that pause.
     bool shorter = false;
     const int settleMs = qEnvironmentVariableIntValue("ZELKOR_WATCH_SETTLE_MS", &shorter);
@@ -130,10 +132,9 @@ Watch::Watch(const QStringList& folders, const Collecting& how, std::function<vo
         if (!identify(given) || !add(root, root, false))
             throw TagError::systemFailed(errno);
         m_roots.push_back(given);
-        write(stderr,
-              m_how.recursive
-                  ? QStringLiteral("zelkor-tag: watching '%1' and its sub-folders\n").arg(root)
-                  : QStringLiteral("zelkor-tag: watching '%1'\n").arg(root));
+        m_notice(m_how.recursive
+                     ? QStringLiteral("zelkor-tag: watching '%1' and its sub-folders\n").arg(root)
+                     : QStringLiteral("zelkor-tag: watching '%1'\n").arg(root));
     }
     m_rootsTimer.setInterval(kFollowMs);
     connect(&m_rootsTimer, &QTimer::timeout, this, &Watch::followRoots);
@@ -191,12 +192,12 @@ void Watch::followRoots() {
         if (root.inode != 0 && (!there || now.device != root.device || now.inode != root.inode)) {
             forget(root.path);
             root.inode = 0;
-            write(stderr, QStringLiteral("zelkor-tag: '%1' is gone; waiting for it to come back\n")
-                              .arg(root.path));
+            m_notice(QStringLiteral("zelkor-tag: '%1' is gone; waiting for it to come back\n")
+                         .arg(root.path));
         }
         if (root.inode == 0 && there && add(root.path, root.path, true)) {
             root = now;
-            write(stderr, QStringLiteral("zelkor-tag: watching '%1' again\n").arg(root.path));
+            m_notice(QStringLiteral("zelkor-tag: watching '%1' again\n").arg(root.path));
         }
     }
 }

@@ -25,9 +25,10 @@ public:
     // `ready` gets each complete track on the event loop, again when the file
     // is written anew later. Tracks there at the start are not handed over until
     // they change. A folder given twice, or inside another, is watched once.
-    // Says on standard error what it watches, and when a folder went and came
+    // Says through `notice` what it watches, and when a folder went and came
     // back. Throws TagError when a folder cannot be watched.
-    Watch(const QStringList& folders, const Collecting& how, std::function<void(Input)> ready);
+    Watch(const QStringList& folders, const Collecting& how, std::function<void(Input)> ready,
+          std::function<void(const QString&)> notice);
     ~Watch() override;
 
 private:
@@ -68,6 +69,7 @@ private:
 
     Collecting m_how;
     std::function<void(Input)> m_ready;
+    std::function<void(const QString&)> m_notice; // above the progress line
     int m_fd = -1;
     QSocketNotifier* m_notifier = nullptr;
     QList<Folder> m_roots;             // as given

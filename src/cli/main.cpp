@@ -98,6 +98,9 @@ public:
             add({std::move(input)});
     }
 
+    // On standard error, with the progress line kept below it.
+    void notice(const QString& text) { m_progress.above(stderr, text); }
+
     // Starts no further track and ends the running ones; the run ends with `signal`.
     void stop(int signal) {
         if (m_stoppedBy == 0)
@@ -283,9 +286,10 @@ int tagAll(const Options& options) {
     }
     if (watching) {
         try {
-            auto* watch = new Watch(options.watch, how, [&tagging](Input input) {
-                tagging.addWatched(std::move(input));
-            });
+            auto* watch = new Watch(
+                options.watch, how,
+                [&tagging](Input input) { tagging.addWatched(std::move(input)); },
+                [&tagging](const QString& text) { tagging.notice(text); });
             watch->setParent(&listening);
         } catch (const std::exception& error) {
             write(stderr,
