@@ -7,6 +7,9 @@
 #include <bit>
 #include <cmath>
 #include <cstring>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 #include <numbers>
 #include <utility>
 
@@ -143,17 +146,19 @@ template<Encoding E> [[gnu::always_inline]] inline double load(const char* p) {
 
 // Two neighbouring samples, converted together where one instruction does it.
 template<Encoding E> [[gnu::always_inline]] inline Two loadTwo(const char* p) {
+#if defined(__SSE2__)
     if constexpr (E == Encoding::f32) {
-        float __attribute__((vector_size(8))) v;
-        std::memcpy(&v, p, sizeof v);
-        return __builtin_convertvector(v, Two);
+        return _mm_cvtps_pd(_mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p))));
     } else if constexpr (E == Encoding::s16) {
-        std::int16_t __attribute__((vector_size(4))) v;
-        std::memcpy(&v, p, sizeof v);
-        return __builtin_convertvector(v, Two) * (1.0 / 32768);
-    } else {
-        return Two{load<E>(p), load<E>(p + kWidth<E>)};
+        std::int32_t both;
+        std::memcpy(&both, p, sizeof both);
+        const __m128i words = _mm_cvtsi32_si128(both);
+        // Each 16-bit sample into the top of a 32-bit lane, then shifted down with its sign.
+        return _mm_cvtepi32_pd(_mm_srai_epi32(_mm_unpacklo_epi16(words, words), 16)) *
+               (1.0 / 32768);
     }
+#endif
+    return Two{load<E>(p), load<E>(p + kWidth<E>)};
 }
 
 // One channel or a pair: `Half` holds one value per channel, `Whole` two.
