@@ -260,6 +260,8 @@ template<Encoding E, int Channels>
         in = L::template load<E>(x);
         L::widen(top, bottom, in);
         const Whole y = filter(both, L::join(in, shelved), z1, z2);
+        // The shelf's lanes add up squares that are never read: cheaper than
+        // taking the high-pass's lanes out first.
         squares += y * y;
         shelved = L::low(y);
     }
