@@ -255,6 +255,8 @@ template<Encoding E, int Channels>
     Half shelved = filter(shelf, in, s1, s2);
     Whole z1 = L::join(s1, h1), z2 = L::join(s2, h2);
     Whole squares = L::join(L::splat(0), L::gather(run.squares + c, 1));
+    // Two frames a turn: the loop's own count and jump come once for both.
+#pragma GCC unroll 2
     for (std::size_t i = 1; i < run.frames; ++i) {
         x += stride;
         in = L::template load<E>(x);
