@@ -139,10 +139,22 @@ std::optional<double> readNumber(QStringView text) {
 }
 
 QStringList analysisArguments(const QString& path) {
-    // No pictures decoded: the audio is all that is measured.
-    return {QStringLiteral("-nostats"), QStringLiteral("-i"),   Names::absolute(path),
-            QStringLiteral("-vn"),      QStringLiteral("-c:a"), QStringLiteral("pcm_f32le"),
-            QStringLiteral("-f"),       QStringLiteral("wav"),  QStringLiteral("pipe:1")};
+    // No pictures decoded: the audio is all that is measured. An MP3 decoder asked
+    // for interleaved floats writes them so itself, the same values with no
+    // conversion after it; and the output goes out in whole buffers, not per packet.
+    return {QStringLiteral("-nostats"),
+            QStringLiteral("-request_sample_fmt"),
+            QStringLiteral("flt"),
+            QStringLiteral("-i"),
+            Names::absolute(path),
+            QStringLiteral("-vn"),
+            QStringLiteral("-c:a"),
+            QStringLiteral("pcm_f32le"),
+            QStringLiteral("-flush_packets"),
+            QStringLiteral("0"),
+            QStringLiteral("-f"),
+            QStringLiteral("wav"),
+            QStringLiteral("pipe:1")};
 }
 
 // ffmpeg indents every line of a tag's value, but prints a tag's name as it is, so

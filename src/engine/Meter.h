@@ -15,13 +15,17 @@ constexpr double kAbsoluteGate = -70;
 
 class Meter {
 public:
+    // Which instructions run the filters; the figures are the same, bit for bit.
+    enum class Instructions { widest, baseline };
     // `weights` holds one per channel, in the samples' order (channelWeights).
-    Meter(int sampleRate, std::vector<double> weights, bool trailingSilence);
+    Meter(int sampleRate, std::vector<double> weights, bool trailingSilence,
+          Instructions instructions = Instructions::widest);
 
     // Interleaved frames at full scale 1.0, fed in blocks of any size.
     void add(const double* samples, std::size_t frames);
-    // The same as stored: read as they are, with no pass to convert them first.
-    enum class Encoding { f64, f32, s16 };
+    // The same as stored (little-endian; u8 offset by 128, s24 in three bytes): read
+    // as they are, with no pass to convert them first.
+    enum class Encoding { f64, f32, u8, s16, s24, s32 };
     void add(const char* samples, std::size_t frames, Encoding encoding);
 
     // Integrated loudness in LUFS; kAbsoluteGate when no block reaches it.
@@ -35,19 +39,16 @@ public:
 
 private:
     template<Encoding E> void addAs(const char* samples, std::size_t frames);
-    template<Encoding E> void filterPair(const char* x, std::size_t frames, std::size_t c);
-    template<Encoding E> void filterOne(const char* x, std::size_t frames, std::size_t c);
     void endStep();
 
     int m_rate;
     std::size_t m_channels;
     std::vector<double> m_weights;
-    struct Biquad {
-        double b0, b1, b2, a1, a2;
-    };
-    Biquad m_shelf{}, m_highPass{};
-    std::vector<double> m_state;   // per channel: the two filters' two delays
+    // The two filters' coefficients, b0 b1 b2 a1 a2 each.
+    double m_shelf[5] = {}, m_highPass[5] = {};
+    std::vector<double> m_state;   // per channel: the shelf's two delays, the high-pass's two
     std::vector<double> m_squares; // per channel, of the current 100 ms step
+    bool m_wide;                   // the processor has AVX
     std::int64_t m_stepFrames;
     std::int64_t m_inStep = 0;
     double m_steps[4] = {};

@@ -439,7 +439,9 @@ RunResult runStreaming(const QStringList& args, const Streamed& output,
                        const std::vector<int>& passed) {
     return runWith(args, passed, QProcess::SeparateChannels,
                    [&output](QProcess& process, KeptText& text) {
-                       const QByteArray out = process.readAllStandardOutput();
+                       // All that is there in one read: QProcess then hands over
+                       // its buffer instead of copying it.
+                       const QByteArray out = process.read(process.bytesAvailable());
                        const QByteArray err = process.readAllStandardError();
                        text.add(err);
                        if (!out.isEmpty() || !err.isEmpty())

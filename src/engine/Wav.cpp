@@ -1,5 +1,5 @@
 // WAV headers as ffmpeg reads them (layout names checked against ffmpeg 5.1 on
-// files of 1 to 8 channels, plain and extensible), and their samples as doubles.
+// files of 1 to 8 channels, plain and extensible), and their samples into the meter as stored.
 #include "engine/Wav.h"
 #include "engine/Keep.h"
 
@@ -51,7 +51,6 @@ constexpr std::array<std::uint64_t, 9> kUsualMasks{0,    0x4,  0x3,   0xB,  0x10
                                                    0x37, 0x3F, 0x70F, 0x63F};
 // More than any real header before its samples; a longer one is not read here.
 constexpr qsizetype kMaxHeader = 1 << 20;
-constexpr std::size_t kBlockFrames = 4096;
 constexpr std::uint32_t kUnknownSize = 0xFFFFFFFF;
 constexpr qsizetype kRiffHeaderSize = 12, kChunkHeaderSize = 8;
 
@@ -69,12 +68,6 @@ std::uint64_t placesOf(const Format& format) {
     return format.channels < static_cast<int>(kUsualMasks.size())
                ? kUsualMasks[static_cast<std::size_t>(format.channels)]
                : 0;
-}
-
-template<typename Read>
-void convert(const char* bytes, std::size_t values, int width, double* out, Read read) {
-    for (std::size_t i = 0; i < values; ++i, bytes += width)
-        out[i] = read(bytes);
 }
 
 } // namespace
@@ -193,37 +186,13 @@ void Stream::decode(const char* bytes, std::size_t size) {
 
 void Stream::measure(const char* bytes, std::size_t frames) {
     const int width = m_format->bits / 8;
-    // What the meter reads as it is stored; the rest is converted block by block.
-    if (m_format->floating || width == 2) {
-        m_meter->add(bytes, frames,
-                     width == 8   ? Meter::Encoding::f64
-                     : width == 4 ? Meter::Encoding::f32
-                                  : Meter::Encoding::s16);
-        return;
-    }
-    const auto channels = static_cast<std::size_t>(m_format->channels);
-    m_block.resize(kBlockFrames * channels);
-    while (frames > 0) {
-        const std::size_t block = std::min(kBlockFrames, frames);
-        const std::size_t values = block * channels;
-        double* out = m_block.data();
-        if (width == 1)
-            convert(bytes, values, 1, out,
-                    [](const char* p) { return (static_cast<unsigned char>(*p) - 128) / 128.0; });
-        else if (width == 3)
-            convert(bytes, values, 3, out, [](const char* p) {
-                return static_cast<std::int32_t>(le(p, 3) << 8) / 2147483648.0;
-            });
-        else
-            convert(bytes, values, 4, out, [](const char* p) {
-                std::int32_t v;
-                std::memcpy(&v, p, 4);
-                return v / 2147483648.0;
-            });
-        m_meter->add(out, block);
-        bytes += values * static_cast<std::size_t>(width);
-        frames -= block;
-    }
+    using E = Meter::Encoding;
+    m_meter->add(bytes, frames,
+                 m_format->floating ? (width == 8 ? E::f64 : E::f32)
+                 : width == 1       ? E::u8
+                 : width == 2       ? E::s16
+                 : width == 3       ? E::s24
+                                    : E::s32);
 }
 
 } // namespace Engine::Wav

@@ -63,7 +63,6 @@ private:
     std::optional<Format> m_format;
     std::optional<Meter> m_meter;
     std::int64_t m_left = -1; // data bytes still to come; -1 for up to the end
-    std::vector<double> m_block;
 };
 
 } // namespace Engine::Wav
