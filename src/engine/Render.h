@@ -55,6 +55,9 @@ struct Mix {
     // the tags untouched.
     bool clearOfCeiling = false;
     double duckDB = 0; // how far the track gives way under each copy
+    // The sample format the output's encoder takes (Encoder): a track worked on only around
+    // its copies is joined in it, so that each piece is converted once. dbl suits any.
+    QString joinFormat = QStringLiteral("dbl");
 };
 enum class GraphShape {
     branchPerCopy, // one delayed branch per placement, all mixed under the track
@@ -66,6 +69,11 @@ QString filterGraph(const Mix& mix, GraphShape shape);
 inline QString filterGraph(const Mix& mix) {
     return filterGraph(mix, graphShape(mix));
 }
+// The encoder of an output of `format` ("mp3" or "wav") and the sample format it takes.
+struct Encoder {
+    QString codec, sampleFormat;
+};
+Encoder encoder(const Analysis& track, const QString& format);
 // Channels of a layout as ffmpeg names it ("stereo", "5.1(side)", "3c"); 0 when unknown.
 int channelCount(const QString& layout);
 
