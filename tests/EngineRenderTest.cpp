@@ -4,8 +4,10 @@
 #include "engine/Render.h"
 #include "support/TestSupport.h"
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
+#include <QTemporaryDir>
 #include <cmath>
 #include <gtest/gtest.h>
 
@@ -126,6 +128,10 @@ struct SamenessCase {
     int placements;
     double clip;             // audible seconds
     bool silence, fullScale; // trailing silence; a master at 0 dBFS (ceiling 1), else 0.8
+    // The master's samples (s16, flt: past full scale when fullScale; a 24-bit WAV, an MP3),
+    // the output, how far the beat gives way, the track's end after the last copy's end.
+    QString master = u"s16"_s, output = u"wav"_s;
+    double duckDB = 0, end = 0.25;
 };
 
 // Every rate, layout and interval, 2 to 90 placements, and 720 on two one-hour tracks.
@@ -147,47 +153,99 @@ std::vector<SamenessCase> fullSamenessTable() {
     return cases;
 }
 
-QString renderedDigest(const SamenessCase& c, const Engine::Mix& mix, Engine::GraphShape shape) {
+// The output's bytes (an MP3's decoded samples) rendered from a generated master.
+QString renderedDigest(const SamenessCase& c, const Engine::Mix& mix, Engine::GraphShape shape,
+                       const QString& folder) {
     const int channels = Engine::channelCount(c.layout);
+    const double level = !c.fullScale ? 0.8 : c.master == u"flt"_s ? 1.41 : 1;
     QStringList waves;
     for (int k = 0; k < channels; ++k)
-        waves << u"%1*sin(2*PI*%2*t)*(0.6+0.4*sin(2*PI*0.7*t))"_s.arg(c.fullScale ? 1 : 0.8)
-                     .arg(110 + 37 * k);
-    const QString track = u"aevalsrc=%1:c=%2:s=%3:d=%4,aformat=sample_fmts=s16"_s.arg(
+        waves << u"%1*sin(2*PI*%2*t)*(0.6+0.4*sin(2*PI*0.7*t))"_s.arg(level).arg(110 + 37 * k);
+    const bool file = c.master == u"s24"_s || c.master == u"mp3"_s;
+    QString track = u"aevalsrc=%1:c=%2:s=%3:d=%4,aformat=sample_fmts=%5"_s.arg(
         waves.join(u'|'), c.layout, QString::number(c.rate),
-        QString::number(mix.times.back() + c.clip + 0.25));
+        QString::number(mix.times.back() + c.clip + c.end), file ? u"flt"_s : c.master);
+    QStringList lavfi{u"-f"_s, u"lavfi"_s};
+    if (file) {
+        const QString master =
+            folder + (c.master == u"mp3"_s ? u"/master.mp3"_s : u"/master.wav"_s);
+        ::Test::ffmpeg(lavfi + QStringList{u"-i"_s, track, u"-c:a"_s,
+                                           c.master == u"mp3"_s ? u"libmp3lame"_s : u"pcm_s24le"_s,
+                                           master});
+        track = master;
+        lavfi.clear();
+    }
     const QString clip = u"sine=frequency=900:sample_rate=22050:duration=%1%2"_s.arg(
         QString::number(c.clip), c.silence ? u",apad=pad_dur=0.7"_s : QString());
+    const QString out = folder + u"/out."_s + c.output;
+    Engine::Analysis analysis;
+    analysis.format = mix.format;
+    analysis.floatSamples = c.master == u"flt"_s;
+    const QStringList args = Engine::renderArguments(
+        u"T"_s, u"C"_s, Engine::filterGraph(mix, shape), analysis, out, c.output);
     const auto run =
         ::Test::runProgram(::Test::systemFFmpeg(),
-                           u"-hide_banner -nostdin -v error -f lavfi -i"_s.split(u' ') +
-                               QStringList{track, u"-f"_s, u"lavfi"_s, u"-i"_s, clip,
-                                           u"-filter_complex"_s, Engine::filterGraph(mix, shape)} +
-                               u"-map [out] -c:a pcm_s24le -f md5 -"_s.split(u' '));
+                           u"-hide_banner -nostdin -v error"_s.split(u' ') + lavfi +
+                               args.sliced(0, 3).replaceInStrings(u"T"_s, track) +
+                               QStringList{u"-f"_s, u"lavfi"_s, u"-i"_s, clip} + args.sliced(5));
     EXPECT_EQ(run.status, 0) << run.err.toStdString();
-    return run.out;
+    if (c.output == u"wav"_s)
+        return QString::fromLatin1(
+            QCryptographicHash::hash(::Test::readAll(out), QCryptographicHash::Md5).toHex());
+    return ::Test::runProgram(::Test::systemFFmpeg(),
+                              {u"-v"_s, u"error"_s, u"-i"_s, out, u"-f"_s, u"md5"_s, u"-"_s})
+        .out;
 }
 
 } // namespace
 
-// The looped bed writes the samples of one branch per copy; make sameness runs all rows.
-TEST(EngineSameness, theLoopedBedWritesTheSameSamplesAsOneBranchPerCopy) {
-    std::vector<SamenessCase> cases{{22050, u"mono"_s, 5, 4, 1.2, true, true},
-                                    {44100, u"stereo"_s, 5, 3, 5, false, false},
-                                    {48000, u"5.1"_s, 20, 3, 4, true, false},
-                                    {96000, u"stereo"_s, 30.5, 2, 1.2, false, true}};
+// Mixed, given way and limited only around its copies, the track comes out as mixed whole,
+// from a looped bed or a branch per copy: WAVs byte for byte, MP3s decoded. make sameness
+// runs every rate, layout and interval.
+TEST(EngineSameness, theStretchesAroundTheCopiesWriteTheWholeTracksMix) {
+    std::vector<SamenessCase> cases{
+        {22050, u"mono"_s, 5, 4, 1.2, true, true},
+        // Stretches that merge; 24-bit 5.1, 7.1 with copies overlapping, floats past full
+        // scale, all giving way.
+        {44100, u"stereo"_s, 5, 3, 5, false, false, u"s16"_s, u"wav"_s, 4},
+        {48000, u"5.1"_s, 10, 3, 4, true, false, u"s24"_s, u"wav"_s, 6},
+        {48000, u"7.1"_s, 5, 3, 7, false, false, u"s16"_s, u"wav"_s, 3},
+        {44100, u"stereo"_s, 5, 3, 1.2, false, true, u"flt"_s, u"wav"_s, 2},
+        // A clip whose copies reach a stretch's mix later than the stretch's own end.
+        {8000, u"stereo"_s, 5, 3, 0.9275, false, false, u"s16"_s, u"wav"_s, 6},
+        // MP3s: from an MP3, with five channels and at a rate lame cannot carry.
+        {44100, u"stereo"_s, 5, 3, 1.2, false, false, u"mp3"_s, u"mp3"_s, 4},
+        {48000, u"5.1"_s, 5, 3, 1.2, false, false, u"s16"_s, u"mp3"_s, 4},
+        {96000, u"stereo"_s, 5, 2, 1.2, false, true, u"s16"_s, u"mp3"_s},
+        // A last copy cut by the track's end; the one copy at 0 of a track shorter than it.
+        {44100, u"stereo"_s, 5, 3, 1.2, false, false, u"s16"_s, u"wav"_s, 3, -0.3},
+        {44100, u"stereo"_s, 5, 1, 3, false, false, u"s16"_s, u"wav"_s, 3, -0.8}};
     if (qEnvironmentVariableIsSet("ZELKOR_FULL_SAMENESS"))
         cases = fullSamenessTable();
+    const QTemporaryDir folder;
     for (const SamenessCase& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.rate << c.layout.toStdString() << c.interval);
-        const double duration = 0.5 + (c.placements - 1) * c.interval + c.clip + 0.25;
-        Engine::Mix mix{6, {}, c.clip, c.fullScale ? 1 : 0.97, {{c.rate, c.layout}}, true};
-        mix.times = Engine::positions(duration, c.interval, c.clip);
+        SCOPED_TRACE(testing::Message() << c.rate << c.layout.toStdString() << c.interval
+                                        << c.master.toStdString() << c.output.toStdString());
+        const double duration = 0.5 + (c.placements - 1) * c.interval + c.clip + c.end;
+        Engine::Analysis analysis;
+        analysis.floatSamples = c.master == u"flt"_s;
+        Engine::Mix mix{.gainDB = 6,
+                        .times = Engine::positions(duration, c.interval, c.clip),
+                        .tagLength = c.clip,
+                        .ceiling = !c.fullScale           ? 0.97
+                                   : c.master == u"flt"_s ? 1.5
+                                                          : 1,
+                        .format = Engine::AudioFormat{c.rate, c.layout},
+                        .clearOfCeiling = true,
+                        .duckDB = c.duckDB};
+        analysis.format = mix.format;
+        mix.joinFormat = Engine::encoder(analysis, c.output).sampleFormat;
         ASSERT_EQ(mix.times.size(), std::size_t(c.placements));
-        const QString looped = renderedDigest(c, mix, Engine::GraphShape::loopedBed);
-        EXPECT_TRUE(looped.startsWith(u"MD5="_s));
+        const QString stretched = renderedDigest(c, mix, Engine::graphShape(mix), folder.path());
         mix.clearOfCeiling = false;
-        EXPECT_EQ(looped, renderedDigest(c, mix, Engine::GraphShape::branchPerCopy));
+        for (Engine::GraphShape shape :
+             {Engine::graphShape(mix), Engine::GraphShape::branchPerCopy})
+            EXPECT_EQ(stretched, renderedDigest(c, mix, shape, folder.path()));
     }
 }
 

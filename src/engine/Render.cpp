@@ -92,12 +92,13 @@ QString limiter(const Mix& mix, const QString& id, const QString& out) {
            out;
 }
 
+using Stretches = std::vector<std::pair<long long, long long>>;
+
 // Stretches of the track in samples, one around each copy from `lead` before its start to
 // `tail` after its audible end; stretches that meet are one.
-std::vector<std::pair<long long, long long>> stretches(const Mix& mix, int rate, long long lead,
-                                                       long long tail) {
+Stretches stretches(const Mix& mix, int rate, long long lead, long long tail) {
     const long long length = audibleSamples(mix.tagLength, rate);
-    std::vector<std::pair<long long, long long>> found;
+    Stretches found;
     for (double t : mix.times) {
         const long long from = std::max(0LL, sampleDelay(t, rate) - lead);
         const long long to = sampleDelay(t, rate) + length + tail;
@@ -110,14 +111,15 @@ std::vector<std::pair<long long, long long>> stretches(const Mix& mix, int rate,
 }
 
 // The stream cut at the stretches' bounds into pieces labelled after `cut`, each stretch
-// through `treat` (given its piece's number and its own, and the label to write) into a piece
-// labelled after `treated`, the rest passed on as it is, and all joined again into `out`.
-// Every piece in the sample format `format`, so that concat never has to convert them.
-QString
-throughStretches(const std::vector<std::pair<long long, long long>>& stretches,
-                 const QString& format, const QString& cut, const QString& treated,
-                 const QString& out,
-                 const std::function<QString(qsizetype, std::size_t, const QString&)>& treat) {
+// through `treat` (given its piece's label and number, its own, and the label to write; it
+// writes the whole text) into a piece labelled after `treated`, the rest passed on as it is,
+// and all joined again into `out`. The stream is cut in the sample format `format` (its own
+// when empty); the pieces passed on are joined in `join` (as they were cut when empty),
+// which `treat` must write too, so that concat never has to choose one.
+QString throughStretches(
+    const Stretches& stretches, const QString& format, const QString& join, const QString& cut,
+    const QString& treated, const QString& out,
+    const std::function<QString(const QString&, qsizetype, std::size_t, const QString&)>& treat) {
     QStringList bounds;
     for (const auto& [from, to] : stretches) {
         if (from > 0)
@@ -127,17 +129,22 @@ throughStretches(const std::vector<std::pair<long long, long long>>& stretches,
     const qsizetype pieces = bounds.size() + 1;
     // Piece 0 is a stretch when the first stretch starts with the track; then they alternate.
     const int firstTreated = stretches.front().first == 0 ? 0 : 1;
-    QString stage = QStringLiteral("aformat=sample_fmts=%1,asegment=samples=").arg(format) +
-                    bounds.join(QLatin1Char('|'));
+    QString stage =
+        format.isEmpty() ? QString() : QStringLiteral("aformat=sample_fmts=%1,").arg(format);
+    stage += QStringLiteral("asegment=samples=") + bounds.join(QLatin1Char('|'));
     QString joined;
     for (qsizetype i = 0; i < pieces; ++i)
         stage += QStringLiteral("[%1%2]").arg(cut).arg(i);
     stage += QLatin1Char(';');
     for (qsizetype i = 0; i < pieces; ++i) {
         const QString piece = QStringLiteral("[%1%2]").arg(cut).arg(i);
+        const QString done = QStringLiteral("[%1%2]").arg(treated).arg(i);
         if (i % 2 == firstTreated) {
-            const QString done = QStringLiteral("[%1%2]").arg(treated).arg(i);
-            stage += piece + treat(i, std::size_t(i / 2), done) + QLatin1Char(';');
+            stage += treat(piece, i, std::size_t(i / 2), done) + QLatin1Char(';');
+            joined += done;
+        } else if (!join.isEmpty()) {
+            stage += piece + QStringLiteral("aformat=sample_fmts=%1").arg(join) + done +
+                     QLatin1Char(';');
             joined += done;
         } else {
             joined += piece;
@@ -146,49 +153,133 @@ throughStretches(const std::vector<std::pair<long long, long long>>& stretches,
     return stage + joined + QStringLiteral("concat=n=%1:v=0:a=1").arg(pieces) + out;
 }
 
-// The limiter, writing [out]. When nothing of the track reaches the ceiling it can only
-// act near a copy: from its 2 ms look-ahead before the copy to its 40 ms release after
-// it. Then only those stretches (with room to spare) pass through a limiter of their
-// own and the rest is passed on untouched: the same samples at a fraction of the cost.
-QString limiterStage(const Mix& mix, int rate) {
-    if (!mix.clearOfCeiling || rate <= 0 || mix.times.size() > kMaxLimitedStretches)
-        return limiter(mix, QStringLiteral("k"), QStringLiteral("[out]"));
-    // In the limiter's own double precision throughout, or the pieces would be joined in
-    // single precision and round differently.
-    return throughStretches(stretches(mix, rate, rate / 100, rate / 10), QStringLiteral("dbl"),
-                            QStringLiteral("g"), QStringLiteral("h"), QStringLiteral("[out]"),
-                            [&](qsizetype i, std::size_t, const QString& done) {
-                                return limiter(mix, QStringLiteral("k%1").arg(i), done);
-                            });
+// The clip's chain split into one copy per placement, each delayed by its entry of `delays`
+// (as adelay takes it) and then through `then`, into [d0], [d1], ...
+QString copiesOf(const QStringList& delays, const QString& then = {}) {
+    QString text = QStringLiteral(",asplit=%1").arg(delays.size());
+    for (qsizetype i = 0; i < delays.size(); ++i)
+        text += QStringLiteral("[s%1]").arg(i);
+    text += QLatin1Char(';');
+    for (qsizetype i = 0; i < delays.size(); ++i)
+        text += QStringLiteral("[s%1]adelay=%2:all=1%3[d%1];").arg(i).arg(delays[i], then);
+    return text;
 }
 
-// The beat under each copy gives way by the mix's duck, faded in and out like the copy:
-// each stretch plus its own opposite, scaled and shaped by the copy's fades. Only those
-// stretches are worked on; the rest of the track passes as it is, writing [beat]. The joined
-// pieces keep their own timestamps, so they are counted afresh for what reads them.
-QString duckedBeat(const Mix& mix, int rate) {
+QString mixOf(qsizetype inputs, const QString& duration = QStringLiteral("first")) {
+    return QStringLiteral("amix=inputs=%1:normalize=0:duration=%2:dropout_transition=0")
+        .arg(inputs)
+        .arg(duration);
+}
+
+// The beat giving way under a copy, as a branch to add to it: the span of `length` samples
+// from `offset`, scaled by the mix's duck less one and faded in and out like the copy, in
+// single precision as the mix. From a stream that holds more than the span (`alone` false)
+// the span is taken out and laid back at its place. afade counts by timestamps: they are
+// counted afresh.
+QString givingWay(const Mix& mix, int rate, long long offset, long long length, bool alone) {
     const long long fade = std::max(1LL, std::llround(kFadeSeconds * rate));
-    const auto spans = stretches(mix, rate, 0, 0);
     const QString opposite = QString::number(std::pow(10.0, -mix.duckDB / 20) - 1, 'g', 17);
+    const QString shaped =
+        QStringLiteral("asetpts=N/SR/TB,afade=t=in:ns=%1:curve=hsin,afade=t=out:ss=%2:ns=%1:"
+                       "curve=hsin,volume=volume=%3:precision=float")
+            .arg(fade)
+            .arg(std::max(0LL, length - fade))
+            .arg(opposite);
+    if (alone)
+        return shaped;
+    return QStringLiteral("atrim=start_sample=%1:end_sample=%2,").arg(offset).arg(offset + length) +
+           shaped + QStringLiteral(",adelay=%1S:all=1").arg(offset);
+}
+
+// The beat under each copy gives way by the mix's duck: each stretch plus its own opposite.
+// Only those stretches are worked on; the rest of the track passes as it is, writing [beat].
+// The joined pieces keep their own timestamps, so they are counted afresh for what reads them.
+QString duckedBeat(const Mix& mix, int rate) {
+    const Stretches spans = stretches(mix, rate, 0, 0);
     return QStringLiteral("[0:a]") +
            throughStretches(
                // In single precision, as the mix after it: double would cost the whole
                // track a sixth more.
-               spans, QStringLiteral("flt"), QStringLiteral("b"), QStringLiteral("c"),
+               spans, QStringLiteral("flt"), QString(), QStringLiteral("b"), QStringLiteral("c"),
                QStringLiteral(",asetpts=N/SR/TB[beat];"),
-               [&](qsizetype i, std::size_t span, const QString& done) {
+               [&](const QString& piece, qsizetype i, std::size_t span, const QString& done) {
                    const long long length = spans[span].second - spans[span].first;
-                   return QStringLiteral(
-                              "asplit=2[%1x][%1y];[%1y]asetpts=N/SR/TB,"
-                              "afade=t=in:ns=%2:curve=hsin,afade=t=out:ss=%3:ns=%2:curve=hsin,"
-                              "volume=volume=%4:precision=float[%1z];"
-                              "[%1x][%1z]amix=inputs=2:normalize=0:duration=first:"
-                              "dropout_transition=0")
-                              .arg(QStringLiteral("b%1").arg(i))
-                              .arg(fade)
-                              .arg(std::max(0LL, length - fade))
-                              .arg(opposite) +
-                          done;
+                   return piece +
+                          QStringLiteral("asplit=2[b%1x][b%1y];[b%1y]%2[b%1z];[b%1x][b%1z]")
+                              .arg(i)
+                              .arg(givingWay(mix, rate, 0, length, true)) +
+                          mixOf(2) + done;
+               });
+}
+
+// Whether the track is worked on only around its copies. When nothing of it reaches the
+// ceiling, the limiter can only act near a copy: from its 2 ms look-ahead before the copy
+// to its 40 ms release after it. Then each stretch (with room to spare) is mixed with its
+// copies, gives way and is limited on its own, and the rest of the track is passed on
+// untouched: the same samples at a fraction of the cost. Each stretch costs ffmpeg a
+// little, so past kMaxLimitedStretches the whole track is mixed and limited.
+bool aroundCopies(const Mix& mix, int rate) {
+    return mix.clearOfCeiling && rate > 0 && mix.times.size() <= kMaxLimitedStretches;
+}
+
+// The track cut into the stretches around the copies, each mixed with its own copies,
+// giving way under them and limited, writing [out]. ffmpeg 5.1's amix drops what it holds
+// of its first input when that input ends before the others caught up (measured: 956
+// samples of a stretch at 8 kHz), so the stretch is the second input and the only one that
+// ends: the copies and the beat's shares are padded without end, and the mix stops once the
+// stretch is drained. A sum's first two terms commute, so the samples are those of the
+// track mixed first. The joined pieces' timestamps run ahead of their samples: they are
+// counted afresh, as a float WAV's header counts its samples by them.
+QString stretchedMix(const Mix& mix, int rate, const QString& clipChain) {
+    const Stretches around = stretches(mix, rate, rate / 100, rate / 10);
+    const Stretches spans = mix.duckDB > 0 ? stretches(mix, rate, 0, 0) : Stretches();
+    const std::size_t n = mix.times.size();
+    // Each copy, delayed to its place in its stretch.
+    QStringList delays;
+    std::vector<QStringList> copies(around.size());
+    for (std::size_t i = 0, s = 0; i < n; ++i) {
+        const long long start = sampleDelay(mix.times[i], rate);
+        while (start >= around[s].second)
+            ++s;
+        delays << QStringLiteral("%1S").arg(start - around[s].first);
+        copies[s] << QStringLiteral("[d%1]").arg(i);
+    }
+    const QString padded = QStringLiteral(",apad");
+    return clipChain + copiesOf(delays, padded) + QStringLiteral("[0:a]") +
+           throughStretches(
+               around, QString(), mix.joinFormat, QStringLiteral("g"), QStringLiteral("h"),
+               QStringLiteral(",asetpts=N/SR/TB[out]"),
+               [&](const QString& piece, qsizetype i, std::size_t s, const QString& done) {
+                   const auto [from, to] = around[s];
+                   QStringList shares;
+                   for (const auto& [a, b] : spans)
+                       if (a >= from && a < to)
+                           shares << givingWay(mix, rate, a - from, b - a, false) + padded;
+                   // The beat's shares, then the copies: their order in the whole track's mix.
+                   QString text, stretch = piece;
+                   QStringList added;
+                   if (!shares.isEmpty()) {
+                       // In single precision, as the mix: afade would work on integers.
+                       stretch = QStringLiteral("[e%1x]").arg(i);
+                       text = piece +
+                              QStringLiteral("aformat=sample_fmts=flt,asplit=%1")
+                                  .arg(shares.size() + 1) +
+                              stretch;
+                       for (qsizetype j = 0; j < shares.size(); ++j)
+                           text += QStringLiteral("[e%1y%2]").arg(i).arg(j);
+                       text += QLatin1Char(';');
+                       for (qsizetype j = 0; j < shares.size(); ++j) {
+                           added << QStringLiteral("[e%1z%2]").arg(i).arg(j);
+                           text += QStringLiteral("[e%1y%2]").arg(i).arg(j) + shares[j] +
+                                   added.last() + QLatin1Char(';');
+                       }
+                   }
+                   added += copies[s];
+                   return text + added.first() + stretch + added.sliced(1).join(QString()) +
+                          mixOf(added.size() + 1, QStringLiteral("shortest")) + QLatin1Char(',') +
+                          limiter(mix, QStringLiteral("k%1").arg(i),
+                                  QStringLiteral(",aformat=sample_fmts=%1").arg(mix.joinFormat) +
+                                      done);
                });
 }
 
@@ -327,45 +418,54 @@ QString filterGraph(const Mix& mix, GraphShape shape) {
     const QString faded = fadeIn + QStringLiteral("areverse,") + restamp + fadeIn +
                           QStringLiteral("areverse,") + restamp.chopped(1);
     graph += faded;
+    if (aroundCopies(mix, rate))
+        return stretchedMix(mix, rate, graph);
 
-    // The faded chain laid at every placement, its copies' labels named after `p`: the
-    // text that ends the chain, and the labels to mix.
+    // The faded chain laid at every placement: as a looped bed, or a branch per copy.
     const bool looped = shape == GraphShape::loopedBed && rate && n >= 2;
-    const auto lay = [&](const QString& p) -> std::pair<QString, QString> {
-        if (looped) {
-            // The clip padded to one interval and repeated: the same samples at the same
-            // places as one branch per copy, at the cost of a single two-input mix.
-            return {QStringLiteral(",apad=whole_len=%1,atrim=end_sample=%1,aloop=loop=%2:size=%1,"
-                                   "adelay=%3:all=1[%4bed];")
-                        .arg(spacing(mix.times, rate))
-                        .arg(n - 1)
-                        .arg(delay(mix.times[0]), p),
-                    QStringLiteral("[%1bed]").arg(p)};
-        }
-        QString text = QStringLiteral(",asplit=%1").arg(n), labels;
+    QString laid;
+    if (looped) {
+        // The clip padded to one interval and repeated: the same samples at the same
+        // places as one branch per copy, at the cost of a single two-input mix.
+        graph += QStringLiteral(",apad=whole_len=%1,atrim=end_sample=%1,aloop=loop=%2:size=%1,"
+                                "adelay=%3:all=1[bed];")
+                     .arg(spacing(mix.times, rate))
+                     .arg(n - 1)
+                     .arg(delay(mix.times[0]));
+        laid = QStringLiteral("[bed]");
+    } else {
+        QStringList delays;
+        for (double t : mix.times)
+            delays << delay(t);
+        graph += copiesOf(delays);
         for (std::size_t i = 0; i < n; ++i)
-            text += QStringLiteral("[%1s%2]").arg(p).arg(i);
-        text += QLatin1Char(';');
-        for (std::size_t i = 0; i < n; ++i) {
-            text += QStringLiteral("[%1s%2]adelay=%3:all=1[%1d%2];")
-                        .arg(p)
-                        .arg(i)
-                        .arg(delay(mix.times[i]));
-            labels += QStringLiteral("[%1d%2]").arg(p).arg(i);
-        }
-        return {text, labels};
-    };
-    const auto [copies, laid] = lay(QString());
-    graph += copies;
+            laid += QStringLiteral("[d%1]").arg(i);
+    }
     const qsizetype inputs = looped ? 2 : qsizetype(n) + 1;
-    QString mixed = QStringLiteral("amix=inputs=%1:normalize=0:duration=first:"
-                                   "dropout_transition=0")
-                        .arg(inputs);
-    const QString limiter = limiterStage(mix, rate);
+    const QString limited = mixOf(inputs) + QLatin1Char(',') +
+                            limiter(mix, QStringLiteral("k"), QStringLiteral("[out]"));
     if (!(mix.duckDB > 0) || !rate)
-        return graph + QStringLiteral("[0:a]") + laid + mixed + QLatin1Char(',') + limiter;
-    return graph + duckedBeat(mix, rate) + QStringLiteral("[beat]") + laid + mixed +
-           QLatin1Char(',') + limiter;
+        return graph + QStringLiteral("[0:a]") + laid + limited;
+    return graph + duckedBeat(mix, rate) + QStringLiteral("[beat]") + laid + limited;
+}
+
+Encoder encoder(const Analysis& track, const QString& format) {
+    if (format == QLatin1String("mp3")) {
+        // lame takes planar floats. A rate or channels it cannot carry are converted after
+        // the join, from the limiter's double precision as they always were.
+        static constexpr int kRates[] = {8000,  11025, 12000, 16000, 22050,
+                                         24000, 32000, 44100, 48000};
+        const bool carried = track.format &&
+                             std::ranges::count(kRates, track.format->sampleRate) > 0 &&
+                             channelCount(track.format->channelLayout) > 0 &&
+                             channelCount(track.format->channelLayout) <= 2;
+        return {QStringLiteral("libmp3lame"),
+                carried ? QStringLiteral("fltp") : QStringLiteral("dbl")};
+    }
+    // A WAV of floats stays one: its samples past full scale and its precision kept.
+    if (track.floatSamples)
+        return {QStringLiteral("pcm_f32le"), QStringLiteral("flt")};
+    return {QStringLiteral("pcm_s24le"), QStringLiteral("s32")};
 }
 
 QStringList renderArguments(const QString& track, const QString& tag, const QString& graph,
@@ -377,9 +477,7 @@ QStringList renderArguments(const QString& track, const QString& tag, const QStr
     // track opened a second time: taken from the mixed input, ffmpeg 5.1 ends the audio
     // after a fraction of a second.
     const bool pictures = mp3 && analysis.pictures;
-    // A WAV of floats stays one: its samples past full scale and its precision kept.
-    const QString pcm =
-        analysis.floatSamples ? QStringLiteral("pcm_f32le") : QStringLiteral("pcm_s24le");
+    const QString codec = encoder(analysis, format).codec;
     QStringList args{QStringLiteral("-y"), QStringLiteral("-i"), track, QStringLiteral("-i"), tag};
     if (pictures)
         args << QStringLiteral("-i") << track;
@@ -389,15 +487,15 @@ QStringList renderArguments(const QString& track, const QString& tag, const QStr
         args << QStringLiteral("-map") << QStringLiteral("2:v?") << QStringLiteral("-c:v")
              << QStringLiteral("copy");
     args << QStringLiteral("-map_metadata") << QStringLiteral("0");
+    args << QStringLiteral("-c:a") << codec;
     if (mp3)
-        args << QStringLiteral("-c:a") << QStringLiteral("libmp3lame") << QStringLiteral("-b:a")
-             << QStringLiteral("320k") << QStringLiteral("-id3v2_version") << QStringLiteral("3")
-             << QStringLiteral("-f") << QStringLiteral("mp3");
+        args << QStringLiteral("-b:a") << QStringLiteral("320k") << QStringLiteral("-id3v2_version")
+             << QStringLiteral("3") << QStringLiteral("-f") << QStringLiteral("mp3");
     else if (analysis.broadcastChunk)
-        args << QStringLiteral("-c:a") << pcm << QStringLiteral("-write_bext")
-             << QStringLiteral("1") << QStringLiteral("-f") << QStringLiteral("wav");
+        args << QStringLiteral("-write_bext") << QStringLiteral("1") << QStringLiteral("-f")
+             << QStringLiteral("wav");
     else
-        args << QStringLiteral("-c:a") << pcm << QStringLiteral("-f") << QStringLiteral("wav");
+        args << QStringLiteral("-f") << QStringLiteral("wav");
     args << output;
     return args;
 }
@@ -628,7 +726,8 @@ Result process(const QString& given, const QString& tag, double interval, double
                   .ceiling = limit,
                   .format = analysis.format,
                   .clearOfCeiling = clearOfCeiling(analysis, output.extension),
-                  .duckDB = duck(analysis.peak, limit, prepared.tagPeak)};
+                  .duckDB = duck(analysis.peak, limit, prepared.tagPeak),
+                  .joinFormat = encoder(analysis, output.extension).sampleFormat};
     const QStringList args =
         renderArguments(trackFile.argument(), tagFile.argument(), filterGraph(mix), analysis,
                         out.file().argument(), output.extension);
