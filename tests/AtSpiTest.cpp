@@ -102,9 +102,13 @@ protected:
         ASSERT_EQ(::Test::zelkorTag({u"--select-tag"_s, u"voice.wav"_s}).status, 0);
         ::Test::writeFile(track, "not audio");
 
-        environment.insert(
-            u"DISPLAY"_s,
-            u':' + start(x, u"Xvfb"_s, {u"-displayfd"_s, u"1"_s, u"-nolisten"_s, u"tcp"_s}));
+        const QString display =
+            start(x, u"Xvfb"_s, {u"-displayfd"_s, u"1"_s, u"-nolisten"_s, u"tcp"_s});
+        environment.insert(u"DISPLAY"_s, u':' + display);
+        // Once a client could not reach a display just named: wait for its socket, or say why.
+        EXPECT_TRUE(::Test::waitUntil(
+            [&] { return QFileInfo::exists(u"/tmp/.X11-unix/X"_s + display); }, kWaitMs))
+            << x.readAllStandardError().constData();
         const QString session =
             start(bus, u"dbus-daemon"_s, {u"--session"_s, u"--nofork"_s, u"--print-address=1"_s});
         environment.insert(u"DBUS_SESSION_BUS_ADDRESS"_s, session);
@@ -160,7 +164,7 @@ protected:
     // The window's frame, once the program (the bus's only one) has joined the registry.
     Node frame() {
         EXPECT_TRUE(::Test::waitUntil([&] { return registry.children().size() == 1; }, kStartMs))
-            << zelkor.readAllStandardError().constData();
+            << zelkor.readAllStandardError().constData() << x.readAllStandardError().constData();
         return registry.children().value(0).children().value(0);
     }
 
