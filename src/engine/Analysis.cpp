@@ -309,6 +309,7 @@ std::optional<Analysis> readWav(int fd, const Measuring& measuring) {
     analysis.integerSamples = !format->floating;
     analysis.floatSamples = format->floating;
     analysis.broadcastChunk = broadcast;
+    analysis.largePackets = format->floating ? format->bits == 32 : format->bits >= 16;
     takeFigures(analysis, *stream.meter());
     return analysis;
 }

@@ -29,6 +29,9 @@ struct Analysis {
     bool floatSamples = false;   // stored as floating point (a float WAV): may pass full scale
     bool pictures = false;       // attached pictures, every one of a kind an MP3 can carry
     bool broadcastChunk = false; // a broadcast WAV's bext chunk (its time_reference)
+    // A WAV of 16- to 32-bit integers or 32-bit floats: ffmpeg may read it in large packets,
+    // which gives the very same samples at a fraction of the work (not so for 8 or 64 bits).
+    bool largePackets = false;
 };
 
 struct TagInfo {

@@ -33,7 +33,7 @@ std::atomic<bool> enabled{true};
 constexpr int kCacheVersion = 1;
 // Raised when the same ffmpeg text would give other figures (a change to
 // parseAnalysis); a change to the meter raises kMeterVersion, which is in the key.
-constexpr int kFiguresVersion = 3;
+constexpr int kFiguresVersion = 4;
 // An entry is a few hundred bytes; anything far bigger is damage.
 constexpr qint64 kMaxEntryBytes = 64 * 1024;
 // Evicting a tenth at a time spares a listing and sort on every later write.
@@ -156,13 +156,14 @@ private:
 // fails to compile here until it is written and read (raise kFiguresVersion then).
 QJsonObject figuresOf(const Analysis& analysis) {
     const auto& [lufs, duration, silenceStart, format, peak, integerSamples, floatSamples, pictures,
-                 broadcastChunk] = analysis;
+                 broadcastChunk, largePackets] = analysis;
     QJsonObject figures{{QStringLiteral("lufs"), numberValue(lufs)},
                         {QStringLiteral("duration"), numberValue(duration)},
                         {QStringLiteral("integerSamples"), integerSamples},
                         {QStringLiteral("floatSamples"), floatSamples},
                         {QStringLiteral("pictures"), pictures},
-                        {QStringLiteral("broadcastChunk"), broadcastChunk}};
+                        {QStringLiteral("broadcastChunk"), broadcastChunk},
+                        {QStringLiteral("largePackets"), largePackets}};
     if (peak)
         figures.insert(QStringLiteral("peak"), numberValue(*peak));
     if (silenceStart)
@@ -178,7 +179,7 @@ std::optional<Analysis> analysisFrom(const QJsonObject& figures) {
     FigureReader read(figures);
     Analysis analysis;
     auto& [lufs, duration, silenceStart, format, peak, integerSamples, floatSamples, pictures,
-           broadcastChunk] = analysis;
+           broadcastChunk, largePackets] = analysis;
     lufs = read.number(QStringLiteral("lufs"));
     duration = read.number(QStringLiteral("duration"));
     silenceStart = read.optionalNumber(QStringLiteral("silenceStart"));
@@ -187,6 +188,7 @@ std::optional<Analysis> analysisFrom(const QJsonObject& figures) {
     floatSamples = read.flag(QStringLiteral("floatSamples"));
     pictures = read.flag(QStringLiteral("pictures"));
     broadcastChunk = read.flag(QStringLiteral("broadcastChunk"));
+    largePackets = read.flag(QStringLiteral("largePackets"));
     const std::optional<double> rate = read.optionalNumber(QStringLiteral("sampleRate"));
     const std::optional<QString> layout = read.optionalText(QStringLiteral("channelLayout"));
     if (rate.has_value() != layout.has_value())

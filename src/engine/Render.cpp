@@ -478,7 +478,11 @@ QStringList renderArguments(const QString& track, const QString& tag, const QStr
     // after a fraction of a second.
     const bool pictures = mp3 && analysis.pictures;
     const QString codec = encoder(analysis, format).codec;
-    QStringList args{QStringLiteral("-y"), QStringLiteral("-i"), track, QStringLiteral("-i"), tag};
+    QStringList args{QStringLiteral("-y")};
+    // The WAV reader's packets of 4 KiB cost every filter a step each.
+    if (analysis.largePackets)
+        args << QStringLiteral("-max_size") << QStringLiteral("32768");
+    args << QStringLiteral("-i") << track << QStringLiteral("-i") << tag;
     if (pictures)
         args << QStringLiteral("-i") << track;
     args << QStringLiteral("-filter_complex") << graph << QStringLiteral("-map")
