@@ -99,16 +99,15 @@ TEST_F(Master, everyKindOfMasterComesThroughIntact) {
     const QString loud = path(u"loud.mp3"_s), plain = path(u"plain.mp3"_s);
     ::Test::ffmpeg({u"-i"_s, brick, u"-b:a"_s, u"128k"_s, loud});
     ::Test::ffmpeg({u"-i"_s, loud, u"-b:a"_s, u"320k"_s, plain});
-    const auto over = [](const QString& file) {
-        const auto values = ::Test::samples(file, 44100, 2);
-        return std::count_if(values.begin(), values.end(), [](double v) { return v * v > 1; });
-    };
-    EXPECT_GT(over(plain), 100);
     const Engine::Result tagged = Engine::process(loud, voice, kInterval, -1);
-    EXPECT_LE(over(tagged.output), over(plain));
-    // Away from the copies it is no further from its master than the plain encode.
     const auto master = ::Test::samples(loud, 44100, 2), p = ::Test::samples(plain, 44100, 2),
                t = ::Test::samples(tagged.output, 44100, 2);
+    const auto over = [](const std::vector<double>& values) {
+        return std::count_if(values.begin(), values.end(), [](double v) { return v * v > 1; });
+    };
+    EXPECT_GT(over(p), 100);
+    EXPECT_LE(over(t), over(p));
+    // Away from the copies it is no further from its master than the plain encode.
     ASSERT_TRUE(t.size() == master.size() && p.size() == master.size());
     double taggedError = 0, plainError = 0;
     for (std::size_t i = 0; i < master.size(); ++i) {
