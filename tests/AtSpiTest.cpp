@@ -97,7 +97,6 @@ protected:
         ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
         home.useOwnRuntime();
         environment = QProcessEnvironment::systemEnvironment();
-        QDir().mkpath(home.tagsDir());
         ::Test::makeAudio(home.tagsDir() + u"/voice.wav"_s, u"sine=frequency=1000"_s, 0.5, 8000, 1);
         ASSERT_EQ(::Test::zelkorTag({u"--select-tag"_s, u"voice.wav"_s}).status, 0);
         ::Test::writeFile(track, "not audio");

@@ -1,6 +1,5 @@
 // The shell and the desktop around it: the window and its menu bar, the tag row
 // in step with the library, the program the file viewer may hand a folder to.
-#include "app/AppDelegate.h"
 #include "style/Palette.h"
 #include "support/GuiSupport.h"
 
@@ -22,13 +21,7 @@ protected:
     }
 
     ::Test::FreshHome home;
-    AppDelegate delegate{{std::make_unique<::Test::RecordingSounds>(),
-                          std::make_unique<::Test::RecordingFileViewer>(),
-                          std::make_unique<PreferencesFile>(home.preferencesPath()),
-                          std::make_unique<HomeTrash>(home.dataHome() + u"/Trash"_s),
-                          std::make_unique<::Test::ScriptedMenus>(),
-                          std::make_unique<::Test::ScriptedPanels>()},
-                         std::nullopt};
+    AppDelegate delegate{::Test::appServices(home), std::nullopt};
 };
 
 TEST_F(AppShell, theMenuBarHidesShowsAndQuitsWithTheWindow) {

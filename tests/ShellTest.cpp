@@ -22,11 +22,10 @@ using ::Test::zelkorTag;
 
 const QString kInvalid = u"CAN'T READ FILE: INVALID DATA FOUND WHEN PROCESSING INPUT"_s;
 
-class Shell : public ::Test::TempFolder {
+class Shell : public ::Test::HomeWithClip {
 protected:
     void SetUp() override {
-        ::Test::makeAudio(clip, u"sine=frequency=880"_s, 0.5, 22050, 1);
-        QDir().mkpath(path(u"it's sub"_s));
+        HomeWithClip::SetUp();
         ::Test::makeAudio(path(u"it's sub/a.wav"_s), u"sine=frequency=220"_s, 1);
         ::Test::writeFile(path(u"it's sub/._a.wav"_s), "Mac OS X sidecar");
         for (const QString& name : {u"damaged.wav"_s, u"notes.txt"_s, u"old (Tagged).wav"_s})
@@ -35,10 +34,8 @@ protected:
     // zelkor-tag, as $0, run by a shell in the test's folder.
     ::Test::Process sh(const QString& line) {
         return ::Test::runProgram(u"/bin/sh"_s, {u"-c"_s, u"cd \"$1\" && "_s + line,
-                                                 ::Test::binary(u"zelkor-tag"_s), dir.path()});
+                                                 ::Test::binary(u"zelkor-tag"_s), home.root()});
     }
-    ::Test::FreshHome home;
-    const QString clip = path(u"tag.wav"_s);
 };
 
 } // namespace
@@ -47,7 +44,7 @@ protected:
 // tracks; -v's commands paste into a shell. An unusable clip ends the run in one line.
 TEST_F(Shell, failuresSayWhyAndCommandsPasteIntoAShell) {
     const auto run = sh(u"printf \"notes.txt\\n\\nit's sub\\r\\ndamaged.wav\\n\" | \"$0\" -v -t "
-                        "tag.wav /typo - 'old (Tagged).wav'"_s);
+                        "voice.wav /typo - 'old (Tagged).wav'"_s);
     EXPECT_EQ(run.out + QString::number(run.status),
               u"/typo  NOT FOUND\nnotes.txt  NOT A TRACK\na.wav  1 TAGS  OK  -> "_s +
                   path(u"it's sub/a (Tagged).wav"_s) + u"\ndamaged.wav  "_s + kInvalid +
@@ -66,7 +63,7 @@ TEST_F(Shell, failuresSayWhyAndCommandsPasteIntoAShell) {
 
 // -n -q prints its plan, from -0's NUL list; JSON gives non-UTF-8 names' bytes.
 TEST_F(Shell, aQuietDryRunPrintsItsPlanAndJsonGivesEveryNameItsBytes) {
-    const auto dry = sh(u"printf \"it's sub\\0damaged.wav\\0\" | \"$0\" -0nqt tag.wav -"_s);
+    const auto dry = sh(u"printf \"it's sub\\0damaged.wav\\0\" | \"$0\" -0nqt voice.wav -"_s);
     EXPECT_TRUE(dry.out.startsWith(u"a.wav  DRY RUN: 1 TAGS AT 0.5 S"_s) &&
                 dry.out.endsWith(u"\ndamaged.wav  "_s + kInvalid + u'\n'))
         << dry.out.toStdString();
@@ -75,14 +72,14 @@ TEST_F(Shell, aQuietDryRunPrintsItsPlanAndJsonGivesEveryNameItsBytes) {
     const auto json =
         sh(u"n=$(printf 'caf\\351.wav') && cp \"it's sub/a.wav\" \"$n\" && "
            "\"$0\" --add-tag \"$n\" >/dev/null && \"$0\" --select-tag \"$n\" >/dev/null && "
-           "\"$0\" --json \"$n\" tag.wav; rm caf*"_s);
+           "\"$0\" --json \"$n\" voice.wav; rm caf*"_s);
     const QStringList lines = json.out.split(u'\n');
     ASSERT_EQ(lines.size(), 3) << json.out.toStdString();
     const auto bytes = [&](int line, const QString& key) {
         const QJsonObject object = QJsonDocument::fromJson(lines[line].toUtf8()).object();
         return QByteArray::fromBase64(object[key].toString().toLatin1()) + '|';
     };
-    const QByteArray at = Names::encode(dir.path()) + "/caf\xe9";
+    const QByteArray at = Names::encode(home.root()) + "/caf\xe9";
     EXPECT_EQ(bytes(0, u"track_bytes"_s) + bytes(0, u"output_bytes"_s) +
                   bytes(1, u"track_bytes"_s) + bytes(1, u"output_bytes"_s),
               at + ".wav|" + at + " (Tagged).wav|||");
@@ -96,7 +93,6 @@ TEST_F(Shell, listingWritesNothingAndAFirstRunWaitsForTheSeeding) {
     EXPECT_FALSE(QFileInfo::exists(home.dataHome()) || QFileInfo::exists(home.configHome()));
 
     QDir().mkpath(home.tagsDir());
-    QDir().mkpath(QFileInfo(home.preferencesPath()).path());
     ::Test::writeFile(home.preferencesPath(), R"({"seeded":true})");
     const int seeding =
         ::open(Names::encode(home.tagsDir()).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -122,7 +118,6 @@ TEST_F(Shell, theReadmeRecipeTagsEveryTrackOnceWithOneClip) {
         .replace(u"/srv/previews"_s, path(u"previews"_s))
         .replace(u"/srv/tags/voice.wav"_s, clip)
         .replace(u"2/host1,2/host2,:"_s, u"2/:"_s);
-    QDir().mkpath(path(u"bin"_s));
     // Each slot's home holds a library whose selected clip is gone, and 60 s at HIGH.
     ::Test::writeFile(path(u"bin/zelkor-tag"_s),
                       R"(#!/bin/sh
@@ -136,7 +131,6 @@ HOME="$home" XDG_CONFIG_HOME="$home/config" XDG_DATA_HOME="$home/data" exec ")" 
                       true);
     for (const char* track :
          {"Intro.wav", "2024/Night.wav", "2024/deep/Loop.wav", "2025/B.wav", ".hidden/H.wav"}) {
-        QDir().mkpath(QFileInfo(path(u"masters/"_s + QLatin1String(track))).path());
         ::Test::makeAudio(path(u"masters/"_s + QLatin1String(track)), u"sine=frequency=220"_s, 1);
     }
     const auto run =
@@ -144,9 +138,7 @@ HOME="$home" XDG_CONFIG_HOME="$home/config" XDG_DATA_HOME="$home/data" exec ")" 
                            {u"PATH="_s + path(u"bin:"_s) + qEnvironmentVariable("PATH")});
     EXPECT_EQ(run.status, 0) << run.out.toStdString() << run.err.toStdString();
     EXPECT_EQ(
-        ::Test::runProgram(u"/bin/sh"_s, {u"-c"_s, u"cd \"$0\" && find . -type f | LC_ALL=C sort"_s,
-                                          path(u"previews"_s)})
-            .out,
+        ::Test::tree(path(u"previews"_s)),
         u"./2024/Night (Tagged).mp3\n./2024/deep/Loop (Tagged).mp3\n./2025/B (Tagged).mp3\n./Intro (Tagged).mp3\n"_s);
     const QString used = QString::fromUtf8(::Test::readAll(path(u"used"_s)));
     EXPECT_EQ(used.count(u"-t "_s + clip + u" -i 30 -l MID "_s), used.count(u'\n'));

@@ -18,9 +18,7 @@ namespace {
 class TagsTest : public ::testing::Test {
 protected:
     QString put(const QString& folder, const QString& name, const QByteArray& bytes = "clip") {
-        QDir().mkpath(folder);
-        ::Test::writeFile(folder + u'/' + name, bytes);
-        return folder + u'/' + name;
+        return ::Test::writeFile(folder + u'/' + name, bytes);
     }
     static QStringList listed() {
         QStringList names;

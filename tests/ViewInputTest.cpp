@@ -21,19 +21,6 @@ protected:
         return view().hits();
     }
 
-    // Picks `item` in the tag field's menu; returns the menu, "* " checked, "--" a separator.
-    std::vector<std::string> choose(const QString& item = {}) {
-        const QRectF field = drawn().at(0).rect;
-        menus.choose = item;
-        click(view(), field.center());
-        EXPECT_EQ(menus.where.back(), QPointF(field.left(), field.bottom() + 4));
-        std::vector<std::string> titles;
-        for (const MenuItem& entry : menus.shown.back())
-            titles.push_back(
-                entry.separator ? "--" : (entry.checked ? "* " : "") + entry.title.toStdString());
-        return titles;
-    }
-
     // "copy" or "none" and the hover flags set; the paths sent as a file manager does.
     template<typename Event = QDragMoveEvent>
     std::string drag(QPoint at, const QStringList& paths) {
@@ -79,7 +66,6 @@ TEST_F(ViewInput, aSegmentsRightEdgeBelongsToTheNextOneAndABusyViewIgnoresClicks
 }
 
 TEST_F(ViewInput, aChoiceThatCannotBeSavedLeavesTheOldOneAndALineWithTheSystemsReason) {
-    QDir().mkpath(home.configHome());
     ::Test::writeFile(home.configHome() + u"/ODRAVEX Zelkor"_s, "in the way");
     const LogLine unsaved{u"CAN'T SAVE PREFERENCES.JSON"_s, u"NOT A DIRECTORY"_s, errColor};
     click(view(), drawn()[2].rect.center());

@@ -16,13 +16,6 @@ namespace {
 
 using ::Test::zelkorTag;
 
-// Files below `folder`, sorted, so that a listing compares as a whole.
-QString tree(const QString& folder) {
-    return ::Test::runProgram(u"/bin/sh"_s,
-                              {u"-c"_s, u"cd \"$0\" && find . -type f | LC_ALL=C sort"_s, folder})
-        .out;
-}
-
 class ZelkorTag : public ::Test::TempFolder {
 protected:
     void SetUp() override { ::Test::makeAudio(clip, u"sine=frequency=880"_s, 0.5, 22050, 1); }
@@ -133,7 +126,6 @@ TEST_F(ZelkorTag, recursionMirrorsEachTrackBelowItsPathUnderTheOutputFolder) {
     const QString music = path(u"music"_s), out = music + u"/out"_s;
     for (const QString& name : {u"b.wav"_s, u"A.mp3"_s, u"2/x.wav"_s, u"1/y.wav"_s,
                                 u"1/deeper/z.wav"_s, u".hidden/h.wav"_s, u"out/old.wav"_s}) {
-        QDir().mkpath(QFileInfo(music + u'/' + name).path());
         ::Test::makeAudio(music + u'/' + name, u"sine=frequency=220"_s, name == u"A.mp3"_s ? 30 : 1,
                           48000, 1);
     }
@@ -147,8 +139,9 @@ TEST_F(ZelkorTag, recursionMirrorsEachTrackBelowItsPathUnderTheOutputFolder) {
     EXPECT_EQ(run.status, 0) << run.out.toStdString();
     EXPECT_EQ(QString(run.out).remove(QRegularExpression(u"  .*"_s)),
               u"A.mp3\nb.wav\n1/y.wav\n1/deeper/z.wav\n2/x.wav\nh.wav\n"_s);
-    EXPECT_EQ(tree(out), u"./1/deeper/z (Tagged).mp3\n./1/y (Tagged).mp3\n./2/x (Tagged).mp3\n"
-                         "./A (Tagged).mp3\n./b (Tagged).mp3\n./h (Tagged).mp3\n./old.wav\n"_s);
+    EXPECT_EQ(::Test::tree(out),
+              u"./1/deeper/z (Tagged).mp3\n./1/y (Tagged).mp3\n./2/x (Tagged).mp3\n"
+              "./A (Tagged).mp3\n./b (Tagged).mp3\n./h (Tagged).mp3\n./old.wav\n"_s);
     const QStringList ran = QString::fromUtf8(::Test::readAll(path(u"share/runs"_s))).split(u'\n');
     EXPECT_EQ(ran.filter(spoken).size(), ran.filter(u"-filter_complex"_s).size() + 1);
     EXPECT_TRUE(::Test::runProgram(::Test::systemFFmpeg(), {u"-i"_s, out + u"/b (Tagged).mp3"_s})

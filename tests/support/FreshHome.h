@@ -27,7 +27,6 @@ public:
     QString root() const { return at("/scratch"); } // for the test's own files
     QString configHome() const { return at("/config"); }
     QString dataHome() const { return at("/data"); }
-    QString appData() const { return at("/data/ODRAVEX Zelkor"); }
     QString tagsDir() const { return at("/data/ODRAVEX Zelkor/Tags"); }
     QString preferencesPath() const { return at("/config/ODRAVEX Zelkor/preferences.json"); }
 

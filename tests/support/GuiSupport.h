@@ -2,6 +2,7 @@
 // folders, recording stand-ins for the desktop services, and pixels.
 #pragma once
 
+#include "app/AppDelegate.h"
 #include "app/WindowController.h"
 #include "model/Settings.h"
 #include "model/Tags.h"
@@ -93,6 +94,16 @@ inline bool near(const QColor& seen, const QColor& expected, int tolerance = 3) 
                      d(seen.blue(), expected.blue())}) <= tolerance;
 }
 
+// A launched window's services: recording stand-ins, the files in `home`.
+inline AppDelegate::Services appServices(const FreshHome& home) {
+    return {std::make_unique<RecordingSounds>(),
+            std::make_unique<RecordingFileViewer>(),
+            std::make_unique<PreferencesFile>(home.preferencesPath()),
+            std::make_unique<HomeTrash>(home.dataHome() + QStringLiteral("/Trash")),
+            std::make_unique<ScriptedMenus>(),
+            std::make_unique<ScriptedPanels>()};
+}
+
 // A view and its controller over recording services in a fresh home, made on
 // first use: after the test has added its tags, which the controller reads.
 class ViewFixture : public testing::Test {
@@ -116,14 +127,24 @@ protected:
     }
     // A file of `bytes` at `name` under the home's scratch folder, its folders made.
     QString file(const QString& name, const QByteArray& bytes = "x") {
-        const QString path = home.root() + QLatin1Char('/') + name;
-        QDir().mkpath(QFileInfo(path).path());
-        return writeFile(path, bytes), path;
+        return writeFile(home.root() + QLatin1Char('/') + name, bytes);
     }
     // A clip in the tag library.
     QString clip(const QString& name) {
-        const QString path = Tags::dir() + QLatin1Char('/') + name;
-        return writeFile(path, "RIFF"), path;
+        return writeFile(Tags::dir() + QLatin1Char('/') + name, "RIFF");
+    }
+    // Picks `item` in the tag field's menu; returns the menu, "* " checked, "--" a separator.
+    std::vector<std::string> choose(const QString& item = {}) {
+        view().snapshot(1); // the regions drawn
+        const QRectF field = view().hits().at(0).rect;
+        menus.choose = item;
+        click(view(), field.center());
+        EXPECT_EQ(menus.where.back(), QPointF(field.left(), field.bottom() + 4));
+        std::vector<std::string> titles;
+        for (const MenuItem& entry : menus.shown.back())
+            titles.push_back(
+                entry.separator ? "--" : (entry.checked ? "* " : "") + entry.title.toStdString());
+        return titles;
     }
     // `area` as the view draws it now.
     QImage shown(const QRectF& area) { return view().snapshot(1).copy(area.toAlignedRect()); }

@@ -7,6 +7,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QThread>
@@ -85,10 +86,13 @@ void ffmpeg(const QStringList& args) {
     ASSERT_EQ(run.status, 0) << run.err.toStdString();
 }
 
-void makeAudio(const QString& path, const QString& source, double seconds, int rate, int channels) {
+QString makeAudio(const QString& path, const QString& source, double seconds, int rate,
+                  int channels) {
+    QDir().mkpath(QFileInfo(path).path());
     ffmpeg({u"-f"_s, u"lavfi"_s, u"-i"_s,
             u"%1:sample_rate=%2:duration=%3"_s.arg(source).arg(rate).arg(seconds), u"-ac"_s,
             QString::number(channels), path});
+    return path;
 }
 
 std::vector<double> samples(const QString& path, int rate, int channels) {
@@ -109,14 +113,22 @@ QByteArray readAll(const QString& path) {
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-void writeFile(const QString& path, const QByteArray& bytes, bool executable) {
+QString tree(const QString& folder) {
+    return runProgram(u"/bin/sh"_s,
+                      {u"-c"_s, u"cd \"$0\" && find . -type f | LC_ALL=C sort"_s, folder})
+        .out;
+}
+
+QString writeFile(const QString& path, const QByteArray& bytes, bool executable) {
+    QDir().mkpath(QFileInfo(path).path());
     QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    EXPECT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate)) << path.toStdString();
     file.write(bytes);
     file.close();
     if (executable)
         file.setPermissions(file.permissions() | QFileDevice::ExeOwner | QFileDevice::ExeGroup |
                             QFileDevice::ExeOther);
+    return path;
 }
 
 } // namespace Test

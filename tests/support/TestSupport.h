@@ -73,19 +73,22 @@ private:
 void ffmpeg(const QStringList& args);
 
 // Writes `seconds` of a lavfi source (e.g. "sine=frequency=440") to `path`,
-// at `rate` Hz with `channels` channels; the codec follows the extension.
-void makeAudio(const QString& path, const QString& source, double seconds, int rate = 44100,
-               int channels = 2);
+// at `rate` Hz with `channels` channels; the codec follows the extension. Folders are made.
+QString makeAudio(const QString& path, const QString& source, double seconds, int rate = 44100,
+                  int channels = 2); // returns `path`
 
 // Decodes a file to interleaved 64-bit float samples at the given rate and channel count.
 std::vector<double> samples(const QString& path, int rate, int channels);
 
 QByteArray readAll(const QString& path); // empty when unreadable
+// The files below `folder`, "./a/b" a line, sorted, so that a listing compares as a whole.
+QString tree(const QString& folder);
 // A text file kept in tests/fixtures.
 inline QString fixture(const QString& name) {
     return QString::fromUtf8(readAll(QStringLiteral(ZELKOR_SOURCE_DIR "/tests/fixtures/") + name));
 }
-void writeFile(const QString& path, const QByteArray& bytes, bool executable = false);
+// Writes `bytes` to `path`, its folders made; returns `path`.
+QString writeFile(const QString& path, const QByteArray& bytes, bool executable = false);
 
 // A test with a temporary folder of its own, gone with the test.
 class TempFolder : public testing::Test {
