@@ -49,56 +49,86 @@ protected:
 
 } // namespace
 
-// One batch, each track a fault and its line; the batch goes on past each and every
-// track that stays is left as it was. The fake ffmpeg removes "vanished" once measured;
-// a render of "killed" dies as the OOM killer would; a render of "crashed" and the
-// analysis of "cut", half-way through its decode, by a segmentation fault: each says how.
+// One batch, each track a fault and its line; the batch goes on past each, every track
+// that stays is left as it was, and only a whole output of unchanged inputs is committed,
+// keeping the track's privacy. By the track's name the fake ffmpeg removes "vanished" once
+// measured; a render of "killed" dies as the OOM killer would; a render of "crashed" and
+// the analysis of "cut", half-way through its decode, by a segmentation fault: each says
+// how. A render writes nothing, is cut, lasts a second, changes an input or hangs with a
+// child (ended too, also by Ctrl-C), or the analysis hangs.
 TEST_F(Faults, eachFaultFailsItsOwnTrackAndTheBatchGoesOn) {
-    const QString share = ::Test::resourcesWith(home.root(), R"(in=; prev=
+    home.setEnv("ZELKOR_STALL_SECONDS", u"3"_s);
+    home.setEnv("ZELKOR_RESOURCES", ::Test::resourcesWith(home.root(), R"(in=; prev=
 for arg; do [ "$prev" = -i ] && [ -z "$in" ] && in=$arg; prev=$arg; out=$arg; done
-case " $* " in *" -filter_complex "*)
-    case "$in" in *killed*)
-        head -c 65536 /dev/zero > "$out"
-        echo 'size=      64kB time=00:00:00.37 bitrate=1411.2kbits/s' >&2
-        kill -9 $$ ;;
-    *crashed*) ulimit -c 0; kill -SEGV $$ ;;
+case "$in $* " in *stuck*" pipe:1 "*) exec sleep 300 ;; esac
+case " $* " in *" -filter_complex "*) ;; *)
+    case "$in" in
+    *vanished*) "$real" "$@"; status=$?; rm "$in"; exit $status ;;
+    *cut*) "$real" "$@" | head -c 65536; ulimit -c 0; kill -SEGV $$ ;;
     esac
     exec "$real" "$@" ;;
 esac
 case "$in" in
-*vanished*) "$real" "$@"; status=$?; rm "$in"; exit $status ;;
-*cut*) "$real" "$@" | head -c 65536; ulimit -c 0; kill -SEGV $$ ;;
+*killed*)
+    head -c 65536 /dev/zero > "$out"
+    echo 'size=      64kB time=00:00:00.37 bitrate=1411.2kbits/s' >&2
+    kill -9 $$ ;;
+*crashed*) ulimit -c 0; kill -SEGV $$ ;;
+*nothing*) exit 0 ;;
+*short*) exec "$real" -t 1 "$@" ;;
+*hung*) sleep 300 & echo $! > "$(dirname "$0")/child"; wait; exit ;;
 esac
-exec "$real" "$@"
-)");
+"$real" "$@" || exit
+case "$in" in
+*half*) truncate -s 100000 "$out" ;;
+*bounced*) printf x >> "$in" ;;
+*clip*) touch "$(dirname "$in")/voice.wav" ;;
+esac
+)"));
+    const QString ok = u"1 TAGS  OK  -> "_s, changed = u"CHANGED WHILE TAGGING"_s,
+                  stalled = u"FFMPEG STALLED: NO PROGRESS"_s;
     // No line where it depends on when the change lands.
     std::vector<std::pair<QString, QString>> rows{
-        {u"0 first.wav"_s, u"1 TAGS  OK  -> "_s + path(u"0 first (Tagged).wav"_s)},
+        {u"0 first.wav"_s, ok + path(u"0 first (Tagged).wav"_s)},
         {u"a killed.wav"_s, u"FFMPEG WAS KILLED (OUT OF MEMORY?)"_s},
         {u"c crashed.wav"_s, u"FFMPEG CRASHED (SEGMENTATION FAULT)"_s},
         {u"d cut.mp3"_s, u"FFMPEG CRASHED (SEGMENTATION FAULT)"_s},
         {u"b vanished.mp3"_s, {}},
-        {u"f fifo.mp3"_s, u"CAN'T READ FILE: NOT A REGULAR FILE"_s}, // never hanging ffmpeg
-        {u"g.wav"_s, u"1 TAGS  OK  -> "_s + path(u"g (Tagged).wav"_s)},
+        {u"fifo.mp3"_s, u"CAN'T READ FILE: NOT A REGULAR FILE"_s}, // never hanging ffmpeg
+        {u"a nothing.wav"_s, u"FFMPEG WROTE NOTHING"_s},
+        {u"b half.wav"_s, u"OUTPUT INCOMPLETE"_s},
+        {u"c short.mp3"_s, u"OUTPUT LASTS 1.0 S OF 3.0 S"_s},
+        {u"d bounced.wav"_s, changed},
+        {u"e clip.wav"_s, changed},
+        {u"g hung.wav"_s, stalled},
+        {u"h stuck.mp3"_s, stalled},
+        {u"f fine.wav"_s, ok + path(u"f fine (Tagged).wav"_s)},
         // 1.7 MB of 16-bit audio leaves no room for its 24-bit copy.
         {u"full/beat.wav"_s, u"ERROR CLOSING FILE: NO SPACE LEFT ON DEVICE"_s},
         {u"ro/beat.wav"_s, u"READ-ONLY FILE SYSTEM"_s}};
     const ::Test::Tmpfs full(path(u"full"_s), u"2m"_s), readOnly(path(u"ro"_s), u"2m"_s);
     if (!full.mounted() || !readOnly.mounted()) // where no tmpfs can be mounted
-        rows.resize(7);
+        rows.resize(rows.size() - 2);
     QStringList tracks;
     QList<QByteArray> originals;
     for (const auto& [track, line] : rows) {
-        tracks << path(track);
-        ::Test::makeAudio(tracks.last(), u"sine=frequency=220"_s, track.startsWith(u'f') ? 10 : 3);
+        tracks << ::Test::makeAudio(path(track), u"sine=frequency=220"_s,
+                                    track.startsWith(u'f') ? 10 : 3);
         originals << readAll(tracks.last());
     }
     QFile::remove(tracks[5]);
     ASSERT_EQ(::mkfifo(QFile::encodeName(tracks[5]).constData(), 0644), 0);
+    ::chmod(QFile::encodeName(tracks[13]).constData(), 0600);
     ::Test::runProgram(u"mount"_s, {u"-o"_s, u"remount,ro"_s, path(u"ro"_s)});
+    const QString child = path(u"share/child"_s);
+    const auto childEnded = [&] { // or left a zombie
+        const QString stat = u"/proc/"_s + QString::fromUtf8(readAll(child)).trimmed() + u"/stat"_s;
+        return ::Test::waitUntil([&] { return readAll(stat).split(' ').value(2, "Z") == "Z"; },
+                                 10'000);
+    };
 
-    const auto run = zelkorTag(QStringList{u"--tag"_s, clip, u"--interval"_s, u"5"_s} + tracks,
-                               {u"ZELKOR_RESOURCES="_s + share}, 60'000);
+    const auto run =
+        zelkorTag(QStringList{u"-j"_s, u"1"_s, u"--tag"_s, clip} + tracks, {}, 120'000);
     EXPECT_EQ(run.status, 1);
     const QStringList said = run.out.split(u'\n', Qt::SkipEmptyParts);
     ASSERT_EQ(said.size(), tracks.size()) << run.out.toStdString();
@@ -108,17 +138,28 @@ exec "$real" "$@"
         EXPECT_TRUE(line.isEmpty() ? said[i].startsWith(name) && !said[i].contains(u"OK"_s)
                                    : said[i] == name + line)
             << said[i].toStdString();
-        EXPECT_TRUE(line.isEmpty() || i == 5 || readAll(tracks[i]) == originals[i]) << i;
+        EXPECT_TRUE(line.isEmpty() || i == 5 || i == 9 || readAll(tracks[i]) == originals[i]) << i;
     }
+    EXPECT_TRUE(childEnded());
+    EXPECT_EQ(QFile::permissions(path(u"f fine (Tagged).wav"_s)).toInt() & 0x77,
+              0); // group, others
+
+    QFile::remove(child);
+    QProcess ctrlC;
+    ctrlC.start(::Test::binary(u"zelkor-tag"_s), {u"--tag"_s, clip, tracks[11]});
+    ASSERT_TRUE(::Test::waitUntil([&] { return QFileInfo::exists(child); }, 30'000));
+    ::kill(static_cast<pid_t>(ctrlC.processId()), SIGINT);
+    ASSERT_TRUE(ctrlC.waitForFinished(30'000));
+    EXPECT_EQ(ctrlC.readAllStandardOutput(), "g hung.wav  STOPPED\n");
+    EXPECT_TRUE(childEnded());
     EXPECT_EQ(taggedIn(home.root()) + taggedIn(path(u"full"_s)) + taggedIn(path(u"ro"_s)),
-              u"0 first (Tagged).wav|g (Tagged).wav"_s);
+              u"0 first (Tagged).wav|f fine (Tagged).wav"_s);
 }
 
 // The library commands on a broken home replace nothing the user had there.
 TEST_F(Faults, aBrokenHomeIsNeverReplacedWithoutACopy) {
     const QStringList add{u"--add-tag"_s, clip};
     // A file in place of the tags folder: no clip to list, to tag with or to add.
-    QDir().mkpath(home.appData());
     ::Test::writeFile(home.tagsDir(), "mine");
     EXPECT_EQ(zelkorTag({u"--list-tags"_s}).out, u""_s);
     const auto untagged = zelkorTag({clip});

@@ -24,61 +24,6 @@ using Reliability = ::Test::HomeWithClip;
 
 } // namespace
 
-// By the track's name the render writes nothing, is cut, lasts a second, changes an input
-// or hangs with a child (ended too), or the analysis hangs: each fails alone. Outputs keep the
-// track's privacy.
-TEST_F(Reliability, onlyAWholeOutputOfUnchangedInputsIsCommitted) {
-    home.setEnv("ZELKOR_STALL_SECONDS", u"3"_s);
-    home.setEnv("ZELKOR_RESOURCES", ::Test::resourcesWith(home.root(), R"(in=; prev=
-for a; do [ "$prev" = -i ] && [ -z "$in" ] && in=$a; prev=$a; o=$a; done
-case "$in $* " in *stuck*" pipe:1 "*) exec sleep 300 ;; esac
-case " $* " in *" -filter_complex "*) ;; *) exec "$real" "$@" ;; esac
-case "$in" in *nothing*) exit 0 ;; *short*) exec "$real" -t 1 "$@" ;;
-*hung*) sleep 300 & echo $! > "$(dirname "$0")/child"; wait; exit ;; esac
-"$real" "$@" || exit
-case "$in" in
-*half*) truncate -s 100000 "$o" ;;
-*bounced*) printf x >> "$in" ;;
-*clip*) touch "$(dirname "$in")/voice.wav" ;;
-esac
-)"));
-    QStringList tracks;
-    for (const QString& name :
-         {u"a nothing.wav"_s, u"b half.wav"_s, u"c short.mp3"_s, u"d bounced.wav"_s,
-          u"e clip.wav"_s, u"f fine.wav"_s, u"g hung.wav"_s, u"h stuck.mp3"_s})
-        ::Test::makeAudio(tracks.emplaceBack(path(name)), u"sine=frequency=220"_s, 3);
-    ::chmod(QFile::encodeName(tracks[5]).constData(), 0600);
-    const QString child = path(u"share/child"_s), fine = path(u"f fine (Tagged).wav"_s);
-    const auto childEnded = [&] { // or left a zombie
-        const QString stat = u"/proc/"_s + QString::fromUtf8(readAll(child)).trimmed() + u"/stat"_s;
-        return ::Test::waitUntil([&] { return readAll(stat).split(' ').value(2, "Z") == "Z"; },
-                                 10'000);
-    };
-    const auto run = zelkorTag(QStringList{u"-j"_s, u"1"_s, u"--tag"_s, clip} + tracks);
-    EXPECT_EQ(run.out, u"a nothing.wav  FFMPEG WROTE NOTHING\n"
-                       u"b half.wav  OUTPUT INCOMPLETE\n"
-                       u"c short.mp3  OUTPUT LASTS 1.0 S OF 3.0 S\n"
-                       u"d bounced.wav  CHANGED WHILE TAGGING\n"
-                       u"e clip.wav  CHANGED WHILE TAGGING\n"
-                       u"f fine.wav  1 TAGS  OK  -> "_s +
-                           fine + u'\n' +
-                           u"g hung.wav  FFMPEG STALLED: NO PROGRESS\n"
-                           u"h stuck.mp3  FFMPEG STALLED: NO PROGRESS\n"_s);
-    EXPECT_TRUE(childEnded());
-    EXPECT_EQ(QFile::permissions(fine).toInt() & 0x77, 0); // group, others
-
-    QFile::remove(child);
-    QProcess ctrlC;
-    ctrlC.start(::Test::binary(u"zelkor-tag"_s), {u"--tag"_s, clip, tracks[6]});
-    ASSERT_TRUE(::Test::waitUntil([&] { return QFileInfo::exists(child); }, 30'000));
-    ::kill(static_cast<pid_t>(ctrlC.processId()), SIGINT);
-    ASSERT_TRUE(ctrlC.waitForFinished(30'000));
-    EXPECT_EQ(ctrlC.readAllStandardOutput(), "g hung.wav  STOPPED\n");
-    EXPECT_TRUE(childEnded());
-    EXPECT_EQ(QDir(home.root()).entryList({u"*Tagged*"_s}, QDir::Files | QDir::Hidden),
-              QStringList{u"f fine (Tagged).wav"_s});
-}
-
 // A clip rewritten under its name is measured again, within one process too. Cache
 // entries another user could have planted (a FIFO, another owner's, a forged one in a
 // folder others can write) are passed by, never opened far enough to hang on.
