@@ -20,11 +20,11 @@ using BatchRunner = ::Test::ViewFixture;
 
 // Items without tracks are ignored; without a tag one line says so. A failing track
 // is logged in its colour while the others are written and shown; when all fail none
-// is. Failures end with Basso, success Glass. Settings are read once a batch starts.
+// is. Failures end with Basso, success Glass. Settings are read once a batch starts;
+// tracks started meanwhile join it, logged in track order though the short ones end first.
 TEST_F(BatchRunner, aFailingTrackIsLoggedAndTheOthersAreWrittenAndShown) {
     const auto track = [this](const QString& name, double seconds) {
-        ::Test::makeAudio(home.root() + u'/' + name, u"sine=frequency=220"_s, seconds);
-        return home.root() + u'/' + name;
+        return ::Test::makeAudio(home.root() + u'/' + name, u"sine=frequency=220"_s, seconds);
     };
     const auto finish = [this] {
         return ::Test::waitUntil([this] { return !view().state().busy; }, 120'000);
@@ -36,14 +36,15 @@ TEST_F(BatchRunner, aFailingTrackIsLoggedAndTheOthersAreWrittenAndShown) {
     controller().start({broken});
     EXPECT_EQ(log, (std::vector<LogLine>{{u"ADD YOUR TAG FILE FIRST"_s, u"NO TAG"_s, errColor}}));
 
-    QDir().mkpath(home.tagsDir());
     ::Test::makeAudio(home.tagsDir() + u"/voice.wav"_s, u"sine=frequency=880"_s, 1);
     // 25 s: placements at 0.5 and 20.5 every 20 s, only at 0.5 every 60 s.
     settings.setIntervalIndex(0);
-    controller().start({track(u"a.wav"_s, 25), broken, track(u"c.wav"_s, 3)});
+    const QString a = track(u"a.wav"_s, 25), c = track(u"c.wav"_s, 3);
+    controller().start({a, broken});
     EXPECT_TRUE(view().state().busy);
-    EXPECT_EQ(view().state().progress, (HUDView::Progress{0, 3}));
     settings.setIntervalIndex(3);
+    controller().start({c, a}); // joins the batch, each track once
+    EXPECT_EQ(view().state().progress, (HUDView::Progress{0, 3}));
     ASSERT_TRUE(finish());
     QCoreApplication::processEvents();
     EXPECT_EQ(
@@ -63,16 +64,6 @@ TEST_F(BatchRunner, aFailingTrackIsLoggedAndTheOthersAreWrittenAndShown) {
     EXPECT_EQ(sounds.played, (QStringList{u"Basso"_s, u"Glass"_s, u"Basso"_s}));
 }
 
-namespace {
-
-// Ten minutes of stereo WAV: long enough for ffmpeg to report several times per pass.
-QString longTrack(const QString& at) {
-    ::Test::makeAudio(at, u"sine=frequency=220"_s, 600);
-    return at;
-}
-
-} // namespace
-
 // ffmpeg's reports come in order, from the analysis to the render, each pass
 // reaching the track's length, the share of the work to 1, and then the track's end.
 TEST_F(BatchRunner, aTracksProgressReportsGoFromItsAnalysisToItsEnd) {
@@ -80,10 +71,13 @@ TEST_F(BatchRunner, aTracksProgressReportsGoFromItsAnalysisToItsEnd) {
     Engine::Job job;
     job.clip = home.root() + u"/voice.wav"_s;
     job.interval = 60;
+    // Ten minutes of stereo WAV: long enough for ffmpeg to report several times per pass.
+    const QString track =
+        ::Test::makeAudio(home.root() + u"/long.wav"_s, u"sine=frequency=220"_s, 600);
     std::mutex lock;
     std::vector<Batch::Progress> reports;
     Batch batch(
-        {job, Engine::plan(job, {longTrack(home.root() + u"/long.wav"_s)}), 1,
+        {job, Engine::plan(job, {track}), 1,
          [&](const Batch::Progress& progress) {
              const std::lock_guard locked(lock);
              reports.push_back(progress);
@@ -110,7 +104,6 @@ TEST_F(BatchRunner, aTracksProgressReportsGoFromItsAnalysisToItsEnd) {
 
 // Within one long track the bar's cells advance, step by step, before its line comes.
 TEST_F(BatchRunner, theBarFillsWithinOneLongTrack) {
-    QDir().mkpath(home.tagsDir());
     ::Test::makeAudio(home.tagsDir() + u"/voice.wav"_s, u"sine=frequency=880"_s, 1);
     // The render reads its two minutes of track at 40 times their speed, on any machine.
     home.setEnv("ZELKOR_RESOURCES", ::Test::resourcesWith(home.root(), R"(case " $* " in
