@@ -149,20 +149,4 @@ TEST_F(EngineFiles, outputsAreNamedAfterTheTrackAndNeverTakeAUsedNameAndFoldersG
     EXPECT_EQ(Engine::collect(in("B.wav|gone.mp3|sub|b.mp3|sub/y.mp3")),
               in("B.wav|gone.mp3|sub/y.mp3|b.mp3|sub/y.mp3"));
     EXPECT_TRUE(Engine::collect({d + u"c.txt"_s, d + u"loops.wav/"_s}).isEmpty());
-    // A run's plan names every output on the names alone, beside the track or mirrored.
-    using enum Engine::Format;
-    for (const auto& [mirror, format, track, root, output] :
-         std::vector<std::tuple<QString, Engine::Format, QString, QString, QString>>{
-             {{}, same, u"/m/a/Beat.One.WAV"_s, u"/m"_s, u"/m/a/Beat.One (Tagged).wav"_s},
-             {{}, mp3, u"/m/b.wav"_s, {}, u"/m/b (Tagged).mp3"_s},
-             {u"/out"_s, wav, u"/m/1/2/c.mp3"_s, u"/m"_s, u"/out/1/2/c (Tagged).wav"_s},
-             {u"/out/"_s, same, u"/m/d.mp3"_s, u"/m"_s, u"/out/d (Tagged).mp3"_s},
-             {u"/out"_s, same, u"/e.wav"_s, {}, u"/e (Tagged).wav"_s}}) {
-        Engine::Job job;
-        job.mirrorUnder = mirror;
-        job.format = format;
-        const Engine::Plan plan = Engine::plan(job, std::vector<Engine::Input>{{track, root, {}}});
-        ASSERT_EQ(plan.size(), 1u);
-        EXPECT_EQ(plan[0].output.path(), output) << track.toStdString();
-    }
 }
