@@ -38,9 +38,7 @@ TEST(Meter, techThreeThreeFortyOneCasesReadTheirLoudness) {
              {"case 2", 48000, {{-33, 20}}, -33},
              {"case 3: the absolute gate", 48000, {{-36, 10}, {-23, 60}, {-36, 10}}, -23},
              {"case 4: gates", 48000, {{-72, 10}, {-36, 10}, {-23, 60}, {-36, 10}, {-72, 10}}, -23},
-             {"case 5", 48000, {{-26, 20}, {-20, 20.1}, {-26, 20}}, -23},
-             {"case 1 at 44.1 kHz", 44100, {{-23, 20}}, -23},
-             {"case 1 at 96 kHz", 96000, {{-23, 20}}, -23}}) {
+             {"case 5", 48000, {{-26, 20}, {-20, 20.1}, {-26, 20}}, -23}}) {
         Meter meter(rate, {1, 1}, false);
         for (const auto& [dbfs, seconds] : segments)
             sine(meter, rate, 2, dbfs, seconds);
