@@ -42,10 +42,7 @@ QStringList hiddenIn(const QString& folder) {
     return hidden;
 }
 
-class Faults : public ::Test::HomeWithClip {
-protected:
-    const QString prefs = home.preferencesPath();
-};
+using Faults = ::Test::HomeWithClip;
 
 } // namespace
 
@@ -159,6 +156,7 @@ esac
 // The library commands on a broken home replace nothing the user had there.
 TEST_F(Faults, aBrokenHomeIsNeverReplacedWithoutACopy) {
     const QStringList add{u"--add-tag"_s, clip};
+    const QString prefs = home.preferencesPath();
     // A file in place of the tags folder: no clip to list, to tag with or to add.
     ::Test::writeFile(home.tagsDir(), "mine");
     EXPECT_EQ(zelkorTag({u"--list-tags"_s}).out, u""_s);
