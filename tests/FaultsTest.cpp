@@ -1,5 +1,5 @@
-// Faults: killed ffmpeg runs, a full or read-only disk, files that change under a
-// batch, a broken home, and a signal or a closed output in the middle of a render.
+// Faults: killed, hung or half-written ffmpeg runs, a full or read-only disk, files that
+// change under a batch, a broken home, and a signal or a closed output mid-render.
 #include "support/FreshHome.h"
 #include "support/TestSupport.h"
 
