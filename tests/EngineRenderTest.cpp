@@ -278,6 +278,29 @@ TEST_F(EngineRender, oddAndLatin1NamesWorkEndToEnd) {
     EXPECT_EQ(QDir(folder).count(), 5u); // two tracks, two outputs, the user's file
 }
 
+// A long track at a short interval, the beat giving way under every copy, takes a graph
+// longer than Linux passes as one argument: ffmpeg reads it from a file instead, the track
+// comes out whole, and nothing of the graph is left on the disk or held open.
+TEST_F(EngineRender, aGraphTooLongForOneArgumentStillTagsTheTrack) {
+    static QStringList seen;
+    Engine::onRun([](const QStringList& commandLine) { seen = commandLine; });
+    // 460 copies of a loud clip on a master peaking at -0.1 dBFS, each stretch its own.
+    const QString beat = ::Test::makeAudio(path(u"beat.wav"_s), u"aevalsrc=0.99*sin(2*PI*440*t)"_s,
+                                           230, 8000, 1),
+                  clip =
+                      ::Test::makeAudio(path(u"clip.wav"_s), u"sine=frequency=900"_s, 0.2, 8000, 1);
+    const auto held = [] { return QDir(u"/proc/self/fd"_s).count(); };
+    const uint before = held();
+    const Engine::Result result = Engine::process(beat, clip, 0.5, -1);
+    Engine::onRun(nullptr);
+    EXPECT_EQ(result.placements, 460);
+    EXPECT_TRUE(seen.contains(u"-filter_complex_script"_s)) << seen.join(u' ').toStdString();
+    EXPECT_EQ(Engine::analyze(result.output).duration, Engine::analyze(beat).duration);
+    EXPECT_EQ(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden),
+              QStringList({u"beat (Tagged).wav"_s, u"beat.wav"_s, u"clip.wav"_s}));
+    EXPECT_EQ(held(), before);
+}
+
 TEST_F(EngineRender, aClipIsMeasuredOnceWithoutItsTrailingSilenceOrRefused) {
     const QString speech = path(u"speech.wav"_s), padded = path(u"padded.wav"_s);
     makeSpeech(speech);

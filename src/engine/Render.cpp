@@ -469,8 +469,8 @@ Encoder encoder(const Analysis& track, const QString& format) {
 }
 
 QStringList renderArguments(const QString& track, const QString& tag, const QString& graph,
-                            const Analysis& analysis, const QString& output,
-                            const QString& format) {
+                            const Analysis& analysis, const QString& output, const QString& format,
+                            const QString& graphFile) {
     const bool mp3 = format == QLatin1String("mp3");
     // The analysis admits pictures only when every one is of a kind the MP3 muxer can
     // write, so a picture never fails the render. They are copied as they are, from the
@@ -485,8 +485,11 @@ QStringList renderArguments(const QString& track, const QString& tag, const QStr
     args << QStringLiteral("-i") << track << QStringLiteral("-i") << tag;
     if (pictures)
         args << QStringLiteral("-i") << track;
-    args << QStringLiteral("-filter_complex") << graph << QStringLiteral("-map")
-         << QStringLiteral("[out]");
+    if (graphFile.isEmpty())
+        args << QStringLiteral("-filter_complex") << graph;
+    else
+        args << QStringLiteral("-filter_complex_script") << graphFile;
+    args << QStringLiteral("-map") << QStringLiteral("[out]");
     if (pictures)
         args << QStringLiteral("-map") << QStringLiteral("2:v?") << QStringLiteral("-c:v")
              << QStringLiteral("copy");
@@ -732,11 +735,17 @@ Result process(const QString& given, const QString& tag, double interval, double
                   .clearOfCeiling = clearOfCeiling(analysis, output.extension),
                   .duckDB = duck(analysis.peak, limit, prepared.tagPeak),
                   .joinFormat = encoder(analysis, output.extension).sampleFormat};
+    const QString graph = filterGraph(mix);
+    // A long track at a short interval, the beat giving way, takes a graph past what Linux
+    // passes as one argument: ffmpeg then reads it from a file that no run leaves behind.
+    const QByteArray graphText = graph.toUtf8();
+    const OpenFile graphFile =
+        graphText.size() > kLongestGraphArgument ? heldText(graphText) : OpenFile();
     const QStringList args =
-        renderArguments(trackFile.argument(), tagFile.argument(), filterGraph(mix), analysis,
-                        out.file().argument(), output.extension);
+        renderArguments(trackFile.argument(), tagFile.argument(), graph, analysis,
+                        out.file().argument(), output.extension, graphFile.argument());
     std::vector<int> passed;
-    for (const OpenFile* file : {&trackFile, &tagFile, &out.file()})
+    for (const OpenFile* file : {&trackFile, &tagFile, &out.file(), &graphFile})
         if (file->passDown())
             passed.push_back(file->fd());
 

@@ -82,8 +82,13 @@ int channelCount(const QString& layout);
 // The inputs and the output as ffmpeg is to be given them: absolute paths, or
 // /proc/self/fd/N (OpenFile::argument). The track's analysis says which of its extras
 // (pictures, bext chunk) the output keeps; `format` "mp3" or "wav" chooses the encoder.
+// With `graphFile`, ffmpeg reads the graph from that file instead of its argument.
 QStringList renderArguments(const QString& track, const QString& tag, const QString& graph,
-                            const Analysis& analysis, const QString& output, const QString& format);
+                            const Analysis& analysis, const QString& output, const QString& format,
+                            const QString& graphFile = {});
+// Linux takes no single argument over 128 KiB, and no less than that for a whole command
+// line with its environment: half of it is left for the paths and the environment.
+constexpr qsizetype kLongestGraphArgument = 64 * 1024;
 // The message of a failed render: ffmpeg's last line that names a cause (not a
 // closing line such as "Conversion failed!" or its statistics), cut and upper-cased.
 QString failureText(const QString& output);

@@ -18,6 +18,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <functional>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -416,6 +417,25 @@ OpenFile openInput(const QString& path, Holding holding) {
         throw TagError::unreadable();
     if (!file.passDown() && holding == Holding::whenPassedDown)
         file.close(); // ffmpeg opens it by its name
+    return file;
+}
+
+OpenFile heldText(const QByteArray& contents) {
+    const int fd = ::memfd_create("zelkor", MFD_CLOEXEC);
+    if (fd < 0)
+        throw TagError::systemFailed(errno);
+    OpenFile file;
+    file.m_fd = fd;
+    file.m_argument = QStringLiteral("/proc/self/fd/%1").arg(fd);
+    file.m_passDown = true;
+    ::fchmod(fd, S_IRUSR | S_IWUSR); // private as any file of the user's own
+    for (qsizetype done = 0; done < contents.size();) {
+        const ssize_t wrote = ::write(fd, contents.constData() + done, contents.size() - done);
+        if (wrote > 0)
+            done += wrote;
+        else if (wrote == 0 || errno != EINTR)
+            throw TagError::systemFailed(wrote == 0 ? ENOSPC : errno);
+    }
     return file;
 }
 

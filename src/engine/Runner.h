@@ -111,6 +111,7 @@ public:
     void close();
 
 private:
+    friend OpenFile heldText(const QByteArray& contents);
     int m_fd = -1;
     QString m_argument;
     bool m_passDown = false;
@@ -123,6 +124,11 @@ private:
 // closed again at once, unless it is to be read here too.
 enum class Holding { whenPassedDown, always };
 OpenFile openInput(const QString& path, Holding holding = Holding::whenPassedDown);
+
+// A file of this process's own holding `contents`, always passed down: it has no
+// name, so nothing of it outlives the run, however the run or this process ends.
+// Running out of descriptors or memory throws TagError::systemFailed.
+OpenFile heldText(const QByteArray& contents);
 
 // The errno value of a lack of processes, threads or descriptors that `text`
 // (a run's, or Qt's reason it could not start one) names in the system's words; 0
