@@ -622,27 +622,25 @@ std::optional<QString> outputFault(int fd, const QString& output, const Analysis
     if (!length)
         return QStringLiteral("OUTPUT INCOMPLETE");
     const double seconds = double(length->frames) / length->rate;
-    const int rate = track.format && track.frames > 0 ? track.format->sampleRate : 0;
-    const double trackSeconds = rate > 0 ? double(track.frames) / rate : track.duration;
-    // The track's samples, in the output's; how many it may lack or have over.
-    double expected = trackSeconds * length->rate, slack = 0;
-    if (rate == length->rate)
-        expected = double(track.frames);
-    else if (rate > 0)
-        slack = kResampledSlack;
-    // A duration ffmpeg only estimated says nothing about the output.
-    else if (output.contains(QLatin1String("Estimating duration from bitrate")))
-        return std::nullopt;
-    else
-        slack = kOutputDurationTolerance * length->rate;
-    const long long missing = std::llround(expected - double(length->frames));
-    if (std::abs(double(missing)) <= slack)
-        return std::nullopt;
-    // Seconds to a tenth cannot show a loss of a few hundred samples.
-    if (QString::number(seconds, 'f', 1) != QString::number(trackSeconds, 'f', 1))
-        return QString::asprintf("OUTPUT LASTS %.1f S OF %.1f S", seconds, trackSeconds);
-    return missing > 0 ? QStringLiteral("OUTPUT SHORT BY %1 SAMPLES").arg(missing)
-                       : QStringLiteral("OUTPUT LONG BY %1 SAMPLES").arg(-missing);
+    // The samples the meter counted, in the output's: at the track's rate every one,
+    // resampled for lame as many to a few of its own.
+    if (const int rate = track.format && track.frames > 0 ? track.format->sampleRate : 0) {
+        const double trackSeconds = double(track.frames) / rate;
+        const long long missing = std::llround(trackSeconds * length->rate) - length->frames;
+        if (std::abs(missing) > (rate == length->rate ? 0 : kResampledSlack)) {
+            // Seconds to a tenth cannot show a loss of a few hundred samples.
+            if (QString::number(seconds, 'f', 1) != QString::number(trackSeconds, 'f', 1))
+                return QString::asprintf("OUTPUT LASTS %.1f S OF %.1f S", seconds, trackSeconds);
+            return missing > 0 ? QStringLiteral("OUTPUT SHORT BY %1 SAMPLES").arg(missing)
+                               : QStringLiteral("OUTPUT LONG BY %1 SAMPLES").arg(-missing);
+        }
+    }
+    // A track that plays shorter than its header claims (a cut MP3) is damaged; a
+    // duration ffmpeg only estimated says nothing about it.
+    if (std::abs(seconds - track.duration) > kOutputDurationTolerance &&
+        !output.contains(QLatin1String("Estimating duration from bitrate")))
+        return QString::asprintf("OUTPUT LASTS %.1f S OF %.1f S", seconds, track.duration);
+    return std::nullopt;
 }
 
 namespace {
