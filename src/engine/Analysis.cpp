@@ -250,7 +250,10 @@ private:
     QElapsedTimer m_timer;
 };
 
-void takeFigures(Analysis& analysis, const Meter& meter) {
+// `analysis.format` first: the meter's frames count only at the format's rate.
+void takeFigures(Analysis& analysis, const Meter& meter, int meteredRate) {
+    if (analysis.format && analysis.format->sampleRate == meteredRate)
+        analysis.frames = meter.frames();
     analysis.lufs = std::max(tenths(meter.loudness()), kLoudnessFloor);
     analysis.peak = tenths(meter.peakDb());
     if (const std::optional<double> start = meter.silenceStart())
@@ -310,7 +313,7 @@ std::optional<Analysis> readWav(int fd, const Measuring& measuring) {
     analysis.floatSamples = format->floating;
     analysis.broadcastChunk = broadcast;
     analysis.largePackets = format->floating ? format->bits == 32 : format->bits >= 16;
-    takeFigures(analysis, *stream.meter());
+    takeFigures(analysis, *stream.meter(), stream.format()->sampleRate);
     return analysis;
 }
 
@@ -361,7 +364,7 @@ Analysis decode(const OpenFile& input, const Measuring& measuring) {
     if (!audio || !stream.meter())
         throw TagError::unreadable(QStringLiteral("NO AUDIO IN IT"));
     Analysis analysis = parseAnalysis(text);
-    takeFigures(analysis, *stream.meter());
+    takeFigures(analysis, *stream.meter(), stream.format()->sampleRate);
     report.finish(analysis.duration);
     return analysis;
 }

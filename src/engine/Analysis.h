@@ -7,6 +7,7 @@
 #include <QString>
 #include <QStringList>
 #include <QStringView>
+#include <cstdint>
 #include <functional>
 #include <optional>
 
@@ -22,6 +23,9 @@ struct AudioFormat {
 struct Analysis {
     double lufs = -70;
     double duration = 0;
+    // The samples per channel it decodes to, as the meter counted them, at the format's
+    // rate: what a whole output of that rate holds. 0 when either is unknown.
+    std::int64_t frames = 0;
     std::optional<double> silenceStart; // a silence still running at the end
     std::optional<AudioFormat> format;
     std::optional<double> peak;  // sample peak in dBFS, as the meter prints it (to 0.1 dB)

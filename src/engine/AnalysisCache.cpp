@@ -33,7 +33,7 @@ std::atomic<bool> enabled{true};
 constexpr int kCacheVersion = 1;
 // Raised when the same ffmpeg text would give other figures (a change to
 // parseAnalysis); a change to the meter raises kMeterVersion, which is in the key.
-constexpr int kFiguresVersion = 4;
+constexpr int kFiguresVersion = 5;
 // An entry is a few hundred bytes; anything far bigger is damage.
 constexpr qint64 kMaxEntryBytes = 64 * 1024;
 // Evicting a tenth at a time spares a listing and sort on every later write.
@@ -155,10 +155,11 @@ private:
 // Both directions bind every field of Analysis by name, so a field added there
 // fails to compile here until it is written and read (raise kFiguresVersion then).
 QJsonObject figuresOf(const Analysis& analysis) {
-    const auto& [lufs, duration, silenceStart, format, peak, integerSamples, floatSamples, pictures,
-                 broadcastChunk, largePackets] = analysis;
+    const auto& [lufs, duration, frames, silenceStart, format, peak, integerSamples, floatSamples,
+                 pictures, broadcastChunk, largePackets] = analysis;
     QJsonObject figures{{QStringLiteral("lufs"), numberValue(lufs)},
                         {QStringLiteral("duration"), numberValue(duration)},
+                        {QStringLiteral("frames"), double(frames)},
                         {QStringLiteral("integerSamples"), integerSamples},
                         {QStringLiteral("floatSamples"), floatSamples},
                         {QStringLiteral("pictures"), pictures},
@@ -178,10 +179,15 @@ QJsonObject figuresOf(const Analysis& analysis) {
 std::optional<Analysis> analysisFrom(const QJsonObject& figures) {
     FigureReader read(figures);
     Analysis analysis;
-    auto& [lufs, duration, silenceStart, format, peak, integerSamples, floatSamples, pictures,
-           broadcastChunk, largePackets] = analysis;
+    auto& [lufs, duration, frames, silenceStart, format, peak, integerSamples, floatSamples,
+           pictures, broadcastChunk, largePackets] = analysis;
     lufs = read.number(QStringLiteral("lufs"));
     duration = read.number(QStringLiteral("duration"));
+    // Exact as a double up to 2^53 samples: centuries of audio.
+    const double counted = read.number(QStringLiteral("frames"));
+    if (!(counted >= 0 && counted < 0x1p53) || counted != std::floor(counted))
+        return std::nullopt;
+    frames = static_cast<std::int64_t>(counted);
     silenceStart = read.optionalNumber(QStringLiteral("silenceStart"));
     peak = read.optionalNumber(QStringLiteral("peak"));
     integerSamples = read.flag(QStringLiteral("integerSamples"));

@@ -547,8 +547,14 @@ QByteArray bytesAt(int fd, long long at, qsizetype count) {
     return bytes;
 }
 
-// A WAV's seconds by its data chunk; nothing when the chunk is missing or runs past the end.
-std::optional<double> wavSeconds(int fd, long long fileBytes) {
+// An output's samples per channel and their rate, as its header gives them.
+struct Length {
+    long long frames = 0;
+    int rate = 0;
+};
+
+// A WAV's length by its data chunk; nothing when the chunk is missing or runs past the end.
+std::optional<Length> wavLength(int fd, long long fileBytes) {
     const QByteArray riff = bytesAt(fd, 0, 12);
     if (riff.size() < 12 || !riff.startsWith("RIFF") || riff.mid(8, 4) != "WAVE" ||
         littleEndian(riff, 4, 4) + 8LL > fileBytes)
@@ -565,16 +571,16 @@ std::optional<double> wavSeconds(int fd, long long fileBytes) {
         } else if (chunk.startsWith("data")) {
             if (rate == 0 || blockAlign == 0 || at + 8 + size > fileBytes)
                 return std::nullopt;
-            return double(size / blockAlign) / rate;
+            return Length{size / blockAlign, static_cast<int>(rate)};
         }
         at += 8 + size + (size & 1);
     }
     return std::nullopt;
 }
 
-// An MP3's seconds by its Xing or Info frame (frames, bytes, and the encoder's delay
+// An MP3's length by its Xing or Info frame (frames, bytes, and the encoder's delay
 // and padding), as ffmpeg writes it; nothing when it is missing or the stream is cut.
-std::optional<double> mp3Seconds(int fd, long long fileBytes) {
+std::optional<Length> mp3Length(int fd, long long fileBytes) {
     long long at = 0;
     if (const QByteArray id3 = bytesAt(fd, 0, 10); id3.startsWith("ID3") && id3.size() == 10) {
         at = 10 + ((id3[6] & 0x7f) << 21 | (id3[7] & 0x7f) << 14 | (id3[8] & 0x7f) << 7 |
@@ -602,26 +608,41 @@ std::optional<double> mp3Seconds(int fd, long long fileBytes) {
     // The encoder's delay and padding, 12 bits each, where ffmpeg writes them.
     const std::uint32_t gaps = bigEndian(frame, xing + 141, 3);
     const long long samples = frames * (mpeg1 ? 1152 : 576) - (gaps >> 12) - (gaps & 0xfff);
-    return double(std::max(samples, 0LL)) / rate;
+    return Length{std::max(samples, 0LL), rate};
 }
 
 } // namespace
 
-std::optional<QString> outputFault(int fd, const QString& output, double duration) {
+std::optional<QString> outputFault(int fd, const QString& output, const Analysis& track) {
     struct stat file = {};
     if (::fstat(fd, &file) != 0)
         return QString::fromLocal8Bit(std::strerror(errno)).toUpper();
     if (file.st_size == 0)
         return QStringLiteral("FFMPEG WROTE NOTHING");
-    std::optional<double> seconds = wavSeconds(fd, file.st_size);
-    if (!seconds)
-        seconds = mp3Seconds(fd, file.st_size);
-    if (!seconds)
+    std::optional<Length> length = wavLength(fd, file.st_size);
+    if (!length)
+        length = mp3Length(fd, file.st_size);
+    if (!length)
         return QStringLiteral("OUTPUT INCOMPLETE");
-    // A duration ffmpeg only estimated says nothing about the output.
-    if (std::abs(*seconds - duration) > kOutputDurationTolerance &&
+    const double seconds = double(length->frames) / length->rate;
+    // The samples the meter counted, in the output's: at the track's rate every one,
+    // resampled for lame as many to a few of its own.
+    if (const int rate = track.format && track.frames > 0 ? track.format->sampleRate : 0) {
+        const double trackSeconds = double(track.frames) / rate;
+        const long long missing = std::llround(trackSeconds * length->rate) - length->frames;
+        if (std::abs(missing) > (rate == length->rate ? 0 : kResampledSlack)) {
+            // Seconds to a tenth cannot show a loss of a few hundred samples.
+            if (QString::number(seconds, 'f', 1) != QString::number(trackSeconds, 'f', 1))
+                return QString::asprintf("OUTPUT LASTS %.1f S OF %.1f S", seconds, trackSeconds);
+            return missing > 0 ? QStringLiteral("OUTPUT SHORT BY %1 SAMPLES").arg(missing)
+                               : QStringLiteral("OUTPUT LONG BY %1 SAMPLES").arg(-missing);
+        }
+    }
+    // A track that plays shorter than its header claims (a cut MP3) is damaged; a
+    // duration ffmpeg only estimated says nothing about it.
+    if (std::abs(seconds - track.duration) > kOutputDurationTolerance &&
         !output.contains(QLatin1String("Estimating duration from bitrate")))
-        return QString::asprintf("OUTPUT LASTS %.1f S OF %.1f S", *seconds, duration);
+        return QString::asprintf("OUTPUT LASTS %.1f S OF %.1f S", seconds, track.duration);
     return std::nullopt;
 }
 
@@ -763,8 +784,7 @@ Result process(const QString& given, const QString& tag, double interval, double
     }
     if (Files::identity(track) != trackWas || Files::identity(clipFile) != clipWas)
         throw TagError::changed();
-    if (const std::optional<QString> fault =
-            outputFault(out.file().fd(), result.output, analysis.duration))
+    if (const std::optional<QString> fault = outputFault(out.file().fd(), result.output, analysis))
         throw TagError::badOutput(*fault);
     Keep::keepTags(track, out.file().fd(), output.extension);
     return resultOf(out.commit(output.extension, collision), prepared);

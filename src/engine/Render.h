@@ -93,14 +93,18 @@ constexpr qsizetype kLongestGraphArgument = 64 * 1024;
 // closing line such as "Conversion failed!" or its statistics), cut and upper-cased.
 QString failureText(const QString& output);
 
-// A render's output may end this far from the track's duration: an MP3's container
-// counts its encoder delay, ffmpeg's report rounds to 10 ms.
+// An output may end this far from the track's duration, which ffmpeg's report
+// rounds to 10 ms.
 constexpr double kOutputDurationTolerance = 0.25;
+// An output at another rate than the track's (an MP3 resampled for lame) may end
+// this many of its samples from the track's length; measured, never more than one.
+constexpr long long kResampledSlack = 2;
 // What is wrong with a render's output, read from the file `fd` has open: its header
-// (a WAV's data chunk, an MP3's Xing frame) must say it is whole and as long as the
-// track; nothing when it is. A track whose duration ffmpeg only estimated (its text
-// `output` says so) is held to being whole.
-std::optional<QString> outputFault(int fd, const QString& output, double duration);
+// (a WAV's data chunk, an MP3's Xing frame) must say it is whole, holds the samples
+// the track was measured to hold (at another rate, as long) and lasts its duration;
+// nothing when it does. A track whose duration ffmpeg only estimated (its text
+// `output` says so) is not held to that.
+std::optional<QString> outputFault(int fd, const QString& output, const Analysis& track);
 
 // Tags one track into `output`; blocks while ffmpeg runs. Committed only when the
 // track and the clip are still the files that were measured (else TagError::changed)
