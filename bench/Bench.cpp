@@ -137,7 +137,7 @@ double wallRatio(const std::vector<Cost>& a, const std::vector<Cost>& b) {
 // Processor time only grows with what runs beside it (caches shared with a busy core, a
 // physical core shared by two), and grows more for some programs than others: each
 // contestant's least over the rounds is its own cost, and the ratio of two such holds on
-// a busy machine where a median of the rounds' ratios moves by a fifth.
+// a busy machine where a median of the rounds' ratios moves by a sixth.
 double leastCpu(const std::vector<Cost>& costs) {
     return std::ranges::min(costs, {}, &Cost::cpu).cpu;
 }
