@@ -334,4 +334,26 @@ QByteArray randomLetters(int count) {
     return letters;
 }
 
+void readFully(int fd, char* to, qint64 length, qint64 offset) {
+    while (length > 0) {
+        const ssize_t n = ::pread(fd, to, length, offset);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            throw TagError::systemFailed(n < 0 ? errno : EIO);
+        to += n, offset += n, length -= n;
+    }
+}
+
+void writeFully(int fd, const char* from, qint64 length, qint64 offset) {
+    while (length > 0) {
+        const ssize_t n = ::pwrite(fd, from, length, offset);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            throw TagError::systemFailed(n < 0 ? errno : EIO);
+        from += n, offset += n, length -= n;
+    }
+}
+
 } // namespace Files

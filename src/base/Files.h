@@ -114,4 +114,9 @@ QStringList names(const QString& folder);
 // Six random letters and digits, say: never a track's or a clip's extension.
 QByteArray randomLetters(int count);
 
+// `length` bytes at `offset` of the file `fd` has open, all of them; a failure, or an
+// end before them, throws TagError::systemFailed.
+void readFully(int fd, char* to, qint64 length, qint64 offset);
+void writeFully(int fd, const char* from, qint64 length, qint64 offset);
+
 } // namespace Files

@@ -1,6 +1,7 @@
 // Copying a master's ID3 tags and RIFF chunks into its finished output.
 #include "engine/Keep.h"
 
+#include "base/Files.h"
 #include "base/Names.h"
 #include "base/TagError.h"
 
@@ -340,28 +341,6 @@ Source fileSource(int fd) {
 
 namespace {
 
-void readFully(int fd, char* to, qint64 length, qint64 offset) {
-    while (length > 0) {
-        const ssize_t n = ::pread(fd, to, length, offset);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            throw TagError::systemFailed(n < 0 ? errno : EIO);
-        to += n, offset += n, length -= n;
-    }
-}
-
-void writeFully(int fd, const char* from, qint64 length, qint64 offset) {
-    while (length > 0) {
-        const ssize_t n = ::pwrite(fd, from, length, offset);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            throw TagError::systemFailed(n < 0 ? errno : EIO);
-        from += n, offset += n, length -= n;
-    }
-}
-
 // Moves [from, to) to the head's end in blocks, from the far end first when moving
 // towards the end so that no block overwrites one still to be moved.
 void apply(int fd, const Splice& splice) {
@@ -371,12 +350,12 @@ void apply(int fd, const Splice& splice) {
     for (qint64 done = 0; done < length && target != splice.from;) {
         const qint64 n = std::min(kBlock, length - done);
         const qint64 at = backwards ? length - done - n : done;
-        readFully(fd, block.data(), n, splice.from + at);
-        writeFully(fd, block.constData(), n, target + at);
+        Files::readFully(fd, block.data(), n, splice.from + at);
+        Files::writeFully(fd, block.constData(), n, target + at);
         done += n;
     }
-    writeFully(fd, splice.head.constData(), splice.head.size(), 0);
-    writeFully(fd, splice.tail.constData(), splice.tail.size(), target + length);
+    Files::writeFully(fd, splice.head.constData(), splice.head.size(), 0);
+    Files::writeFully(fd, splice.tail.constData(), splice.tail.size(), target + length);
     while (::ftruncate(fd, target + length + splice.tail.size()) != 0)
         if (errno != EINTR)
             throw TagError::systemFailed(errno);

@@ -429,13 +429,7 @@ OpenFile heldText(const QByteArray& contents) {
     file.m_argument = QStringLiteral("/proc/self/fd/%1").arg(fd);
     file.m_passDown = true;
     ::fchmod(fd, S_IRUSR | S_IWUSR); // private as any file of the user's own
-    for (qsizetype done = 0; done < contents.size();) {
-        const ssize_t wrote = ::write(fd, contents.constData() + done, contents.size() - done);
-        if (wrote > 0)
-            done += wrote;
-        else if (wrote == 0 || errno != EINTR)
-            throw TagError::systemFailed(wrote == 0 ? ENOSPC : errno);
-    }
+    Files::writeFully(fd, contents.constData(), contents.size(), 0);
     return file;
 }
 
