@@ -21,6 +21,11 @@ namespace Engine {
 
 namespace {
 
+// Timestamps counted afresh from the samples, for the filters that read them (afade).
+// N/SR/TB alone is cut to a whole number and falls a sample short for about one frame
+// start in eight at 44.1 kHz (32605.99...), which put a fade there a sample late.
+const QString kRestamp = QStringLiteral("asetpts=round(N/SR/TB)");
+
 // Placement times in whole milliseconds, as adelay wants them.
 long long milliseconds(double seconds) {
     const double ms = std::trunc(seconds * 1000);
@@ -180,11 +185,11 @@ QString givingWay(const Mix& mix, int rate, long long offset, long long length, 
     const long long fade = std::max(1LL, std::llround(kFadeSeconds * rate));
     const QString opposite = QString::number(std::pow(10.0, -mix.duckDB / 20) - 1, 'g', 17);
     const QString shaped =
-        QStringLiteral("asetpts=N/SR/TB,afade=t=in:ns=%1:curve=hsin,afade=t=out:ss=%2:ns=%1:"
-                       "curve=hsin,volume=volume=%3:precision=float")
-            .arg(fade)
-            .arg(std::max(0LL, length - fade))
-            .arg(opposite);
+        kRestamp + QStringLiteral(",afade=t=in:ns=%1:curve=hsin,afade=t=out:ss=%2:ns=%1:"
+                                  "curve=hsin,volume=volume=%3:precision=float")
+                       .arg(fade)
+                       .arg(std::max(0LL, length - fade))
+                       .arg(opposite);
     if (alone)
         return shaped;
     return QStringLiteral("atrim=start_sample=%1:end_sample=%2,").arg(offset).arg(offset + length) +
@@ -201,7 +206,7 @@ QString duckedBeat(const Mix& mix, int rate) {
                // In single precision, as the mix after it: double would cost the whole
                // track a sixth more.
                spans, QStringLiteral("flt"), QString(), QStringLiteral("b"), QStringLiteral("c"),
-               QStringLiteral(",asetpts=N/SR/TB[beat];"),
+               QLatin1Char(',') + kRestamp + QStringLiteral("[beat];"),
                [&](const QString& piece, qsizetype i, std::size_t span, const QString& done) {
                    const long long length = spans[span].second - spans[span].first;
                    return piece +
@@ -248,7 +253,7 @@ QString stretchedMix(const Mix& mix, int rate, const QString& clipChain) {
     return clipChain + copiesOf(delays, padded) + QStringLiteral("[0:a]") +
            throughStretches(
                around, QString(), mix.joinFormat, QStringLiteral("g"), QStringLiteral("h"),
-               QStringLiteral(",asetpts=N/SR/TB[out]"),
+               QLatin1Char(',') + kRestamp + QStringLiteral("[out]"),
                [&](const QString& piece, qsizetype i, std::size_t s, const QString& done) {
                    const auto [from, to] = around[s];
                    QStringList shares;
@@ -410,7 +415,7 @@ QString filterGraph(const Mix& mix, GraphShape shape) {
     // mid-word never clicks. The fade-out runs on the reversed clip, so it ends on the
     // clip's last sample whatever its container claimed; timestamps are counted afresh
     // because afade reads them.
-    const QString restamp = QStringLiteral("asetpts=N/SR/TB,");
+    const QString restamp = kRestamp + QLatin1Char(',');
     const QString fadeIn = QStringLiteral("afade=t=in:d=%1:curve=hsin,").arg(kFadeSeconds);
     graph += restamp;
     if (rate)
