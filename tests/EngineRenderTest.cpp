@@ -370,16 +370,16 @@ TEST_F(EngineRender, oddAndLatin1NamesWorkEndToEnd) {
 TEST_F(EngineRender, aGraphTooLongForOneArgumentStillTagsTheTrack) {
     static QStringList seen;
     Engine::onRun([](const QStringList& commandLine) { seen = commandLine; });
-    // 460 copies of a loud clip on a master peaking at -0.1 dBFS, each stretch its own.
+    // 720 copies of a loud clip on a master peaking at -0.1 dBFS, each stretch its own.
     const QString beat = ::Test::makeAudio(path(u"beat.wav"_s), u"aevalsrc=0.99*sin(2*PI*440*t)"_s,
-                                           230, 8000, 1),
+                                           360, 8000, 1),
                   clip =
                       ::Test::makeAudio(path(u"clip.wav"_s), u"sine=frequency=900"_s, 0.2, 8000, 1);
     const auto held = [] { return QDir(u"/proc/self/fd"_s).count(); };
     const uint before = held();
     const Engine::Result result = Engine::process(beat, clip, 0.5, -1);
     Engine::onRun(nullptr);
-    EXPECT_EQ(result.placements, 460);
+    EXPECT_EQ(result.placements, 720);
     EXPECT_TRUE(seen.contains(u"-filter_complex_script"_s)) << seen.join(u' ').toStdString();
     EXPECT_EQ(Engine::analyze(result.output).duration, Engine::analyze(beat).duration);
     EXPECT_EQ(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden),

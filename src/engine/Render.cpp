@@ -176,45 +176,60 @@ QString mixOf(qsizetype inputs, const QString& duration = QStringLiteral("first"
         .arg(duration);
 }
 
-// The beat giving way under a copy, as a branch to add to it: the span of `length` samples
-// from `offset`, scaled by the mix's duck less one and faded in and out like the copy, in
-// single precision as the mix. From a stream that holds more than the span (`alone` false)
-// the span is taken out and laid back at its place. afade counts by timestamps: they are
-// counted afresh.
-QString givingWay(const Mix& mix, int rate, long long offset, long long length, bool alone) {
+// A stream's samples from `from` to `to` (by its timestamps, counted in samples) faded in
+// and out like a copy, silent before and after.
+QString window(int rate, long long from, long long to) {
     const long long fade = std::max(1LL, std::llround(kFadeSeconds * rate));
-    const QString opposite = QString::number(std::pow(10.0, -mix.duckDB / 20) - 1, 'g', 17);
-    const QString shaped =
-        kRestamp + QStringLiteral(",afade=t=in:ns=%1:curve=hsin,afade=t=out:ss=%2:ns=%1:"
-                                  "curve=hsin,volume=volume=%3:precision=float")
-                       .arg(fade)
-                       .arg(std::max(0LL, length - fade))
-                       .arg(opposite);
-    if (alone)
-        return shaped;
-    return QStringLiteral("atrim=start_sample=%1:end_sample=%2,").arg(offset).arg(offset + length) +
-           shaped + QStringLiteral(",adelay=%1S:all=1").arg(offset);
+    return QStringLiteral("afade=t=in:ss=%1:ns=%2:curve=hsin,afade=t=out:ss=%3:ns=%2:curve=hsin")
+        .arg(from)
+        .arg(fade)
+        .arg(std::max(from, to - fade));
 }
 
-// The beat under each copy gives way by the mix's duck: each stretch plus its own opposite.
-// Only those stretches are worked on; the rest of the track passes as it is, writing [beat].
-// The joined pieces keep their own timestamps, so they are counted afresh for what reads them.
+// What the beat loses where it gives way: scaled by the mix's duck less one, in single
+// precision as the mix it is added to.
+QString opposite(const Mix& mix) {
+    return QStringLiteral("volume=volume=%1:precision=float")
+        .arg(QString::number(std::pow(10.0, -mix.duckDB / 20) - 1, 'g', 17));
+}
+
+// The beat giving way under a copy, as a branch to add to the stretch it lies in: the
+// span of `length` samples from `offset`, taken out, shaped and laid back at its place.
+QString givingWay(const Mix& mix, int rate, long long offset, long long length) {
+    return QStringLiteral("atrim=start_sample=%1:end_sample=%2,").arg(offset).arg(offset + length) +
+           kRestamp + QLatin1Char(',') + window(rate, 0, length) + QLatin1Char(',') +
+           opposite(mix) + QStringLiteral(",adelay=%1S:all=1").arg(offset);
+}
+
+// The beat under each copy gives way by the mix's duck, writing [beat]: the beat plus one
+// share of it, windowed under the copies and silent elsewhere, mixed once. The share is cut
+// at each stretch's end and each piece windowed by the track's own timestamps, two filters a
+// stretch: a mix of its own for each held ffmpeg's buffers to the end (a 2-hour master given
+// way under every 30 s took 158 MB), and every filter costs each step through the graph. The
+// share is copied first so that the windows work in place (their buffers too are held);
+// it is padded, and the beat ends the mix, as in the stretches' mix.
 QString duckedBeat(const Mix& mix, int rate) {
     const Stretches spans = stretches(mix, rate, 0, 0);
-    return QStringLiteral("[0:a]") +
-           throughStretches(
-               // In single precision, as the mix after it: double would cost the whole
-               // track a sixth more.
-               spans, QStringLiteral("flt"), QString(), QStringLiteral("b"), QStringLiteral("c"),
-               QLatin1Char(',') + kRestamp + QStringLiteral("[beat];"),
-               [&](const QString& piece, qsizetype i, std::size_t span, const QString& done) {
-                   const long long length = spans[span].second - spans[span].first;
-                   return piece +
-                          QStringLiteral("asplit=2[b%1x][b%1y];[b%1y]%2[b%1z];[b%1x][b%1z]")
-                              .arg(i)
-                              .arg(givingWay(mix, rate, 0, length, true)) +
-                          mixOf(2) + done;
-               });
+    QStringList ends;
+    QString windows, pieces;
+    for (std::size_t i = 0; i < spans.size(); ++i) {
+        ends << QString::number(spans[i].second);
+        windows += QStringLiteral("[b%1]").arg(i) + window(rate, spans[i].first, spans[i].second) +
+                   QStringLiteral("[c%1];").arg(i);
+        pieces += QStringLiteral("[c%1]").arg(i);
+    }
+    QString cut;
+    for (std::size_t i = 0; i <= spans.size(); ++i)
+        cut += QStringLiteral("[b%1]").arg(i);
+    // In single precision, as the mix after it: double would cost the whole track a sixth more.
+    return QStringLiteral("[0:a]aformat=sample_fmts=flt,") + kRestamp +
+           QStringLiteral(",asplit=2[bx][by];[by]acopy,asegment=samples=") +
+           ends.join(QLatin1Char('|')) + cut + QLatin1Char(';') + windows +
+           QStringLiteral("[b%1]volume=0[c%1];").arg(spans.size()) + pieces +
+           QStringLiteral("[c%1]concat=n=%2:v=0:a=1,").arg(spans.size()).arg(spans.size() + 1) +
+           opposite(mix) + QStringLiteral(",apad[bz];[bz][bx]") +
+           mixOf(2, QStringLiteral("shortest")) + QLatin1Char(',') + kRestamp +
+           QStringLiteral("[beat];");
 }
 
 // Whether the track is worked on only around its copies. When nothing of it reaches the
@@ -259,7 +274,7 @@ QString stretchedMix(const Mix& mix, int rate, const QString& clipChain) {
                    QStringList shares;
                    for (const auto& [a, b] : spans)
                        if (a >= from && a < to)
-                           shares << givingWay(mix, rate, a - from, b - a, false) + padded;
+                           shares << givingWay(mix, rate, a - from, b - a) + padded;
                    // The beat's shares, then the copies: their order in the whole track's mix.
                    QString text, stretch = piece;
                    QStringList added;
