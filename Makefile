@@ -82,7 +82,7 @@ fuzz: deps build-fuzz/build.ninja
 bench: build
 	@$(BUILD)/bin/zelkor-bench $(BUILD)/bin
 
-# Peak memory on a 2-hour track (several minutes).
+# Peak memory on a 2-hour track, quiet and loud at HIGH (a few minutes).
 bench-long: build
 	@bench/long-track $(BUILD)/bin
 
