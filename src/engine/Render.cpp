@@ -211,21 +211,22 @@ QString givingWay(const Mix& mix, int rate, long long offset, long long length) 
 QString duckedBeat(const Mix& mix, int rate) {
     const Stretches spans = stretches(mix, rate, 0, 0);
     QStringList ends;
-    QString windows, pieces;
+    QString cut, windows, pieces;
     for (std::size_t i = 0; i < spans.size(); ++i) {
         ends << QString::number(spans[i].second);
+        cut += QStringLiteral("[b%1]").arg(i);
         windows += QStringLiteral("[b%1]").arg(i) + window(rate, spans[i].first, spans[i].second) +
                    QStringLiteral("[c%1];").arg(i);
         pieces += QStringLiteral("[c%1]").arg(i);
     }
-    QString cut;
-    for (std::size_t i = 0; i <= spans.size(); ++i)
-        cut += QStringLiteral("[b%1]").arg(i);
+    // What follows the last stretch is silenced and joined too: a piece nobody reads in
+    // turn makes the cut read on, and the whole track piles up ahead of the join.
+    const QString rest = QStringLiteral("[b%1]").arg(spans.size());
     // In single precision, as the mix after it: double would cost the whole track a sixth more.
     return QStringLiteral("[0:a]aformat=sample_fmts=flt,") + kRestamp +
            QStringLiteral(",asplit=2[bx][by];[by]acopy,asegment=samples=") +
-           ends.join(QLatin1Char('|')) + cut + QLatin1Char(';') + windows +
-           QStringLiteral("[b%1]volume=0[c%1];").arg(spans.size()) + pieces +
+           ends.join(QLatin1Char('|')) + cut + rest + QLatin1Char(';') + windows + rest +
+           QStringLiteral("volume=0[c%1];").arg(spans.size()) + pieces +
            QStringLiteral("[c%1]concat=n=%2:v=0:a=1,").arg(spans.size()).arg(spans.size() + 1) +
            opposite(mix) + QStringLiteral(",apad[bz];[bz][bx]") +
            mixOf(2, QStringLiteral("shortest")) + QLatin1Char(',') + kRestamp +
